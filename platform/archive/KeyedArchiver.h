@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/Data.h"
+#include "platform/foundation/Object.h"
+
+namespace qx {
+
+// Writes a keyed archive: a binary property list in the layout of Foundation's
+// keyed archiver ($archiver, $version, $top, $objects). Each object instance is
+// written once and referenced by UID wherever it recurs; class dictionaries are
+// shared within one archive.
+//
+// The encode calls are made from an object's encodeWithCoder and write the keys
+// of the object currently being encoded.
+class KeyedArchiver {
+ public:
+  // The archive of `root` (nil archives as UID 0).
+  static DataPtr archivedDataWithRootObject(const ObjectPtr& root);
+
+  void encodeObject(const ObjectPtr& object, std::string_view key);
+  void encodeInt(int32_t value, std::string_view key);
+  void encodeInteger(int64_t value, std::string_view key);
+  void encodeBool(bool value, std::string_view key);
+  void encodeDouble(double value, std::string_view key);
+  // Bytes stored inline as a plist data value (NSUUID's NS.uuidbytes).
+  void encodeBytes(std::span<const uint8_t> bytes, std::string_view key);
+  // An inline plist array of UIDs, one per object (NS.objects, NS.keys).
+  void encodeArrayOfObjects(const std::vector<ObjectPtr>& objects, std::string_view key);
+
+  ~KeyedArchiver();
+  KeyedArchiver(const KeyedArchiver&) = delete;
+  KeyedArchiver& operator=(const KeyedArchiver&) = delete;
+
+  struct State;
+
+ private:
+  explicit KeyedArchiver(State& state) : state_(state) {}
+  State& state_;
+};
+
+}  // namespace qx

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/ClassSet.h"
+#include "platform/foundation/Data.h"
+#include "platform/foundation/Error.h"
+#include "platform/foundation/Object.h"
+
+namespace qx {
+
+// Reads a keyed archive written by KeyedArchiver (or by any writer of the same
+// layout). Decoding is safe on hostile input: every UID, offset, count and
+// length is checked, nesting (objects in objects, archives in archives) is
+// limited to 256 levels and cycles are refused. A malformed or refused object
+// decodes as nil and marks the unarchiver failed with an error of domain
+// "NSCocoaErrorDomain", code 4864; nothing is thrown.
+//
+// Restricted decoding: decodeObjectOfClasses applies its set to the object under
+// that key and to everything decoded inside it through plain nested decodes,
+// until a nested decodeObjectOfClass(es) names a set of its own. The set is
+// checked against the local class chain of the archived $classname; plain plist
+// values are checked as NSString, NSNumber and NSData.
+class KeyedUnarchiver {
+ public:
+  // Unrestricted: any registered class may appear.
+  static ObjectPtr unarchiveObjectWithData(const Data& data, ErrorPtr* error = nullptr);
+  static ObjectPtr unarchiveObjectWithData(std::span<const uint8_t> data,
+                                           ErrorPtr* error = nullptr);
+  // Restricted to `classes` (and what nested decodes allow).
+  static ObjectPtr unarchivedObjectOfClasses(const ClassSet& classes, const Data& data,
+                                             ErrorPtr* error = nullptr);
+  static ObjectPtr unarchivedObjectOfClasses(const ClassSet& classes,
+                                             std::span<const uint8_t> data,
+                                             ErrorPtr* error = nullptr);
+
+  // The keys of the object being decoded, read from inside an initWithCoder.
+  bool containsValueForKey(std::string_view key) const;
+  // Numeric and boolean reads: a missing key gives 0 / NO; a value of the wrong
+  // type fails the unarchiver and gives 0 / NO.
+  int32_t decodeIntForKey(std::string_view key);
+  int64_t decodeIntegerForKey(std::string_view key);
+  bool decodeBoolForKey(std::string_view key);
+  double decodeDoubleForKey(std::string_view key);
+  // Inline bytes (NSUUID's NS.uuidbytes); nullopt when missing or not data.
+  std::optional<std::vector<uint8_t>> decodeBytesForKey(std::string_view key);
+
+  // Plain nested decode: the set in force for the enclosing object applies.
+  ObjectPtr decodeObjectForKey(std::string_view key);
+  ObjectPtr decodeObjectOfClassForKey(const ClassInfo& cls, std::string_view key);
+  ObjectPtr decodeObjectOfClassesForKey(const ClassSet& classes, std::string_view key);
+  // An inline array of UIDs decoded as plain nested decodes. UID 0 and "$null"
+  // give nil elements. nullopt (and a failed unarchiver) when the key holds
+  // something else or an element fails; an absent key gives an empty vector.
+  std::optional<std::vector<ObjectPtr>> decodeArrayOfObjectsForKey(std::string_view key);
+
+  // Marks the unarchiver failed with a description of what was wrong; the
+  // first failure is kept.
+  void failWithError(std::string description);
+  bool hasFailed() const;
+  ErrorPtr error() const;
+
+  ~KeyedUnarchiver();
+  KeyedUnarchiver(const KeyedUnarchiver&) = delete;
+  KeyedUnarchiver& operator=(const KeyedUnarchiver&) = delete;
+
+  struct State;
+
+ private:
+  explicit KeyedUnarchiver(State& state) : state_(state) {}
+  State& state_;
+};
+
+// The deepest nesting of objects, counting archives inside archives.
+inline constexpr int kMaxArchiveDepth = 256;
+
+}  // namespace qx

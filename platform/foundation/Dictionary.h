@@ -1,0 +1,61 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/foundation/Object.h"
+
+namespace qx {
+
+class MutableDictionary;
+
+// Key-value pairs (NSDictionary), kept in insertion order. Keys are compared
+// with isEqual; the dictionaries that cross a connection are small (messages,
+// user info, update records), so lookups scan.
+class Dictionary : public Object {
+  QX_DECLARE_CLASS()
+
+ public:
+  using Entry = std::pair<ObjectPtr, ObjectPtr>;
+
+  Dictionary() = default;
+  explicit Dictionary(std::vector<Entry> entries) : entries_(std::move(entries)) {}
+
+  static std::shared_ptr<Dictionary> make(std::vector<Entry> entries = {}) {
+    return std::make_shared<Dictionary>(std::move(entries));
+  }
+  // Builds from string keys: Dictionary::withStringKeys({{"a", value}, ...}).
+  static std::shared_ptr<Dictionary> withStringKeys(
+      std::initializer_list<std::pair<std::string_view, ObjectPtr>> entries);
+  static ObjectPtr initWithCoder(KeyedUnarchiver& coder);
+
+  std::size_t count() const { return entries_.size(); }
+  const std::vector<Entry>& entries() const { return entries_; }
+  ObjectPtr objectForKey(const Object& key) const;
+  ObjectPtr objectForKey(std::string_view key) const;
+  template <class T>
+  std::shared_ptr<T> objectForKeyAs(std::string_view key) const {
+    return std::dynamic_pointer_cast<T>(objectForKey(key));
+  }
+
+  std::shared_ptr<Dictionary> copy() const { return make(entries_); }
+  std::shared_ptr<MutableDictionary> mutableCopy() const;
+
+  bool isEqual(const Object& other) const override;
+  std::size_t hash() const override { return entries_.size(); }
+  std::string description() const override;
+  void encodeWithCoder(KeyedArchiver& coder) const override;
+
+ protected:
+  // Reads NS.keys and NS.objects; nil (and a failed coder) when they disagree.
+  static std::optional<std::vector<Entry>> decodeEntries(KeyedUnarchiver& coder);
+
+  std::vector<Entry> entries_;
+};
+
+using DictionaryPtr = std::shared_ptr<Dictionary>;
+
+}  // namespace qx

@@ -1,0 +1,40 @@
+#include "platform/foundation/MutableDictionary.h"
+
+#include <algorithm>
+#include <optional>
+
+#include "platform/archive/KeyedUnarchiver.h"
+#include "platform/foundation/String.h"
+
+namespace qx {
+
+QX_DEFINE_CLASS(MutableDictionary, "NSMutableDictionary", Dictionary)
+
+ObjectPtr MutableDictionary::initWithCoder(KeyedUnarchiver& coder) {
+  auto entries = decodeEntries(coder);
+  if (!entries) return nullptr;
+  return std::make_shared<MutableDictionary>(std::move(*entries));
+}
+
+void MutableDictionary::setObject(ObjectPtr object, ObjectPtr key) {
+  for (auto& [k, v] : entries_) {
+    if (qx::isEqual(k, key)) {
+      v = std::move(object);
+      return;
+    }
+  }
+  entries_.emplace_back(std::move(key), std::move(object));
+}
+
+void MutableDictionary::setObject(ObjectPtr object, std::string_view key) {
+  setObject(std::move(object), str(std::string(key)));
+}
+
+void MutableDictionary::removeObjectForKey(std::string_view key) {
+  std::erase_if(entries_, [&](const Entry& entry) {
+    auto* string = dynamic_cast<const String*>(entry.first.get());
+    return string != nullptr && string->str() == key;
+  });
+}
+
+}  // namespace qx

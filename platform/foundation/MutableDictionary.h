@@ -1,0 +1,26 @@
+#pragma once
+
+#include "platform/foundation/Dictionary.h"
+
+namespace qx {
+
+// NSMutableDictionary.
+class MutableDictionary final : public Dictionary {
+  QX_DECLARE_CLASS()
+
+ public:
+  MutableDictionary() = default;
+  explicit MutableDictionary(std::vector<Entry> entries) : Dictionary(std::move(entries)) {}
+
+  static std::shared_ptr<MutableDictionary> make() { return std::make_shared<MutableDictionary>(); }
+  static ObjectPtr initWithCoder(KeyedUnarchiver& coder);
+
+  // Replaces the value of an equal key, else appends the pair.
+  void setObject(ObjectPtr object, ObjectPtr key);
+  void setObject(ObjectPtr object, std::string_view key);
+  void removeObjectForKey(std::string_view key);
+};
+
+using MutableDictionaryPtr = std::shared_ptr<MutableDictionary>;
+
+}  // namespace qx

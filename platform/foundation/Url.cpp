@@ -1,0 +1,224 @@
+#include "platform/foundation/Url.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "platform/archive/KeyedArchiver.h"
+#include "platform/archive/KeyedUnarchiver.h"
+#include "platform/foundation/MutableDictionary.h"
+#include "platform/foundation/Number.h"
+
+namespace qx {
+
+QX_DEFINE_CLASS(Url, "NSURL", Object)
+
+namespace {
+
+constexpr std::string_view kFileScheme = "file://";
+
+std::string currentFolder() {
+  char buffer[PATH_MAX];
+  if (getcwd(buffer, sizeof buffer) == nullptr) return "/";
+  return buffer;
+}
+
+// Drops repeated and trailing slashes; keeps "/" for the root.
+std::string normalisePath(std::string_view path) {
+  std::string out;
+  out.reserve(path.size());
+  for (char c : path) {
+    if (c == '/' && !out.empty() && out.back() == '/') continue;
+    out += c;
+  }
+  while (out.size() > 1 && out.back() == '/') out.pop_back();
+  return out;
+}
+
+bool isUnreservedInPath(unsigned char c) {
+  if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
+  return std::strchr("-._~!$&'()*+,;=:@/", c) != nullptr && c != '\0';
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+bool hasScheme(std::string_view text) {
+  auto colon = text.find(':');
+  if (colon == std::string_view::npos || colon == 0) return false;
+  for (std::size_t i = 0; i < colon; ++i) {
+    char c = text[i];
+    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+              (i > 0 && ((c >= '0' && c <= '9') || c == '+' || c == '-' || c == '.'));
+    if (!ok) return false;
+  }
+  return true;
+}
+
+ErrorPtr noSuchItem(const std::string& path, int number) {
+  auto info = MutableDictionary::make();
+  info->setObject(Error::errorWithDomain(kPOSIXErrorDomain, number), kUnderlyingErrorKey);
+  info->setObject(Url::fileURLWithPath(path), kURLErrorKey);
+  return Error::errorWithDomain(kCocoaErrorDomain, number == ENOENT ? 260 : 256, info);
+}
+
+}  // namespace
+
+Url::Url(std::string absoluteString) : string_(std::move(absoluteString)) {
+  if (string_.starts_with(kFileScheme)) {
+    std::string_view rest = std::string_view(string_).substr(kFileScheme.size());
+    // "file://localhost/x" and "file:///x" both name /x.
+    auto slash = rest.find('/');
+    if (slash != std::string_view::npos) {
+      if (auto decoded = percentDecode(rest.substr(slash))) {
+        path_ = normalisePath(*decoded);
+        isFile_ = true;
+      }
+    }
+  }
+}
+
+std::shared_ptr<Url> Url::fileURLWithPath(std::string_view path) {
+  std::string absolute = (!path.empty() && path.front() == '/')
+                             ? std::string(path)
+                             : currentFolder() + "/" + std::string(path);
+  std::string normal = normalisePath(absolute);
+  return std::make_shared<Url>(std::string(kFileScheme) + percentEncodePath(normal));
+}
+
+std::shared_ptr<Url> Url::URLWithString(std::string_view string) {
+  if (!hasScheme(string)) return nullptr;
+  return std::make_shared<Url>(std::string(string));
+}
+
+ObjectPtr Url::initWithCoder(KeyedUnarchiver& coder) {
+  auto base = cast<Url>(coder.decodeObjectOfClassForKey(Url::classInfo(), "NS.base"));
+  auto relative =
+      cast<String>(coder.decodeObjectOfClassForKey(String::classInfo(), "NS.relative"));
+  if (coder.hasFailed()) return nullptr;
+  if (!relative) {
+    coder.failWithError("NSURL without an NS.relative string");
+    return nullptr;
+  }
+  if (base && !hasScheme(relative->str())) {
+    // A path relative to a file URL base.
+    auto decoded = percentDecode(relative->str());
+    if (!decoded || !base->isFileURL()) {
+      coder.failWithError("NSURL with a relative string that does not resolve");
+      return nullptr;
+    }
+    return fileURLWithPath(base->path() + "/" + *decoded);
+  }
+  auto url = URLWithString(relative->str());
+  if (!url) coder.failWithError("NSURL string without a scheme");
+  return url;
+}
+
+std::string Url::lastPathComponent() const {
+  std::string p = path();
+  if (p == "/") return p;
+  auto slash = p.rfind('/');
+  return slash == std::string::npos ? p : p.substr(slash + 1);
+}
+
+std::shared_ptr<Url> Url::URLByAppendingPathComponent(std::string_view component) const {
+  std::string base = path();
+  if (base != "/") base += '/';
+  return fileURLWithPath(base + std::string(component));
+}
+
+std::optional<bool> Url::isDirectory() const {
+  struct stat st;
+  std::string p = path();
+  if (!isFileURL() || p.empty() || lstat(p.c_str(), &st) != 0) return std::nullopt;
+  return S_ISDIR(st.st_mode);
+}
+
+StringPtr Url::name() const {
+  struct stat st;
+  std::string p = path();
+  if (!isFileURL() || p.empty() || lstat(p.c_str(), &st) != 0) return nullptr;
+  return str(lastPathComponent());
+}
+
+std::shared_ptr<Url> Url::parentDirectory() const {
+  struct stat st;
+  std::string p = path();
+  if (!isFileURL() || p.empty() || p == "/" || lstat(p.c_str(), &st) != 0) return nullptr;
+  auto slash = p.rfind('/');
+  return fileURLWithPath(slash == 0 ? "/" : p.substr(0, slash));
+}
+
+bool Url::getResourceValue(ObjectPtr* value, std::string_view key, ErrorPtr* error) const {
+  ObjectPtr result;
+  if (key == kURLIsDirectoryKey) {
+    if (auto directory = isDirectory()) result = Number::numberWithBool(*directory);
+  } else if (key == kURLNameKey) {
+    result = name();
+  } else if (key == kURLParentDirectoryURLKey) {
+    result = parentDirectory();
+    // The root has no parent, and that is not a failure.
+    if (!result && path() == "/") {
+      if (value) *value = nullptr;
+      if (error) *error = nullptr;
+      return true;
+    }
+  }
+  int number = errno;
+  if (value) *value = result;
+  if (error) *error = result ? nullptr : noSuchItem(path(), number ? number : ENOENT);
+  return result != nullptr;
+}
+
+bool Url::isEqual(const Object& other) const {
+  auto* that = dynamic_cast<const Url*>(&other);
+  return that != nullptr && that->string_ == string_;
+}
+
+void Url::encodeWithCoder(KeyedArchiver& coder) const {
+  coder.encodeObject(nullptr, "NS.base");
+  coder.encodeObject(str(string_), "NS.relative");
+}
+
+std::string Url::percentEncodePath(std::string_view path) {
+  static const char digits[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(path.size() + 8);
+  for (unsigned char c : path) {
+    if (isUnreservedInPath(c)) {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += digits[c >> 4];
+      out += digits[c & 15];
+    }
+  }
+  return out;
+}
+
+std::optional<std::string> Url::percentDecode(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      out += text[i];
+      continue;
+    }
+    if (i + 2 >= text.size()) return std::nullopt;
+    int high = hexValue(text[i + 1]);
+    int low = hexValue(text[i + 2]);
+    if (high < 0 || low < 0) return std::nullopt;
+    out += static_cast<char>(high * 16 + low);
+    i += 2;
+  }
+  return out;
+}
+
+}  // namespace qx
