@@ -1,0 +1,33 @@
+#include "platform/xacl/Acl.h"
+
+namespace qx::xacl {
+
+bool AclEntry::storable() const {
+  return hasQualifier && (tag == ACL_EXTENDED_ALLOW || tag == ACL_EXTENDED_DENY);
+}
+
+AclEntry* Acl::append() {
+  if (size_ >= kMaxEntries) return nullptr;
+  AclEntry& entry = entries_[size_++];
+  entry = AclEntry{};
+  return &entry;
+}
+
+AclEntry* Acl::step(int entryId) {
+  if (entryId == ACL_FIRST_ENTRY) {
+    cursor_ = 0;
+  } else if (entryId == ACL_NEXT_ENTRY) {
+    // Stays just past the end however often it is asked again.
+    cursor_ = cursor_ < size_ ? cursor_ + 1 : size_;
+  } else if (entryId == ACL_LAST_ENTRY) {
+    cursor_ = size_ - 1;
+  } else if (entryId > 0) {
+    cursor_ = entryId;
+  } else {
+    return nullptr;
+  }
+  if (cursor_ < 0 || cursor_ >= size_) return nullptr;
+  return &entries_[cursor_];
+}
+
+}  // namespace qx::xacl
