@@ -14,7 +14,9 @@ namespace qx::test {
 // `fixtureDir`/group: unless nss_wrapper is already set up, the process re-executes itself
 // with LD_PRELOAD=`library` and NSS_WRAPPER_PASSWD/GROUP set. Called from a constructor
 // function, before main, so the tests never run against the machine's users.
-inline void reexecWithNssWrapper(const char* library, const std::string& fixtureDir) {
+// `tsanSuppressions` names the thread sanitizer's suppressions for the wrapper itself.
+inline void reexecWithNssWrapper(const char* library, const std::string& fixtureDir,
+                                 const std::string& tsanSuppressions) {
   if (getenv("NSS_WRAPPER_PASSWD") != nullptr || getenv("QX_NSS_WRAPPER_REEXEC") != nullptr) {
     return;
   }
@@ -41,7 +43,12 @@ inline void reexecWithNssWrapper(const char* library, const std::string& fixture
   if (const char* existing = getenv("ASAN_OPTIONS"); existing != nullptr && *existing != '\0') {
     asan = std::string(existing) + ":" + asan;
   }
+  std::string tsan = "suppressions=" + tsanSuppressions;
+  if (const char* existing = getenv("TSAN_OPTIONS"); existing != nullptr && *existing != '\0') {
+    tsan = std::string(existing) + ":" + tsan;
+  }
   setenv("LD_PRELOAD", preload.c_str(), 1);
+  setenv("TSAN_OPTIONS", tsan.c_str(), 1);
   setenv("ASAN_OPTIONS", asan.c_str(), 1);
   setenv("NSS_WRAPPER_PASSWD", (fixtureDir + "/passwd").c_str(), 1);
   setenv("NSS_WRAPPER_GROUP", (fixtureDir + "/group").c_str(), 1);
