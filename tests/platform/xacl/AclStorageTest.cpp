@@ -24,59 +24,59 @@ using test::writeRaw;
 constexpr const char* kAlice = "FFFFEEEE-DDDD-CCCC-BBBB-AAAA000007D1";
 constexpr const char* kStaff = "ABCDEFAB-CDEF-ABCD-EFAB-CDEF00000BC2";
 
-struct EntrySpec {
+struct EntryFields {
   acl_tag_t tag;
   const char* qualifier;
   acl_perm_t perms;
   acl_flag_t flags;
 };
 
-AclHandle buildAcl(const std::vector<EntrySpec>& specs) {
-  AclHandle acl(acl_init(static_cast<int>(specs.size())));
+AclHandle buildAcl(const std::vector<EntryFields>& entryList) {
+  AclHandle acl(acl_init(static_cast<int>(entryList.size())));
   acl_t raw = acl.get();
-  for (const EntrySpec& spec : specs) {
+  for (const EntryFields& fields : entryList) {
     acl_entry_t entry = nullptr;
     acl_permset_t permset = nullptr;
     acl_flagset_t flagset = nullptr;
     EXPECT_EQ(acl_create_entry(&raw, &entry), 0);
-    EXPECT_EQ(acl_set_tag_type(entry, spec.tag), 0);
-    EXPECT_EQ(acl_set_qualifier(entry, uuidOf(spec.qualifier).data()), 0);
+    EXPECT_EQ(acl_set_tag_type(entry, fields.tag), 0);
+    EXPECT_EQ(acl_set_qualifier(entry, uuidOf(fields.qualifier).data()), 0);
     EXPECT_EQ(acl_get_permset(entry, &permset), 0);
-    if (spec.perms != 0) {
-      EXPECT_EQ(acl_add_perm(permset, spec.perms), 0);
+    if (fields.perms != 0) {
+      EXPECT_EQ(acl_add_perm(permset, fields.perms), 0);
     }
     EXPECT_EQ(acl_get_flagset_np(entry, &flagset), 0);
-    if (spec.flags != 0) {
-      EXPECT_EQ(acl_add_flag_np(flagset, spec.flags), 0);
+    if (fields.flags != 0) {
+      EXPECT_EQ(acl_add_flag_np(flagset, fields.flags), 0);
     }
   }
   return acl;
 }
 
 // Reads an ACL back through the interface, as the service's readers walk it.
-std::vector<EntrySpec> readBack(acl_t acl, std::vector<std::string>& qualifiers) {
-  std::vector<EntrySpec> specs;
+std::vector<EntryFields> readBack(acl_t acl, std::vector<std::string>& qualifiers) {
+  std::vector<EntryFields> entryList;
   acl_entry_t entry = nullptr;
   for (int id = ACL_FIRST_ENTRY; acl_get_entry(acl, id, &entry) == 0; id = ACL_NEXT_ENTRY) {
-    EntrySpec spec{};
+    EntryFields fields{};
     acl_permset_t permset = nullptr;
     acl_flagset_t flagset = nullptr;
-    EXPECT_EQ(acl_get_tag_type(entry, &spec.tag), 0);
+    EXPECT_EQ(acl_get_tag_type(entry, &fields.tag), 0);
     QualifierHandle qualifier(acl_get_qualifier(entry));
     EXPECT_TRUE(qualifier);
     qualifiers.push_back(textOf(qualifier.get()));
     EXPECT_EQ(acl_get_permset(entry, &permset), 0);
     EXPECT_EQ(acl_get_flagset_np(entry, &flagset), 0);
     for (acl_perm_t bit = 2; bit <= ACL_CHANGE_OWNER; bit <<= 1) {
-      if (acl_get_perm_np(permset, bit) == 1) spec.perms |= bit;
+      if (acl_get_perm_np(permset, bit) == 1) fields.perms |= bit;
     }
     for (acl_flag_t bit = ACL_ENTRY_INHERITED; bit <= ACL_ENTRY_ONLY_INHERIT; bit <<= 1) {
-      if (acl_get_flag_np(flagset, bit) == 1) spec.flags |= bit;
+      if (acl_get_flag_np(flagset, bit) == 1) fields.flags |= bit;
     }
-    specs.push_back(spec);
+    entryList.push_back(fields);
   }
   EXPECT_EQ(errno, EINVAL) << "the walk ends with EINVAL";
-  return specs;
+  return entryList;
 }
 
 // acl_get_link_np's errno, or 0 when it returned an ACL.
@@ -138,7 +138,7 @@ TEST_F(AclStorageTest, MissingItemAndBadArguments) {
 }
 
 TEST_F(AclStorageTest, WrittenAclReadsBackEntryForEntry) {
-  std::vector<EntrySpec> written = {
+  std::vector<EntryFields> written = {
       {ACL_EXTENDED_DENY, kStaff, ACL_WRITE_DATA | ACL_DELETE, ACL_ENTRY_INHERITED},
       {ACL_EXTENDED_ALLOW, kAlice, ACL_READ_DATA | ACL_EXECUTE | ACL_CHANGE_OWNER, 0},
       {ACL_EXTENDED_ALLOW, kStaff, ACL_LIST_DIRECTORY,
@@ -151,7 +151,7 @@ TEST_F(AclStorageTest, WrittenAclReadsBackEntryForEntry) {
     AclHandle back(acl_get_link_np(path.c_str(), ACL_TYPE_EXTENDED));
     ASSERT_TRUE(back) << path;
     std::vector<std::string> qualifiers;
-    std::vector<EntrySpec> read = readBack(back.get(), qualifiers);
+    std::vector<EntryFields> read = readBack(back.get(), qualifiers);
     ASSERT_EQ(read.size(), written.size());
     for (size_t i = 0; i < read.size(); ++i) {
       EXPECT_EQ(read[i].tag, written[i].tag) << i;
@@ -181,7 +181,7 @@ TEST_F(AclStorageTest, RawAttributeWrittenByHandIsRead) {
   AclHandle acl(acl_get_link_np(file_.c_str(), ACL_TYPE_EXTENDED));
   ASSERT_TRUE(acl);
   std::vector<std::string> qualifiers;
-  std::vector<EntrySpec> read = readBack(acl.get(), qualifiers);
+  std::vector<EntryFields> read = readBack(acl.get(), qualifiers);
   ASSERT_EQ(read.size(), 1u);
   EXPECT_EQ(read[0].tag, ACL_EXTENDED_DENY);
   EXPECT_EQ(read[0].flags, ACL_ENTRY_DIRECTORY_INHERIT);
@@ -232,7 +232,7 @@ TEST_F(AclStorageTest, IncompleteEntriesAreNotWritten) {
 }
 
 TEST_F(AclStorageTest, FullAclOf128EntriesRoundTrips) {
-  std::vector<EntrySpec> specs;
+  std::vector<EntryFields> entryList;
   std::vector<std::string> names;
   for (int i = 0; i < ACL_MAX_ENTRIES; ++i) {
     char text[37];
@@ -240,19 +240,19 @@ TEST_F(AclStorageTest, FullAclOf128EntriesRoundTrips) {
     names.push_back(text);
   }
   for (int i = 0; i < ACL_MAX_ENTRIES; ++i) {
-    specs.push_back({i % 2 ? ACL_EXTENDED_DENY : ACL_EXTENDED_ALLOW, names[i].c_str(),
-                     acl_perm_t{2} << (i % 13), i % 3 ? ACL_ENTRY_FILE_INHERIT : 0u});
+    entryList.push_back({i % 2 ? ACL_EXTENDED_DENY : ACL_EXTENDED_ALLOW, names[i].c_str(),
+                         acl_perm_t{2} << (i % 13), i % 3 ? ACL_ENTRY_FILE_INHERIT : 0u});
   }
-  AclHandle acl = buildAcl(specs);
+  AclHandle acl = buildAcl(entryList);
   ASSERT_EQ(setError(folder_, acl.get()), 0);
   EXPECT_EQ(readRaw(folder_).size(), 12u + 24u * ACL_MAX_ENTRIES);
   AclHandle back(acl_get_link_np(folder_.c_str(), ACL_TYPE_EXTENDED));
   ASSERT_TRUE(back);
   std::vector<std::string> qualifiers;
-  std::vector<EntrySpec> read = readBack(back.get(), qualifiers);
-  ASSERT_EQ(read.size(), specs.size());
+  std::vector<EntryFields> read = readBack(back.get(), qualifiers);
+  ASSERT_EQ(read.size(), entryList.size());
   EXPECT_EQ(qualifiers.back(), names.back());
-  EXPECT_EQ(read[127].perms, specs[127].perms);
+  EXPECT_EQ(read[127].perms, entryList[127].perms);
   EXPECT_EQ(read[127].tag, ACL_EXTENDED_DENY);
 
   // The ACL read back is full as well.
