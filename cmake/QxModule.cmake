@@ -28,8 +28,22 @@ function(qx_test name)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
   target_compile_definitions(${name} PRIVATE
     QX_SOURCE_DIR="${PROJECT_SOURCE_DIR}" QX_BINARY_DIR="${PROJECT_BINARY_DIR}")
+  if(ARG_ENVIRONMENT)
+    # Lists do not survive gtest_discover_tests' PROPERTIES, so the environment
+    # goes into a launcher that CTest runs the binary through.
+    set(launcher ${CMAKE_CURRENT_BINARY_DIR}/${name}-launcher.sh)
+    list(JOIN ARG_ENVIRONMENT "\" \"" assignments)
+    file(WRITE ${launcher} "#!/bin/sh\nexec env \"${assignments}\" \"$@\"\n")
+    file(CHMOD ${launcher} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
+         GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR ${launcher})
+  endif()
+  set(properties TIMEOUT 300)
+  if(ARG_LABELS)
+    list(APPEND properties LABELS ${ARG_LABELS})
+  endif()
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
     DISCOVERY_TIMEOUT 60
-    PROPERTIES ENVIRONMENT "${ARG_ENVIRONMENT}" LABELS "${ARG_LABELS}" TIMEOUT 300)
+    PROPERTIES ${properties})
 endfunction()
