@@ -41,6 +41,11 @@ class KeyedArchiver {
 
  private:
   explicit KeyedArchiver(State& state) : state_(state) {}
+  // The UID of `object`, encoding it first when it is met for the first time.
+  uint32_t uidFor(const ObjectPtr& object);
+  // The UID of the class dictionary of `cls`, appended when first needed.
+  uint32_t classUid(const ClassInfo& cls);
+
   State& state_;
 };
 

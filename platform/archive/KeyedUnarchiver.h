@@ -36,8 +36,7 @@ class KeyedUnarchiver {
   // Restricted to `classes` (and what nested decodes allow).
   static ObjectPtr unarchivedObjectOfClasses(const ClassSet& classes, const Data& data,
                                              ErrorPtr* error = nullptr);
-  static ObjectPtr unarchivedObjectOfClasses(const ClassSet& classes,
-                                             std::span<const uint8_t> data,
+  static ObjectPtr unarchivedObjectOfClasses(const ClassSet& classes, std::span<const uint8_t> data,
                                              ErrorPtr* error = nullptr);
 
   // The keys of the object being decoded, read from inside an initWithCoder.
@@ -74,6 +73,10 @@ class KeyedUnarchiver {
 
  private:
   explicit KeyedUnarchiver(State& state) : state_(state) {}
+  // Decodes `data`; `classes` nil means unrestricted.
+  static ObjectPtr unarchive(std::span<const uint8_t> data, const ClassSet* classes,
+                             ErrorPtr* error);
+
   State& state_;
 };
 

@@ -1,0 +1,756 @@
+#include "platform/archive/BinaryPlist.h"
+
+#include <cstring>
+#include <limits>
+
+namespace qx {
+namespace {
+
+constexpr uint8_t kMagic[8] = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+constexpr std::size_t kHeaderSize = 8;
+constexpr std::size_t kTrailerSize = 32;
+constexpr char32_t kReplacement = 0xFFFD;
+
+uint64_t readBigEndian(const uint8_t* p, unsigned width) {
+  uint64_t value = 0;
+  for (unsigned i = 0; i < width; ++i) value = (value << 8) | p[i];
+  return value;
+}
+
+uint8_t* writeBigEndian(uint8_t* p, uint64_t value, unsigned width) {
+  for (unsigned i = width; i-- > 0;) {
+    p[i] = static_cast<uint8_t>(value);
+    value >>= 8;
+  }
+  return p + width;
+}
+
+// The width that the offsets and references of a table of `count` use.
+unsigned widthFor(uint64_t largest) {
+  if (largest <= 0xff) return 1;
+  if (largest <= 0xffff) return 2;
+  if (largest <= 0xffffffffULL) return 4;
+  return 8;
+}
+
+bool isAscii(const uint8_t* p, std::size_t length) {
+  uint64_t seen = 0;
+  std::size_t i = 0;
+  for (; i + 8 <= length; i += 8) {
+    uint64_t word;
+    std::memcpy(&word, p + i, 8);
+    seen |= word;
+  }
+  for (; i < length; ++i) seen |= p[i];
+  return (seen & 0x8080808080808080ULL) == 0;
+}
+
+// Calls `emit` with each code point of `text`, replacing each maximal invalid
+// subsequence (a bad lead byte, or a lead byte with the valid continuation
+// bytes that follow it) with U+FFFD.
+template <class Emit>
+void forEachCodePoint(std::string_view text, Emit&& emit) {
+  auto* p = reinterpret_cast<const uint8_t*>(text.data());
+  std::size_t n = text.size();
+  std::size_t i = 0;
+  while (i < n) {
+    uint8_t lead = p[i];
+    if (lead < 0x80) {
+      emit(char32_t(lead));
+      ++i;
+      continue;
+    }
+    unsigned need;
+    char32_t cp;
+    uint8_t low = 0x80, high = 0xBF;  // range of the first continuation byte
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      need = 1, cp = lead & 0x1F;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      need = 2, cp = lead & 0x0F;
+      if (lead == 0xE0) low = 0xA0;
+      if (lead == 0xED) high = 0x9F;  // no UTF-16 surrogates
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      need = 3, cp = lead & 0x07;
+      if (lead == 0xF0) low = 0x90;
+      if (lead == 0xF4) high = 0x8F;  // nothing above U+10FFFF
+    } else {
+      emit(kReplacement);
+      ++i;
+      continue;
+    }
+    std::size_t j = i + 1;
+    bool valid = true;
+    for (unsigned k = 0; k < need; ++k, ++j) {
+      uint8_t lo = k == 0 ? low : 0x80;
+      uint8_t hi = k == 0 ? high : 0xBF;
+      if (j >= n || p[j] < lo || p[j] > hi) {
+        valid = false;
+        break;
+      }
+      cp = (cp << 6) | (p[j] & 0x3F);
+    }
+    emit(valid ? cp : kReplacement);
+    i = j;
+  }
+}
+
+std::size_t utf16Units(std::string_view text) {
+  std::size_t units = 0;
+  forEachCodePoint(text, [&](char32_t cp) { units += cp >= 0x10000 ? 2 : 1; });
+  return units;
+}
+
+uint8_t* writeUtf16(uint8_t* out, std::string_view text) {
+  forEachCodePoint(text, [&](char32_t cp) {
+    if (cp >= 0x10000) {
+      cp -= 0x10000;
+      out = writeBigEndian(out, 0xD800 + (cp >> 10), 2);
+      out = writeBigEndian(out, 0xDC00 + (cp & 0x3FF), 2);
+    } else {
+      out = writeBigEndian(out, cp, 2);
+    }
+  });
+  return out;
+}
+
+void appendUtf8(std::string& out, char32_t cp) {
+  if (cp < 0x80) {
+    out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    out += static_cast<char>(0xC0 | (cp >> 6));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    out += static_cast<char>(0xE0 | (cp >> 12));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (cp >> 18));
+    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
+}
+
+// UTF-16BE to UTF-8. A surrogate that is not half of a pair becomes U+FFFD.
+void appendUtf16AsUtf8(std::string& out, const uint8_t* p, std::size_t units) {
+  for (std::size_t i = 0; i < units; ++i) {
+    char32_t unit = (char32_t(p[2 * i]) << 8) | p[2 * i + 1];
+    if (unit >= 0xD800 && unit <= 0xDBFF && i + 1 < units) {
+      char32_t next = (char32_t(p[2 * i + 2]) << 8) | p[2 * i + 3];
+      if (next >= 0xDC00 && next <= 0xDFFF) {
+        appendUtf8(out, 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00));
+        ++i;
+        continue;
+      }
+    }
+    appendUtf8(out, (unit >= 0xD800 && unit <= 0xDFFF) ? kReplacement : unit);
+  }
+}
+
+std::size_t hashBytes(std::string_view text) {
+  uint64_t h = 0xcbf29ce484222325ULL;
+  for (unsigned char c : text) h = (h ^ c) * 0x100000001b3ULL;
+  return static_cast<std::size_t>(h ^ (h >> 29));
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Reading
+
+class BinaryPlistParser {
+ public:
+  BinaryPlistParser(BinaryPlist& plist, std::span<const uint8_t> bytes, std::string& why)
+      : plist_(plist), bytes_(bytes.data()), size_(bytes.size()), why_(why) {}
+
+  bool run() {
+    if (!readTrailer()) return false;
+    plist_.nodes_.resize(objectCount_);
+    plist_.top_ = static_cast<BinaryPlist::Ref>(top_);
+    return parseObject(plist_.top_, 0);
+  }
+
+ private:
+  using Node = BinaryPlist::Node;
+  using Type = BinaryPlist::Type;
+  using Ref = BinaryPlist::Ref;
+
+  bool fail(std::string message) {
+    why_ = std::move(message);
+    return false;
+  }
+
+  bool readTrailer() {
+    if (size_ < kHeaderSize + 1 + 1 + kTrailerSize) return fail("too short for a binary plist");
+    if (std::memcmp(bytes_, kMagic, sizeof kMagic) != 0) return fail("no bplist00 header");
+    const uint8_t* trailer = bytes_ + size_ - kTrailerSize;
+    offsetSize_ = trailer[6];
+    refSize_ = trailer[7];
+    uint64_t count = readBigEndian(trailer + 8, 8);
+    top_ = readBigEndian(trailer + 16, 8);
+    tableOffset_ = readBigEndian(trailer + 24, 8);
+    if (offsetSize_ < 1 || offsetSize_ > 8) return fail("offset size not 1 to 8");
+    if (refSize_ < 1 || refSize_ > 8) return fail("object reference size not 1 to 8");
+    uint64_t tableEnd = size_ - kTrailerSize;
+    if (tableOffset_ < kHeaderSize + 1 || tableOffset_ > tableEnd) {
+      return fail("offset table outside the buffer");
+    }
+    if (count == 0 || count > (tableEnd - tableOffset_) / offsetSize_) {
+      return fail("object count does not fit the offset table");
+    }
+    if (count > std::numeric_limits<Ref>::max()) return fail("too many objects");
+    if (top_ >= count) return fail("top object beyond the object table");
+    objectCount_ = count;
+    return true;
+  }
+
+  // Reads a length that follows a marker: the marker's low nibble, or for 0xF
+  // an integer object right after the marker. `p` points at the marker.
+  bool readLength(const uint8_t*& p, const uint8_t* end, uint64_t& length) {
+    uint8_t low = *p & 0x0F;
+    ++p;
+    if (low != 0x0F) {
+      length = low;
+      return true;
+    }
+    if (p >= end || (*p & 0xF0) != 0x10 || (*p & 0x0F) > 3) return fail("malformed length");
+    unsigned width = 1u << (*p & 0x0F);
+    if (static_cast<std::size_t>(end - p - 1) < width) return fail("length beyond the buffer");
+    length = readBigEndian(p + 1, width);
+    p += 1 + width;
+    return true;
+  }
+
+  // Guards against objects that share bytes (several offsets naming one
+  // container): all objects together never span more than the object area,
+  // so nothing read can allocate more than the input justifies.
+  bool consume(std::size_t bytes) {
+    consumed_ += bytes;
+    if (consumed_ > tableOffset_ - kHeaderSize) return fail("objects overlap");
+    return true;
+  }
+
+  bool parseObject(Ref ref, int depth) {
+    Node& node = plist_.nodes_[ref];
+    if (node.flags & BinaryPlist::kParsed) return true;
+    if (node.flags & BinaryPlist::kParsing) {
+      return fail("object " + std::to_string(ref) + " contains itself");
+    }
+    if (depth > BinaryPlist::kMaxDepth) return fail("containers nested too deeply");
+    uint64_t offset =
+        readBigEndian(bytes_ + tableOffset_ + uint64_t(ref) * offsetSize_, offsetSize_);
+    if (offset < kHeaderSize || offset >= tableOffset_) {
+      return fail("offset of object " + std::to_string(ref) + " outside the object area");
+    }
+    const uint8_t* start = bytes_ + offset;
+    const uint8_t* end = bytes_ + tableOffset_;
+    uint8_t marker = *start;
+    switch (marker >> 4) {
+      case 0x0:
+        return parseSimple(node, marker);
+      case 0x1:
+        return parseInteger(node, start, end);
+      case 0x2:
+      case 0x3:
+        return parseReal(node, start, end);
+      case 0x4:
+      case 0x5:
+      case 0x6:
+        return parseBytes(node, start, end);
+      case 0x8:
+        return parseUid(node, start, end);
+      case 0xA:
+      case 0xD:
+        return parseContainer(ref, start, end, depth);
+      default:
+        return fail("unknown object marker " + std::to_string(marker));
+    }
+  }
+
+  bool parseSimple(Node& node, uint8_t marker) {
+    if (!consume(1)) return false;
+    switch (marker) {
+      case 0x00:
+        node.type = Type::Null;
+        break;
+      case 0x08:
+      case 0x09:
+        node.type = Type::Bool;
+        node.integer = marker & 1;
+        break;
+      default:
+        return fail("unknown object marker " + std::to_string(marker));
+    }
+    node.flags = BinaryPlist::kParsed;
+    return true;
+  }
+
+  bool parseInteger(Node& node, const uint8_t* p, const uint8_t* end) {
+    unsigned exponent = *p & 0x0F;
+    if (exponent > 4) return fail("integer wider than 16 bytes");
+    unsigned width = 1u << exponent;
+    if (static_cast<std::size_t>(end - p - 1) < width) return fail("integer beyond the buffer");
+    if (!consume(1 + width)) return false;
+    if (width <= 8) {
+      // 1, 2 and 4 bytes are unsigned, 8 bytes are two's complement.
+      node.integer = static_cast<int64_t>(readBigEndian(p + 1, width));
+    } else {
+      uint64_t high = readBigEndian(p + 1, 8);
+      uint64_t low = readBigEndian(p + 9, 8);
+      bool fits = (high == 0 && low <= uint64_t(std::numeric_limits<int64_t>::max())) ||
+                  (high == ~uint64_t(0) && (low >> 63) == 1);
+      if (!fits) return fail("16-byte integer out of the 64-bit range");
+      node.integer = static_cast<int64_t>(low);
+    }
+    node.type = Type::Integer;
+    node.flags = BinaryPlist::kParsed;
+    return true;
+  }
+
+  bool parseReal(Node& node, const uint8_t* p, const uint8_t* end) {
+    uint8_t marker = *p;
+    bool isDate = (marker >> 4) == 0x3;
+    if (isDate ? marker != 0x33 : (marker != 0x22 && marker != 0x23)) {
+      return fail("malformed real or date marker");
+    }
+    unsigned width = marker == 0x22 ? 4 : 8;
+    if (static_cast<std::size_t>(end - p - 1) < width) return fail("real beyond the buffer");
+    if (!consume(1 + width)) return false;
+    uint64_t bits = readBigEndian(p + 1, width);
+    if (width == 4) {
+      uint32_t narrow = static_cast<uint32_t>(bits);
+      float value;
+      std::memcpy(&value, &narrow, 4);
+      node.real = value;
+    } else {
+      std::memcpy(&node.real, &bits, 8);
+    }
+    node.type = isDate ? Type::Date : Type::Real;
+    node.flags = BinaryPlist::kParsed;
+    return true;
+  }
+
+  bool parseBytes(Node& node, const uint8_t* start, const uint8_t* end) {
+    unsigned kind = *start >> 4;
+    const uint8_t* p = start;
+    uint64_t length;
+    if (!readLength(p, end, length)) return false;
+    uint64_t unit = kind == 0x6 ? 2 : 1;
+    if (length > static_cast<uint64_t>(end - p) / unit)
+      return fail("string or data beyond the buffer");
+    if (length > std::numeric_limits<uint32_t>::max()) return fail("string or data too long");
+    if (!consume(static_cast<std::size_t>(p - start + length * unit))) return false;
+    node.length = static_cast<uint32_t>(length);
+    node.pointer = p;
+    if (kind == 0x4) {
+      node.type = Type::Data;
+    } else if (kind == 0x5) {
+      if (!isAscii(p, length)) return fail("ASCII string with a byte above 0x7F");
+      node.type = Type::String;
+    } else {
+      std::string& arena = plist_.arena_;
+      std::size_t at = arena.size();
+      appendUtf16AsUtf8(arena, p, length);
+      node.type = Type::String;
+      node.offset = at;
+      node.length = static_cast<uint32_t>(arena.size() - at);
+      node.flags |= BinaryPlist::kInArena;
+      if (!isAscii(reinterpret_cast<const uint8_t*>(arena.data()) + at, node.length)) {
+        node.flags |= BinaryPlist::kNonAscii;
+      }
+    }
+    node.flags |= BinaryPlist::kParsed;
+    return true;
+  }
+
+  bool parseUid(Node& node, const uint8_t* p, const uint8_t* end) {
+    unsigned width = (*p & 0x0F) + 1;
+    if (width > 8) return fail("UID wider than 8 bytes");
+    if (static_cast<std::size_t>(end - p - 1) < width) return fail("UID beyond the buffer");
+    if (!consume(1 + width)) return false;
+    uint64_t value = readBigEndian(p + 1, width);
+    if (value > BinaryPlist::kMaxUid) return fail("UID above 2^32-1");
+    node.type = Type::Uid;
+    node.integer = static_cast<int64_t>(value);
+    node.flags = BinaryPlist::kParsed;
+    return true;
+  }
+
+  bool parseContainer(Ref ref, const uint8_t* start, const uint8_t* end, int depth) {
+    bool isDictionary = (*start >> 4) == 0xD;
+    const uint8_t* p = start;
+    uint64_t count;
+    if (!readLength(p, end, count)) return false;
+    uint64_t slots = isDictionary ? 2 : 1;
+    uint64_t room = static_cast<uint64_t>(end - p) / refSize_ / slots;
+    if (count > room) return fail("container references beyond the buffer");
+    if (!consume(static_cast<std::size_t>(p - start + count * slots * refSize_))) return false;
+    std::vector<Ref>& refs = plist_.refs_;
+    std::size_t first = refs.size();
+    std::size_t total = static_cast<std::size_t>(count * slots);
+    refs.resize(first + total);
+    for (std::size_t i = 0; i < total; ++i, p += refSize_) {
+      uint64_t child = readBigEndian(p, refSize_);
+      if (child >= objectCount_) return fail("object reference beyond the object table");
+      refs[first + i] = static_cast<Ref>(child);
+    }
+    {
+      Node& node = plist_.nodes_[ref];
+      node.type = isDictionary ? Type::Dictionary : Type::Array;
+      node.length = static_cast<uint32_t>(count);
+      node.offset = first;
+      node.flags = BinaryPlist::kParsing;
+    }
+    for (std::size_t i = 0; i < total; ++i) {
+      Ref child = refs[first + i];
+      if (!parseObject(child, depth + 1)) return false;
+      if (isDictionary && i < count && plist_.nodes_[child].type != Type::String) {
+        return fail("dictionary key is not a string");
+      }
+    }
+    plist_.nodes_[ref].flags = BinaryPlist::kParsed;
+    return true;
+  }
+
+  BinaryPlist& plist_;
+  const uint8_t* bytes_;
+  std::size_t size_;
+  std::string& why_;
+  unsigned offsetSize_ = 0;
+  unsigned refSize_ = 0;
+  uint64_t objectCount_ = 0;
+  uint64_t top_ = 0;
+  uint64_t tableOffset_ = 0;
+  uint64_t consumed_ = 0;
+};
+
+std::optional<BinaryPlist> BinaryPlist::parse(std::span<const uint8_t> bytes, std::string* why) {
+  BinaryPlist plist;
+  std::string reason;
+  BinaryPlistParser parser(plist, bytes, reason);
+  if (!parser.run()) {
+    if (why) *why = std::move(reason);
+    return std::nullopt;
+  }
+  return plist;
+}
+
+std::string_view BinaryPlist::string(Ref ref) const {
+  const Node& node = nodes_[ref];
+  return {reinterpret_cast<const char*>(bytesOf(node)), node.length};
+}
+
+std::span<const uint8_t> BinaryPlist::data(Ref ref) const {
+  const Node& node = nodes_[ref];
+  return {bytesOf(node), node.length};
+}
+
+std::optional<BinaryPlist::Ref> BinaryPlist::find(Ref dictionary, std::string_view key) const {
+  const Node& dict = nodes_[dictionary];
+  const Ref* keys = refs_.data() + dict.offset;
+  for (std::size_t i = 0; i < dict.length; ++i) {
+    const Node& k = nodes_[keys[i]];
+    if (k.length == key.size() && std::memcmp(bytesOf(k), key.data(), key.size()) == 0) {
+      return keys[dict.length + i];
+    }
+  }
+  return std::nullopt;
+}
+
+// ---------------------------------------------------------------------------
+// Building
+
+BinaryPlist::Ref BinaryPlist::push(const Node& node) {
+  nodes_.push_back(node);
+  return static_cast<Ref>(nodes_.size() - 1);
+}
+
+BinaryPlist::Ref BinaryPlist::addNull() {
+  return push(Node{});
+}
+
+BinaryPlist::Ref BinaryPlist::addBool(bool value) {
+  Ref& shared = boolRefs_[value ? 1 : 0];
+  if (shared == kNoRef) {
+    Node node;
+    node.type = Type::Bool;
+    node.integer = value ? 1 : 0;
+    shared = push(node);
+  }
+  return shared;
+}
+
+BinaryPlist::Ref BinaryPlist::addInteger(int64_t value) {
+  Node node;
+  node.type = Type::Integer;
+  node.integer = value;
+  return push(node);
+}
+
+BinaryPlist::Ref BinaryPlist::addReal(double value) {
+  Node node;
+  node.type = Type::Real;
+  node.real = value;
+  return push(node);
+}
+
+BinaryPlist::Ref BinaryPlist::addDate(double secondsSince2001) {
+  Node node;
+  node.type = Type::Date;
+  node.real = secondsSince2001;
+  return push(node);
+}
+
+BinaryPlist::Ref BinaryPlist::addData(std::span<const uint8_t> bytes) {
+  Node node;
+  node.type = Type::Data;
+  node.flags = kInArena;
+  node.length = static_cast<uint32_t>(bytes.size());
+  node.offset = arena_.size();
+  arena_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  return push(node);
+}
+
+std::optional<BinaryPlist::Ref> BinaryPlist::findAscii(std::string_view text) const {
+  if (stringTable_.empty()) return std::nullopt;
+  std::size_t mask = stringTable_.size() - 1;
+  for (std::size_t i = hashBytes(text) & mask;; i = (i + 1) & mask) {
+    Ref ref = stringTable_[i];
+    if (ref == kNoRef) return std::nullopt;
+    if (string(ref) == text) return ref;
+  }
+}
+
+BinaryPlist::Ref BinaryPlist::addString(std::string_view utf8) {
+  bool ascii = isAscii(reinterpret_cast<const uint8_t*>(utf8.data()), utf8.size());
+  if (ascii) {
+    if (auto found = findAscii(utf8)) return *found;
+  }
+  Node node;
+  node.type = Type::String;
+  node.flags = kInArena | (ascii ? 0 : kNonAscii);
+  node.length = static_cast<uint32_t>(utf8.size());
+  node.offset = arena_.size();
+  arena_.append(utf8);
+  Ref ref = push(node);
+  if (!ascii) return ref;
+  // Keep the table at most half full.
+  if ((stringCount_ + 1) * 2 > stringTable_.size()) {
+    std::vector<Ref> old = std::move(stringTable_);
+    stringTable_.assign(old.empty() ? 64 : old.size() * 2, kNoRef);
+    std::size_t mask = stringTable_.size() - 1;
+    for (Ref r : old) {
+      if (r == kNoRef) continue;
+      std::size_t i = hashBytes(string(r)) & mask;
+      while (stringTable_[i] != kNoRef) i = (i + 1) & mask;
+      stringTable_[i] = r;
+    }
+  }
+  std::size_t mask = stringTable_.size() - 1;
+  std::size_t i = hashBytes(utf8) & mask;
+  while (stringTable_[i] != kNoRef) i = (i + 1) & mask;
+  stringTable_[i] = ref;
+  ++stringCount_;
+  return ref;
+}
+
+BinaryPlist::Ref BinaryPlist::addUid(uint32_t value) {
+  Node node;
+  node.type = Type::Uid;
+  node.integer = value;
+  return push(node);
+}
+
+BinaryPlist::Ref BinaryPlist::addArray(std::span<const Ref> elements) {
+  Node node;
+  node.type = Type::Array;
+  node.length = static_cast<uint32_t>(elements.size());
+  node.offset = refs_.size();
+  refs_.insert(refs_.end(), elements.begin(), elements.end());
+  return push(node);
+}
+
+BinaryPlist::Ref BinaryPlist::addDictionary(std::span<const Ref> keys,
+                                            std::span<const Ref> values) {
+  Node node;
+  node.type = Type::Dictionary;
+  node.length = static_cast<uint32_t>(keys.size());
+  node.offset = refs_.size();
+  refs_.insert(refs_.end(), keys.begin(), keys.end());
+  refs_.insert(refs_.end(), values.begin(), values.end());
+  return push(node);
+}
+
+BinaryPlist::Ref BinaryPlist::addDictionaryOfPairs(std::span<const Ref> keysAndValues) {
+  std::size_t pairs = keysAndValues.size() / 2;
+  Node node;
+  node.type = Type::Dictionary;
+  node.length = static_cast<uint32_t>(pairs);
+  node.offset = refs_.size();
+  refs_.resize(refs_.size() + 2 * pairs);
+  Ref* out = refs_.data() + node.offset;
+  for (std::size_t i = 0; i < pairs; ++i) {
+    out[i] = keysAndValues[2 * i];
+    out[pairs + i] = keysAndValues[2 * i + 1];
+  }
+  return push(node);
+}
+
+// ---------------------------------------------------------------------------
+// Writing
+
+class BinaryPlistWriter {
+ public:
+  explicit BinaryPlistWriter(const BinaryPlist& plist) : plist_(plist) {}
+
+  std::vector<uint8_t> write(BinaryPlist::Ref top) {
+    const auto& nodes = plist_.nodes_;
+    std::size_t count = nodes.size();
+    refSize_ = widthFor(count - 1);
+    std::vector<uint64_t> offsets(count);
+    uint64_t position = kHeaderSize;
+    for (std::size_t i = 0; i < count; ++i) {
+      offsets[i] = position;
+      position += encodedSize(nodes[i]);
+    }
+    uint64_t tableOffset = position;
+    unsigned offsetSize = widthFor(offsets.empty() ? 0 : offsets.back());
+    std::vector<uint8_t> out(tableOffset + count * offsetSize + kTrailerSize);
+    uint8_t* p = out.data();
+    std::memcpy(p, kMagic, sizeof kMagic);
+    p += sizeof kMagic;
+    for (const auto& node : nodes) p = writeNode(p, node);
+    for (uint64_t offset : offsets) p = writeBigEndian(p, offset, offsetSize);
+    std::memset(p, 0, 6);
+    p[6] = static_cast<uint8_t>(offsetSize);
+    p[7] = static_cast<uint8_t>(refSize_);
+    writeBigEndian(p + 8, count, 8);
+    writeBigEndian(p + 16, top, 8);
+    writeBigEndian(p + 24, tableOffset, 8);
+    return out;
+  }
+
+ private:
+  using Node = BinaryPlist::Node;
+  using Type = BinaryPlist::Type;
+
+  static unsigned integerWidth(int64_t value) {
+    if (value < 0) return 8;
+    return widthFor(static_cast<uint64_t>(value));
+  }
+
+  static uint64_t lengthHeaderSize(uint64_t length) {
+    return length < 15 ? 1 : 2 + integerWidth(static_cast<int64_t>(length));
+  }
+
+  static uint8_t* writeInteger(uint8_t* p, int64_t value) {
+    unsigned width = integerWidth(value);
+    *p++ = static_cast<uint8_t>(0x10 | (width == 1 ? 0 : width == 2 ? 1 : width == 4 ? 2 : 3));
+    return writeBigEndian(p, static_cast<uint64_t>(value), width);
+  }
+
+  static uint8_t* writeMarker(uint8_t* p, uint8_t kind, uint64_t length) {
+    if (length < 15) {
+      *p++ = static_cast<uint8_t>(kind << 4 | length);
+      return p;
+    }
+    *p++ = static_cast<uint8_t>(kind << 4 | 0x0F);
+    return writeInteger(p, static_cast<int64_t>(length));
+  }
+
+  std::string_view text(const Node& node) const {
+    return {reinterpret_cast<const char*>(plist_.bytesOf(node)), node.length};
+  }
+
+  uint64_t encodedSize(const Node& node) const {
+    switch (node.type) {
+      case Type::Null:
+      case Type::Bool:
+        return 1;
+      case Type::Integer:
+        return 1 + integerWidth(node.integer);
+      case Type::Real:
+      case Type::Date:
+        return 9;
+      case Type::Uid:
+        return 1 + widthFor(static_cast<uint64_t>(node.integer));
+      case Type::Data:
+        return lengthHeaderSize(node.length) + node.length;
+      case Type::String:
+        if (node.flags & BinaryPlist::kNonAscii) {
+          uint64_t units = utf16Units(text(node));
+          return lengthHeaderSize(units) + 2 * units;
+        }
+        return lengthHeaderSize(node.length) + node.length;
+      case Type::Array:
+        return lengthHeaderSize(node.length) + uint64_t(node.length) * refSize_;
+      case Type::Dictionary:
+        return lengthHeaderSize(node.length) + 2 * uint64_t(node.length) * refSize_;
+    }
+    return 0;
+  }
+
+  uint8_t* writeRefs(uint8_t* p, std::size_t first, std::size_t count) const {
+    const BinaryPlist::Ref* refs = plist_.refs_.data() + first;
+    for (std::size_t i = 0; i < count; ++i) p = writeBigEndian(p, refs[i], refSize_);
+    return p;
+  }
+
+  uint8_t* writeNode(uint8_t* p, const Node& node) const {
+    switch (node.type) {
+      case Type::Null:
+        *p++ = 0x00;
+        return p;
+      case Type::Bool:
+        *p++ = node.integer ? 0x09 : 0x08;
+        return p;
+      case Type::Integer:
+        return writeInteger(p, node.integer);
+      case Type::Real:
+      case Type::Date: {
+        *p++ = node.type == Type::Real ? 0x23 : 0x33;
+        uint64_t bits;
+        std::memcpy(&bits, &node.real, 8);
+        return writeBigEndian(p, bits, 8);
+      }
+      case Type::Uid: {
+        unsigned width = widthFor(static_cast<uint64_t>(node.integer));
+        *p++ = static_cast<uint8_t>(0x80 | (width - 1));
+        return writeBigEndian(p, static_cast<uint64_t>(node.integer), width);
+      }
+      case Type::Data:
+        p = writeMarker(p, 0x4, node.length);
+        if (node.length) std::memcpy(p, plist_.bytesOf(node), node.length);
+        return p + node.length;
+      case Type::String:
+        if (node.flags & BinaryPlist::kNonAscii) {
+          p = writeMarker(p, 0x6, utf16Units(text(node)));
+          return writeUtf16(p, text(node));
+        }
+        p = writeMarker(p, 0x5, node.length);
+        if (node.length) std::memcpy(p, plist_.bytesOf(node), node.length);
+        return p + node.length;
+      case Type::Array:
+        p = writeMarker(p, 0xA, node.length);
+        return writeRefs(p, node.offset, node.length);
+      case Type::Dictionary:
+        p = writeMarker(p, 0xD, node.length);
+        return writeRefs(p, node.offset, 2 * std::size_t(node.length));
+    }
+    return p;
+  }
+
+  const BinaryPlist& plist_;
+  unsigned refSize_ = 1;
+};
+
+std::vector<uint8_t> BinaryPlist::write(Ref top) const {
+  if (nodes_.empty()) {
+    // Nothing built: write a plist of one null so the output stays well formed.
+    BinaryPlist empty;
+    return BinaryPlistWriter(empty).write(empty.addNull());
+  }
+  return BinaryPlistWriter(*this).write(top);
+}
+
+}  // namespace qx

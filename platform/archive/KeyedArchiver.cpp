@@ -1,0 +1,243 @@
+#include "platform/archive/KeyedArchiver.h"
+
+#include <exception>
+#include <string>
+
+#include "platform/archive/BinaryPlist.h"
+#include "platform/foundation/Number.h"
+#include "platform/foundation/String.h"
+
+namespace qx {
+namespace {
+
+using Ref = BinaryPlist::Ref;
+
+// Object identity -> UID. Open addressing on the object's address: archives
+// hold a few hundred objects and a node-based map would cost more than the
+// rest of the encoding.
+class IdentityTable {
+ public:
+  static constexpr uint32_t kAbsent = 0xffffffffU;
+
+  uint32_t find(const Object* object) const {
+    if (slots_.empty()) return kAbsent;
+    for (std::size_t i = indexOf(object);; i = (i + 1) & mask()) {
+      if (slots_[i].object == object) return slots_[i].uid;
+      if (slots_[i].object == nullptr) return kAbsent;
+    }
+  }
+
+  void insert(const Object* object, uint32_t uid) {
+    if ((count_ + 1) * 2 > slots_.size()) grow();
+    std::size_t i = indexOf(object);
+    while (slots_[i].object != nullptr) i = (i + 1) & mask();
+    slots_[i] = {object, uid};
+    ++count_;
+  }
+
+ private:
+  struct Slot {
+    const Object* object = nullptr;
+    uint32_t uid = 0;
+  };
+
+  std::size_t mask() const { return slots_.size() - 1; }
+  std::size_t indexOf(const Object* object) const {
+    auto bits = reinterpret_cast<uintptr_t>(object);
+    return static_cast<std::size_t>((bits >> 4) * 0x9E3779B97F4A7C15ULL >> 20) & mask();
+  }
+
+  void grow() {
+    std::vector<Slot> old = std::move(slots_);
+    slots_.assign(old.empty() ? 256 : old.size() * 2, Slot{});
+    count_ = 0;
+    for (const Slot& slot : old) {
+      if (slot.object) insert(slot.object, slot.uid);
+    }
+  }
+
+  std::vector<Slot> slots_;
+  std::size_t count_ = 0;
+};
+
+}  // namespace
+
+struct KeyedArchiver::State {
+  BinaryPlist plist;
+  // $objects: the plist value of each UID. A slot is reserved (kNoValue) when
+  // an object is met and filled once its keys are written.
+  std::vector<Ref> objects;
+  // Every archived object stays alive until the archive is written, so that a
+  // temporary made inside an encodeWithCoder cannot free its address for the
+  // next temporary, which would then alias the first one's UID.
+  std::vector<ObjectPtr> kept;
+  IdentityTable uids;
+  std::vector<std::pair<const ClassInfo*, uint32_t>> classUids;
+  // One plist UID value per UID number, made on first use.
+  std::vector<Ref> uidValues;
+  // Alternating key and value Refs of the objects being encoded, innermost
+  // last; also holds array elements while an array is being built.
+  std::vector<Ref> stack;
+  Ref classKey = 0;
+
+  static constexpr Ref kNoValue = 0xffffffffU;
+};
+
+namespace {
+
+Ref uidValue(KeyedArchiver::State& state, uint32_t uid) {
+  if (uid >= state.uidValues.size())
+    state.uidValues.resize(uid + 1, KeyedArchiver::State::kNoValue);
+  Ref& value = state.uidValues[uid];
+  if (value == KeyedArchiver::State::kNoValue) value = state.plist.addUid(uid);
+  return value;
+}
+
+// A key that begins with '$' gets one more '$', so that it cannot collide with
+// the archive's own keys ($class, ...).
+Ref keyValue(KeyedArchiver::State& state, std::string_view key) {
+  if (!key.empty() && key.front() == '$') return state.plist.addString("$" + std::string(key));
+  return state.plist.addString(key);
+}
+
+Ref plainValue(BinaryPlist& plist, const Object& object, const ClassInfo& cls) {
+  if (&cls == &String::classInfo())
+    return plist.addString(static_cast<const String&>(object).str());
+  if (&cls == &Data::classInfo()) return plist.addData(static_cast<const Data&>(object).span());
+  const auto& number = static_cast<const Number&>(object);
+  switch (number.kind()) {
+    case Number::Kind::Bool:
+      return plist.addBool(number.boolValue());
+    case Number::Kind::Integer:
+      return plist.addInteger(number.integerValue());
+    case Number::Kind::Real:
+      return plist.addReal(number.doubleValue());
+  }
+  return plist.addInteger(number.integerValue());
+}
+
+bool isPlainClass(const ClassInfo& cls) {
+  return &cls == &String::classInfo() || &cls == &Number::classInfo() || &cls == &Data::classInfo();
+}
+
+}  // namespace
+
+KeyedArchiver::~KeyedArchiver() = default;
+
+uint32_t KeyedArchiver::classUid(const ClassInfo& cls) {
+  for (const auto& [known, uid] : state_.classUids) {
+    if (known == &cls) return uid;
+  }
+  BinaryPlist& plist = state_.plist;
+  std::vector<Ref> names;
+  for (std::string_view name : cls.chain()) names.push_back(plist.addString(name));
+  Ref keys[] = {plist.addString("$classname"), plist.addString("$classes")};
+  Ref values[] = {plist.addString(cls.name()), plist.addArray(names)};
+  auto uid = static_cast<uint32_t>(state_.objects.size());
+  state_.objects.push_back(plist.addDictionary(keys, values));
+  state_.classUids.emplace_back(&cls, uid);
+  return uid;
+}
+
+uint32_t KeyedArchiver::uidFor(const ObjectPtr& object) {
+  if (!object) return 0;
+  uint32_t known = state_.uids.find(object.get());
+  if (known != IdentityTable::kAbsent) return known;
+
+  auto uid = static_cast<uint32_t>(state_.objects.size());
+  state_.objects.push_back(State::kNoValue);
+  state_.kept.push_back(object);
+  state_.uids.insert(object.get(), uid);
+
+  const ClassInfo& cls = object->objectClass();
+  if (isPlainClass(cls)) {
+    state_.objects[uid] = plainValue(state_.plist, *object, cls);
+    return uid;
+  }
+  std::size_t start = state_.stack.size();
+  object->encodeWithCoder(*this);
+  uint32_t classRef = classUid(cls);
+  state_.stack.push_back(state_.classKey);
+  state_.stack.push_back(uidValue(state_, classRef));
+  std::span<const Ref> pairs(state_.stack.data() + start, state_.stack.size() - start);
+  state_.objects[uid] = state_.plist.addDictionaryOfPairs(pairs);
+  state_.stack.resize(start);
+  return uid;
+}
+
+void KeyedArchiver::encodeObject(const ObjectPtr& object, std::string_view key) {
+  uint32_t uid = uidFor(object);
+  Ref k = keyValue(state_, key);
+  state_.stack.push_back(k);
+  state_.stack.push_back(uidValue(state_, uid));
+}
+
+void KeyedArchiver::encodeInt(int32_t value, std::string_view key) {
+  encodeInteger(value, key);
+}
+
+void KeyedArchiver::encodeInteger(int64_t value, std::string_view key) {
+  Ref k = keyValue(state_, key);
+  state_.stack.push_back(k);
+  state_.stack.push_back(state_.plist.addInteger(value));
+}
+
+void KeyedArchiver::encodeBool(bool value, std::string_view key) {
+  Ref k = keyValue(state_, key);
+  state_.stack.push_back(k);
+  state_.stack.push_back(state_.plist.addBool(value));
+}
+
+void KeyedArchiver::encodeDouble(double value, std::string_view key) {
+  Ref k = keyValue(state_, key);
+  state_.stack.push_back(k);
+  state_.stack.push_back(state_.plist.addReal(value));
+}
+
+void KeyedArchiver::encodeBytes(std::span<const uint8_t> bytes, std::string_view key) {
+  Ref k = keyValue(state_, key);
+  state_.stack.push_back(k);
+  state_.stack.push_back(state_.plist.addData(bytes));
+}
+
+void KeyedArchiver::encodeArrayOfObjects(const std::vector<ObjectPtr>& objects,
+                                         std::string_view key) {
+  // Elements go on the stack above the current object's pairs; encoding an
+  // element pushes and pops its own pairs above them.
+  std::size_t start = state_.stack.size();
+  for (const ObjectPtr& object : objects) {
+    uint32_t uid = uidFor(object);
+    state_.stack.push_back(uidValue(state_, uid));
+  }
+  std::span<const Ref> elements(state_.stack.data() + start, objects.size());
+  Ref array = state_.plist.addArray(elements);
+  state_.stack.resize(start);
+  Ref k = keyValue(state_, key);
+  state_.stack.push_back(k);
+  state_.stack.push_back(array);
+}
+
+DataPtr KeyedArchiver::archivedDataWithRootObject(const ObjectPtr& root) {
+  try {
+    State state;
+    KeyedArchiver coder(state);
+    BinaryPlist& plist = state.plist;
+    state.objects.push_back(plist.addString("$null"));
+    state.classKey = plist.addString("$class");
+    uint32_t rootUid = coder.uidFor(root);
+
+    Ref rootKey = plist.addString("root");
+    Ref rootValue = uidValue(state, rootUid);
+    Ref keys[] = {plist.addString("$archiver"), plist.addString("$objects"),
+                  plist.addString("$top"), plist.addString("$version")};
+    Ref values[] = {plist.addString("NSKeyedArchiver"), plist.addArray(state.objects),
+                    plist.addDictionary({&rootKey, 1}, {&rootValue, 1}), plist.addInteger(100000)};
+    Ref top = plist.addDictionary(keys, values);
+    return Data::make(plist.write(top));
+  } catch (const std::exception&) {
+    // Out of memory, or an encodeWithCoder that threw: no archive.
+    return nullptr;
+  }
+}
+
+}  // namespace qx

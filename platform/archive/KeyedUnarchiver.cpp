@@ -1,0 +1,486 @@
+#include "platform/archive/KeyedUnarchiver.h"
+
+#include <exception>
+#include <limits>
+#include <string>
+
+#include "platform/archive/BinaryPlist.h"
+#include "platform/foundation/ClassRegistry.h"
+#include "platform/foundation/MutableDictionary.h"
+#include "platform/foundation/Number.h"
+#include "platform/foundation/String.h"
+
+namespace qx {
+namespace {
+
+using Ref = BinaryPlist::Ref;
+using Type = BinaryPlist::Type;
+
+// Objects being decoded on this thread, counted across the archives nested in
+// each other (an initWithCoder may unarchive a child archive).
+thread_local int tDepth = 0;
+
+class DepthScope {
+ public:
+  DepthScope() { ++tDepth; }
+  ~DepthScope() { --tDepth; }
+  DepthScope(const DepthScope&) = delete;
+  DepthScope& operator=(const DepthScope&) = delete;
+};
+
+const char* typeName(Type type) {
+  switch (type) {
+    case Type::Null:
+      return "a null";
+    case Type::Bool:
+      return "a boolean";
+    case Type::Integer:
+      return "an integer";
+    case Type::Real:
+      return "a real";
+    case Type::Date:
+      return "a date";
+    case Type::Data:
+      return "data";
+    case Type::String:
+      return "a string";
+    case Type::Array:
+      return "an array";
+    case Type::Dictionary:
+      return "a dictionary";
+    case Type::Uid:
+      return "a UID";
+  }
+  return "an unknown value";
+}
+
+std::string quoted(std::string_view key) {
+  return "\"" + std::string(key) + "\"";
+}
+
+}  // namespace
+
+struct KeyedUnarchiver::State {
+  // The classes allowed for an object: a set, a single class, or (when the
+  // unarchiver is unrestricted) anything.
+  struct Allowed {
+    const ClassSet* set = nullptr;
+    const ClassInfo* single = nullptr;
+
+    bool allows(const ClassInfo& cls) const {
+      if (single) return cls.isSubclassOf(*single);
+      return set != nullptr && set->allows(cls);
+    }
+    std::string description() const {
+      if (single) return std::string(single->name());
+      return set ? set->description() : std::string();
+    }
+  };
+
+  // The object whose initWithCoder is running.
+  struct Frame {
+    Ref dictionary = 0;
+    Allowed allowed;  // for its plain nested decodes
+    std::string_view key = "root";
+    std::string_view className;
+  };
+
+  enum class Status : uint8_t { New, Decoding, Done };
+  struct Slot {
+    ObjectPtr object;
+    const ClassRegistry::Entry* entry = nullptr;  // for class dictionaries
+    Status status = Status::New;
+  };
+
+  BinaryPlist plist;
+  Ref objects = 0;
+  std::size_t objectCount = 0;
+  bool restricted = false;
+  // Decoded objects and resolved classes, per plist value: two UIDs naming one
+  // value decode to one object, so no input decodes the same bytes twice.
+  std::vector<uint32_t> slotOfValue;
+  std::vector<Slot> slots;
+  Frame frame;
+  ErrorPtr error;
+  KeyedUnarchiver* coder = nullptr;
+
+  void fail(std::string description) {
+    if (error) return;
+    auto info = MutableDictionary::make();
+    info->setObject(str(std::move(description)), kLocalizedDescriptionKey);
+    error = Error::errorWithDomain(kCocoaErrorDomain, kCoderReadCorruptError, info);
+  }
+
+  // Where an error happened: the object being decoded and its key.
+  std::string context() const {
+    if (frame.className.empty()) return "";
+    return " in " + std::string(frame.className) + " under key " + quoted(frame.key);
+  }
+
+  std::optional<Ref> lookup(std::string_view key) const {
+    if (!key.empty() && key.front() == '$') {
+      return plist.find(frame.dictionary, "$" + std::string(key));
+    }
+    return plist.find(frame.dictionary, key);
+  }
+
+  // The value under `key` of the current object when it has type `type`; a
+  // value of another type fails the unarchiver.
+  std::optional<Ref> typedValue(std::string_view key, Type type, const char* expected) {
+    if (error || frame.className.empty()) return std::nullopt;
+    auto value = lookup(key);
+    if (!value) return std::nullopt;
+    if (plist.type(*value) != type) {
+      fail("value for key " + quoted(key) + " of " + std::string(frame.className) + " is " +
+           typeName(plist.type(*value)) + ", not " + expected);
+      return std::nullopt;
+    }
+    return value;
+  }
+
+  Slot& slotFor(Ref value) {
+    uint32_t& index = slotOfValue[value];
+    if (index == 0) {
+      slots.emplace_back();
+      index = static_cast<uint32_t>(slots.size());
+    }
+    return slots[index - 1];
+  }
+
+  bool open(std::span<const uint8_t> bytes) {
+    std::string why;
+    auto parsed = BinaryPlist::parse(bytes, &why);
+    if (!parsed) {
+      fail("not a binary property list: " + why);
+      return false;
+    }
+    plist = std::move(*parsed);
+    Ref top = plist.top();
+    if (plist.type(top) != Type::Dictionary) return malformed("the top level is not a dictionary");
+    auto archiver = plist.find(top, "$archiver");
+    if (!archiver || plist.type(*archiver) != Type::String ||
+        plist.string(*archiver) != "NSKeyedArchiver") {
+      return malformed("$archiver is not \"NSKeyedArchiver\"");
+    }
+    auto version = plist.find(top, "$version");
+    if (!version || plist.type(*version) != Type::Integer || plist.integer(*version) != 100000) {
+      return malformed("$version is not 100000");
+    }
+    auto list = plist.find(top, "$objects");
+    if (!list || plist.type(*list) != Type::Array || plist.count(*list) == 0) {
+      return malformed("$objects is not a non-empty array");
+    }
+    objects = *list;
+    objectCount = plist.count(objects);
+    slotOfValue.assign(plist.size(), 0);
+    slots.reserve(objectCount);
+    return true;
+  }
+
+  bool malformed(const std::string& what) {
+    fail("not a keyed archive: " + what);
+    return false;
+  }
+
+  ObjectPtr decodeRoot(const ClassSet* classes) {
+    Ref top = plist.top();
+    auto tops = plist.find(top, "$top");
+    if (!tops || plist.type(*tops) != Type::Dictionary) {
+      malformed("$top is not a dictionary");
+      return nullptr;
+    }
+    auto root = plist.find(*tops, "root");
+    if (!root || plist.type(*root) != Type::Uid) {
+      malformed("$top has no root UID");
+      return nullptr;
+    }
+    Allowed allowed;
+    allowed.set = classes;
+    return decodeUid(plist.uid(*root), allowed, "root");
+  }
+
+  // Decodes the value under `key` of the current object, which must be a UID.
+  ObjectPtr decodeKey(std::string_view key, Allowed allowed) {
+    auto value = typedValue(key, Type::Uid, "a UID");
+    if (!value) return nullptr;
+    return decodeUid(plist.uid(*value), allowed, key);
+  }
+
+  bool checkAllowed(const ClassInfo& cls, const Allowed& allowed, std::string_view key) {
+    if (!restricted || allowed.allows(cls)) return true;
+    fail("value for key " + quoted(key) + context() + " is of class " + std::string(cls.name()) +
+         ", which is not among the allowed classes (" + allowed.description() + ")");
+    return false;
+  }
+
+  ObjectPtr decodeUid(uint32_t uid, Allowed allowed, std::string_view key) {
+    if (error || uid == 0) return nullptr;
+    if (uid >= objectCount) {
+      fail("UID " + std::to_string(uid) + " under key " + quoted(key) + context() +
+           " is beyond the " + std::to_string(objectCount) + " archived objects");
+      return nullptr;
+    }
+    Ref value = plist.element(objects, uid);
+    switch (plist.type(value)) {
+      case Type::String:
+        if (plist.string(value) == "$null") return nullptr;
+        return decodePlain(value, String::classInfo(), allowed, key);
+      case Type::Bool:
+      case Type::Integer:
+      case Type::Real:
+        return decodePlain(value, Number::classInfo(), allowed, key);
+      case Type::Data:
+        return decodePlain(value, Data::classInfo(), allowed, key);
+      case Type::Dictionary:
+        return decodeInstance(value, allowed, key);
+      default:
+        fail("archived object " + std::to_string(uid) + " under key " + quoted(key) + context() +
+             " is " + typeName(plist.type(value)) + ", not an object");
+        return nullptr;
+    }
+  }
+
+  ObjectPtr decodePlain(Ref value, const ClassInfo& cls, const Allowed& allowed,
+                        std::string_view key) {
+    if (!checkAllowed(cls, allowed, key)) return nullptr;
+    Slot& slot = slotFor(value);
+    if (slot.status == Status::Done) return slot.object;
+    switch (plist.type(value)) {
+      case Type::String:
+        slot.object = String::make(std::string(plist.string(value)));
+        break;
+      case Type::Data: {
+        auto bytes = plist.data(value);
+        slot.object = Data::make(std::vector<uint8_t>(bytes.begin(), bytes.end()));
+        break;
+      }
+      case Type::Bool:
+        slot.object = Number::numberWithBool(plist.boolValue(value));
+        break;
+      case Type::Integer:
+        slot.object = Number::numberWithInteger(plist.integer(value));
+        break;
+      default:
+        slot.object = Number::numberWithDouble(plist.real(value));
+        break;
+    }
+    slot.status = Status::Done;
+    return slot.object;
+  }
+
+  // The registry entry of an object dictionary's $class.
+  const ClassRegistry::Entry* classOf(Ref object, std::string_view key) {
+    auto classRef = plist.find(object, "$class");
+    if (!classRef) {
+      fail("object under key " + quoted(key) + context() + " has no $class");
+      return nullptr;
+    }
+    if (plist.type(*classRef) != Type::Uid || plist.uid(*classRef) >= objectCount) {
+      fail("$class of the object under key " + quoted(key) + context() +
+           " is not the UID of an archived object");
+      return nullptr;
+    }
+    Ref classValue = plist.element(objects, plist.uid(*classRef));
+    if (plist.type(classValue) != Type::Dictionary) {
+      fail("$class of the object under key " + quoted(key) + context() +
+           " is not a class dictionary");
+      return nullptr;
+    }
+    Slot& slot = slotFor(classValue);
+    if (slot.entry) return slot.entry;
+    auto name = plist.find(classValue, "$classname");
+    if (!name || plist.type(*name) != Type::String) {
+      fail("class dictionary of the object under key " + quoted(key) + context() +
+           " has no $classname string");
+      return nullptr;
+    }
+    const ClassRegistry::Entry* entry = ClassRegistry::lookup(plist.string(*name));
+    if (!entry) {
+      fail("unknown class " + std::string(plist.string(*name)) + " under key " + quoted(key) +
+           context());
+      return nullptr;
+    }
+    slotFor(classValue).entry = entry;
+    return entry;
+  }
+
+  ObjectPtr decodeInstance(Ref object, const Allowed& allowed, std::string_view key) {
+    const ClassRegistry::Entry* entry = classOf(object, key);
+    if (!entry) return nullptr;
+    // The local class, never the archive's $classes, decides what is allowed.
+    if (!checkAllowed(*entry->cls, allowed, key)) return nullptr;
+    uint32_t index = slotOfValue[object];
+    if (index == 0) {
+      slotFor(object);
+      index = slotOfValue[object];
+    }
+    if (slots[index - 1].status == Status::Done) return slots[index - 1].object;
+    if (slots[index - 1].status == Status::Decoding) {
+      fail("the " + std::string(entry->cls->name()) + " under key " + quoted(key) + context() +
+           " contains itself");
+      return nullptr;
+    }
+    DepthScope depth;
+    if (tDepth > kMaxArchiveDepth) {
+      fail("objects nested deeper than " + std::to_string(kMaxArchiveDepth) + " levels at key " +
+           quoted(key) + context());
+      return nullptr;
+    }
+    slots[index - 1].status = Status::Decoding;
+    Frame outer = frame;
+    frame = Frame{object, allowed, key, entry->cls->name()};
+    ObjectPtr result = entry->factory(*coder);
+    frame = outer;
+    if (error) return nullptr;
+    slots[index - 1].object = result;
+    slots[index - 1].status = Status::Done;
+    return result;
+  }
+};
+
+ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassSet* classes,
+                                     ErrorPtr* error) {
+  State state;
+  ObjectPtr result;
+  try {
+    KeyedUnarchiver coder(state);
+    state.coder = &coder;
+    state.restricted = classes != nullptr;
+    if (state.open(data)) result = state.decodeRoot(classes);
+  } catch (const std::exception& e) {
+    state.fail(std::string("decoding stopped: ") + e.what());
+  }
+  if (state.error) result = nullptr;
+  if (error) *error = state.error;
+  return result;
+}
+
+KeyedUnarchiver::~KeyedUnarchiver() = default;
+
+ObjectPtr KeyedUnarchiver::unarchiveObjectWithData(const Data& data, ErrorPtr* error) {
+  return unarchive(data.span(), nullptr, error);
+}
+
+ObjectPtr KeyedUnarchiver::unarchiveObjectWithData(std::span<const uint8_t> data, ErrorPtr* error) {
+  return unarchive(data, nullptr, error);
+}
+
+ObjectPtr KeyedUnarchiver::unarchivedObjectOfClasses(const ClassSet& classes, const Data& data,
+                                                     ErrorPtr* error) {
+  return unarchive(data.span(), &classes, error);
+}
+
+ObjectPtr KeyedUnarchiver::unarchivedObjectOfClasses(const ClassSet& classes,
+                                                     std::span<const uint8_t> data,
+                                                     ErrorPtr* error) {
+  return unarchive(data, &classes, error);
+}
+
+bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
+  return !state_.frame.className.empty() && state_.lookup(key).has_value();
+}
+
+int32_t KeyedUnarchiver::decodeIntForKey(std::string_view key) {
+  int64_t value = decodeIntegerForKey(key);
+  if (value < std::numeric_limits<int32_t>::min() || value > std::numeric_limits<int32_t>::max()) {
+    state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
+                " does not fit 32 bits");
+    return 0;
+  }
+  return static_cast<int32_t>(value);
+}
+
+int64_t KeyedUnarchiver::decodeIntegerForKey(std::string_view key) {
+  auto value = state_.typedValue(key, Type::Integer, "an integer");
+  return value ? state_.plist.integer(*value) : 0;
+}
+
+bool KeyedUnarchiver::decodeBoolForKey(std::string_view key) {
+  auto value = state_.typedValue(key, Type::Bool, "a boolean");
+  return value ? state_.plist.boolValue(*value) : false;
+}
+
+double KeyedUnarchiver::decodeDoubleForKey(std::string_view key) {
+  if (state_.error || state_.frame.className.empty()) return 0;
+  auto value = state_.lookup(key);
+  if (!value) return 0;
+  switch (state_.plist.type(*value)) {
+    case Type::Real:
+      return state_.plist.real(*value);
+    case Type::Integer:
+      return static_cast<double>(state_.plist.integer(*value));
+    default:
+      state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
+                  " is " + typeName(state_.plist.type(*value)) + ", not a number");
+      return 0;
+  }
+}
+
+std::optional<std::vector<uint8_t>> KeyedUnarchiver::decodeBytesForKey(std::string_view key) {
+  if (state_.error || state_.frame.className.empty()) return std::nullopt;
+  auto value = state_.lookup(key);
+  if (!value || state_.plist.type(*value) != Type::Data) return std::nullopt;
+  auto bytes = state_.plist.data(*value);
+  return std::vector<uint8_t>(bytes.begin(), bytes.end());
+}
+
+ObjectPtr KeyedUnarchiver::decodeObjectForKey(std::string_view key) {
+  return state_.decodeKey(key, state_.frame.allowed);
+}
+
+ObjectPtr KeyedUnarchiver::decodeObjectOfClassForKey(const ClassInfo& cls, std::string_view key) {
+  State::Allowed allowed;
+  allowed.single = &cls;
+  return state_.decodeKey(key, allowed);
+}
+
+ObjectPtr KeyedUnarchiver::decodeObjectOfClassesForKey(const ClassSet& classes,
+                                                       std::string_view key) {
+  State::Allowed allowed;
+  allowed.set = &classes;
+  return state_.decodeKey(key, allowed);
+}
+
+std::optional<std::vector<ObjectPtr>> KeyedUnarchiver::decodeArrayOfObjectsForKey(
+    std::string_view key) {
+  if (state_.error || state_.frame.className.empty()) return std::nullopt;
+  auto value = state_.lookup(key);
+  if (!value) return std::vector<ObjectPtr>();
+  const BinaryPlist& plist = state_.plist;
+  if (plist.type(*value) != Type::Array) {
+    state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
+                " is " + typeName(plist.type(*value)) + ", not an array of UIDs");
+    return std::nullopt;
+  }
+  Ref array = *value;
+  std::size_t count = plist.count(array);
+  for (std::size_t i = 0; i < count; ++i) {
+    if (plist.type(plist.element(array, i)) != Type::Uid) {
+      state_.fail("element " + std::to_string(i) + " under key " + quoted(key) + " of " +
+                  std::string(state_.frame.className) + " is not a UID");
+      return std::nullopt;
+    }
+  }
+  std::vector<ObjectPtr> elements;
+  elements.reserve(count);
+  State::Allowed allowed = state_.frame.allowed;
+  for (std::size_t i = 0; i < count; ++i) {
+    elements.push_back(state_.decodeUid(plist.uid(plist.element(array, i)), allowed, key));
+    if (state_.error) return std::nullopt;
+  }
+  return elements;
+}
+
+void KeyedUnarchiver::failWithError(std::string description) {
+  state_.fail(std::move(description) + state_.context());
+}
+
+bool KeyedUnarchiver::hasFailed() const {
+  return state_.error != nullptr;
+}
+
+ErrorPtr KeyedUnarchiver::error() const {
+  return state_.error;
+}
+
+}  // namespace qx
