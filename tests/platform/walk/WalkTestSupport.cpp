@@ -85,6 +85,29 @@ std::string describe(const std::vector<Visit>& visits) {
   return text;
 }
 
+std::vector<Visit> parseVisits(const std::string& text) {
+  std::vector<Visit> visits;
+  std::istringstream in(text);
+  std::string line;
+  while (std::getline(in, line)) {
+    Visit visit{};
+    std::istringstream fields(line);
+    std::string field;
+    std::getline(fields, field, '|');
+    visit.info = std::atoi(field.c_str());
+    std::getline(fields, field, '|');
+    visit.level = std::atoi(field.c_str());
+    std::getline(fields, field, '|');
+    visit.errnum = std::atoi(field.c_str());
+    std::getline(fields, field, '|');
+    visit.ino = std::strtoull(field.c_str(), nullptr, 10);
+    std::getline(fields, visit.name, '|');
+    std::getline(fields, visit.path);
+    visits.push_back(visit);
+  }
+  return visits;
+}
+
 std::vector<Visit> walkWithFts(const std::vector<std::string>& paths, int options, bool byName,
                                const std::string& skipName) {
   std::vector<char*> argv;
@@ -181,6 +204,12 @@ int openDescriptorCount() {
   }
   closedir(dir);
   return count - 1;  // the listing's own descriptor
+}
+
+int lowestFreeDescriptor() {
+  int fd = dup(0);
+  if (fd >= 0) ::close(fd);
+  return fd;
 }
 
 }  // namespace qx::walktest

@@ -43,6 +43,8 @@ struct Visit {
 
 std::string describe(const Visit& visit);
 std::string describe(const std::vector<Visit>& visits);
+// The visits of describe()'s text, one a line.
+std::vector<Visit> parseVisits(const std::string& text);
 
 // A walk of `paths` with glibc's fts, and with TreeWalk. Names are compared
 // with strcmp when `byName` is set. Folders named `skipName` are skipped on
@@ -60,7 +62,8 @@ int compareNames(const WalkEntry* a, const WalkEntry* b);
 // "signal N" when the child did not end normally.
 std::string runInChild(const std::function<std::string()>& body);
 
-// Descriptors open in this process.
+// Descriptors open in this process, and the lowest number not in use.
 int openDescriptorCount();
+int lowestFreeDescriptor();
 
 }  // namespace qx::walktest
