@@ -3,6 +3,7 @@
 #include <exception>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include "platform/archive/BinaryPlist.h"
 #include "platform/foundation/ClassRegistry.h"
@@ -103,6 +104,8 @@ struct KeyedUnarchiver::State {
   Frame frame;
   ErrorPtr error;
   KeyedUnarchiver* coder = nullptr;
+  // Makes the next object decodeInstance meets instead of its factory.
+  const DecodeFunction* customDecode = nullptr;
 
   void fail(std::string description) {
     if (error) return;
@@ -182,7 +185,7 @@ struct KeyedUnarchiver::State {
     return false;
   }
 
-  ObjectPtr decodeRoot(const ClassSet* classes) {
+  ObjectPtr decodeRoot(const ClassSet* classes, const DecodeFunction* custom = nullptr) {
     Ref top = plist.top();
     auto tops = plist.find(top, "$top");
     if (!tops || plist.type(*tops) != Type::Dictionary) {
@@ -196,7 +199,36 @@ struct KeyedUnarchiver::State {
     }
     Allowed allowed;
     allowed.set = classes;
-    return decodeUid(plist.uid(*root), allowed, "root");
+    return decodeUidWith(plist.uid(*root), allowed, "root", custom);
+  }
+
+  ObjectPtr decodeUidWith(uint32_t uid, Allowed allowed, std::string_view key,
+                          const DecodeFunction* custom) {
+    customDecode = custom;
+    ObjectPtr result = decodeUid(uid, allowed, key);
+    customDecode = nullptr;
+    return result;
+  }
+
+  // Element `index` of the inline array of UIDs under `key` of the current object.
+  ObjectPtr decodeElement(std::string_view key, std::size_t index, Allowed allowed,
+                          const DecodeFunction* custom) {
+    auto array = typedValue(key, Type::Array, "an array of UIDs");
+    if (!array) {
+      if (!error) fail("no array under key " + quoted(key) + context());
+      return nullptr;
+    }
+    if (index >= plist.count(*array)) {
+      fail("no element " + std::to_string(index) + " under key " + quoted(key) + context());
+      return nullptr;
+    }
+    Ref element = plist.element(*array, index);
+    if (plist.type(element) != Type::Uid) {
+      fail("element " + std::to_string(index) + " under key " + quoted(key) + context() +
+           " is not a UID");
+      return nullptr;
+    }
+    return decodeUidWith(plist.uid(element), allowed, key, custom);
   }
 
   // Decodes the value under `key` of the current object, which must be a UID.
@@ -305,6 +337,7 @@ struct KeyedUnarchiver::State {
   }
 
   ObjectPtr decodeInstance(Ref object, const Allowed& allowed, std::string_view key) {
+    const DecodeFunction* custom = std::exchange(customDecode, nullptr);
     const ClassRegistry::Entry* entry = classOf(object, key);
     if (!entry) return nullptr;
     // The local class, never the archive's $classes, decides what is allowed.
@@ -329,7 +362,7 @@ struct KeyedUnarchiver::State {
     slots[index - 1].status = Status::Decoding;
     Frame outer = frame;
     frame = Frame{object, allowed, key, entry->cls->name()};
-    ObjectPtr result = entry->factory(*coder);
+    ObjectPtr result = custom ? (*custom)(*coder) : entry->factory(*coder);
     frame = outer;
     if (error) return nullptr;
     slots[index - 1].object = result;
@@ -347,6 +380,23 @@ ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassS
     state.coder = &coder;
     state.restricted = classes != nullptr;
     if (state.open(data)) result = state.decodeRoot(classes);
+  } catch (const std::exception& e) {
+    state.fail(std::string("decoding stopped: ") + e.what());
+  }
+  if (state.error) result = nullptr;
+  if (error) *error = state.error;
+  return result;
+}
+
+ObjectPtr KeyedUnarchiver::unarchiveRootWith(std::span<const uint8_t> data, const ClassSet& classes,
+                                             const DecodeFunction& decode, ErrorPtr* error) {
+  State state;
+  ObjectPtr result;
+  try {
+    KeyedUnarchiver coder(state);
+    state.coder = &coder;
+    state.restricted = true;
+    if (state.open(data)) result = state.decodeRoot(&classes, &decode);
   } catch (const std::exception& e) {
     state.fail(std::string("decoding stopped: ") + e.what());
   }
@@ -469,6 +519,29 @@ std::optional<std::vector<ObjectPtr>> KeyedUnarchiver::decodeArrayOfObjectsForKe
     if (state_.error) return std::nullopt;
   }
   return elements;
+}
+
+std::optional<std::size_t> KeyedUnarchiver::countOfArrayForKey(std::string_view key) {
+  if (state_.error || state_.frame.className.empty() || !state_.lookup(key)) return std::nullopt;
+  auto array = state_.typedValue(key, Type::Array, "an array");
+  if (!array) return std::nullopt;
+  return state_.plist.count(*array);
+}
+
+ObjectPtr KeyedUnarchiver::decodeObjectOfClassesAtIndexForKey(const ClassSet& classes,
+                                                              std::string_view key,
+                                                              std::size_t index) {
+  State::Allowed allowed;
+  allowed.set = &classes;
+  return state_.decodeElement(key, index, allowed, nullptr);
+}
+
+ObjectPtr KeyedUnarchiver::decodeObjectAtIndexForKeyWith(const ClassSet& classes,
+                                                         std::string_view key, std::size_t index,
+                                                         const DecodeFunction& decode) {
+  State::Allowed allowed;
+  allowed.set = &classes;
+  return state_.decodeElement(key, index, allowed, &decode);
 }
 
 void KeyedUnarchiver::failWithError(std::string description) {

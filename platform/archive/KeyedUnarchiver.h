@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -38,6 +39,27 @@ class KeyedUnarchiver {
                                              ErrorPtr* error = nullptr);
   static ObjectPtr unarchivedObjectOfClasses(const ClassSet& classes, std::span<const uint8_t> data,
                                              ErrorPtr* error = nullptr);
+
+  // Decoding an envelope whose values need different sets (the messages of a
+  // connection): the root object, whose class must be in `classes`, is made by
+  // `decode`, called with the unarchiver on the root's keyed dictionary,
+  // instead of by its class's factory. Inside `decode`, the entries of the
+  // root's inline arrays are read one by one with the two calls below.
+  using DecodeFunction = std::function<ObjectPtr(KeyedUnarchiver&)>;
+  static ObjectPtr unarchiveRootWith(std::span<const uint8_t> data, const ClassSet& classes,
+                                     const DecodeFunction& decode, ErrorPtr* error = nullptr);
+  // The length of the inline array under `key`; nullopt when the key is
+  // absent, or when it holds something else (which fails the unarchiver).
+  std::optional<std::size_t> countOfArrayForKey(std::string_view key);
+  // Element `index` of the inline array of UIDs under `key`, decoded with
+  // `classes` as its own set. An index out of range or an element that is not
+  // a UID fails the unarchiver.
+  ObjectPtr decodeObjectOfClassesAtIndexForKey(const ClassSet& classes, std::string_view key,
+                                               std::size_t index);
+  // The same element, an object whose class must be in `classes`, made by
+  // `decode` instead of its class's factory.
+  ObjectPtr decodeObjectAtIndexForKeyWith(const ClassSet& classes, std::string_view key,
+                                          std::size_t index, const DecodeFunction& decode);
 
   // The keys of the object being decoded, read from inside an initWithCoder.
   bool containsValueForKey(std::string_view key) const;

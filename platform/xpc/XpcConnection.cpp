@@ -1,0 +1,432 @@
+#include "platform/xpc/XpcConnection.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <thread>
+
+#include "platform/dispatch/Semaphore.h"
+#include "platform/foundation/Dictionary.h"
+#include "platform/foundation/String.h"
+#include "platform/xpc/XpcFrame.h"
+#include "platform/xpc/XpcMessage.h"
+#include "platform/xpc/XpcServiceSocket.h"
+
+namespace qx {
+namespace {
+
+ErrorPtr connectionError(int64_t code, const std::string& reason) {
+  return Error::errorWithDomain(
+      kCocoaErrorDomain, code,
+      Dictionary::withStringKeys({{kLocalizedDescriptionKey, str(reason)}}));
+}
+
+std::optional<ucred> readPeerCredentials(int fd) {
+  ucred credentials{};
+  socklen_t length = sizeof credentials;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return std::nullopt;
+  return credentials;
+}
+
+}  // namespace
+
+// The argument sets of incoming messages: the exported interface's for
+// invocations, the remote interface's (fixed when the invocation was sent) for
+// replies.
+class XpcConnection::IncomingSets final : public XpcArgumentSets {
+ public:
+  explicit IncomingSets(XpcConnection& connection) : connection_(connection) {}
+
+  std::optional<std::vector<ClassSet>> forInvocation(std::string_view selector) override {
+    auto interface = connection_.exportedInterface();
+    if (!interface) return std::nullopt;
+    return interface->argumentClasses(selector, false);
+  }
+
+  std::optional<std::vector<ClassSet>> forReply(uint64_t replyTo) override {
+    std::lock_guard lock(connection_.mutex_);
+    auto found = connection_.pending_.find(replyTo);
+    if (found == connection_.pending_.end()) return std::nullopt;
+    return found->second.replySets;
+  }
+
+ private:
+  XpcConnection& connection_;
+};
+
+std::shared_ptr<XpcConnection> XpcConnection::withSocket(UniqueFd socket) {
+  return std::make_shared<XpcConnection>(std::move(socket));
+}
+
+std::shared_ptr<XpcConnection> XpcConnection::connectToService(const std::string& servicePath,
+                                                               ErrorPtr* error) {
+  std::string why;
+  UniqueFd socket = XpcServiceSocket::connectStartingService(servicePath, &why);
+  if (!socket) {
+    if (error) *error = connectionError(kXpcConnectionInvalidError, why);
+    return nullptr;
+  }
+  return withSocket(std::move(socket));
+}
+
+XpcConnection::XpcConnection(UniqueFd socket)
+    : socket_(std::move(socket)),
+      peer_(readPeerCredentials(socket_.get())),
+      deliveryQueue_("qx.xpc.delivery") {}
+
+XpcConnection::~XpcConnection() {
+  // Only a connection that was never resumed (or whose invalidation has run)
+  // gets here: a resumed one is held by its reader until invalidated.
+  std::map<uint64_t, Pending> dropped;
+  std::function<void()> handler;
+  std::function<void()> observer;
+  {
+    std::lock_guard lock(mutex_);
+    if (invalidated_) return;
+    invalidated_ = true;
+    dropped.swap(pending_);
+    handler = std::move(invalidationHandler_);
+    observer = std::move(closedObserver_);
+    exportedObject_.reset();
+  }
+  if (socket_) ::shutdown(socket_.get(), SHUT_RDWR);
+  for (auto& entry : dropped) {
+    if (entry.second.onError)
+      entry.second.onError(
+          connectionError(kXpcConnectionInvalidError, "The connection was invalidated."));
+  }
+  if (handler) handler();
+  if (observer) observer();
+}
+
+void XpcConnection::setRemoteObjectInterface(std::shared_ptr<XpcInterface> interface) {
+  std::lock_guard lock(mutex_);
+  remoteInterface_ = std::move(interface);
+}
+
+std::shared_ptr<XpcInterface> XpcConnection::remoteObjectInterface() const {
+  std::lock_guard lock(mutex_);
+  return remoteInterface_;
+}
+
+void XpcConnection::setExportedInterface(std::shared_ptr<XpcInterface> interface) {
+  std::lock_guard lock(mutex_);
+  exportedInterface_ = std::move(interface);
+}
+
+std::shared_ptr<XpcInterface> XpcConnection::exportedInterface() const {
+  std::lock_guard lock(mutex_);
+  return exportedInterface_;
+}
+
+void XpcConnection::setExportedObjectPointer(std::shared_ptr<void> object) {
+  std::shared_ptr<void> previous;
+  std::lock_guard lock(mutex_);
+  if (invalidated_) return;
+  previous = std::exchange(exportedObject_, std::move(object));
+}
+
+std::shared_ptr<void> XpcConnection::exportedObject() const {
+  std::lock_guard lock(mutex_);
+  return exportedObject_;
+}
+
+void XpcConnection::setInvalidationHandler(std::function<void()> handler) {
+  std::lock_guard lock(mutex_);
+  invalidationHandler_ = std::move(handler);
+}
+
+void XpcConnection::setClosedObserver(std::function<void()> observer) {
+  std::lock_guard lock(mutex_);
+  closedObserver_ = std::move(observer);
+}
+
+bool XpcConnection::isValid() const {
+  std::lock_guard lock(mutex_);
+  return !invalidated_;
+}
+
+void XpcConnection::resume() {
+  {
+    std::lock_guard lock(mutex_);
+    if (resumed_ || invalidated_) return;
+    resumed_ = true;
+  }
+  std::thread(&XpcConnection::readLoop, shared_from_this()).detach();
+}
+
+void XpcConnection::invalidate() {
+  auto self = weak_from_this().lock();  // dropped handlers may hold the last reference
+  std::map<uint64_t, Pending> dropped;
+  {
+    std::lock_guard lock(mutex_);
+    if (invalidated_) return;
+    invalidated_ = true;
+    dropped.swap(pending_);
+  }
+  ::shutdown(socket_.get(), SHUT_RDWR);  // the peer sees the end; our reader wakes up
+  std::vector<XpcErrorHandler> errorHandlers;
+  for (auto& entry : dropped) {
+    entry.second.reply = nullptr;  // releases whoever waits on it, now
+    if (entry.second.onError) errorHandlers.push_back(std::move(entry.second.onError));
+  }
+  if (!self) return;
+  deliveryQueue_.async([self, errorHandlers = std::move(errorHandlers)]() mutable {
+    for (XpcErrorHandler& handler : errorHandlers) {
+      handler(connectionError(kXpcConnectionInvalidError, "The connection was invalidated."));
+    }
+    std::shared_ptr<void> exported;
+    std::function<void()> handler;
+    std::function<void()> observer;
+    {
+      std::lock_guard lock(self->mutex_);
+      exported = std::move(self->exportedObject_);
+      handler = std::move(self->invalidationHandler_);
+      observer = std::move(self->closedObserver_);
+    }
+    exported.reset();  // after every delivery queued before this task
+    if (handler) handler();
+    if (observer) observer();
+  });
+}
+
+void XpcConnection::readLoop(std::shared_ptr<XpcConnection> self) {
+  setCurrentThreadName("qx.xpc.reader");
+  XpcFrameReader frames;
+  std::vector<uint8_t> buffer(64 * 1024);
+  bool healthy = true;
+  while (healthy) {
+    ssize_t received = ::read(self->socket_.get(), buffer.data(), buffer.size());
+    if (received < 0 && errno == EINTR) continue;
+    if (received <= 0) break;
+    frames.append({buffer.data(), static_cast<std::size_t>(received)});
+    while (healthy) {
+      auto payload = frames.next();
+      if (!payload) break;
+      healthy = self->handleFrame(*payload);
+    }
+    if (frames.failed()) healthy = false;
+  }
+  self->invalidate();
+}
+
+std::optional<XpcConnection::Pending> XpcConnection::takePending(uint64_t sequence) {
+  std::lock_guard lock(mutex_);
+  auto found = pending_.find(sequence);
+  if (found == pending_.end()) return std::nullopt;
+  Pending pending = std::move(found->second);
+  pending_.erase(found);
+  return pending;
+}
+
+bool XpcConnection::handleFrame(std::span<const uint8_t> payload) {
+  IncomingSets sets(*this);
+  XpcIncoming incoming = XpcIncoming::decode(payload, sets);
+  auto self = shared_from_this();
+  uint64_t sequence = incoming.message.sequence;
+  switch (incoming.status) {
+    case XpcIncoming::Status::ProtocolError:
+      return false;
+    case XpcIncoming::Status::Ignore:
+      return true;
+    case XpcIncoming::Status::Refuse:
+      // Sent from the delivery queue: the reader never blocks on a write.
+      if (sequence > 0) {
+        deliveryQueue_.async([self, sequence, reason = std::move(incoming.reason)]() mutable {
+          self->sendMessage(XpcMessage::refusal(sequence, std::move(reason)));
+        });
+      }
+      return true;
+    case XpcIncoming::Status::BadReply:
+      if (auto pending = takePending(sequence)) {
+        pending->reply = nullptr;
+        runErrorHandler(std::move(pending->onError), kXpcConnectionRefusedError, incoming.reason);
+      }
+      return true;
+    case XpcIncoming::Status::Message:
+      break;
+  }
+  XpcMessage& message = incoming.message;
+  switch (message.kind) {
+    case XpcMessage::Kind::Invocation:
+      deliveryQueue_.async([self, message = std::move(message)]() mutable {
+        self->deliverInvocation(std::move(message));
+      });
+      break;
+    case XpcMessage::Kind::Reply:
+      if (auto pending = takePending(sequence)) {
+        deliveryQueue_.async(
+            [reply = std::move(pending->reply),
+             arguments = std::move(message.arguments)]() mutable { reply(std::move(arguments)); });
+      }
+      break;
+    case XpcMessage::Kind::Refusal:
+      if (auto pending = takePending(sequence)) {
+        pending->reply = nullptr;
+        runErrorHandler(std::move(pending->onError), kXpcConnectionRefusedError,
+                        "The invocation was refused: " + message.reason);
+      }
+      break;
+  }
+  return true;
+}
+
+void XpcConnection::deliverInvocation(XpcMessage message) {
+  std::shared_ptr<void> target;
+  std::shared_ptr<XpcInterface> interface;
+  {
+    std::lock_guard lock(mutex_);
+    if (invalidated_) return;
+    target = exportedObject_;  // held until the method returns
+    interface = exportedInterface_;
+  }
+  uint64_t sequence = message.sequence;
+  auto refuse = [&](std::string reason) {
+    if (sequence > 0) sendMessage(XpcMessage::refusal(sequence, std::move(reason)));
+  };
+  const XpcMethod* method = interface ? interface->protocol().method(message.selector) : nullptr;
+  if (!method || !target) return refuse("no object answers \"" + message.selector + "\"");
+  if (sequence > 0 && !method->hasReply)
+    return refuse("\"" + message.selector + "\" takes no reply block");
+
+  XpcReplySender sender;
+  if (method->hasReply) {
+    if (sequence > 0) {
+      sender = [weak = weak_from_this(), sequence](std::vector<ObjectPtr> arguments) {
+        if (auto connection = weak.lock())
+          connection->sendMessage(XpcMessage::reply(sequence, std::move(arguments)));
+      };
+    } else {
+      sender = [](std::vector<ObjectPtr>) {};  // the peer expects no reply
+    }
+  }
+  if (!method->invoke(target.get(), message.arguments, std::move(sender)))
+    refuse("\"" + message.selector + "\": an argument is not of its declared class");
+}
+
+void XpcConnection::sendInvocation(std::string selector, std::vector<ObjectPtr> arguments,
+                                   XpcReplyHandler reply, XpcErrorHandler onError) {
+  std::vector<ClassSet> replySets;
+  if (reply) {
+    if (auto interface = remoteObjectInterface()) {
+      if (auto sets = interface->argumentClasses(selector, true)) replySets = std::move(*sets);
+    }
+  }
+  uint64_t sequence = 0;
+  {
+    std::unique_lock lock(mutex_);
+    if (invalidated_) {
+      lock.unlock();
+      reply = nullptr;
+      runErrorHandler(std::move(onError), kXpcConnectionInvalidError, "The connection is invalid.");
+      return;
+    }
+    if (reply) {
+      sequence = ++nextSequence_;
+      pending_.emplace(
+          sequence, Pending{selector, std::move(replySets), std::move(reply), std::move(onError)});
+    }
+  }
+  std::vector<uint8_t> payload =
+      XpcMessage::invocation(std::move(selector), std::move(arguments), sequence).encode();
+  if (payload.empty() || payload.size() > kMaxFramePayload) {
+    if (auto pending = takePending(sequence)) {
+      pending->reply = nullptr;
+      runErrorHandler(std::move(pending->onError), kXpcConnectionRefusedError,
+                      "The invocation cannot be sent: its arguments do not fit in a frame.");
+    }
+    return;
+  }
+  if (!writeFrame(payload)) invalidate();
+}
+
+void XpcConnection::sendMessage(const XpcMessage& message) {
+  if (!isValid()) return;
+  std::vector<uint8_t> payload = message.encode();
+  if (payload.empty() || payload.size() > kMaxFramePayload) return;
+  if (!writeFrame(payload)) invalidate();
+}
+
+bool XpcConnection::writeFrame(std::span<const uint8_t> payload) {
+  uint8_t header[4];
+  XpcFrame::writeHeader(header, static_cast<uint32_t>(payload.size()));
+  std::lock_guard lock(sendMutex_);
+  if (!isValid()) return true;  // dropped; the invalidation is under way
+  iovec parts[2] = {{header, sizeof header},
+                    {const_cast<uint8_t*>(payload.data()), payload.size()}};
+  int first = 0;
+  while (first < 2) {
+    msghdr message{};
+    message.msg_iov = parts + first;
+    message.msg_iovlen = static_cast<std::size_t>(2 - first);
+    ssize_t sent = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
+    if (sent < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    std::size_t left = static_cast<std::size_t>(sent);
+    while (first < 2 && left >= parts[first].iov_len) {
+      left -= parts[first].iov_len;
+      ++first;
+    }
+    if (first < 2) {
+      parts[first].iov_base = static_cast<uint8_t*>(parts[first].iov_base) + left;
+      parts[first].iov_len -= left;
+    }
+  }
+  return true;
+}
+
+void XpcConnection::runErrorHandler(XpcErrorHandler handler, int64_t code, std::string reason) {
+  if (!handler) return;
+  auto self = weak_from_this().lock();
+  if (!self) {
+    handler(connectionError(code, reason));
+    return;
+  }
+  deliveryQueue_.async([handler = std::move(handler), code, reason = std::move(reason)]() mutable {
+    handler(connectionError(code, reason));
+  });
+}
+
+std::optional<std::vector<ObjectPtr>> XpcConnection::sendInvocationAndWait(
+    std::string selector, std::vector<ObjectPtr> arguments) {
+  if (isDeliveryQueueCurrent()) {
+    assert(!"sendInvocationAndWait on the connection's own delivery queue would never return");
+    return std::nullopt;
+  }
+  struct State {
+    Semaphore answered;
+    std::optional<std::vector<ObjectPtr>> answer;
+  };
+  // Signals the waiter once: with the answer when called, without one when
+  // dropped (refusal, invalidation, a send on an invalid connection).
+  class Answer {
+   public:
+    explicit Answer(std::shared_ptr<State> state) : state_(std::move(state)) {}
+    Answer(Answer&& other) noexcept : state_(std::move(other.state_)) {}
+    Answer& operator=(Answer&&) = delete;
+    ~Answer() {
+      if (state_) state_->answered.signal();
+    }
+    void operator()(std::vector<ObjectPtr> arguments) {
+      state_->answer = std::move(arguments);
+      std::exchange(state_, nullptr)->answered.signal();
+    }
+
+   private:
+    std::shared_ptr<State> state_;
+  };
+
+  auto state = std::make_shared<State>();
+  sendInvocation(std::move(selector), std::move(arguments),
+                 [answer = Answer(state)](std::vector<ObjectPtr> arguments) mutable {
+                   answer(std::move(arguments));
+                 });
+  state->answered.wait();
+  return std::move(state->answer);
+}
+
+}  // namespace qx

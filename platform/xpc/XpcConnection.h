@@ -1,0 +1,176 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cassert>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+#include "platform/dispatch/OnceCallback.h"
+#include "platform/dispatch/SerialQueue.h"
+#include "platform/foundation/ClassSet.h"
+#include "platform/foundation/Error.h"
+#include "platform/xpc/UniqueFd.h"
+#include "platform/xpc/XpcInterface.h"
+
+namespace qx {
+
+struct XpcMessage;
+class XpcListener;
+
+// Receives the reply arguments of one invocation.
+using XpcReplyHandler = OnceCallback<void(std::vector<ObjectPtr>)>;
+// Receives why an invocation got no reply: refused by the peer, a reply that
+// could not be decoded, or the connection invalidated first.
+using XpcErrorHandler = OnceCallback<void(ErrorPtr)>;
+
+// Codes of the errors handed to error handlers (domain NSCocoaErrorDomain).
+inline constexpr int64_t kXpcConnectionInvalidError = 4099;
+inline constexpr int64_t kXpcConnectionRefusedError = 4864;
+
+// One end of a connection over a Unix stream socket.
+//
+// Threads: after resume(), one reader thread per connection reads frames and
+// decodes them; invocations and replies are then delivered, in arrival order,
+// on the connection's serial delivery queue. Sends may come from any thread:
+// each message is encoded on the sending thread and written whole under the
+// connection's send lock, so frames never interleave. The reader never writes.
+//
+// Lifetime: a resumed connection keeps itself alive until it is invalidated
+// (peer closed, protocol error, or invalidate()). Invalidation shuts the socket
+// down, drops the pending reply handlers (their error handlers, if any, run
+// with kXpcConnectionInvalidError), releases the exported object once the
+// deliveries holding it have finished, and runs the invalidation handler once.
+// Sends on an invalid connection are dropped.
+class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
+ public:
+  // A connection over a connected stream socket (an accepted peer, one end of
+  // a socketpair, a client socket).
+  static std::shared_ptr<XpcConnection> withSocket(UniqueFd socket);
+  // Connects to the per-user service, starting `servicePath` when nothing
+  // answers (see XpcServiceSocket). Nil, with `error` set, on failure.
+  static std::shared_ptr<XpcConnection> connectToService(const std::string& servicePath,
+                                                         ErrorPtr* error = nullptr);
+
+  explicit XpcConnection(UniqueFd socket);
+  ~XpcConnection();
+  XpcConnection(const XpcConnection&) = delete;
+  XpcConnection& operator=(const XpcConnection&) = delete;
+
+  // Configuration, before resume().
+  void setRemoteObjectInterface(std::shared_ptr<XpcInterface> interface);
+  std::shared_ptr<XpcInterface> remoteObjectInterface() const;
+  void setExportedInterface(std::shared_ptr<XpcInterface> interface);
+  std::shared_ptr<XpcInterface> exportedInterface() const;
+  // `object` implements the exported interface's protocol P (name P
+  // explicitly when passing a derived class: setExportedObject<QXFileRequest>).
+  // False, changing nothing, when P is not that protocol.
+  template <class P>
+  bool setExportedObject(std::shared_ptr<P> object);
+  std::shared_ptr<void> exportedObject() const;
+  void setInvalidationHandler(std::function<void()> handler);
+
+  // Starts reading. Invocations that arrived before are delivered from now on.
+  void resume();
+  void invalidate();
+  bool isValid() const;
+
+  // An object implementing the remote interface's protocol P whose calls are
+  // sent to the peer. Nil when the remote interface is not P's or P has no
+  // proxy class. The error handler runs (on the delivery queue) for each call
+  // that gets no reply.
+  template <class P>
+  std::shared_ptr<P> remoteObjectProxy() {
+    return remoteObjectProxyWithErrorHandler<P>(nullptr);
+  }
+  template <class P>
+  std::shared_ptr<P> remoteObjectProxyWithErrorHandler(std::function<void(ErrorPtr)> handler);
+
+  // Sends an invocation now, from the calling thread. With a reply handler,
+  // the invocation carries a sequence number and the handler waits for the
+  // reply, then runs on the delivery queue; without one, no reply is expected.
+  // Exactly one of `reply` and `onError` runs, unless the handler is dropped
+  // at invalidation (then `onError` runs, when given).
+  void sendInvocation(std::string selector, std::vector<ObjectPtr> arguments,
+                      XpcReplyHandler reply = nullptr, XpcErrorHandler onError = nullptr);
+  // Sends an invocation and blocks the calling thread until its reply
+  // arrives. nullopt, and the thread released, when the invocation is refused
+  // or the connection is invalidated first. Must not be called on this
+  // connection's delivery queue (the reply is delivered there).
+  std::optional<std::vector<ObjectPtr>> sendInvocationAndWait(std::string selector,
+                                                              std::vector<ObjectPtr> arguments);
+
+  // True on the thread of this connection's delivery queue.
+  bool isDeliveryQueueCurrent() const { return deliveryQueue_.isCurrent(); }
+  // The peer's process credentials, read when the connection was made.
+  std::optional<ucred> peerCredentials() const { return peer_; }
+
+ private:
+  friend class XpcListener;
+  struct Pending {
+    std::string selector;
+    std::vector<ClassSet> replySets;
+    XpcReplyHandler reply;
+    XpcErrorHandler onError;
+  };
+  class IncomingSets;
+
+  void setExportedObjectPointer(std::shared_ptr<void> object);
+  // Runs once after invalidation, on the delivery queue (for the listener).
+  void setClosedObserver(std::function<void()> observer);
+
+  static void readLoop(std::shared_ptr<XpcConnection> self);
+  bool handleFrame(std::span<const uint8_t> payload);
+  void deliverInvocation(XpcMessage message);
+  void sendMessage(const XpcMessage& message);
+  bool writeFrame(std::span<const uint8_t> payload);
+  std::optional<Pending> takePending(uint64_t sequence);
+  void runErrorHandler(XpcErrorHandler handler, int64_t code, std::string reason);
+
+  UniqueFd socket_;
+  std::optional<ucred> peer_;
+  SerialQueue deliveryQueue_;
+
+  mutable std::mutex mutex_;  // everything below except sendMutex_
+  bool resumed_ = false;
+  bool invalidated_ = false;
+  uint64_t nextSequence_ = 0;
+  std::map<uint64_t, Pending> pending_;
+  std::shared_ptr<XpcInterface> remoteInterface_;
+  std::shared_ptr<XpcInterface> exportedInterface_;
+  std::shared_ptr<void> exportedObject_;
+  std::function<void()> invalidationHandler_;
+  std::function<void()> closedObserver_;
+
+  std::mutex sendMutex_;  // held while one frame is written
+};
+
+template <class P>
+bool XpcConnection::setExportedObject(std::shared_ptr<P> object) {
+  auto interface = exportedInterface();
+  if (!interface || interface->protocol().type() != typeid(P)) {
+    assert(!"the exported object does not implement the exported interface's protocol");
+    return false;
+  }
+  setExportedObjectPointer(std::shared_ptr<void>(object, static_cast<void*>(object.get())));
+  return true;
+}
+
+template <class P>
+std::shared_ptr<P> XpcConnection::remoteObjectProxyWithErrorHandler(
+    std::function<void(ErrorPtr)> handler) {
+  auto interface = remoteObjectInterface();
+  if (!interface || interface->protocol().type() != typeid(P)) return nullptr;
+  return std::static_pointer_cast<P>(
+      interface->protocol().makeProxy(shared_from_this(), std::move(handler)));
+}
+
+}  // namespace qx

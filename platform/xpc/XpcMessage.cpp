@@ -1,0 +1,245 @@
+#include "platform/xpc/XpcMessage.h"
+
+#include <map>
+
+#include "platform/archive/KeyedArchiver.h"
+#include "platform/archive/KeyedUnarchiver.h"
+#include "platform/foundation/Array.h"
+#include "platform/foundation/Dictionary.h"
+#include "platform/foundation/Number.h"
+#include "platform/foundation/String.h"
+
+namespace qx {
+namespace {
+
+constexpr std::string_view kSelector = "selector";
+constexpr std::string_view kArguments = "arguments";
+constexpr std::string_view kSequence = "sequence";
+constexpr std::string_view kReplyTo = "replyTo";
+constexpr std::string_view kRefused = "refused";
+constexpr std::string_view kReason = "reason";
+
+// Reads the root dictionary of a message entry by entry, so that every value
+// is decoded with the set that fits it: the envelope's own values as strings
+// and numbers, each argument with the set of its position.
+class EnvelopeReader {
+ public:
+  EnvelopeReader(KeyedUnarchiver& coder, XpcArgumentSets& sets, XpcIncoming& result)
+      : coder_(coder), sets_(sets), result_(result) {}
+
+  void read() {
+    if (!readKeys()) return protocolError("the message is not a dictionary with string keys");
+    if (has(kSelector)) return readInvocation();
+    if (has(kReplyTo)) return readReply();
+    if (has(kRefused)) return readRefusal();
+    protocolError("the message is neither an invocation, a reply nor a refusal");
+  }
+
+ private:
+  bool readKeys() {
+    auto keyCount = coder_.countOfArrayForKey("NS.keys");
+    auto valueCount = coder_.countOfArrayForKey("NS.objects");
+    if (!keyCount || !valueCount || *keyCount != *valueCount) return false;
+    static const ClassSet strings{&String::classInfo()};
+    for (std::size_t i = 0; i < *keyCount; ++i) {
+      auto key = cast<String>(coder_.decodeObjectOfClassesAtIndexForKey(strings, "NS.keys", i));
+      if (!key || coder_.hasFailed()) return false;
+      positions_.emplace(key->str(), i);
+    }
+    return true;
+  }
+
+  bool has(std::string_view key) const { return positions_.count(std::string(key)) != 0; }
+
+  template <class T>
+  std::shared_ptr<T> value(std::string_view key) {
+    auto found = positions_.find(std::string(key));
+    if (found == positions_.end() || coder_.hasFailed()) return nullptr;
+    static const ClassSet set{&T::classInfo()};
+    auto object = coder_.decodeObjectOfClassesAtIndexForKey(set, "NS.objects", found->second);
+    return coder_.hasFailed() ? nullptr : cast<T>(object);
+  }
+
+  // A sequence number: a non-negative integer.
+  std::optional<uint64_t> sequenceValue(std::string_view key) {
+    auto number = value<Number>(key);
+    if (!number || number->kind() != Number::Kind::Integer || number->integerValue() < 0)
+      return std::nullopt;
+    return static_cast<uint64_t>(number->integerValue());
+  }
+
+  // Decodes the arguments array, element i with sets[i]. nullopt, with `why`
+  // set, when the array is missing, has the wrong length or holds a refused
+  // element.
+  std::optional<std::vector<ObjectPtr>> arguments(const std::vector<ClassSet>& sets,
+                                                  std::string& why) {
+    auto found = positions_.find(std::string(kArguments));
+    if (found == positions_.end()) {
+      why = "the message has no arguments";
+      return std::nullopt;
+    }
+    std::optional<std::vector<ObjectPtr>> decoded;
+    static const ClassSet arrays{&Array::classInfo()};
+    coder_.decodeObjectAtIndexForKeyWith(
+        arrays, "NS.objects", found->second, [&](KeyedUnarchiver& array) -> ObjectPtr {
+          auto count = array.countOfArrayForKey("NS.objects");
+          if (!count) {
+            why = "the arguments are not an array";
+            return nullptr;
+          }
+          if (*count != sets.size()) {
+            why = "wrong number of arguments: " + std::to_string(sets.size()) + " expected, " +
+                  std::to_string(*count) + " received";
+            return nullptr;
+          }
+          std::vector<ObjectPtr> objects(*count);
+          for (std::size_t i = 0; i < *count && !array.hasFailed(); ++i) {
+            objects[i] = array.decodeObjectOfClassesAtIndexForKey(sets[i], "NS.objects", i);
+          }
+          if (!array.hasFailed()) decoded = std::move(objects);
+          return nullptr;
+        });
+    if (decoded && !coder_.hasFailed()) return decoded;
+    if (why.empty()) {
+      ErrorPtr error = coder_.error();
+      why = error ? error->localizedDescription() : "the arguments cannot be decoded";
+    }
+    return std::nullopt;
+  }
+
+  void readInvocation() {
+    auto sequence = sequenceValue(kSequence);
+    if (!sequence) return protocolError("the invocation has no valid sequence number");
+    result_.message.kind = XpcMessage::Kind::Invocation;
+    result_.message.sequence = *sequence;
+    auto selector = value<String>(kSelector);
+    if (!selector) return refuse("the selector is not a string");
+    result_.message.selector = selector->str();
+    auto sets = sets_.forInvocation(selector->str());
+    if (!sets) return refuse("unknown selector \"" + selector->str() + "\"");
+    std::string why;
+    auto decoded = arguments(*sets, why);
+    if (!decoded) return refuse("\"" + selector->str() + "\": " + why);
+    result_.message.arguments = std::move(*decoded);
+    result_.status = XpcIncoming::Status::Message;
+  }
+
+  void readReply() {
+    auto replyTo = sequenceValue(kReplyTo);
+    if (!replyTo || *replyTo == 0) return protocolError("the reply has no valid sequence number");
+    result_.message.kind = XpcMessage::Kind::Reply;
+    result_.message.sequence = *replyTo;
+    auto sets = sets_.forReply(*replyTo);
+    if (!sets) {
+      result_.status = XpcIncoming::Status::Ignore;
+      return;
+    }
+    std::string why;
+    auto decoded = arguments(*sets, why);
+    if (!decoded) {
+      result_.status = XpcIncoming::Status::BadReply;
+      result_.reason = "the reply cannot be decoded: " + why;
+      return;
+    }
+    result_.message.arguments = std::move(*decoded);
+    result_.status = XpcIncoming::Status::Message;
+  }
+
+  void readRefusal() {
+    auto refused = sequenceValue(kRefused);
+    auto reason = value<String>(kReason);
+    if (!refused || !reason) return protocolError("the refusal is malformed");
+    result_.message.kind = XpcMessage::Kind::Refusal;
+    result_.message.sequence = *refused;
+    result_.message.reason = reason->str();
+    result_.status = XpcIncoming::Status::Message;
+  }
+
+  void refuse(std::string reason) {
+    result_.status = XpcIncoming::Status::Refuse;
+    result_.reason = std::move(reason);
+  }
+
+  void protocolError(std::string reason) {
+    result_.status = XpcIncoming::Status::ProtocolError;
+    result_.reason = std::move(reason);
+  }
+
+  KeyedUnarchiver& coder_;
+  XpcArgumentSets& sets_;
+  XpcIncoming& result_;
+  std::map<std::string, std::size_t> positions_;
+};
+
+}  // namespace
+
+XpcMessage XpcMessage::invocation(std::string selector, std::vector<ObjectPtr> arguments,
+                                  uint64_t sequence) {
+  XpcMessage message;
+  message.kind = Kind::Invocation;
+  message.selector = std::move(selector);
+  message.arguments = std::move(arguments);
+  message.sequence = sequence;
+  return message;
+}
+
+XpcMessage XpcMessage::reply(uint64_t replyTo, std::vector<ObjectPtr> arguments) {
+  XpcMessage message;
+  message.kind = Kind::Reply;
+  message.sequence = replyTo;
+  message.arguments = std::move(arguments);
+  return message;
+}
+
+XpcMessage XpcMessage::refusal(uint64_t refused, std::string reason) {
+  XpcMessage message;
+  message.kind = Kind::Refusal;
+  message.sequence = refused;
+  message.reason = std::move(reason);
+  return message;
+}
+
+std::vector<uint8_t> XpcMessage::encode() const {
+  DictionaryPtr root;
+  auto number = [](uint64_t value) {
+    return Number::numberWithInteger(static_cast<int64_t>(value));
+  };
+  switch (kind) {
+    case Kind::Invocation:
+      root = Dictionary::withStringKeys({{kSelector, str(selector)},
+                                         {kArguments, Array::make(arguments)},
+                                         {kSequence, number(sequence)}});
+      break;
+    case Kind::Reply:
+      root = Dictionary::withStringKeys(
+          {{kReplyTo, number(sequence)}, {kArguments, Array::make(arguments)}});
+      break;
+    case Kind::Refusal:
+      root = Dictionary::withStringKeys({{kRefused, number(sequence)}, {kReason, str(reason)}});
+      break;
+  }
+  DataPtr data = KeyedArchiver::archivedDataWithRootObject(root);
+  return data ? data->bytes() : std::vector<uint8_t>();
+}
+
+XpcIncoming XpcIncoming::decode(std::span<const uint8_t> payload, XpcArgumentSets& sets) {
+  XpcIncoming result;
+  bool visited = false;
+  static const ClassSet dictionaries{&Dictionary::classInfo()};
+  ErrorPtr error;
+  KeyedUnarchiver::unarchiveRootWith(
+      payload, dictionaries,
+      [&](KeyedUnarchiver& coder) -> ObjectPtr {
+        visited = true;
+        EnvelopeReader(coder, sets, result).read();
+        return nullptr;
+      },
+      &error);
+  if (!visited) {
+    result.status = Status::ProtocolError;
+    result.reason = error ? error->localizedDescription() : "the frame is not a keyed archive";
+  }
+  return result;
+}
+
+}  // namespace qx

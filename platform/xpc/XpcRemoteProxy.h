@@ -1,0 +1,77 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "platform/xpc/XpcConnection.h"
+#include "platform/xpc/XpcValue.h"
+
+namespace qx {
+
+// The base of hand-written remote proxies: a proxy implements its protocol's
+// methods by sending each call through the connection.
+//
+//   class QXFileResponseProxy : public QXFileResponse, XpcRemoteProxy {
+//    public:
+//     using XpcRemoteProxy::XpcRemoteProxy;
+//     void progressWithReply(OnceCallback<void(bool)> reply) override {
+//       send("progressWithReply:", std::move(reply));
+//     }
+//   };
+//
+// A reply whose arguments do not convert to the reply block's parameter types
+// is dropped, like a refused one; the error handler, when set, runs instead.
+class XpcRemoteProxy {
+ public:
+  XpcRemoteProxy(std::shared_ptr<XpcConnection> connection,
+                 std::function<void(ErrorPtr)> errorHandler)
+      : connection_(std::move(connection)), errorHandler_(std::move(errorHandler)) {}
+
+  const std::shared_ptr<XpcConnection>& connection() const { return connection_; }
+
+ protected:
+  template <class... R, class... A>
+  void send(std::string selector, OnceCallback<void(R...)> reply, const A&... arguments) {
+    connection_->sendInvocation(
+        std::move(selector), {XpcValue<std::remove_cvref_t<A>>::toObject(arguments)...},
+        [reply = std::move(reply),
+         onError = errorHandler_](std::vector<ObjectPtr> objects) mutable {
+          if (!deliver(reply, objects, std::index_sequence_for<R...>{}) && onError)
+            onError(Error::errorWithDomain(kCocoaErrorDomain, kXpcConnectionRefusedError));
+        },
+        errorHandlerForCall());
+  }
+
+  template <class... A>
+  void sendWithoutReply(std::string selector, const A&... arguments) {
+    connection_->sendInvocation(std::move(selector),
+                                {XpcValue<std::remove_cvref_t<A>>::toObject(arguments)...});
+  }
+
+ private:
+  template <class... R, std::size_t... I>
+  static bool deliver(OnceCallback<void(R...)>& reply, std::vector<ObjectPtr>& objects,
+                      std::index_sequence<I...>) {
+    std::tuple<std::remove_cvref_t<R>...> values;
+    if (objects.size() != sizeof...(R)) return false;
+    if (!(XpcValue<std::remove_cvref_t<R>>::fromObject(objects[I], std::get<I>(values)) && ...))
+      return false;
+    reply(std::move(std::get<I>(values))...);
+    return true;
+  }
+
+  XpcErrorHandler errorHandlerForCall() const {
+    if (!errorHandler_) return nullptr;
+    return [handler = errorHandler_](ErrorPtr error) { handler(std::move(error)); };
+  }
+
+  std::shared_ptr<XpcConnection> connection_;
+  std::function<void(ErrorPtr)> errorHandler_;
+};
+
+}  // namespace qx
