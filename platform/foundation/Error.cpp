@@ -29,11 +29,10 @@ std::optional<std::string> stringValue(const DictionaryPtr& userInfo, std::strin
 // What a user info dictionary may hold when an error is decoded: property-list
 // values plus the URLs, identifiers and nested errors that errors carry.
 const ClassSet& userInfoClasses() {
-  static const ClassSet classes{&Dictionary::classInfo(), &Array::classInfo(),
-                                &String::classInfo(),     &Number::classInfo(),
-                                &Data::classInfo(),       &Url::classInfo(),
-                                &Uuid::classInfo(),       &IndexPath::classInfo(),
-                                &Error::classInfo()};
+  static const ClassSet classes{
+      &Dictionary::classInfo(), &Array::classInfo(),     &String::classInfo(),
+      &Number::classInfo(),     &Data::classInfo(),      &Url::classInfo(),
+      &Uuid::classInfo(),       &IndexPath::classInfo(), &Error::classInfo()};
   return classes;
 }
 
@@ -46,13 +45,15 @@ ObjectPtr Error::initWithCoder(KeyedUnarchiver& coder) {
       cast<Dictionary>(coder.decodeObjectOfClassesForKey(userInfoClasses(), "NSUserInfo"));
   if (coder.hasFailed()) return nullptr;
   if (!domain) {
-    coder.failWithError("NSError without a domain string");
+    coder.failWithError("NSError without a string under NSDomain");
     return nullptr;
   }
   return errorWithDomain(domain->str(), code, std::move(userInfo));
 }
 
-DictionaryPtr Error::userInfo() const { return userInfo_ ? userInfo_ : Dictionary::make(); }
+DictionaryPtr Error::userInfo() const {
+  return userInfo_ ? userInfo_ : Dictionary::make();
+}
 
 std::string Error::localizedDescription() const {
   if (auto text = stringValue(userInfo_, kLocalizedDescriptionKey)) return *text;

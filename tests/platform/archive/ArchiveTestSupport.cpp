@@ -133,6 +133,56 @@ std::vector<uint8_t> RawPlist::bytes() const {
   return out;
 }
 
+nlohmann::json toJson(const BinaryPlist& plist, BinaryPlist::Ref ref) {
+  using Type = BinaryPlist::Type;
+  static const char digits[] = "0123456789abcdef";
+  switch (plist.type(ref)) {
+    case Type::Null:
+      return nullptr;
+    case Type::Bool:
+      return plist.boolValue(ref);
+    case Type::Integer:
+      return plist.integer(ref);
+    case Type::Real:
+    case Type::Date:
+      return {{"real", plist.real(ref)}};
+    case Type::Uid:
+      return {{"UID", plist.uid(ref)}};
+    case Type::String:
+      return std::string(plist.string(ref));
+    case Type::Data: {
+      std::string hex;
+      for (uint8_t b : plist.data(ref)) {
+        hex += digits[b >> 4];
+        hex += digits[b & 15];
+      }
+      return {{"data", hex}};
+    }
+    case Type::Array: {
+      auto array = nlohmann::json::array();
+      for (std::size_t i = 0; i < plist.count(ref); ++i) {
+        array.push_back(toJson(plist, plist.element(ref, i)));
+      }
+      return array;
+    }
+    case Type::Dictionary: {
+      auto object = nlohmann::json::object();
+      for (std::size_t i = 0; i < plist.count(ref); ++i) {
+        object[std::string(plist.string(plist.key(ref, i)))] = toJson(plist, plist.value(ref, i));
+      }
+      return object;
+    }
+  }
+  return nullptr;
+}
+
+nlohmann::json readJson(std::span<const uint8_t> bytes) {
+  std::string why;
+  auto plist = BinaryPlist::parse(bytes, &why);
+  if (!plist) throw std::runtime_error("does not parse: " + why);
+  return toJson(*plist, plist->top());
+}
+
 ObjectPtr roundTrip(const ObjectPtr& root, ErrorPtr* error) {
   DataPtr data = KeyedArchiver::archivedDataWithRootObject(root);
   if (!data) throw std::runtime_error("archiving failed");

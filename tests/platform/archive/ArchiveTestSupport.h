@@ -82,6 +82,11 @@ struct RawPlist {
   std::vector<uint8_t> bytes() const;
 };
 
+// A parsed plist in the oracle's JSON conventions.
+nlohmann::json toJson(const BinaryPlist& plist, BinaryPlist::Ref ref);
+// Parses with the project's reader and converts; throws when it does not parse.
+nlohmann::json readJson(std::span<const uint8_t> plist);
+
 // The root of the archive of `root` after a round trip, with the error.
 ObjectPtr roundTrip(const ObjectPtr& root, ErrorPtr* error = nullptr);
 
