@@ -1,0 +1,224 @@
+#include "acl/QXAclPropagation.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <string>
+
+#include "acl/QXAclStep.h"
+#include "acl/QXAclWriteMessage.h"
+#include "acl/QXAclWriter.h"
+#include "model/ModelClasses.h"
+#include "model/QXAclEntry.h"
+#include "model/QXOperation.h"
+#include "platform/archive/KeyedArchiver.h"
+#include "platform/archive/KeyedUnarchiver.h"
+#include "platform/foundation/MutableArray.h"
+#include "platform/walk/TreeWalk.h"
+#include "platform/xacl/AclHandle.h"
+
+namespace {
+
+using qx::ErrorPtr;
+using qx::WalkEntry;
+using qx::WalkInfo;
+using qx::xacl::acl_t;
+
+constexpr mode_t kPermissionBits = 0777;
+
+namespace W = QXAclWriteMessage;
+
+ErrorPtr stepError(int errnum, const char *format, const char *path) {
+  return QXAclStep::error(errnum, format, path);
+}
+
+template <class T> void setOut(T *out, T value) {
+  if (out)
+    *out = std::move(value);
+}
+
+// The ACL entries at the front of the request, up to its first pseudo-entry.
+qx::MutableArrayPtr collectAclEntries(const qx::ArrayPtr &entries) {
+  auto collected = qx::MutableArray::make(entries ? entries->count() : 0);
+  if (!entries)
+    return collected;
+  for (const qx::ObjectPtr &object : *entries) {
+    auto entry = qx::cast<QXAclEntry>(object);
+    if (!entry)
+      continue;
+    if (!entry->isAcl())
+      break;
+    collected->addObject(entry);
+  }
+  return collected;
+}
+
+// Copies of the entries, through an archive so that the request's own records
+// and trees stay as they are, each turned into the entry for a file.
+ErrorPtr makeFileEntries(const qx::ArrayPtr &aclEntries,
+                         qx::MutableArrayPtr *fileEntries) {
+  registerModelClasses();
+  *fileEntries = qx::MutableArray::make(aclEntries->count());
+  for (const qx::ObjectPtr &entry : *aclEntries) {
+    qx::DataPtr archive = qx::KeyedArchiver::archivedDataWithRootObject(entry);
+    ErrorPtr failure;
+    auto copy = qx::cast<QXAclEntry>(
+        qx::KeyedUnarchiver::unarchiveObjectWithData(*archive, &failure));
+    if (!copy) {
+      return failure ? failure
+                     : qx::Error::errorWithDomain(qx::kCocoaErrorDomain,
+                                                  qx::kCoderReadCorruptError);
+    }
+    copy->convertParentToFileEntry();
+    (*fileEntries)->addObject(copy);
+  }
+  return nullptr;
+}
+
+// A path that names `name` inside the folder open at `folderFd` whatever has
+// become of the folder's own path: the kernel resolves the descriptor's link
+// in /proc to the folder itself, not to a path that could have been swapped.
+std::string pathThroughFolder(int folderFd, const char *name) {
+  std::string path = "/proc/self/fd/";
+  path += std::to_string(folderFd);
+  path += '/';
+  path += name;
+  return path;
+}
+
+// One walk over the tree below a folder, with the settings it hands down.
+class TreeUpdate {
+public:
+  TreeUpdate(std::string top, acl_t folderAcl, acl_t fileAcl)
+      : top_(std::move(top)), folderAcl_(folderAcl), fileAcl_(fileAcl) {}
+
+  ErrorPtr run() {
+    auto walk = qx::TreeWalk::open({top_}, qx::TreeWalk::Physical |
+                                               qx::TreeWalk::NoChdir);
+    if (!walk)
+      return stepError(errno, W::kReadHierarchy, top_.c_str());
+    ErrorPtr failure = visitAll(*walk);
+    if (walk->close() != 0 && !failure) {
+      failure = stepError(errno, W::kCloseWalk, top_.c_str());
+    }
+    return failure;
+  }
+
+private:
+  ErrorPtr visitAll(qx::TreeWalk &walk) {
+    while (const WalkEntry *entry = walk.read()) {
+      if (ErrorPtr failure = visit(*entry))
+        return failure;
+    }
+    // A walk that ends normally leaves errno at 0.
+    if (errno != 0)
+      return stepError(errno, W::kWalkFailed, top_.c_str());
+    return nullptr;
+  }
+
+  ErrorPtr visit(const WalkEntry &entry) {
+    switch (entry.info()) {
+    case WalkInfo::D:
+      if (entry.level() == 0)
+        record(*entry.statp());
+      return nullptr;
+    case WalkInfo::DP:
+      return entry.level() == 0 ? nullptr : apply(entry, folderAcl_);
+    case WalkInfo::DNR:
+      return stepError(entry.errnum(), W::kReadFolder, entry.path());
+    case WalkInfo::Err:
+    case WalkInfo::NS:
+      return stepError(entry.errnum(), W::kGetItem, entry.path());
+    default:
+      // Only a folder has descendants: any other top item changes nothing.
+      if (entry.level() == 0)
+        return stepError(ENOTDIR, W::kReadHierarchy, entry.path());
+      return apply(entry, fileAcl_);
+    }
+  }
+
+  void record(const struct stat &st) {
+    mode_ = st.st_mode & kPermissionBits;
+    owner_ = st.st_uid;
+    group_ = st.st_gid;
+  }
+
+  // Mode, owner, group, then ACL, each only when it differs, all through the
+  // item's folder. A symbolic link keeps its mode and ACL: Linux neither
+  // stores nor consults them.
+  ErrorPtr apply(const WalkEntry &entry, acl_t acl) const {
+    const struct stat &st = *entry.statp();
+    const bool link = S_ISLNK(st.st_mode);
+    const int folder = entry.parentFd();
+    const char *name = entry.accessName();
+    if (!link && mode_ != (st.st_mode & kPermissionBits) &&
+        fchmodat(folder, name, mode_, AT_SYMLINK_NOFOLLOW) != 0) {
+      return stepError(errno, W::kSetMode, entry.path());
+    }
+    if (owner_ != st.st_uid &&
+        fchownat(folder, name, owner_, static_cast<gid_t>(-1),
+                 AT_SYMLINK_NOFOLLOW) != 0) {
+      return stepError(errno, W::kSetOwner, entry.path());
+    }
+    if (group_ != st.st_gid && fchownat(folder, name, static_cast<uid_t>(-1),
+                                        group_, AT_SYMLINK_NOFOLLOW) != 0) {
+      return stepError(errno, W::kSetGroup, entry.path());
+    }
+    if (!link &&
+        qx::xacl::acl_set_link_np(pathThroughFolder(folder, name).c_str(),
+                                  qx::xacl::ACL_TYPE_EXTENDED, acl) != 0) {
+      return stepError(errno, W::kSetAcl, entry.path());
+    }
+    return nullptr;
+  }
+
+  std::string top_;
+  acl_t folderAcl_;
+  acl_t fileAcl_;
+  mode_t mode_ = 0;
+  uid_t owner_ = 0;
+  gid_t group_ = 0;
+};
+
+// Gives an ACL back; only the first error of the operation is kept.
+void releaseAcl(qx::xacl::AclHandle &acl, const char *path, ErrorPtr &failure) {
+  if (qx::xacl::acl_free(acl.release()) != 0 && !failure) {
+    failure = stepError(errno, QXAclMessage::kReleaseStorage, path);
+  }
+}
+
+ErrorPtr propagate(const qx::ArrayPtr &entries, const std::string &top) {
+  qx::MutableArrayPtr aclEntries = collectAclEntries(entries);
+  qx::MutableArrayPtr fileEntries;
+  if (ErrorPtr failure = makeFileEntries(aclEntries, &fileEntries))
+    return failure;
+
+  ErrorPtr failure;
+  acl_t acl = nullptr;
+  if (!QXAclWriter::getAcl(&acl, aclEntries, top.c_str(), &failure))
+    return failure;
+  qx::xacl::AclHandle folderAcl(acl);
+  if (!QXAclWriter::getAcl(&acl, fileEntries, top.c_str(), &failure)) {
+    releaseAcl(folderAcl, top.c_str(), failure);
+    return failure;
+  }
+  qx::xacl::AclHandle fileAcl(acl);
+
+  failure = TreeUpdate(top, folderAcl.get(), fileAcl.get()).run();
+  releaseAcl(fileAcl, top.c_str(), failure);
+  releaseAcl(folderAcl, top.c_str(), failure);
+  return failure;
+}
+
+} // namespace
+
+bool QXAclPropagation::run(const qx::ArrayPtr &entries, const qx::UrlPtr &url,
+                           ErrorPtr *error) {
+  const std::string top = url ? url->fileSystemRepresentation() : std::string();
+  ErrorPtr failure = propagate(entries, top);
+  if (failure)
+    failure = QXOperation::errorWithError(failure, W::kPropagateTitle);
+  setOut(error, failure);
+  return !failure;
+}
