@@ -8,6 +8,7 @@
 #include <string>
 
 #include "acl/QXAclStep.h"
+#include "acl/QXAclWriter.h"
 #include "model/QXAclEntry.h"
 #include "model/QXAclPermission.h"
 #include "model/QXAclTables.h"
@@ -568,4 +569,18 @@ qx::ArrayPtr QXFileAcl::accessForUrl(const qx::UrlPtr& url, const qx::UuidPtr& u
   }
   setOut(error, ErrorPtr());
   return accessTree(decisions, isFolder);
+}
+
+bool QXFileAcl::getAcl(qx::xacl::acl_t* acl, const qx::ArrayPtr& entries, const char* path,
+                       ErrorPtr* error) {
+  return QXAclWriter::getAcl(acl, entries, path, error);
+}
+
+bool QXFileAcl::setEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url, ErrorPtr* error) {
+  return QXAclWriter::setEntries(entries, url, error);
+}
+
+bool QXFileAcl::propagateEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url,
+                                 ErrorPtr* error) {
+  return QXAclWriter::propagateEntries(entries, url, error);
 }

@@ -6,6 +6,7 @@
 #include "platform/foundation/Error.h"
 #include "platform/foundation/Url.h"
 #include "platform/foundation/Uuid.h"
+#include "platform/xacl/xacl.h"
 
 // Reads items' extended ACLs and POSIX settings. Every method takes an error
 // out-parameter last (may be null) and writes it on every path: nil on
@@ -30,4 +31,11 @@ class QXFileAcl {
   // that applies to the item's kind. nil on failure.
   static qx::ArrayPtr accessForUrl(const qx::UrlPtr& url, const qx::UuidPtr& uuid,
                                    qx::ErrorPtr* error);
+
+  // Writing access settings; see QXAclWriter.
+  static bool getAcl(qx::xacl::acl_t* acl, const qx::ArrayPtr& entries, const char* path,
+                     qx::ErrorPtr* error);
+  static bool setEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url, qx::ErrorPtr* error);
+  static bool propagateEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url,
+                               qx::ErrorPtr* error);
 };
