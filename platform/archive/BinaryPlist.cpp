@@ -147,10 +147,46 @@ void appendUtf16AsUtf8(std::string& out, const uint8_t* p, std::size_t units) {
   }
 }
 
+uint64_t load64(const char* p) {
+  uint64_t v;
+  std::memcpy(&v, p, 8);
+  return v;
+}
+
+uint32_t load32(const char* p) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+// Equality of two byte strings of the same length, without a library call for
+// the short keys that archives are made of.
+bool sameBytes(const char* a, const char* b, std::size_t n) {
+  if (n >= 8) {
+    if (n > 16) return std::memcmp(a, b, n) == 0;
+    return load64(a) == load64(b) && load64(a + n - 8) == load64(b + n - 8);
+  }
+  if (n >= 4) return load32(a) == load32(b) && load32(a + n - 4) == load32(b + n - 4);
+  for (std::size_t i = 0; i < n; ++i) {
+    if (a[i] != b[i]) return false;
+  }
+  return true;
+}
+
 std::size_t hashBytes(std::string_view text) {
-  uint64_t h = 0xcbf29ce484222325ULL;
-  for (unsigned char c : text) h = (h ^ c) * 0x100000001b3ULL;
-  return static_cast<std::size_t>(h ^ (h >> 29));
+  const char* p = text.data();
+  std::size_t n = text.size();
+  uint64_t h = (n + 1) * 0x9E3779B97F4A7C15ULL;
+  if (n >= 8) {
+    for (std::size_t i = 0; i + 8 <= n; i += 8) h = (h ^ load64(p + i)) * 0xff51afd7ed558ccdULL;
+    h ^= load64(p + n - 8);  // the last 8 bytes, overlapping
+  } else if (n >= 4) {
+    h ^= (uint64_t(load32(p)) << 32) | load32(p + n - 4);
+  } else {
+    for (std::size_t i = 0; i < n; ++i) h = (h ^ static_cast<unsigned char>(p[i])) << 8 | (h >> 56);
+  }
+  h *= 0xc4ceb9fe1a85ec53ULL;
+  return static_cast<std::size_t>(h ^ (h >> 32));
 }
 
 }  // namespace
@@ -166,6 +202,7 @@ class BinaryPlistParser {
   bool run() {
     if (!readTrailer()) return false;
     plist_.nodes_.resize(objectCount_);
+    plist_.refs_.reserve(objectCount_ * 2);
     plist_.top_ = static_cast<BinaryPlist::Ref>(top_);
     return parseObject(plist_.top_, 0);
   }
@@ -445,155 +482,162 @@ std::span<const uint8_t> BinaryPlist::data(Ref ref) const {
   return {bytesOf(node), node.length};
 }
 
-std::optional<BinaryPlist::Ref> BinaryPlist::find(Ref dictionary, std::string_view key) const {
+BinaryPlist::Ref BinaryPlist::lookup(Ref dictionary, std::string_view key) const {
   const Node& dict = nodes_[dictionary];
   const Ref* keys = refs_.data() + dict.offset;
   for (std::size_t i = 0; i < dict.length; ++i) {
     const Node& k = nodes_[keys[i]];
-    if (k.length == key.size() && std::memcmp(bytesOf(k), key.data(), key.size()) == 0) {
+    if (k.length == key.size() &&
+        sameBytes(reinterpret_cast<const char*>(bytesOf(k)), key.data(), key.size())) {
       return keys[dict.length + i];
     }
   }
-  return std::nullopt;
+  return kNoRef;
 }
 
 // ---------------------------------------------------------------------------
 // Building
 
-BinaryPlist::Ref BinaryPlist::push(const Node& node) {
-  nodes_.push_back(node);
-  return static_cast<Ref>(nodes_.size() - 1);
+BinaryPlist::Node& BinaryPlist::push(Type type, Ref& ref) {
+  ref = static_cast<Ref>(nodes_.size());
+  Node& node = nodes_.emplace_back();
+  node.type = type;
+  return node;
+}
+
+void BinaryPlist::reserve(std::size_t values, std::size_t references, std::size_t bytes) {
+  nodes_.reserve(values);
+  refs_.reserve(references);
+  arena_.reserve(bytes);
 }
 
 BinaryPlist::Ref BinaryPlist::addNull() {
-  return push(Node{});
+  Ref ref;
+  push(Type::Null, ref);
+  return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addBool(bool value) {
   Ref& shared = boolRefs_[value ? 1 : 0];
-  if (shared == kNoRef) {
-    Node node;
-    node.type = Type::Bool;
-    node.integer = value ? 1 : 0;
-    shared = push(node);
-  }
+  if (shared == kNoRef) push(Type::Bool, shared).integer = value ? 1 : 0;
   return shared;
 }
 
 BinaryPlist::Ref BinaryPlist::addInteger(int64_t value) {
-  Node node;
-  node.type = Type::Integer;
-  node.integer = value;
-  return push(node);
+  Ref ref;
+  push(Type::Integer, ref).integer = value;
+  return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addReal(double value) {
-  Node node;
-  node.type = Type::Real;
-  node.real = value;
-  return push(node);
+  Ref ref;
+  push(Type::Real, ref).real = value;
+  return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addDate(double secondsSince2001) {
-  Node node;
-  node.type = Type::Date;
-  node.real = secondsSince2001;
-  return push(node);
+  Ref ref;
+  push(Type::Date, ref).real = secondsSince2001;
+  return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addData(std::span<const uint8_t> bytes) {
-  Node node;
-  node.type = Type::Data;
+  Ref ref;
+  Node& node = push(Type::Data, ref);
   node.flags = kInArena;
   node.length = static_cast<uint32_t>(bytes.size());
   node.offset = arena_.size();
   arena_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  return push(node);
+  return ref;
 }
 
-std::optional<BinaryPlist::Ref> BinaryPlist::findAscii(std::string_view text) const {
-  if (stringTable_.empty()) return std::nullopt;
+BinaryPlist::Ref BinaryPlist::findAscii(std::string_view text) const {
+  if (stringTable_.empty()) return kNoRef;
   std::size_t mask = stringTable_.size() - 1;
   for (std::size_t i = hashBytes(text) & mask;; i = (i + 1) & mask) {
     Ref ref = stringTable_[i];
-    if (ref == kNoRef) return std::nullopt;
-    if (string(ref) == text) return ref;
+    if (ref == kNoRef) return kNoRef;
+    const Node& node = nodes_[ref];
+    if (node.length == text.size() &&
+        sameBytes(reinterpret_cast<const char*>(bytesOf(node)), text.data(), text.size())) {
+      return ref;
+    }
   }
+}
+
+void BinaryPlist::remember(Ref ref) {
+  // Keep the table at most half full.
+  if ((stringCount_ + 1) * 2 > stringTable_.size()) {
+    std::vector<Ref> old = std::move(stringTable_);
+    stringTable_.assign(old.empty() ? 64 : old.size() * 2, kNoRef);
+    stringCount_ = 0;
+    for (Ref r : old) {
+      if (r != kNoRef) remember(r);
+    }
+  }
+  std::size_t mask = stringTable_.size() - 1;
+  std::size_t i = hashBytes(string(ref)) & mask;
+  while (stringTable_[i] != kNoRef) i = (i + 1) & mask;
+  stringTable_[i] = ref;
+  ++stringCount_;
 }
 
 BinaryPlist::Ref BinaryPlist::addString(std::string_view utf8) {
   bool ascii = isAscii(reinterpret_cast<const uint8_t*>(utf8.data()), utf8.size());
   if (ascii) {
-    if (auto found = findAscii(utf8)) return *found;
+    Ref found = findAscii(utf8);
+    if (found != kNoRef) return found;
   }
-  Node node;
-  node.type = Type::String;
+  Ref ref;
+  Node& node = push(Type::String, ref);
   node.flags = kInArena | (ascii ? 0 : kNonAscii);
   node.length = static_cast<uint32_t>(utf8.size());
   node.offset = arena_.size();
   arena_.append(utf8);
-  Ref ref = push(node);
-  if (!ascii) return ref;
-  // Keep the table at most half full.
-  if ((stringCount_ + 1) * 2 > stringTable_.size()) {
-    std::vector<Ref> old = std::move(stringTable_);
-    stringTable_.assign(old.empty() ? 64 : old.size() * 2, kNoRef);
-    std::size_t mask = stringTable_.size() - 1;
-    for (Ref r : old) {
-      if (r == kNoRef) continue;
-      std::size_t i = hashBytes(string(r)) & mask;
-      while (stringTable_[i] != kNoRef) i = (i + 1) & mask;
-      stringTable_[i] = r;
-    }
-  }
-  std::size_t mask = stringTable_.size() - 1;
-  std::size_t i = hashBytes(utf8) & mask;
-  while (stringTable_[i] != kNoRef) i = (i + 1) & mask;
-  stringTable_[i] = ref;
-  ++stringCount_;
+  if (ascii) remember(ref);
   return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addUid(uint32_t value) {
-  Node node;
-  node.type = Type::Uid;
-  node.integer = value;
-  return push(node);
+  Ref ref;
+  push(Type::Uid, ref).integer = value;
+  return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addArray(std::span<const Ref> elements) {
-  Node node;
-  node.type = Type::Array;
+  Ref ref;
+  Node& node = push(Type::Array, ref);
   node.length = static_cast<uint32_t>(elements.size());
   node.offset = refs_.size();
   refs_.insert(refs_.end(), elements.begin(), elements.end());
-  return push(node);
+  return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addDictionary(std::span<const Ref> keys,
                                             std::span<const Ref> values) {
-  Node node;
-  node.type = Type::Dictionary;
+  Ref ref;
+  Node& node = push(Type::Dictionary, ref);
   node.length = static_cast<uint32_t>(keys.size());
   node.offset = refs_.size();
   refs_.insert(refs_.end(), keys.begin(), keys.end());
   refs_.insert(refs_.end(), values.begin(), values.end());
-  return push(node);
+  return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addDictionaryOfPairs(std::span<const Ref> keysAndValues) {
   std::size_t pairs = keysAndValues.size() / 2;
-  Node node;
-  node.type = Type::Dictionary;
-  node.length = static_cast<uint32_t>(pairs);
-  node.offset = refs_.size();
-  refs_.resize(refs_.size() + 2 * pairs);
-  Ref* out = refs_.data() + node.offset;
+  std::size_t first = refs_.size();
+  refs_.resize(first + 2 * pairs);
+  Ref* out = refs_.data() + first;
   for (std::size_t i = 0; i < pairs; ++i) {
     out[i] = keysAndValues[2 * i];
     out[pairs + i] = keysAndValues[2 * i + 1];
   }
-  return push(node);
+  Ref ref;
+  Node& node = push(Type::Dictionary, ref);
+  node.length = static_cast<uint32_t>(pairs);
+  node.offset = first;
+  return ref;
 }
 
 // ---------------------------------------------------------------------------

@@ -58,6 +58,8 @@ class BinaryPlist {
   // Building. Strings are UTF-8 and written as ASCII when every byte is below
   // 0x80, else as UTF-16BE with each invalid UTF-8 sequence replaced by U+FFFD.
   // Equal ASCII strings and equal booleans share one value.
+  // Room for this many values, container references and string or data bytes.
+  void reserve(std::size_t values, std::size_t references, std::size_t bytes);
   Ref addNull();
   Ref addBool(bool value);
   Ref addInteger(int64_t value);
@@ -94,8 +96,14 @@ class BinaryPlist {
   Ref value(Ref dictionary, std::size_t index) const {
     return refs_[nodes_[dictionary].offset + nodes_[dictionary].length + index];
   }
-  // The value under a string key of a dictionary.
-  std::optional<Ref> find(Ref dictionary, std::string_view key) const;
+  // The value under a string key of a dictionary, or kNoRef.
+  Ref lookup(Ref dictionary, std::string_view key) const;
+  std::optional<Ref> find(Ref dictionary, std::string_view key) const {
+    Ref found = lookup(dictionary, key);
+    return found == kNoRef ? std::nullopt : std::optional<Ref>(found);
+  }
+
+  static constexpr Ref kNoRef = 0xffffffffU;
 
  private:
   friend class BinaryPlistParser;
@@ -121,12 +129,14 @@ class BinaryPlist {
   };
   static_assert(sizeof(Node) == 16);
 
-  Ref push(const Node& node);
+  // A new node at the end of the table, for the caller to fill in.
+  Node& push(Type type, Ref& ref);
   const uint8_t* bytesOf(const Node& node) const {
     return (node.flags & kInArena) ? reinterpret_cast<const uint8_t*>(arena_.data()) + node.offset
                                    : node.pointer;
   }
-  std::optional<Ref> findAscii(std::string_view text) const;
+  Ref findAscii(std::string_view text) const;
+  void remember(Ref asciiString);
 
   std::vector<Node> nodes_;
   std::vector<Ref> refs_;
@@ -137,7 +147,6 @@ class BinaryPlist {
   std::vector<Ref> stringTable_;
   std::size_t stringCount_ = 0;
   Ref boolRefs_[2] = {kNoRef, kNoRef};
-  static constexpr Ref kNoRef = 0xffffffffU;
 };
 
 }  // namespace qx

@@ -28,7 +28,7 @@ class IdentityTable {
   }
 
   void insert(const Object* object, uint32_t uid) {
-    if ((count_ + 1) * 2 > slots_.size()) grow();
+    if ((count_ + 1) * 4 > slots_.size() * 3) grow();
     std::size_t i = indexOf(object);
     while (slots_[i].object != nullptr) i = (i + 1) & mask();
     slots_[i] = {object, uid};
@@ -49,7 +49,7 @@ class IdentityTable {
 
   void grow() {
     std::vector<Slot> old = std::move(slots_);
-    slots_.assign(old.empty() ? 256 : old.size() * 2, Slot{});
+    slots_.assign(old.empty() ? 512 : old.size() * 2, Slot{});
     count_ = 0;
     for (const Slot& slot : old) {
       if (slot.object) insert(slot.object, slot.uid);
@@ -79,6 +79,14 @@ struct KeyedArchiver::State {
   // last; also holds array elements while an array is being built.
   std::vector<Ref> stack;
   Ref classKey = 0;
+  // Recently used keys by the address of their text, checked by content: keys
+  // are nearly always literals, so this spares hashing them on every call.
+  struct KeyCacheEntry {
+    const char* text = nullptr;
+    std::size_t length = 0;
+    Ref value = 0;
+  };
+  KeyCacheEntry keyCache[64];
 
   static constexpr Ref kNoValue = 0xffffffffU;
 };
@@ -96,8 +104,15 @@ Ref uidValue(KeyedArchiver::State& state, uint32_t uid) {
 // A key that begins with '$' gets one more '$', so that it cannot collide with
 // the archive's own keys ($class, ...).
 Ref keyValue(KeyedArchiver::State& state, std::string_view key) {
-  if (!key.empty() && key.front() == '$') return state.plist.addString("$" + std::string(key));
-  return state.plist.addString(key);
+  if (key.starts_with('$')) return state.plist.addString("$" + std::string(key));
+  auto& cached = state.keyCache[(reinterpret_cast<uintptr_t>(key.data()) >> 3 ^ key.size()) & 63];
+  if (cached.text == key.data() && cached.length == key.size() &&
+      state.plist.string(cached.value) == key) {
+    return cached.value;
+  }
+  Ref value = state.plist.addString(key);
+  cached = {key.data(), key.size(), value};
+  return value;
 }
 
 Ref plainValue(BinaryPlist& plist, const Object& object, const ClassInfo& cls) {
@@ -222,6 +237,10 @@ DataPtr KeyedArchiver::archivedDataWithRootObject(const ObjectPtr& root) {
     State state;
     KeyedArchiver coder(state);
     BinaryPlist& plist = state.plist;
+    plist.reserve(1024, 2048, 4096);
+    state.objects.reserve(256);
+    state.kept.reserve(256);
+    state.stack.reserve(256);
     state.objects.push_back(plist.addString("$null"));
     state.classKey = plist.addString("$class");
     uint32_t rootUid = coder.uidFor(root);

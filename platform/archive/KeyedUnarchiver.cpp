@@ -17,16 +17,35 @@ namespace {
 using Ref = BinaryPlist::Ref;
 using Type = BinaryPlist::Type;
 
-// Objects being decoded on this thread, counted across the archives nested in
-// each other (an initWithCoder may unarchive a child archive).
-thread_local int tDepth = 0;
+// Objects being decoded are counted across the archives nested in each other
+// (an initWithCoder may unarchive a child archive). Each unarchiver keeps its
+// own count and starts from that of the unarchiver active on the thread, so
+// the thread-local is touched once per archive, not once per object.
+thread_local int* tActiveDepth = nullptr;
+
+class ActiveDepth {
+ public:
+  explicit ActiveDepth(int& depth) : outer_(tActiveDepth) {
+    depth = outer_ ? *outer_ : 0;
+    tActiveDepth = &depth;
+  }
+  ~ActiveDepth() { tActiveDepth = outer_; }
+  ActiveDepth(const ActiveDepth&) = delete;
+  ActiveDepth& operator=(const ActiveDepth&) = delete;
+
+ private:
+  int* outer_;
+};
 
 class DepthScope {
  public:
-  DepthScope() { ++tDepth; }
-  ~DepthScope() { --tDepth; }
+  explicit DepthScope(int& depth) : depth_(depth) { ++depth_; }
+  ~DepthScope() { --depth_; }
   DepthScope(const DepthScope&) = delete;
   DepthScope& operator=(const DepthScope&) = delete;
+
+ private:
+  int& depth_;
 };
 
 const char* typeName(Type type) {
@@ -104,6 +123,8 @@ struct KeyedUnarchiver::State {
   Frame frame;
   ErrorPtr error;
   KeyedUnarchiver* coder = nullptr;
+  // Objects being decoded, counting those of the archives this one is nested in.
+  int depth = 0;
   // Makes the next object decodeInstance meets instead of its factory.
   const DecodeFunction* customDecode = nullptr;
 
@@ -353,8 +374,8 @@ struct KeyedUnarchiver::State {
            " contains itself");
       return nullptr;
     }
-    DepthScope depth;
-    if (tDepth > kMaxArchiveDepth) {
+    DepthScope level(depth);
+    if (depth > kMaxArchiveDepth) {
       fail("objects nested deeper than " + std::to_string(kMaxArchiveDepth) + " levels at key " +
            quoted(key) + context());
       return nullptr;
@@ -374,6 +395,7 @@ struct KeyedUnarchiver::State {
 ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassSet* classes,
                                      ErrorPtr* error) {
   State state;
+  ActiveDepth active(state.depth);
   ObjectPtr result;
   try {
     KeyedUnarchiver coder(state);
@@ -391,6 +413,7 @@ ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassS
 ObjectPtr KeyedUnarchiver::unarchiveRootWith(std::span<const uint8_t> data, const ClassSet& classes,
                                              const DecodeFunction& decode, ErrorPtr* error) {
   State state;
+  ActiveDepth active(state.depth);
   ObjectPtr result;
   try {
     KeyedUnarchiver coder(state);
