@@ -9,6 +9,7 @@
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
+#include "platform/foundation/FileReferenceUrl.h"
 #include "platform/foundation/MutableDictionary.h"
 #include "platform/foundation/Number.h"
 
@@ -100,12 +101,14 @@ std::shared_ptr<Url> Url::URLWithString(std::string_view string) {
 
 ObjectPtr Url::initWithCoder(KeyedUnarchiver& coder) {
   auto base = cast<Url>(coder.decodeObjectOfClassForKey(Url::classInfo(), "NS.base"));
-  auto relative =
-      cast<String>(coder.decodeObjectOfClassForKey(String::classInfo(), "NS.relative"));
+  auto relative = cast<String>(coder.decodeObjectOfClassForKey(String::classInfo(), "NS.relative"));
   if (coder.hasFailed()) return nullptr;
   if (!relative) {
     coder.failWithError("NSURL without an NS.relative string");
     return nullptr;
+  }
+  if (FileReferenceUrl::isReferenceString(relative->str())) {
+    return FileReferenceUrl::initWithCoder(coder, relative->str());
   }
   if (base && !hasScheme(relative->str())) {
     // A path relative to a file URL base.
@@ -119,6 +122,17 @@ ObjectPtr Url::initWithCoder(KeyedUnarchiver& coder) {
   auto url = URLWithString(relative->str());
   if (!url) coder.failWithError("NSURL string without a scheme");
   return url;
+}
+
+std::shared_ptr<Url> Url::fileReferenceURL() const {
+  if (isFileReferenceURL()) {
+    return std::static_pointer_cast<Url>(std::const_pointer_cast<Object>(shared_from_this()));
+  }
+  if (!isFileURL()) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  return FileReferenceUrl::withPath(path());
 }
 
 std::string Url::lastPathComponent() const {

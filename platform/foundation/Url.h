@@ -36,6 +36,10 @@ class Url : public Object {
   const std::string& absoluteString() const { return string_; }
   bool isFileURL() const { return isFile_; }
   virtual bool isFileReferenceURL() const { return false; }
+  // A file reference URL (FileReferenceUrl) for the item this file URL names,
+  // made from its lstat; the URL itself when it is one already; nil when the
+  // item cannot be examined (errno tells why) or this is not a file URL.
+  std::shared_ptr<Url> fileReferenceURL() const;
 
   // The decoded path of a file URL ("" for other URLs). A file reference
   // answers the item's present path, or "" when the item is gone.

@@ -1,0 +1,143 @@
+#include "sizes/QXFolderListing.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "model/QXOperation.h"
+#include "platform/foundation/FileReferenceUrl.h"
+#include "platform/foundation/Number.h"
+#include "platform/foundation/String.h"
+
+namespace {
+
+bool isPermissionError(int64_t code) {
+  return code == EPERM || code == EACCES;
+}
+
+std::string quoted(const char* format, const std::string& path) {
+  std::string text = format;
+  text.replace(text.find("%@"), 2, path);
+  return text;
+}
+
+// stringByAppendingPathComponent: for the folder paths a URL answers.
+std::string appendingComponent(const std::string& folder, const char* name) {
+  if (folder.empty()) return name;
+  return folder.back() == '/' ? folder + name : folder + "/" + name;
+}
+
+}  // namespace
+
+QXFolderListing::QXFolderListing(qx::UrlPtr url, qx::IndexPathPtr indexPath)
+    : current_(std::move(url)),
+      indexPath_(indexPath ? std::move(indexPath) : qx::IndexPath::make()),
+      result_(qx::MutableArray::make()) {}
+
+qx::ArrayPtr QXFolderListing::run(qx::ErrorPtr* error) {
+  for (std::size_t level = 0; current_; ++level) {
+    if (listLevel(level) == Step::Stop) break;
+    if (level >= indexPath_->length()) break;
+  }
+  qx::ArrayPtr levels = result_->copy();
+  if (hasHardError()) {
+    levels = nullptr;
+    recorded_ = QXOperation::errorWithError(recorded_, "Error retrieving folder's contents");
+  }
+  if (error) *error = recorded_;
+  return levels;
+}
+
+QXFolderListing::Step QXFolderListing::listLevel(std::size_t level) {
+  errno = 0;
+  std::string path = current_->path();
+  auto contents = qx::MutableArray::make();
+  if (!isFolder()) return Step::Stop;
+  DIR* dir = opendir(path.c_str());
+  if (dir == nullptr) {
+    int number = errno;
+    if (!isPermissionError(number) || !recorded_) {
+      record(QXOperation::errorWithErrno(
+          number, quoted("Couldn't open for listing folder at path \"%@\".", path), path.c_str()));
+    }
+    if (!isPermissionError(number)) return Step::Stop;
+    // The same folder stays current: every further level comes out empty too.
+    result_->addObject(contents);
+    return Step::NextLevel;
+  }
+  readEntries(dir, path, *contents);
+  if (closedir(dir) != 0 && !recorded_) {
+    int number = errno;
+    record(QXOperation::errorWithErrno(
+        number, quoted("Couldn't close for listing folder at path \"%@\".", path), path.c_str()));
+  }
+  if (hasHardError()) return Step::Stop;
+  result_->addObject(contents);
+  return selectEntry(level, *contents, path);
+}
+
+bool QXFolderListing::isFolder() const {
+  qx::ObjectPtr value;
+  if (!current_->getResourceValue(&value, qx::kURLIsDirectoryKey)) return false;
+  auto number = qx::cast<qx::Number>(value);
+  return number && number->boolValue();
+}
+
+// Reads every entry but "." and "..", makes its file reference through the
+// folder's descriptor, and leaves them sorted by path. Entries of one folder
+// share its path as prefix, so their names give the same order.
+void QXFolderListing::readEntries(DIR* dir, const std::string& path, qx::MutableArray& contents) {
+  struct Entry {
+    std::size_t nameOffset;
+    qx::UrlPtr url;
+    const std::string* kept;
+  };
+  std::vector<Entry> entries;
+  int fd = dirfd(dir);
+  while (dirent* entry = readdir(dir)) {
+    auto name = qx::String::withFileSystemRepresentation(entry->d_name, std::strlen(entry->d_name));
+    if (!name) {
+      record(QXOperation::errorWithErrno(
+          ENOENT, quoted("Couldn't list containing file for folder at path \"%@\".", path),
+          path.c_str()));
+      break;
+    }
+    if (name->str() == "." || name->str() == "..") continue;
+    std::string itemPath = appendingComponent(path, name->UTF8String());
+    std::size_t nameOffset = itemPath.size() - name->length();
+    auto reference = qx::FileReferenceUrl::withName(fd, name->UTF8String(), itemPath);
+    if (!reference) {
+      record(QXOperation::errorWithErrno(
+          ENOENT, quoted("Couldn't retrieve containing file at path \"%@\".", itemPath),
+          itemPath.c_str()));
+      break;
+    }
+    entries.push_back({nameOffset, reference, &reference->keptPath()});
+  }
+  std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+    return std::strcmp(a.kept->c_str() + a.nameOffset, b.kept->c_str() + b.nameOffset) < 0;
+  });
+  contents.mutableObjects().reserve(entries.size());
+  for (Entry& entry : entries) contents.addObject(std::move(entry.url));
+}
+
+QXFolderListing::Step QXFolderListing::selectEntry(std::size_t level,
+                                                   const qx::MutableArray& contents,
+                                                   const std::string& path) {
+  uint64_t index = indexPath_->indexAtPosition(level);
+  if (index == qx::kNotFound) return Step::NextLevel;
+  if (index >= contents.count()) {
+    std::string text = "Couldn't find item at position " + std::to_string(index) +
+                       " in folder at path \"" + path + "\".";
+    record(QXOperation::errorWithErrno(EINVAL, text, path.c_str()));
+    return Step::Stop;
+  }
+  current_ = contents.objectAs<qx::Url>(index);
+  return Step::NextLevel;
+}
+
+bool QXFolderListing::hasHardError() const {
+  return recorded_ && !isPermissionError(recorded_->code());
+}

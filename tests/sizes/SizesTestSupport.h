@@ -1,0 +1,106 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/dispatch/OnceCallback.h"
+#include "platform/foundation/Foundation.h"
+#include "platform/xpc/XpcConnection.h"
+#include "platform/xpc/XpcProtocol.h"
+
+namespace qx::sizestest {
+
+// A temporary folder that is removed with everything in it at the end.
+class TempTree {
+ public:
+  TempTree();
+  ~TempTree();
+  TempTree(const TempTree&) = delete;
+  TempTree& operator=(const TempTree&) = delete;
+
+  const std::string& root() const { return root_; }
+  std::string path(const std::string& relative) const { return root_ + "/" + relative; }
+  UrlPtr url(const std::string& relative) const { return Url::fileURLWithPath(path(relative)); }
+  void folder(const std::string& relative, mode_t mode = 0755) const;
+  void file(const std::string& relative, std::size_t bytes = 0) const;
+  void link(const std::string& relative, const std::string& target) const;
+
+ private:
+  std::string root_;
+};
+
+// Runs the calling thread with the file-system identity of an unprivileged
+// user (setfsuid/setfsgid are per thread), so permissions really apply.
+class AsNobody {
+ public:
+  AsNobody();
+  ~AsNobody();
+  AsNobody(const AsNobody&) = delete;
+  AsNobody& operator=(const AsNobody&) = delete;
+};
+
+// The client's callback protocol, as the client of the sizes tests exports it.
+class FileResponse {
+ public:
+  virtual ~FileResponse() = default;
+  virtual void progressWithReply(OnceCallback<void(bool)> reply) = 0;
+  virtual void updateFileSizes(ArrayPtr sizes, OnceCallback<void(bool)> reply) = 0;
+};
+
+const XpcProtocol& fileResponseProtocol();
+
+// One update record as the client reads it.
+struct Record {
+  std::vector<uint64_t> indexPath;
+  int64_t size;
+  bool busy;
+  bool operator==(const Record&) const = default;
+};
+std::vector<Record> recordsOf(const ArrayPtr& batch);
+std::string describe(const std::vector<Record>& records);
+
+// The client end: records every batch it receives (decoded from the wire) and
+// answers each with `answer(n)` for the n-th report, or holds the reply
+// blocks when `answer` is empty.
+class SizesClient final : public FileResponse {
+ public:
+  using Answer = std::function<bool(std::size_t report)>;
+  explicit SizesClient(Answer answer) : answer_(std::move(answer)) {}
+
+  void progressWithReply(OnceCallback<void(bool)> reply) override { reply(false); }
+  void updateFileSizes(ArrayPtr sizes, OnceCallback<void(bool)> reply) override;
+
+  std::vector<std::vector<Record>> reports();
+  // Waits until `count` reports have arrived.
+  bool waitForReports(std::size_t count);
+  // Answers the held reply blocks.
+  void answerHeld(bool answer);
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  Answer answer_;
+  std::vector<std::vector<Record>> reports_;
+  std::vector<OnceCallback<void(bool)>> held_;
+};
+
+// A worker-side connection joined by a socketpair to a client connection
+// that exports `client`, both resumed.
+struct Link {
+  explicit Link(std::shared_ptr<SizesClient> client);
+  ~Link();
+  std::shared_ptr<XpcConnection> worker;
+  std::shared_ptr<XpcConnection> clientEnd;
+  std::shared_ptr<SizesClient> client;
+};
+
+ArrayPtr urls(const std::vector<UrlPtr>& list);
+
+}  // namespace qx::sizestest
