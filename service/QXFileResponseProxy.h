@@ -1,0 +1,16 @@
+#pragma once
+
+#include "platform/xpc/XpcRemoteProxy.h"
+#include "service/QXFileResponse.h"
+
+// The service's side of QXFileResponse: each callback is sent to the client
+// at once; its reply block runs on the connection's delivery queue when the
+// client answers, and is dropped unanswered when the connection ends first.
+// Made by XpcConnection::remoteObjectProxy<QXFileResponse>().
+class QXFileResponseProxy final : public QXFileResponse, qx::XpcRemoteProxy {
+ public:
+  using XpcRemoteProxy::XpcRemoteProxy;
+
+  void progressWithReply(AnswerReply reply) override;
+  void updateFileSizes(qx::ArrayPtr sizes, AnswerReply reply) override;
+};
