@@ -81,8 +81,9 @@ ObjectPtr FileReferenceUrl::initWithCoder(KeyedUnarchiver& coder, std::string_vi
   if (coder.containsValueForKey(kPathKey)) {
     auto string = cast<String>(coder.decodeObjectOfClassForKey(String::classInfo(), kPathKey));
     if (coder.hasFailed()) return nullptr;
-    auto url = string ? Url::URLWithString(string->str()) : nullptr;
-    if (!url || !url->isFileURL() || url->isFileReferenceURL()) {
+    auto url =
+        string && !isReferenceString(string->str()) ? Url::URLWithString(string->str()) : nullptr;
+    if (!url || !url->isFileURL()) {
       coder.failWithError("NSURL file reference whose qx.path is not a file URL");
       return nullptr;
     }
