@@ -76,13 +76,6 @@ AsNobody::~AsNobody() {
   setfsgid(0);
 }
 
-const XpcProtocol& fileResponseProtocol() {
-  static const XpcProtocol protocol = XpcProtocol::describe<FileResponse>(
-      "QXFileResponse", {xpcMethod("progressWithReply:", &FileResponse::progressWithReply),
-                         xpcMethod("updateFileSizes:reply:", &FileResponse::updateFileSizes)});
-  return protocol;
-}
-
 std::vector<Record> recordsOf(const ArrayPtr& batch) {
   std::vector<Record> records;
   if (!batch) return records;
@@ -151,15 +144,15 @@ Link::Link(std::shared_ptr<SizesClient> theClient) : client(std::move(theClient)
   int fds[2];
   check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0, "socketpair");
   worker = XpcConnection::withSocket(UniqueFd(fds[0]));
-  worker->setRemoteObjectInterface(XpcInterface::interfaceWithProtocol(fileResponseProtocol()));
+  worker->setRemoteObjectInterface(XpcInterface::interfaceWithProtocol(QXFileResponse::protocol()));
   worker->resume();
   clientEnd = XpcConnection::withSocket(UniqueFd(fds[1]));
-  auto exported = XpcInterface::interfaceWithProtocol(fileResponseProtocol());
+  auto exported = XpcInterface::interfaceWithProtocol(QXFileResponse::protocol());
   exported->setClasses({&Array::classInfo(), &Dictionary::classInfo(), &String::classInfo(),
                         &IndexPath::classInfo(), &QXFileSizeItem::classInfo()},
                        "updateFileSizes:reply:", 0, false);
   clientEnd->setExportedInterface(exported);
-  clientEnd->setExportedObject<FileResponse>(client);
+  clientEnd->setExportedObject<QXFileResponse>(client);
   clientEnd->resume();
 }
 

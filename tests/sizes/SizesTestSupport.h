@@ -14,6 +14,7 @@
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcProtocol.h"
+#include "service/QXFileResponse.h"
 
 namespace qx::sizestest {
 
@@ -46,16 +47,6 @@ class AsNobody {
   AsNobody& operator=(const AsNobody&) = delete;
 };
 
-// The client's callback protocol, as the client of the sizes tests exports it.
-class FileResponse {
- public:
-  virtual ~FileResponse() = default;
-  virtual void progressWithReply(OnceCallback<void(bool)> reply) = 0;
-  virtual void updateFileSizes(ArrayPtr sizes, OnceCallback<void(bool)> reply) = 0;
-};
-
-const XpcProtocol& fileResponseProtocol();
-
 // One update record as the client reads it.
 struct Record {
   std::vector<uint64_t> indexPath;
@@ -69,7 +60,7 @@ std::string describe(const std::vector<Record>& records);
 // The client end: records every batch it receives (decoded from the wire) and
 // answers each with `answer(n)` for the n-th report, or holds the reply
 // blocks when `answer` is empty.
-class SizesClient final : public FileResponse {
+class SizesClient final : public QXFileResponse {
  public:
   using Answer = std::function<bool(std::size_t report)>;
   explicit SizesClient(Answer answer) : answer_(std::move(answer)) {}
