@@ -29,26 +29,23 @@ constexpr mode_t kPermissionBits = 0777;
 
 namespace W = QXAclWriteMessage;
 
-ErrorPtr stepError(int errnum, const char *format, const char *path) {
+ErrorPtr stepError(int errnum, const char* format, const char* path) {
   return QXAclStep::error(errnum, format, path);
 }
 
-template <class T> void setOut(T *out, T value) {
-  if (out)
-    *out = std::move(value);
+template <class T>
+void setOut(T* out, T value) {
+  if (out) *out = std::move(value);
 }
 
 // The ACL entries at the front of the request, up to its first pseudo-entry.
-qx::MutableArrayPtr collectAclEntries(const qx::ArrayPtr &entries) {
+qx::MutableArrayPtr collectAclEntries(const qx::ArrayPtr& entries) {
   auto collected = qx::MutableArray::make(entries ? entries->count() : 0);
-  if (!entries)
-    return collected;
-  for (const qx::ObjectPtr &object : *entries) {
+  if (!entries) return collected;
+  for (const qx::ObjectPtr& object : *entries) {
     auto entry = qx::cast<QXAclEntry>(object);
-    if (!entry)
-      continue;
-    if (!entry->isAcl())
-      break;
+    if (!entry) continue;
+    if (!entry->isAcl()) break;
     collected->addObject(entry);
   }
   return collected;
@@ -56,19 +53,18 @@ qx::MutableArrayPtr collectAclEntries(const qx::ArrayPtr &entries) {
 
 // Copies of the entries, through an archive so that the request's own records
 // and trees stay as they are, each turned into the entry for a file.
-ErrorPtr makeFileEntries(const qx::ArrayPtr &aclEntries,
-                         qx::MutableArrayPtr *fileEntries) {
+ErrorPtr makeFileEntries(const qx::ArrayPtr& aclEntries, qx::MutableArrayPtr* fileEntries) {
   registerModelClasses();
   *fileEntries = qx::MutableArray::make(aclEntries->count());
-  for (const qx::ObjectPtr &entry : *aclEntries) {
+  for (const qx::ObjectPtr& entry : *aclEntries) {
     qx::DataPtr archive = qx::KeyedArchiver::archivedDataWithRootObject(entry);
     ErrorPtr failure;
-    auto copy = qx::cast<QXAclEntry>(
-        qx::KeyedUnarchiver::unarchiveObjectWithData(*archive, &failure));
+    auto copy =
+        qx::cast<QXAclEntry>(qx::KeyedUnarchiver::unarchiveObjectWithData(*archive, &failure));
     if (!copy) {
-      return failure ? failure
-                     : qx::Error::errorWithDomain(qx::kCocoaErrorDomain,
-                                                  qx::kCoderReadCorruptError);
+      return failure
+                 ? failure
+                 : qx::Error::errorWithDomain(qx::kCocoaErrorDomain, qx::kCoderReadCorruptError);
     }
     copy->convertParentToFileEntry();
     (*fileEntries)->addObject(copy);
@@ -79,7 +75,7 @@ ErrorPtr makeFileEntries(const qx::ArrayPtr &aclEntries,
 // A path that names `name` inside the folder open at `folderFd` whatever has
 // become of the folder's own path: the kernel resolves the descriptor's link
 // in /proc to the folder itself, not to a path that could have been swapped.
-std::string pathThroughFolder(int folderFd, const char *name) {
+std::string pathThroughFolder(int folderFd, const char* name) {
   std::string path = "/proc/self/fd/";
   path += std::to_string(folderFd);
   path += '/';
@@ -89,15 +85,13 @@ std::string pathThroughFolder(int folderFd, const char *name) {
 
 // One walk over the tree below a folder, with the settings it hands down.
 class TreeUpdate {
-public:
+ public:
   TreeUpdate(std::string top, acl_t folderAcl, acl_t fileAcl)
       : top_(std::move(top)), folderAcl_(folderAcl), fileAcl_(fileAcl) {}
 
   ErrorPtr run() {
-    auto walk = qx::TreeWalk::open({top_}, qx::TreeWalk::Physical |
-                                               qx::TreeWalk::NoChdir);
-    if (!walk)
-      return stepError(errno, W::kReadHierarchy, top_.c_str());
+    auto walk = qx::TreeWalk::open({top_}, qx::TreeWalk::Physical | qx::TreeWalk::NoChdir);
+    if (!walk) return stepError(errno, W::kReadHierarchy, top_.c_str());
     ErrorPtr failure = visitAll(*walk);
     if (walk->close() != 0 && !failure) {
       failure = stepError(errno, W::kCloseWalk, top_.c_str());
@@ -105,40 +99,36 @@ public:
     return failure;
   }
 
-private:
-  ErrorPtr visitAll(qx::TreeWalk &walk) {
-    while (const WalkEntry *entry = walk.read()) {
-      if (ErrorPtr failure = visit(*entry))
-        return failure;
+ private:
+  ErrorPtr visitAll(qx::TreeWalk& walk) {
+    while (const WalkEntry* entry = walk.read()) {
+      if (ErrorPtr failure = visit(*entry)) return failure;
     }
     // A walk that ends normally leaves errno at 0.
-    if (errno != 0)
-      return stepError(errno, W::kWalkFailed, top_.c_str());
+    if (errno != 0) return stepError(errno, W::kWalkFailed, top_.c_str());
     return nullptr;
   }
 
-  ErrorPtr visit(const WalkEntry &entry) {
+  ErrorPtr visit(const WalkEntry& entry) {
     switch (entry.info()) {
-    case WalkInfo::D:
-      if (entry.level() == 0)
-        record(*entry.statp());
-      return nullptr;
-    case WalkInfo::DP:
-      return entry.level() == 0 ? nullptr : apply(entry, folderAcl_);
-    case WalkInfo::DNR:
-      return stepError(entry.errnum(), W::kReadFolder, entry.path());
-    case WalkInfo::Err:
-    case WalkInfo::NS:
-      return stepError(entry.errnum(), W::kGetItem, entry.path());
-    default:
-      // Only a folder has descendants: any other top item changes nothing.
-      if (entry.level() == 0)
-        return stepError(ENOTDIR, W::kReadHierarchy, entry.path());
-      return apply(entry, fileAcl_);
+      case WalkInfo::D:
+        if (entry.level() == 0) record(*entry.statp());
+        return nullptr;
+      case WalkInfo::DP:
+        return entry.level() == 0 ? nullptr : apply(entry, folderAcl_);
+      case WalkInfo::DNR:
+        return stepError(entry.errnum(), W::kReadFolder, entry.path());
+      case WalkInfo::Err:
+      case WalkInfo::NS:
+        return stepError(entry.errnum(), W::kGetItem, entry.path());
+      default:
+        // Only a folder has descendants: any other top item changes nothing.
+        if (entry.level() == 0) return stepError(ENOTDIR, W::kReadHierarchy, entry.path());
+        return apply(entry, fileAcl_);
     }
   }
 
-  void record(const struct stat &st) {
+  void record(const struct stat& st) {
     mode_ = st.st_mode & kPermissionBits;
     owner_ = st.st_uid;
     group_ = st.st_gid;
@@ -147,27 +137,25 @@ private:
   // Mode, owner, group, then ACL, each only when it differs, all through the
   // item's folder. A symbolic link keeps its mode and ACL: Linux neither
   // stores nor consults them.
-  ErrorPtr apply(const WalkEntry &entry, acl_t acl) const {
-    const struct stat &st = *entry.statp();
+  ErrorPtr apply(const WalkEntry& entry, acl_t acl) const {
+    const struct stat& st = *entry.statp();
     const bool link = S_ISLNK(st.st_mode);
     const int folder = entry.parentFd();
-    const char *name = entry.accessName();
+    const char* name = entry.accessName();
     if (!link && mode_ != (st.st_mode & kPermissionBits) &&
         fchmodat(folder, name, mode_, AT_SYMLINK_NOFOLLOW) != 0) {
       return stepError(errno, W::kSetMode, entry.path());
     }
     if (owner_ != st.st_uid &&
-        fchownat(folder, name, owner_, static_cast<gid_t>(-1),
-                 AT_SYMLINK_NOFOLLOW) != 0) {
+        fchownat(folder, name, owner_, static_cast<gid_t>(-1), AT_SYMLINK_NOFOLLOW) != 0) {
       return stepError(errno, W::kSetOwner, entry.path());
     }
-    if (group_ != st.st_gid && fchownat(folder, name, static_cast<uid_t>(-1),
-                                        group_, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (group_ != st.st_gid &&
+        fchownat(folder, name, static_cast<uid_t>(-1), group_, AT_SYMLINK_NOFOLLOW) != 0) {
       return stepError(errno, W::kSetGroup, entry.path());
     }
-    if (!link &&
-        qx::xacl::acl_set_link_np(pathThroughFolder(folder, name).c_str(),
-                                  qx::xacl::ACL_TYPE_EXTENDED, acl) != 0) {
+    if (!link && qx::xacl::acl_set_link_np(pathThroughFolder(folder, name).c_str(),
+                                           qx::xacl::ACL_TYPE_EXTENDED, acl) != 0) {
       return stepError(errno, W::kSetAcl, entry.path());
     }
     return nullptr;
@@ -182,22 +170,20 @@ private:
 };
 
 // Gives an ACL back; only the first error of the operation is kept.
-void releaseAcl(qx::xacl::AclHandle &acl, const char *path, ErrorPtr &failure) {
+void releaseAcl(qx::xacl::AclHandle& acl, const char* path, ErrorPtr& failure) {
   if (qx::xacl::acl_free(acl.release()) != 0 && !failure) {
     failure = stepError(errno, QXAclMessage::kReleaseStorage, path);
   }
 }
 
-ErrorPtr propagate(const qx::ArrayPtr &entries, const std::string &top) {
+ErrorPtr propagate(const qx::ArrayPtr& entries, const std::string& top) {
   qx::MutableArrayPtr aclEntries = collectAclEntries(entries);
   qx::MutableArrayPtr fileEntries;
-  if (ErrorPtr failure = makeFileEntries(aclEntries, &fileEntries))
-    return failure;
+  if (ErrorPtr failure = makeFileEntries(aclEntries, &fileEntries)) return failure;
 
   ErrorPtr failure;
   acl_t acl = nullptr;
-  if (!QXAclWriter::getAcl(&acl, aclEntries, top.c_str(), &failure))
-    return failure;
+  if (!QXAclWriter::getAcl(&acl, aclEntries, top.c_str(), &failure)) return failure;
   qx::xacl::AclHandle folderAcl(acl);
   if (!QXAclWriter::getAcl(&acl, fileEntries, top.c_str(), &failure)) {
     releaseAcl(folderAcl, top.c_str(), failure);
@@ -211,14 +197,12 @@ ErrorPtr propagate(const qx::ArrayPtr &entries, const std::string &top) {
   return failure;
 }
 
-} // namespace
+}  // namespace
 
-bool QXAclPropagation::run(const qx::ArrayPtr &entries, const qx::UrlPtr &url,
-                           ErrorPtr *error) {
+bool QXAclPropagation::run(const qx::ArrayPtr& entries, const qx::UrlPtr& url, ErrorPtr* error) {
   const std::string top = url ? url->fileSystemRepresentation() : std::string();
   ErrorPtr failure = propagate(entries, top);
-  if (failure)
-    failure = QXOperation::errorWithError(failure, W::kPropagateTitle);
+  if (failure) failure = QXOperation::errorWithError(failure, W::kPropagateTitle);
   setOut(error, failure);
   return !failure;
 }

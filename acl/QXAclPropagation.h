@@ -10,9 +10,8 @@
 // so a folder swapped for a symbolic link while the walk runs can never lead a
 // change outside the tree.
 class QXAclPropagation {
-public:
+ public:
   QXAclPropagation() = delete;
 
-  static bool run(const qx::ArrayPtr &entries, const qx::UrlPtr &url,
-                  qx::ErrorPtr *error);
+  static bool run(const qx::ArrayPtr& entries, const qx::UrlPtr& url, qx::ErrorPtr* error);
 };

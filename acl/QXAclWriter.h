@@ -11,22 +11,21 @@
 // last (may be null) and writes it on every path: nil on success, the error on
 // failure. Nothing is kept between calls.
 class QXAclWriter {
-public:
+ public:
   QXAclWriter() = delete;
 
   // A new extended ACL made from `entries` (QXAclEntry records, ACL entries
   // only), in their order, for the item at `path` (used in messages only). The
   // ACL goes to `acl`, and the caller releases it with acl_free. On failure the
   // partly built ACL is released and the step's error is returned unwrapped.
-  static bool getAcl(qx::xacl::acl_t *acl, const qx::ArrayPtr &entries,
-                     const char *path, qx::ErrorPtr *error);
+  static bool getAcl(qx::xacl::acl_t* acl, const qx::ArrayPtr& entries, const char* path,
+                     qx::ErrorPtr* error);
 
   // Writes the mode bits, owner, group and extended ACL of one item from an
   // entries array as listed ("ACL", ACL entries, "POSIX", owner, group and
   // everyone pseudo-entries), in that order, skipping the values that already
   // match. The item itself is changed, never a symbolic link's target.
-  static bool setEntries(const qx::ArrayPtr &entries, const qx::UrlPtr &url,
-                         qx::ErrorPtr *error);
+  static bool setEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url, qx::ErrorPtr* error);
 
   // Gives every item below the folder at `url` the folder's own mode bits,
   // owner and group as they are on disk, and an extended ACL made from the ACL
@@ -35,6 +34,6 @@ public:
   // alone, and so are the mode and ACL of symbolic links. A top item that is
   // not a folder changes nothing and fails with ENOTDIR. The first failure
   // ends the walk; nothing is rolled back.
-  static bool propagateEntries(const qx::ArrayPtr &entries,
-                               const qx::UrlPtr &url, qx::ErrorPtr *error);
+  static bool propagateEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url,
+                               qx::ErrorPtr* error);
 };
