@@ -1,0 +1,142 @@
+#include "rename/QXFileRename.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+
+#include <cerrno>
+#include <string>
+#include <string_view>
+
+#include "model/QXOperation.h"
+#include "platform/foundation/MutableArray.h"
+#include "platform/foundation/String.h"
+#include "platform/foundation/Url.h"
+#include "platform/xpc/XpcValue.h"
+
+using qx::ArrayPtr;
+using qx::DictionaryPtr;
+using qx::ErrorPtr;
+using qx::StringPtr;
+using qx::UrlPtr;
+using qx::XpcConnection;
+
+namespace {
+
+constexpr std::string_view kRenameTitle = "Error renaming files";
+// The client is asked after the 31st rename, and again every 31 renames.
+constexpr int kRenamesBeforeQuestion = 30;
+
+// What one item came to: the errno of the failing step, or its new URL and the
+// name it had before.
+struct ItemResult {
+  int errnum = 0;
+  UrlPtr newUrl;
+  StringPtr previousName;
+
+  static ItemResult failed(int errnum) {
+    ItemResult result;
+    result.errnum = errnum;
+    return result;
+  }
+};
+
+bool hasNul(std::string_view text) {
+  return text.find('\0') != std::string_view::npos;
+}
+
+// "/" would name another folder and line breaks make names that cannot be shown
+// or typed; every other byte is kept. (The replacements add nothing a later
+// rule would replace, so one pass does what three would.)
+std::string cleanedName(std::string name) {
+  for (char& c : name) {
+    if (c == '/') {
+      c = ':';
+    } else if (c == '\n' || c == '\r') {
+      c = ' ';
+    }
+  }
+  return name;
+}
+
+// Refuses to replace an existing item where the file system can refuse; where
+// it cannot (renameat2 answers EINVAL or ENOSYS), a plain rename, which
+// replaces. 0, or the errno of the call that failed.
+int renameWithoutReplacing(const char* from, const char* to) {
+  if (::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS) return errno;
+  return ::rename(from, to) == 0 ? 0 : errno;
+}
+
+ItemResult renameItem(const UrlPtr& url, const StringPtr& name) {
+  // No name (names shorter than urls, or not a string) is refused, and so is a
+  // path or name that a system call would cut short at a NUL byte.
+  if (!url || !name || hasNul(name->str())) return ItemResult::failed(EINVAL);
+  const std::string oldPath = url->fileSystemRepresentation();
+  if (hasNul(oldPath)) return ItemResult::failed(EINVAL);
+
+  errno = 0;
+  StringPtr previousName = url->name();
+  UrlPtr folder = url->parentDirectory();
+  // Gone, unreadable, the root, or not a file URL.
+  if (!previousName || !folder) return ItemResult::failed(errno != 0 ? errno : EINVAL);
+
+  UrlPtr newUrl = folder->URLByAppendingPathComponent(cleanedName(name->str()));
+  const std::string newPath = newUrl->fileSystemRepresentation();
+  if (int failed = renameWithoutReplacing(oldPath.c_str(), newPath.c_str()))
+    return ItemResult::failed(failed);
+  return {0, std::move(newUrl), std::move(previousName)};
+}
+
+ErrorPtr renameError(int errnum, const UrlPtr& url) {
+  const std::string path = url ? url->fileSystemRepresentation() : std::string();
+  const char* bytes = path.c_str();
+  ErrorPtr step = QXOperation::errorWithErrno(
+      errnum, "Couldn't rename file at path \"" + std::string(bytes) + "\".", bytes);
+  return QXOperation::errorWithError(step, std::string(kRenameTitle));
+}
+
+// Asks the client whether to stop and waits for the answer; YES stops. A
+// question that gets no answer (no connection, or one invalidated before the
+// client replied) stops as well: nobody is left to say go on.
+bool clientAsksToStop(const std::shared_ptr<XpcConnection>& connection) {
+  if (!connection) return true;
+  auto reply = connection->sendInvocationAndWait("progressWithReply:", {});
+  bool stop = true;
+  if (!reply || reply->size() != 1 || !qx::XpcValue<bool>::fromObject(reply->front(), stop)) {
+    return true;
+  }
+  return stop;
+}
+
+}  // namespace
+
+DictionaryPtr QXFileRename::renameUrls(const ArrayPtr& urls, const ArrayPtr& names,
+                                       const std::shared_ptr<XpcConnection>& connection,
+                                       ErrorPtr* error) {
+  const std::size_t count = urls ? urls->count() : 0;
+  auto renamedUrls = qx::MutableArray::make(count);
+  auto previousNames = qx::MutableArray::make(count);
+  ErrorPtr failure;
+  int renamesSinceQuestion = 0;
+
+  for (std::size_t i = 0; i < count; ++i) {
+    UrlPtr url = urls->objectAs<qx::Url>(i);
+    ItemResult item = renameItem(url, names ? names->objectAs<qx::String>(i) : nullptr);
+    if (item.errnum != 0) {
+      failure = renameError(item.errnum, url);
+      break;
+    }
+    renamedUrls->addObject(std::move(item.newUrl));
+    previousNames->addObject(std::move(item.previousName));
+
+    if (renamesSinceQuestion < kRenamesBeforeQuestion) {
+      ++renamesSinceQuestion;
+      continue;
+    }
+    renamesSinceQuestion = 0;
+    if (clientAsksToStop(connection)) break;
+  }
+
+  if (error) *error = failure;
+  return qx::Dictionary::withStringKeys({{"urls", renamedUrls}, {"names", previousNames}});
+}
