@@ -9,7 +9,6 @@
 #include "model/QXOperation.h"
 #include "platform/foundation/FileReferenceUrl.h"
 #include "platform/foundation/Number.h"
-#include "platform/foundation/String.h"
 
 namespace {
 
@@ -23,7 +22,8 @@ std::string quoted(const char* format, const std::string& path) {
   return text;
 }
 
-// stringByAppendingPathComponent: for the folder paths a URL answers.
+// stringByAppendingPathComponent: for the folder paths a URL answers ("" gives
+// the folder's path with its separating slash).
 std::string appendingComponent(const std::string& folder, const char* name) {
   if (folder.empty()) return name;
   return folder.back() == '/' ? folder + name : folder + "/" + name;
@@ -87,37 +87,39 @@ bool QXFolderListing::isFolder() const {
 
 // Reads every entry but "." and "..", makes its file reference through the
 // folder's descriptor, and leaves them sorted by path. Entries of one folder
-// share its path as prefix, so their names give the same order.
+// share its path as prefix, so their names give the same order. Names are
+// bytes and always make a string here, so the "name cannot be made into a
+// string" failure of other platforms cannot occur.
 void QXFolderListing::readEntries(DIR* dir, const std::string& path, qx::MutableArray& contents) {
   struct Entry {
     std::size_t nameOffset;
     qx::UrlPtr url;
-    const std::string* kept;
   };
   std::vector<Entry> entries;
+  std::string names;  // every name, NUL-terminated, side by side for the sort
+  std::string prefix = appendingComponent(path, "");
   int fd = dirfd(dir);
   while (dirent* entry = readdir(dir)) {
-    auto name = qx::String::withFileSystemRepresentation(entry->d_name, std::strlen(entry->d_name));
-    if (!name) {
-      record(QXOperation::errorWithErrno(
-          ENOENT, quoted("Couldn't list containing file for folder at path \"%@\".", path),
-          path.c_str()));
-      break;
-    }
-    if (name->str() == "." || name->str() == "..") continue;
-    std::string itemPath = appendingComponent(path, name->UTF8String());
-    std::size_t nameOffset = itemPath.size() - name->length();
-    auto reference = qx::FileReferenceUrl::withName(fd, name->UTF8String(), itemPath);
+    const char* name = entry->d_name;
+    if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+    std::size_t length = std::strlen(name);
+    std::string itemPath;
+    itemPath.reserve(prefix.size() + length);
+    itemPath.append(prefix).append(name, length);
+    auto reference = qx::FileReferenceUrl::withName(fd, name, std::move(itemPath));
     if (!reference) {
+      std::string failed = prefix + name;
       record(QXOperation::errorWithErrno(
-          ENOENT, quoted("Couldn't retrieve containing file at path \"%@\".", itemPath),
-          itemPath.c_str()));
+          ENOENT, quoted("Couldn't retrieve containing file at path \"%@\".", failed),
+          failed.c_str()));
       break;
     }
-    entries.push_back({nameOffset, reference, &reference->keptPath()});
+    entries.push_back({names.size(), std::move(reference)});
+    names.append(name, length + 1);
   }
-  std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
-    return std::strcmp(a.kept->c_str() + a.nameOffset, b.kept->c_str() + b.nameOffset) < 0;
+  const char* base = names.data();
+  std::sort(entries.begin(), entries.end(), [base](const Entry& a, const Entry& b) {
+    return std::strcmp(base + a.nameOffset, base + b.nameOffset) < 0;
   });
   contents.mutableObjects().reserve(entries.size());
   for (Entry& entry : entries) contents.addObject(std::move(entry.url));

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 
 #include "platform/archive/KeyedArchiver.h"
@@ -21,9 +22,12 @@ constexpr std::string_view kReferencePrefix = "file:///.file/id=";
 constexpr std::string_view kPathKey = "qx.path";
 
 std::string referenceString(std::uint64_t device, std::uint64_t inode) {
-  return std::string(kReferencePrefix) + std::to_string(device) + "." + std::to_string(inode);
+  char buffer[64];
+  int length = std::snprintf(buffer, sizeof buffer, "file:///.file/id=%llu.%llu",
+                             static_cast<unsigned long long>(device),
+                             static_cast<unsigned long long>(inode));
+  return std::string(buffer, static_cast<std::size_t>(length));
 }
-
 bool parseNumber(std::string_view text, std::uint64_t& value) {
   if (text.empty()) return false;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -42,7 +46,7 @@ struct LinuxDirent64 {
 }  // namespace
 
 FileReferenceUrl::FileReferenceUrl(std::uint64_t device, std::uint64_t inode, std::string keptPath)
-    : Url(referenceString(device, inode)),
+    : Url(FileUrlString{referenceString(device, inode)}),
       device_(device),
       inode_(inode),
       keptPath_(std::move(keptPath)) {}

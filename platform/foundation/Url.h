@@ -69,6 +69,14 @@ class Url : public Object {
   static std::string percentEncodePath(std::string_view path);
   static std::optional<std::string> percentDecode(std::string_view text);
 
+ protected:
+  // A file URL whose string a subclass has made itself (a file reference):
+  // nothing is parsed, and path() is the subclass's.
+  struct FileUrlString {
+    std::string absoluteString;
+  };
+  explicit Url(FileUrlString string) : string_(std::move(string.absoluteString)), isFile_(true) {}
+
  private:
   std::string string_;
   std::string path_;
