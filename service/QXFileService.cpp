@@ -10,12 +10,13 @@
 #include "platform/dispatch/ConcurrentQueue.h"
 #include "platform/foundation/String.h"
 #include "platform/xpc/XpcInterface.h"
+#include "sizes/QXFileSizes.h"
 
 namespace {
 
 // The answer of a request whose worker is not part of the service yet.
-// TODO(service): wire renameUrls to QXFileRename, getSizesWithUrls and
-// getContentsOfDirectory to QXFileSizes once those workers are in the build.
+// TODO(service): wire renameUrls to QXFileRename once that worker is in the
+// build.
 qx::ErrorPtr notAvailableError(const std::string& selector) {
   return QXOperation::errorWithErrno(ENOSYS, "\"" + selector + "\" is not available yet.", nullptr);
 }
@@ -87,8 +88,9 @@ void QXFileService::renameUrls(qx::ArrayPtr urls, qx::ArrayPtr names, RenameRepl
 void QXFileService::getSizesWithUrls(qx::ArrayPtr urls, ArrayReply reply) {
   queue().async(
       [self = shared_from_this(), urls = std::move(urls), reply = std::move(reply)]() mutable {
-        // Not connected yet: QXFileSizes is not part of the service.
-        reply(nullptr, notAvailableError("getSizesWithUrls:reply:"));
+        qx::ErrorPtr error;
+        qx::ArrayPtr sizes = QXFileSizes::getSizesWithUrls(urls, self->connection(), &error);
+        reply(sizes, error);
       });
 }
 
@@ -97,7 +99,8 @@ void QXFileService::getContentsOfDirectory(qx::UrlPtr url, qx::IndexPathPtr inde
   qx::globalQueue(qx::Qos::Default)
       .async([self = shared_from_this(), url = std::move(url), indexPath = std::move(indexPath),
               reply = std::move(reply)]() mutable {
-        // Not connected yet: QXFileSizes is not part of the service.
-        reply(nullptr, notAvailableError("getContentsOfDirectory:indexPath:reply:"));
+        qx::ErrorPtr error;
+        qx::ArrayPtr levels = QXFileSizes::getContentsOfDirectory(url, indexPath, &error);
+        reply(levels, error);
       });
 }

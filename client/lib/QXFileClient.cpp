@@ -1,0 +1,221 @@
+#include "qxfile/QXFileClient.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+
+#include "client/lib/QXFileClientResponder.h"
+#include "client/lib/QXReplyOnce.h"
+#include "model/ModelClasses.h"
+#include "model/QXAclEntry.h"
+#include "model/QXAclPermission.h"
+#include "model/QXFileSizeItem.h"
+#include "model/QXTreeNode.h"
+#include "platform/foundation/Foundation.h"
+#include "platform/xpc/XpcConnection.h"
+#include "platform/xpc/XpcInterface.h"
+#include "service/QXFileRequest.h"
+#include "service/QXFileResponse.h"
+
+struct QXFileClient::State {
+  mutable std::mutex mutex;
+  std::shared_ptr<qx::XpcConnection> connection;
+  std::function<void()> invalidationHandler;
+  std::shared_ptr<QXFileClientResponder> responder = std::make_shared<QXFileClientResponder>();
+
+  std::shared_ptr<qx::XpcConnection> current() const {
+    std::lock_guard lock(mutex);
+    return connection;
+  }
+};
+
+namespace {
+
+// What the client accepts in the service's answers and size reports: the
+// property-list classes, the URLs of renames and listings, and the records.
+qx::ClassSet answerClasses() {
+  return {&qx::Array::classInfo(),     &qx::Dictionary::classInfo(), &qx::String::classInfo(),
+          &qx::Number::classInfo(),    &qx::Data::classInfo(),       &qx::Url::classInfo(),
+          &qx::IndexPath::classInfo(), &QXAclEntry::classInfo(),     &QXAclPermission::classInfo(),
+          &QXTreeNode::classInfo(),    &QXFileSizeItem::classInfo()};
+}
+
+std::shared_ptr<qx::XpcInterface> requestInterface() {
+  auto interface = qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol());
+  const qx::ClassSet answers = answerClasses();
+  interface->setClasses(answers, "getAclEntriesWithUrl:reply:", 0, true);
+  interface->setClasses(answers, "getAclAccessWithUrl:uuid:reply:", 0, true);
+  interface->setClasses(answers, "renameUrls:names:reply:", 0, true);
+  interface->setClasses(answers, "renameUrls:names:reply:", 1, true);
+  interface->setClasses(answers, "getSizesWithUrls:reply:", 0, true);
+  interface->setClasses(answers, "getContentsOfDirectory:indexPath:reply:", 0, true);
+  return interface;
+}
+
+std::shared_ptr<qx::XpcInterface> responseInterface() {
+  auto interface = qx::XpcInterface::interfaceWithProtocol(QXFileResponse::protocol());
+  interface->setClasses(answerClasses(), "updateFileSizes:reply:", 0, false);
+  return interface;
+}
+
+qx::ErrorPtr notConnectedError() {
+  return qx::Error::errorWithDomain(
+      qx::kCocoaErrorDomain, qx::kXpcConnectionInvalidError,
+      qx::Dictionary::withStringKeys(
+          {{qx::kLocalizedDescriptionKey, qx::str("Not connected to the qxfile service.")}}));
+}
+
+// True when this library is the one in the build tree it was built in.
+bool runsFromBuildTree() {
+  Dl_info info{};
+  if (::dladdr(reinterpret_cast<void*>(&runsFromBuildTree), &info) == 0 || !info.dli_fname)
+    return false;
+  std::error_code ignored;
+  auto here = std::filesystem::canonical(info.dli_fname, ignored).parent_path();
+  auto built = std::filesystem::canonical(QXFILE_BUILD_LIBRARY_DIR, ignored);
+  return !here.empty() && here == built;
+}
+
+}  // namespace
+
+QXFileClient::QXFileClient() : state_(std::make_shared<State>()) {
+  registerModelClasses();
+}
+
+QXFileClient::~QXFileClient() {
+  invalidate();
+}
+
+void QXFileClient::setProgressHandler(ProgressHandler handler) {
+  state_->responder->setProgressHandler(std::move(handler));
+}
+
+void QXFileClient::setSizeUpdateHandler(SizeUpdateHandler handler) {
+  state_->responder->setSizeUpdateHandler(std::move(handler));
+}
+
+void QXFileClient::setInvalidationHandler(std::function<void()> handler) {
+  std::lock_guard lock(state_->mutex);
+  state_->invalidationHandler = std::move(handler);
+}
+
+std::string QXFileClient::servicePath() {
+  if (const char* path = std::getenv("QXFILE_SERVICE_PATH"); path && *path) return path;
+  if (runsFromBuildTree() && ::access(QXFILE_BUILD_SERVICE_PATH, X_OK) == 0)
+    return QXFILE_BUILD_SERVICE_PATH;
+  return QXFILE_INSTALLED_SERVICE_PATH;
+}
+
+bool QXFileClient::connect(qx::ErrorPtr* error) {
+  std::lock_guard lock(state_->mutex);
+  if (state_->connection && state_->connection->isValid()) {
+    if (error) *error = nullptr;
+    return true;
+  }
+  auto connection = qx::XpcConnection::connectToService(servicePath(), error);
+  if (!connection) return false;
+  connection->setRemoteObjectInterface(requestInterface());
+  connection->setExportedInterface(responseInterface());
+  connection->setExportedObject<QXFileResponse>(state_->responder);
+  connection->setInvalidationHandler([weak = std::weak_ptr<State>(state_)] {
+    auto state = weak.lock();
+    if (!state) return;
+    std::function<void()> handler;
+    {
+      std::lock_guard lock(state->mutex);
+      handler = state->invalidationHandler;
+    }
+    if (handler) handler();
+  });
+  connection->resume();
+  state_->connection = std::move(connection);
+  if (error) *error = nullptr;
+  return true;
+}
+
+bool QXFileClient::isConnected() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->connection && state_->connection->isValid();
+}
+
+void QXFileClient::invalidate() {
+  std::shared_ptr<qx::XpcConnection> connection;
+  {
+    std::lock_guard lock(state_->mutex);
+    connection = state_->connection;
+  }
+  if (connection) connection->invalidate();
+}
+
+bool QXFileClient::isReplyThread() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->connection && state_->connection->isDeliveryQueueCurrent();
+}
+
+namespace {
+
+// Sends one request through a fresh proxy whose error handler answers the
+// request's reply when the invocation is refused or the connection ends.
+template <class... Values, class Send>
+void sendRequest(const std::shared_ptr<qx::XpcConnection>& connection,
+                 typename QXReplyOnce<Values...>::Reply reply, Send send) {
+  auto once = std::make_shared<QXReplyOnce<Values...>>(std::move(reply));
+  if (!connection) {
+    once->fail(notConnectedError());
+    return;
+  }
+  auto proxy = connection->remoteObjectProxyWithErrorHandler<QXFileRequest>(
+      [once](qx::ErrorPtr error) { once->fail(std::move(error)); });
+  send(*proxy, [once](Values... values, qx::ErrorPtr error) {
+    once->answer(std::move(values)..., std::move(error));
+  });
+}
+
+}  // namespace
+
+void QXFileClient::getAclEntriesWithUrl(qx::UrlPtr url, ArrayReply reply) {
+  sendRequest<qx::ArrayPtr>(state_->current(), std::move(reply), [&](auto& service, auto answer) {
+    service.getAclEntriesWithUrl(std::move(url), std::move(answer));
+  });
+}
+
+void QXFileClient::getAclAccessWithUrl(qx::UrlPtr url, qx::UuidPtr uuid, ArrayReply reply) {
+  sendRequest<qx::ArrayPtr>(state_->current(), std::move(reply), [&](auto& service, auto answer) {
+    service.getAclAccessWithUrl(std::move(url), std::move(uuid), std::move(answer));
+  });
+}
+
+void QXFileClient::setAclEntries(qx::ArrayPtr entries, qx::UrlPtr url, ErrorReply reply) {
+  sendRequest<>(state_->current(), std::move(reply), [&](auto& service, auto answer) {
+    service.setAclEntries(std::move(entries), std::move(url), std::move(answer));
+  });
+}
+
+void QXFileClient::propagateAclEntries(qx::ArrayPtr entries, qx::UrlPtr url, ErrorReply reply) {
+  sendRequest<>(state_->current(), std::move(reply), [&](auto& service, auto answer) {
+    service.propagateAclEntries(std::move(entries), std::move(url), std::move(answer));
+  });
+}
+
+void QXFileClient::renameUrls(qx::ArrayPtr urls, qx::ArrayPtr names, RenameReply reply) {
+  sendRequest<qx::ArrayPtr, qx::ArrayPtr>(
+      state_->current(), std::move(reply), [&](auto& service, auto answer) {
+        service.renameUrls(std::move(urls), std::move(names), std::move(answer));
+      });
+}
+
+void QXFileClient::getSizesWithUrls(qx::ArrayPtr urls, ArrayReply reply) {
+  sendRequest<qx::ArrayPtr>(state_->current(), std::move(reply), [&](auto& service, auto answer) {
+    service.getSizesWithUrls(std::move(urls), std::move(answer));
+  });
+}
+
+void QXFileClient::getContentsOfDirectory(qx::UrlPtr url, qx::IndexPathPtr indexPath,
+                                          ArrayReply reply) {
+  sendRequest<qx::ArrayPtr>(state_->current(), std::move(reply), [&](auto& service, auto answer) {
+    service.getContentsOfDirectory(std::move(url), std::move(indexPath), std::move(answer));
+  });
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+
+#include "platform/dispatch/SerialQueue.h"
+#include "qxfile/QXFileClient.h"
+#include "service/QXFileResponse.h"
+
+// The client's exported object: answers the service's callbacks with the
+// application's handlers. Each callback is handed to a serial queue of its
+// own, so a handler that takes its time holds up neither the connection's
+// replies nor the application's other requests.
+class QXFileClientResponder final : public QXFileResponse,
+                                    public std::enable_shared_from_this<QXFileClientResponder> {
+ public:
+  QXFileClientResponder() = default;
+
+  void setProgressHandler(QXFileClient::ProgressHandler handler);
+  void setSizeUpdateHandler(QXFileClient::SizeUpdateHandler handler);
+
+  // Without a handler, the answer is "go on" (false here: true would stop).
+  void progressWithReply(AnswerReply reply) override;
+  // Without a handler, the answer is "go on" (true).
+  void updateFileSizes(qx::ArrayPtr sizes, AnswerReply reply) override;
+
+ private:
+  bool askProgress();
+  bool deliverSizes(const qx::ArrayPtr& sizes);
+
+  std::mutex mutex_;
+  QXFileClient::ProgressHandler progress_;
+  QXFileClient::SizeUpdateHandler sizeUpdates_;
+  // Last, so that it finishes its tasks while the handlers still exist.
+  qx::SerialQueue queue_{"org.qxfile.Client.Callbacks"};
+};
