@@ -77,27 +77,32 @@ XpcConnection::XpcConnection(UniqueFd socket)
       deliveryQueue_("qx.xpc.delivery") {}
 
 XpcConnection::~XpcConnection() {
-  // Only a connection that was never resumed (or whose invalidation has run)
-  // gets here: a resumed one is held by its reader until invalidated.
+  // A resumed connection is held by its reader until it is invalidated, so
+  // only a connection never resumed gets here still valid.
   std::map<uint64_t, Pending> dropped;
   std::function<void()> handler;
   std::function<void()> observer;
+  bool wasValid;
   {
     std::lock_guard lock(mutex_);
-    if (invalidated_) return;
-    invalidated_ = true;
+    wasValid = !std::exchange(invalidated_, true);
     dropped.swap(pending_);
     handler = std::move(invalidationHandler_);
     observer = std::move(closedObserver_);
     exportedObject_.reset();
   }
-  if (socket_) ::shutdown(socket_.get(), SHUT_RDWR);
-  for (auto& entry : dropped) {
-    if (entry.second.onError)
-      entry.second.onError(
-          connectionError(kXpcConnectionInvalidError, "The connection was invalidated."));
+  if (wasValid) {
+    if (socket_) ::shutdown(socket_.get(), SHUT_RDWR);
+    for (auto& entry : dropped) {
+      entry.second.reply = nullptr;
+      if (entry.second.onError)
+        entry.second.onError(
+            connectionError(kXpcConnectionInvalidError, "The connection was invalidated."));
+    }
+    if (handler) handler();
   }
-  if (handler) handler();
+  // Last: nothing holds the connection any more, not even a request still
+  // running with the exported object.
   if (observer) observer();
 }
 
@@ -179,16 +184,13 @@ void XpcConnection::invalidate() {
     }
     std::shared_ptr<void> exported;
     std::function<void()> handler;
-    std::function<void()> observer;
     {
       std::lock_guard lock(self->mutex_);
       exported = std::move(self->exportedObject_);
       handler = std::move(self->invalidationHandler_);
-      observer = std::move(self->closedObserver_);
     }
     exported.reset();  // after every delivery queued before this task
     if (handler) handler();
-    if (observer) observer();
   });
 }
 

@@ -124,7 +124,8 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   class IncomingSets;
 
   void setExportedObjectPointer(std::shared_ptr<void> object);
-  // Runs once after invalidation, on the delivery queue (for the listener).
+  // Runs once, when the connection object is destroyed (for the listener:
+  // by then no request holds it).
   void setClosedObserver(std::function<void()> observer);
 
   static void readLoop(std::shared_ptr<XpcConnection> self);

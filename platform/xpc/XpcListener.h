@@ -36,14 +36,15 @@ class XpcListener {
   void setIdleExitDelay(std::optional<std::chrono::milliseconds> delay);
 
   // Accepts connections on the calling thread. Returns when the listener is
-  // invalidated or, with an idle delay, when no connection has been open for
+  // invalidated or, with an idle delay, when no connection has existed for
   // that long (the listening socket is then closed while the start-on-demand
   // lock is held, so that a client starting the service at that moment starts
   // a new one rather than meeting a service on its way out).
   void resume();
   // Makes resume() return; callable from any thread.
   void invalidate();
-  // Connections accepted and not yet invalidated.
+  // Connections accepted and not yet gone: invalidated, and released by every
+  // request that held them.
   std::size_t connectionCount() const;
 
  private:
