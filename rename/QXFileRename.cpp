@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -11,7 +12,8 @@
 #include "platform/foundation/MutableArray.h"
 #include "platform/foundation/String.h"
 #include "platform/foundation/Url.h"
-#include "platform/xpc/XpcValue.h"
+#include "platform/xpc/XpcReplyWaiter.h"
+#include "service/QXFileResponse.h"
 
 using qx::ArrayPtr;
 using qx::DictionaryPtr;
@@ -99,13 +101,11 @@ ErrorPtr renameError(int errnum, const UrlPtr& url) {
 // question that gets no answer (no connection, or one invalidated before the
 // client replied) stops as well: nobody is left to say go on.
 bool clientAsksToStop(const std::shared_ptr<XpcConnection>& connection) {
-  if (!connection) return true;
-  auto reply = connection->sendInvocationAndWait("progressWithReply:", {});
-  bool stop = true;
-  if (!reply || reply->size() != 1 || !qx::XpcValue<bool>::fromObject(reply->front(), stop)) {
-    return true;
-  }
-  return stop;
+  auto client = connection ? connection->remoteObjectProxy<QXFileResponse>() : nullptr;
+  if (!client) return true;
+  std::optional<bool> stop = qx::XpcReplyWaiter<bool>::wait(
+      [&](QXFileResponse::AnswerReply reply) { client->progressWithReply(std::move(reply)); });
+  return stop.value_or(true);
 }
 
 }  // namespace

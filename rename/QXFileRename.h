@@ -14,9 +14,10 @@ class QXFileRename {
   QXFileRename() = delete;
 
   // Renames urls[i] to names[i] (surplus names are ignored), stopping at the
-  // first failure or when the client, asked through `connection` after every
-  // 31 renames, answers YES to progressWithReply:. A question that gets no
-  // answer (the connection is gone or invalidated while waiting) stops too.
+  // first failure or when the client answers YES to progressWithReply:, which
+  // is sent after every 31 renames through `connection`'s remote object proxy
+  // (its remote interface is QXFileResponse's). A question that gets no answer
+  // (no connection, or one invalidated while waiting) stops too.
   // Renames already done stay done.
   //
   // Always returns {"urls": new URLs of the renamed items, "names": the names

@@ -30,13 +30,6 @@ extern "C" int __wrap_renameat2(int oldDir, const char* oldPath, int newDir, con
 
 namespace qx::renametest {
 
-const XpcProtocol& progressProtocol() {
-  static const XpcProtocol protocol = XpcProtocol::describe<ProgressResponse>(
-      "RenameTestResponse",
-      {xpcMethod("progressWithReply:", &ProgressResponse::progressWithReply)});
-  return protocol;
-}
-
 Behaviour answering(std::vector<bool> answers) {
   return [answers = std::move(answers)](int number, OnceCallback<void(bool)> reply) {
     std::size_t index = static_cast<std::size_t>(number - 1);
@@ -55,6 +48,9 @@ void RenameTest::SetUp() {
 }
 
 void RenameTest::TearDown() {
+  if (responder) {
+    EXPECT_EQ(responder->unexpectedCalls(), 0);
+  }
   renameat2FailsWith = 0;
   if (client) client->invalidate();
   if (worker) worker->invalidate();
@@ -68,12 +64,12 @@ void RenameTest::connect(Behaviour behaviour) {
   int fds[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
   worker = XpcConnection::withSocket(UniqueFd(fds[0]));
-  worker->setRemoteObjectInterface(XpcInterface::interfaceWithProtocol(progressProtocol()));
+  worker->setRemoteObjectInterface(XpcInterface::interfaceWithProtocol(QXFileResponse::protocol()));
   worker->resume();
   client = XpcConnection::withSocket(UniqueFd(fds[1]));
-  client->setExportedInterface(XpcInterface::interfaceWithProtocol(progressProtocol()));
+  client->setExportedInterface(XpcInterface::interfaceWithProtocol(QXFileResponse::protocol()));
   responder = std::make_shared<ProgressClient>(std::move(behaviour));
-  client->setExportedObject<ProgressResponse>(responder);
+  client->setExportedObject<QXFileResponse>(responder);
   client->resume();
 }
 

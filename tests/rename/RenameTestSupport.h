@@ -11,34 +11,32 @@
 #include "platform/dispatch/OnceCallback.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
-#include "platform/xpc/XpcProtocol.h"
+#include "service/QXFileResponse.h"
 
 namespace qx::renametest {
-
-// The client's side of the progress question, as the test client exports it.
-class ProgressResponse {
- public:
-  virtual ~ProgressResponse() = default;
-  virtual void progressWithReply(OnceCallback<void(bool)> reply) = 0;
-};
-
-const XpcProtocol& progressProtocol();
 
 // What the client does with question `number` (1 for the first).
 using Behaviour = std::function<void(int number, OnceCallback<void(bool)> reply)>;
 
 // Answers each question as its behaviour says and counts the questions.
-class ProgressClient final : public ProgressResponse {
+class ProgressClient final : public QXFileResponse {
  public:
   explicit ProgressClient(Behaviour behaviour) : behaviour_(std::move(behaviour)) {}
   void progressWithReply(OnceCallback<void(bool)> reply) override {
     behaviour_(++questions_, std::move(reply));
   }
+  // Never sent by a rename.
+  void updateFileSizes(ArrayPtr, OnceCallback<void(bool)> reply) override {
+    ++unexpected_;
+    reply(false);
+  }
   int questions() const { return questions_.load(); }
+  int unexpectedCalls() const { return unexpected_.load(); }
 
  private:
   Behaviour behaviour_;
   std::atomic<int> questions_{0};
+  std::atomic<int> unexpected_{0};
 };
 
 // Answers[i] to question i + 1, NO once they run out.
