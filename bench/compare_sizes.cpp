@@ -77,11 +77,16 @@ Tree treeAt(const std::string& root, long files) {
   return tree;
 }
 
+// The total of the record with the empty index path: the requested folder.
 int64_t totalOf(const Reply& reply) {
-  if (!reply.result || reply.result->count() != 1) return -1;
-  auto record = cast<Dictionary>(reply.result->objectAtIndex(0));
-  auto item = record ? record->objectForKeyAs<QXFileSizeItem>("QXFileSizeItem") : nullptr;
-  return item ? item->size() : -1;
+  if (!reply.result) return -1;
+  for (const ObjectPtr& object : *reply.result) {
+    auto record = cast<Dictionary>(object);
+    auto path = record ? record->objectForKeyAs<IndexPath>("QXIndexPath") : nullptr;
+    auto item = record ? record->objectForKeyAs<QXFileSizeItem>("QXFileSizeItem") : nullptr;
+    if (path && item && path->length() == 0) return item->busy() ? -1 : item->size();
+  }
+  return -1;
 }
 
 // In a child process: the peak memory of one size calculation per entry.

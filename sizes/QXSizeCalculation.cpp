@@ -35,10 +35,6 @@ const qx::ObjectPtr& itemKey() {
   return key;
 }
 
-std::shared_ptr<QXFileSizeItem> itemOf(const qx::TreeNodePtr& node) {
-  return node->representedObjectAs<QXFileSizeItem>();
-}
-
 }  // namespace
 
 QXSizeCalculation::QXSizeCalculation(const qx::ArrayPtr& urls, Report report)
@@ -80,7 +76,7 @@ bool QXSizeCalculation::openWalk() {
 }
 
 void QXSizeCalculation::makeArtificialRoot() {
-  auto root = qx::TreeNode::treeNodeWithRepresentedObject(QXFileSizeItem::make(0));
+  Placed root = place(QXFileSizeItem::make(0));
   stack_.push_back(root);
   appendRecord(root);
 }
@@ -121,20 +117,19 @@ QXSizeCalculation::Next QXSizeCalculation::skipCycle(const qx::WalkEntry& entry)
 }
 
 void QXSizeCalculation::enterFolder() {
-  auto node = qx::TreeNode::treeNodeWithRepresentedObject(QXFileSizeItem::make(0));
-  appendNode(node);
-  stack_.push_back(node);
-  appendRecord(node);
+  Placed folder = place(QXFileSizeItem::make(0));
+  stack_.push_back(folder);
+  appendRecord(folder);
 }
 
 void QXSizeCalculation::leaveFolder() {
   if (stack_.empty()) return;
-  qx::TreeNodePtr node = std::move(stack_.back());
+  Placed folder = std::move(stack_.back());
   stack_.pop_back();
-  itemOf(node)->setBusy(false);
+  folder.item->setBusy(false);
   // Nothing below a finished folder is looked at again: the records hold the
   // items themselves, so the nodes can go.
-  node->mutableChildNodes().removeAllObjects();
+  folder.node->mutableChildNodes().removeAllObjects();
 }
 
 QXSizeCalculation::Next QXSizeCalculation::addItem(const qx::WalkEntry& entry) {
@@ -143,14 +138,10 @@ QXSizeCalculation::Next QXSizeCalculation::addItem(const qx::WalkEntry& entry) {
     return applyErrorRule(errno, "Couldn't retrieve file size for item at path \"%s\".",
                           entry.path());
   }
-  auto node = qx::TreeNode::treeNodeWithRepresentedObject(item);
+  Placed placed = place(item);
   item->setBusy(false);
-  appendNode(node);
-  for (const qx::TreeNodePtr& open : stack_) {
-    auto total = itemOf(open);
-    total->setSize(total->size() + item->size());
-  }
-  appendRecord(node);
+  for (const Placed& open : stack_) open.item->setSize(open.item->size() + item->size());
+  appendRecord(placed);
   ++counter_;
   return Next::Check;
 }
@@ -177,22 +168,30 @@ bool QXSizeCalculation::reportAndGoOn() {
   errno = saved;
   if (!goOn) return false;
   batch_ = qx::MutableArray::make(kItemsPerReport + stack_.size() + 16);
-  for (const qx::TreeNodePtr& open : stack_) appendRecord(open);
+  for (const Placed& open : stack_) appendRecord(open);
   counter_ = 0;
   return true;
 }
 
-void QXSizeCalculation::appendNode(const qx::TreeNodePtr& node) {
-  if (!stack_.empty()) stack_.back()->mutableChildNodes().addObject(node);
+// Makes the item's node and appends it to the children of the current folder
+// (none: it is the root). Its index path is the folder's followed by its
+// position, as the tree would answer it.
+QXSizeCalculation::Placed QXSizeCalculation::place(std::shared_ptr<QXFileSizeItem> item) {
+  auto node = qx::TreeNode::treeNodeWithRepresentedObject(item);
+  if (stack_.empty()) return {node, std::move(item), qx::IndexPath::make()};
+  const Placed& folder = stack_.back();
+  folder.node->mutableChildNodes().addObject(node);
+  auto indexPath = folder.indexPath->indexPathByAddingIndex(folder.node->childNodes().size() - 1);
+  return {node, std::move(item), std::move(indexPath)};
 }
 
-void QXSizeCalculation::appendRecord(const qx::TreeNodePtr& node) {
-  batch_->addObject(qx::Dictionary::make(
-      {{indexPathKey(), node->indexPath()}, {itemKey(), node->representedObject()}}));
+void QXSizeCalculation::appendRecord(const Placed& placed) {
+  batch_->addObject(
+      qx::Dictionary::make({{indexPathKey(), placed.indexPath}, {itemKey(), placed.item}}));
 }
 
 void QXSizeCalculation::finish() {
-  for (const qx::TreeNodePtr& open : stack_) itemOf(open)->setBusy(false);
+  for (const Placed& open : stack_) open.item->setBusy(false);
   const char* first = paths_.empty() ? "" : paths_.front().c_str();
   if (errno != 0 && !recorded_) {
     int number = errno;

@@ -9,6 +9,7 @@
 #include "model/QXFileSizeItem.h"
 #include "platform/foundation/Array.h"
 #include "platform/foundation/Error.h"
+#include "platform/foundation/IndexPath.h"
 #include "platform/foundation/MutableArray.h"
 #include "platform/foundation/TreeNode.h"
 #include "platform/walk/TreeWalk.h"
@@ -43,15 +44,21 @@ class QXSizeCalculation {
   Next applyErrorRule(int number, const char* format, const char* path);
   bool reportIsDue() const { return counter_ >= kItemsPerReport; }
   bool reportAndGoOn();
-  void appendNode(const qx::TreeNodePtr& node);
-  void appendRecord(const qx::TreeNodePtr& node);
+  // A node of the size tree with its item and index path at hand.
+  struct Placed {
+    qx::TreeNodePtr node;
+    std::shared_ptr<QXFileSizeItem> item;
+    qx::IndexPathPtr indexPath;
+  };
+  Placed place(std::shared_ptr<QXFileSizeItem> item);
+  void appendRecord(const Placed& placed);
   void finish();
   qx::ArrayPtr result();
 
   std::vector<std::string> paths_;
   Report report_;
   std::unique_ptr<qx::TreeWalk> walk_;
-  std::vector<qx::TreeNodePtr> stack_;
+  std::vector<Placed> stack_;  // the open folders, outermost first
   qx::MutableArrayPtr batch_;
   int counter_ = 0;
   qx::ErrorPtr recorded_;
