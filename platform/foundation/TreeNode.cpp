@@ -18,6 +18,12 @@ void TreeNode::ChildNodes::addObject(const TreeNodePtr& child) {
 void TreeNode::ChildNodes::insertObject(const TreeNodePtr& child, std::size_t index) {
   if (!child) throw std::invalid_argument("TreeNode: nil child");
   if (index > owner_.children_.size()) throw std::out_of_range("TreeNode::insertObject");
+  // A node under itself would own itself through shared pointers: a cycle
+  // that neither indexPath() nor destruction could get out of.
+  if (child.get() == &owner_) throw std::invalid_argument("TreeNode: a node under itself");
+  for (TreeNodePtr up = owner_.parent_.lock(); up; up = up->parent_.lock()) {
+    if (up == child) throw std::invalid_argument("TreeNode: a node under its descendant");
+  }
   TreeNodePtr keep = child;  // the node may be held only by its old parent
   keep->detachFromParent();
   index = std::min(index, owner_.children_.size());
