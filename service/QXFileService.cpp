@@ -1,27 +1,13 @@
 #include "service/QXFileService.h"
 
-#include <cerrno>
-#include <string>
-
 #include "acl/QXFileAcl.h"
 #include "model/QXAclEntry.h"
-#include "model/QXOperation.h"
 #include "model/QXTreeNode.h"
 #include "platform/dispatch/ConcurrentQueue.h"
 #include "platform/foundation/String.h"
 #include "platform/xpc/XpcInterface.h"
+#include "rename/QXFileRename.h"
 #include "sizes/QXFileSizes.h"
-
-namespace {
-
-// The answer of a request whose worker is not part of the service yet.
-// TODO(service): wire renameUrls to QXFileRename once that worker is in the
-// build.
-qx::ErrorPtr notAvailableError(const std::string& selector) {
-  return QXOperation::errorWithErrno(ENOSYS, "\"" + selector + "\" is not available yet.", nullptr);
-}
-
-}  // namespace
 
 QXFileService::QXFileService() : QXFileService(nullptr) {}
 
@@ -80,8 +66,10 @@ void QXFileService::propagateAclEntries(qx::ArrayPtr entries, qx::UrlPtr url, Er
 void QXFileService::renameUrls(qx::ArrayPtr urls, qx::ArrayPtr names, RenameReply reply) {
   queue().async([self = shared_from_this(), urls = std::move(urls), names = std::move(names),
                  reply = std::move(reply)]() mutable {
-    // Not connected yet: QXFileRename is not part of the service.
-    reply(nullptr, nullptr, notAvailableError("renameUrls:names:reply:"));
+    qx::ErrorPtr error;
+    qx::DictionaryPtr result = QXFileRename::renameUrls(urls, names, self->connection(), &error);
+    reply(result ? result->objectForKeyAs<qx::Array>("urls") : nullptr,
+          result ? result->objectForKeyAs<qx::Array>("names") : nullptr, error);
   });
 }
 
