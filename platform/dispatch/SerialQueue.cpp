@@ -14,9 +14,9 @@ struct SerialQueue::State {
   std::condition_variable wake;
   std::deque<Task> tasks;
   bool closing = false;
-  bool started = false;
   std::thread thread;
-  std::thread::id threadId;
+  bool busy = false;          // a task is running, here or on a claiming thread
+  std::thread::id runningOn;  // the thread running it
 
   // The thread's loop. It keeps `self` alive so that it may outlive the queue
   // object when that is destroyed from inside a task.
@@ -24,14 +24,23 @@ struct SerialQueue::State {
     setCurrentThreadName(label);
     std::unique_lock lock(self->mutex);
     for (;;) {
-      self->wake.wait(lock, [&] { return self->closing || !self->tasks.empty(); });
+      self->wake.wait(lock, [&] { return !self->busy && (self->closing || !self->tasks.empty()); });
       if (self->tasks.empty()) return;  // closing and drained
       Task task = std::move(self->tasks.front());
       self->tasks.pop_front();
+      self->busy = true;
+      self->runningOn = std::this_thread::get_id();
       lock.unlock();
       task();
       lock.lock();
+      self->busy = false;
+      self->runningOn = std::thread::id();
     }
+  }
+
+  // Starts the thread on first need; called with the mutex held.
+  void startThread(const std::shared_ptr<State>& self, const std::string& label) {
+    if (!thread.joinable() && !closing) thread = std::thread(&State::run, self, label);
   }
 };
 
@@ -62,18 +71,31 @@ void SerialQueue::async(Task task) {
   {
     std::lock_guard lock(state_->mutex);
     state_->tasks.push_back(std::move(task));
-    if (!state_->started) {
-      state_->started = true;
-      state_->thread = std::thread(&State::run, state_, label_);
-      state_->threadId = state_->thread.get_id();
-    }
+    state_->startThread(state_, label_);
   }
   state_->wake.notify_one();
 }
 
 bool SerialQueue::isCurrent() const {
   std::lock_guard lock(state_->mutex);
-  return state_->started && state_->threadId == std::this_thread::get_id();
+  return state_->busy && state_->runningOn == std::this_thread::get_id();
+}
+
+bool SerialQueue::tryClaim() {
+  std::lock_guard lock(state_->mutex);
+  if (state_->busy || !state_->tasks.empty()) return false;
+  state_->busy = true;
+  state_->runningOn = std::this_thread::get_id();
+  return true;
+}
+
+void SerialQueue::releaseClaim() {
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->busy = false;
+    state_->runningOn = std::thread::id();
+  }
+  state_->wake.notify_one();
 }
 
 }  // namespace qx

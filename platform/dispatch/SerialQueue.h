@@ -27,8 +27,18 @@ class SerialQueue {
 
   // Queues `task` behind every task queued before it.
   void async(Task task);
-  // True on the thread that runs this queue's tasks.
+  // True on the thread running one of this queue's tasks (its own thread, or
+  // a thread that has claimed the queue).
   bool isCurrent() const;
+
+  // Running one task on the calling thread, as part of the queue: when the
+  // queue is idle (no task running, none queued), tryClaim() marks it busy for
+  // the caller and answers true; the caller then runs its task and calls
+  // releaseClaim(). Tasks queued meanwhile wait, in order, and run on the
+  // queue's thread afterwards. This saves a thread switch for work that
+  // arrives while the queue has nothing to do.
+  bool tryClaim();
+  void releaseClaim();
 
  private:
   struct State;

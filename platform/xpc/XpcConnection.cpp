@@ -160,6 +160,7 @@ void XpcConnection::resume() {
     resumed_ = true;
   }
   std::thread(&XpcConnection::readLoop, shared_from_this()).detach();
+  std::thread(&XpcConnection::readLoop, shared_from_this()).detach();
 }
 
 void XpcConnection::invalidate() {
@@ -194,24 +195,49 @@ void XpcConnection::invalidate() {
   });
 }
 
+// Two threads run this loop and take turns: the one holding the read lock
+// reads and decodes; before it runs a delivery itself (when the delivery queue
+// is idle) it lets go of the lock, so the other one goes on reading. Every
+// dispatch decision is made under the lock, so deliveries keep arrival order,
+// and at most one reader is ever inside a delivery: reading never waits for
+// the exported object, a reply handler or a blocked write.
 void XpcConnection::readLoop(std::shared_ptr<XpcConnection> self) {
   setCurrentThreadName("qx.xpc.reader");
-  XpcFrameReader frames;
   std::vector<uint8_t> buffer(64 * 1024);
-  bool healthy = true;
-  while (healthy) {
+  for (;;) {
+    std::unique_lock readLock(self->readMutex_);
+    if (self->readerDone_) return;
     ssize_t received = ::read(self->socket_.get(), buffer.data(), buffer.size());
     if (received < 0 && errno == EINTR) continue;
-    if (received <= 0) break;
-    frames.append({buffer.data(), static_cast<std::size_t>(received)});
-    while (healthy) {
-      auto payload = frames.next();
-      if (!payload) break;
-      healthy = self->handleFrame(*payload);
+    bool healthy = received > 0;
+    Task mine;
+    if (healthy) {
+      self->frames_.append({buffer.data(), static_cast<std::size_t>(received)});
+      while (healthy) {
+        auto payload = self->frames_.next();
+        if (!payload) break;
+        Task delivery;
+        healthy = self->handleFrame(*payload, delivery);
+        if (!delivery) continue;
+        if (!mine && self->deliveryQueue_.tryClaim()) {
+          mine = std::move(delivery);
+        } else {
+          self->deliveryQueue_.async(std::move(delivery));
+        }
+      }
+      if (self->frames_.failed()) healthy = false;
     }
-    if (frames.failed()) healthy = false;
+    if (!healthy) self->readerDone_ = true;
+    readLock.unlock();
+    if (mine) {
+      mine();
+      self->deliveryQueue_.releaseClaim();
+    }
+    if (!healthy) {
+      self->invalidate();
+      return;
+    }
   }
-  self->invalidate();
 }
 
 std::optional<XpcConnection::Pending> XpcConnection::takePending(uint64_t sequence) {
@@ -223,7 +249,7 @@ std::optional<XpcConnection::Pending> XpcConnection::takePending(uint64_t sequen
   return pending;
 }
 
-bool XpcConnection::handleFrame(std::span<const uint8_t> payload) {
+bool XpcConnection::handleFrame(std::span<const uint8_t> payload, Task& delivery) {
   IncomingSets sets(*this);
   XpcIncoming incoming = XpcIncoming::decode(payload, sets);
   auto self = shared_from_this();
@@ -234,17 +260,17 @@ bool XpcConnection::handleFrame(std::span<const uint8_t> payload) {
     case XpcIncoming::Status::Ignore:
       return true;
     case XpcIncoming::Status::Refuse:
-      // Sent from the delivery queue: the reader never blocks on a write.
       if (sequence > 0) {
-        deliveryQueue_.async([self, sequence, reason = std::move(incoming.reason)]() mutable {
+        delivery = [self, sequence, reason = std::move(incoming.reason)]() mutable {
           self->sendMessage(XpcMessage::refusal(sequence, std::move(reason)));
-        });
+        };
       }
       return true;
     case XpcIncoming::Status::BadReply:
       if (auto pending = takePending(sequence)) {
         pending->reply = nullptr;
-        runErrorHandler(std::move(pending->onError), kXpcConnectionRefusedError, incoming.reason);
+        delivery =
+            errorTask(std::move(pending->onError), kXpcConnectionRefusedError, incoming.reason);
       }
       return true;
     case XpcIncoming::Status::Message:
@@ -253,22 +279,23 @@ bool XpcConnection::handleFrame(std::span<const uint8_t> payload) {
   XpcMessage& message = incoming.message;
   switch (message.kind) {
     case XpcMessage::Kind::Invocation:
-      deliveryQueue_.async([self, message = std::move(message)]() mutable {
+      delivery = [self, message = std::move(message)]() mutable {
         self->deliverInvocation(std::move(message));
-      });
+      };
       break;
     case XpcMessage::Kind::Reply:
       if (auto pending = takePending(sequence)) {
-        deliveryQueue_.async(
-            [reply = std::move(pending->reply),
-             arguments = std::move(message.arguments)]() mutable { reply(std::move(arguments)); });
+        delivery = [reply = std::move(pending->reply),
+                    arguments = std::move(message.arguments)]() mutable {
+          reply(std::move(arguments));
+        };
       }
       break;
     case XpcMessage::Kind::Refusal:
       if (auto pending = takePending(sequence)) {
         pending->reply = nullptr;
-        runErrorHandler(std::move(pending->onError), kXpcConnectionRefusedError,
-                        "The invocation was refused: " + message.reason);
+        delivery = errorTask(std::move(pending->onError), kXpcConnectionRefusedError,
+                             "The invocation was refused: " + message.reason);
       }
       break;
   }
@@ -381,16 +408,21 @@ bool XpcConnection::writeFrame(std::span<const uint8_t> payload) {
   return true;
 }
 
+Task XpcConnection::errorTask(XpcErrorHandler handler, int64_t code, std::string reason) {
+  if (!handler) return nullptr;
+  return [handler = std::move(handler), code, reason = std::move(reason)]() mutable {
+    handler(connectionError(code, reason));
+  };
+}
+
 void XpcConnection::runErrorHandler(XpcErrorHandler handler, int64_t code, std::string reason) {
-  if (!handler) return;
-  auto self = weak_from_this().lock();
-  if (!self) {
-    handler(connectionError(code, reason));
-    return;
+  Task task = errorTask(std::move(handler), code, std::move(reason));
+  if (!task) return;
+  if (weak_from_this().expired()) {
+    task();
+  } else {
+    deliveryQueue_.async(std::move(task));
   }
-  deliveryQueue_.async([handler = std::move(handler), code, reason = std::move(reason)]() mutable {
-    handler(connectionError(code, reason));
-  });
 }
 
 std::optional<std::vector<ObjectPtr>> XpcConnection::sendInvocationAndWait(

@@ -19,6 +19,7 @@
 #include "platform/foundation/ClassSet.h"
 #include "platform/foundation/Error.h"
 #include "platform/xpc/UniqueFd.h"
+#include "platform/xpc/XpcFrame.h"
 #include "platform/xpc/XpcInterface.h"
 
 namespace qx {
@@ -38,11 +39,13 @@ inline constexpr int64_t kXpcConnectionRefusedError = 4864;
 
 // One end of a connection over a Unix stream socket.
 //
-// Threads: after resume(), one reader thread per connection reads frames and
-// decodes them; invocations and replies are then delivered, in arrival order,
-// on the connection's serial delivery queue. Sends may come from any thread:
-// each message is encoded on the sending thread and written whole under the
-// connection's send lock, so frames never interleave. The reader never writes.
+// Threads: after resume(), two reader threads take turns reading and decoding
+// frames; invocations and replies are delivered, in arrival order, on the
+// connection's serial delivery queue (run by the reader that read them when
+// the queue is idle, which saves a thread switch, while the other reader goes
+// on reading). Sends may come from any thread: each message is encoded on the
+// sending thread and written whole under the connection's send lock, so
+// frames never interleave.
 //
 // Lifetime: a resumed connection keeps itself alive until it is invalidated
 // (peer closed, protocol error, or invalidate()). Invalidation shuts the socket
@@ -129,7 +132,10 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   void setClosedObserver(std::function<void()> observer);
 
   static void readLoop(std::shared_ptr<XpcConnection> self);
-  bool handleFrame(std::span<const uint8_t> payload);
+  // Decodes one frame into the delivery it calls for (none for some); false
+  // for a protocol error.
+  bool handleFrame(std::span<const uint8_t> payload, Task& delivery);
+  static Task errorTask(XpcErrorHandler handler, int64_t code, std::string reason);
   void deliverInvocation(XpcMessage message);
   void sendMessage(const XpcMessage& message);
   bool writeFrame(std::span<const uint8_t> payload);
@@ -152,6 +158,10 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   std::function<void()> closedObserver_;
 
   std::mutex sendMutex_;  // held while one frame is written
+
+  std::mutex readMutex_;  // held by the reader that reads; guards the two below
+  XpcFrameReader frames_;
+  bool readerDone_ = false;
 };
 
 template <class P>

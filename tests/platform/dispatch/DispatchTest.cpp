@@ -25,6 +25,14 @@ std::string currentThreadName() {
   return name;
 }
 
+bool eventuallyClaims(SerialQueue& queue) {
+  for (int i = 0; i < 5000; ++i) {
+    if (queue.tryClaim()) return true;
+    std::this_thread::sleep_for(1ms);
+  }
+  return false;
+}
+
 TEST(OnceCallback, RunsOnceMovesCapturesAndReleasesThemAfterTheCall) {
   auto token = std::make_shared<int>(7);
   std::weak_ptr<int> watch = token;
@@ -137,6 +145,45 @@ TEST(SerialQueue, IsCurrentOnlyOnItsThread) {
   });
   done.wait();
   EXPECT_TRUE(inside);
+}
+
+TEST(SerialQueue, AClaimRunsOneTaskOnTheCallerAndKeepsTheOrder) {
+  SerialQueue queue("claim");
+  std::vector<int> order;
+  std::mutex mutex;
+  auto record = [&](int i) {
+    std::lock_guard lock(mutex);
+    order.push_back(i);
+  };
+  ASSERT_TRUE(queue.tryClaim());
+  EXPECT_TRUE(queue.isCurrent());
+  EXPECT_FALSE(queue.tryClaim());  // busy
+  // Queued while the claim runs: they wait for it.
+  Semaphore done;
+  queue.async([&] { record(2); });
+  queue.async([&] {
+    record(3);
+    done.signal();
+  });
+  std::this_thread::sleep_for(10ms);
+  record(1);
+  queue.releaseClaim();
+  EXPECT_FALSE(queue.isCurrent());
+  ASSERT_TRUE(done.waitFor(5s));
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+
+  // Not idle while a task is queued or running.
+  Semaphore gate;
+  Semaphore started;
+  queue.async([&] {
+    started.signal();
+    gate.wait();
+  });
+  started.wait();
+  EXPECT_FALSE(queue.tryClaim());
+  gate.signal();
+  EXPECT_TRUE(eventuallyClaims(queue));
+  queue.releaseClaim();
 }
 
 TEST(GlobalQueue, IsOneSharedPoolOfAtLeastFourThreadsRunningTasksConcurrently) {
