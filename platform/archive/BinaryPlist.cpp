@@ -94,6 +94,15 @@ void forEachCodePoint(std::string_view text, Emit&& emit) {
   }
 }
 
+unsigned integerWidth(int64_t value) {
+  if (value < 0) return 8;
+  return widthFor(static_cast<uint64_t>(value));
+}
+
+uint64_t lengthHeaderSize(uint64_t length) {
+  return length < 15 ? 1 : 2 + integerWidth(static_cast<int64_t>(length));
+}
+
 std::size_t utf16Units(std::string_view text) {
   std::size_t units = 0;
   forEachCodePoint(text, [&](char32_t cp) { units += cp >= 0x10000 ? 2 : 1; });
@@ -201,6 +210,7 @@ class BinaryPlistParser {
 
   bool run() {
     if (!readTrailer()) return false;
+    plist_.counted_ = false;
     plist_.nodes_.resize(objectCount_);
     plist_.refs_.reserve(objectCount_ * 2);
     plist_.top_ = static_cast<BinaryPlist::Ref>(top_);
@@ -498,6 +508,44 @@ BinaryPlist::Ref BinaryPlist::lookup(Ref dictionary, std::string_view key) const
 // ---------------------------------------------------------------------------
 // Building
 
+uint64_t BinaryPlist::fixedSize(const Node& node, std::string_view text) {
+  switch (node.type) {
+    case Type::Null:
+    case Type::Bool:
+      return 1;
+    case Type::Integer:
+      return 1 + integerWidth(node.integer);
+    case Type::Real:
+    case Type::Date:
+      return 9;
+    case Type::Uid:
+      return 1 + widthFor(static_cast<uint64_t>(node.integer));
+    case Type::Data:
+      return lengthHeaderSize(node.length) + node.length;
+    case Type::String:
+      if (node.flags & kNonAscii) {
+        uint64_t units = utf16Units(text);
+        return lengthHeaderSize(units) + 2 * units;
+      }
+      return lengthHeaderSize(node.length) + node.length;
+    case Type::Array:
+    case Type::Dictionary:
+      return lengthHeaderSize(node.length);
+  }
+  return 0;
+}
+
+uint64_t BinaryPlist::referenceCount(const Node& node) {
+  if (node.type == Type::Array) return node.length;
+  if (node.type == Type::Dictionary) return 2 * uint64_t(node.length);
+  return 0;
+}
+
+void BinaryPlist::count(const Node& node) {
+  fixedBytes_ += fixedSize(node, {reinterpret_cast<const char*>(bytesOf(node)), node.length});
+  refCount_ += referenceCount(node);
+}
+
 BinaryPlist::Node& BinaryPlist::push(Type type, Ref& ref) {
   ref = static_cast<Ref>(nodes_.size());
   Node& node = nodes_.emplace_back();
@@ -514,30 +562,37 @@ void BinaryPlist::reserve(std::size_t values, std::size_t references, std::size_
 BinaryPlist::Ref BinaryPlist::addNull() {
   Ref ref;
   push(Type::Null, ref);
+  count(nodes_[ref]);
   return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addBool(bool value) {
   Ref& shared = boolRefs_[value ? 1 : 0];
-  if (shared == kNoRef) push(Type::Bool, shared).integer = value ? 1 : 0;
+  if (shared == kNoRef) {
+    push(Type::Bool, shared).integer = value ? 1 : 0;
+    count(nodes_[shared]);
+  }
   return shared;
 }
 
 BinaryPlist::Ref BinaryPlist::addInteger(int64_t value) {
   Ref ref;
   push(Type::Integer, ref).integer = value;
+  count(nodes_[ref]);
   return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addReal(double value) {
   Ref ref;
   push(Type::Real, ref).real = value;
+  count(nodes_[ref]);
   return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addDate(double secondsSince2001) {
   Ref ref;
   push(Type::Date, ref).real = secondsSince2001;
+  count(nodes_[ref]);
   return ref;
 }
 
@@ -548,6 +603,7 @@ BinaryPlist::Ref BinaryPlist::addData(std::span<const uint8_t> bytes) {
   node.length = static_cast<uint32_t>(bytes.size());
   node.offset = arena_.size();
   arena_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  count(nodes_[ref]);
   return ref;
 }
 
@@ -595,12 +651,14 @@ BinaryPlist::Ref BinaryPlist::addString(std::string_view utf8) {
   node.offset = arena_.size();
   arena_.append(utf8);
   if (ascii) remember(ref);
+  count(nodes_[ref]);
   return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addUid(uint32_t value) {
   Ref ref;
   push(Type::Uid, ref).integer = value;
+  count(nodes_[ref]);
   return ref;
 }
 
@@ -610,6 +668,7 @@ BinaryPlist::Ref BinaryPlist::addArray(std::span<const Ref> elements) {
   node.length = static_cast<uint32_t>(elements.size());
   node.offset = refs_.size();
   refs_.insert(refs_.end(), elements.begin(), elements.end());
+  count(nodes_[ref]);
   return ref;
 }
 
@@ -621,6 +680,7 @@ BinaryPlist::Ref BinaryPlist::addDictionary(std::span<const Ref> keys,
   node.offset = refs_.size();
   refs_.insert(refs_.end(), keys.begin(), keys.end());
   refs_.insert(refs_.end(), values.begin(), values.end());
+  count(nodes_[ref]);
   return ref;
 }
 
@@ -637,6 +697,7 @@ BinaryPlist::Ref BinaryPlist::addDictionaryOfPairs(std::span<const Ref> keysAndV
   Node& node = push(Type::Dictionary, ref);
   node.length = static_cast<uint32_t>(pairs);
   node.offset = first;
+  count(nodes_[ref]);
   return ref;
 }
 
@@ -647,45 +708,45 @@ class BinaryPlistWriter {
  public:
   explicit BinaryPlistWriter(const BinaryPlist& plist) : plist_(plist) {}
 
+  // One pass: the size of everything is known before writing (the builder
+  // keeps count), so each object is written straight to its place and its
+  // offset straight into the table.
   std::vector<uint8_t> write(BinaryPlist::Ref top) {
     const auto& nodes = plist_.nodes_;
     std::size_t count = nodes.size();
     refSize_ = widthFor(count - 1);
-    std::vector<uint64_t> offsets(count);
-    uint64_t position = kHeaderSize;
-    for (std::size_t i = 0; i < count; ++i) {
-      offsets[i] = position;
-      position += encodedSize(nodes[i]);
+    uint64_t fixedBytes = plist_.fixedBytes_;
+    uint64_t references = plist_.refCount_;
+    if (!plist_.counted_) {
+      fixedBytes = references = 0;
+      for (const auto& node : nodes) {
+        fixedBytes += BinaryPlist::fixedSize(node, text(node));
+        references += BinaryPlist::referenceCount(node);
+      }
     }
-    uint64_t tableOffset = position;
-    unsigned offsetSize = widthFor(offsets.empty() ? 0 : offsets.back());
+    uint64_t tableOffset = kHeaderSize + fixedBytes + references * refSize_;
+    unsigned offsetSize = widthFor(tableOffset);
     std::vector<uint8_t> out(tableOffset + count * offsetSize + kTrailerSize);
-    uint8_t* p = out.data();
-    std::memcpy(p, kMagic, sizeof kMagic);
-    p += sizeof kMagic;
-    for (const auto& node : nodes) p = writeNode(p, node);
-    for (uint64_t offset : offsets) p = writeBigEndian(p, offset, offsetSize);
-    std::memset(p, 0, 6);
-    p[6] = static_cast<uint8_t>(offsetSize);
-    p[7] = static_cast<uint8_t>(refSize_);
-    writeBigEndian(p + 8, count, 8);
-    writeBigEndian(p + 16, top, 8);
-    writeBigEndian(p + 24, tableOffset, 8);
+    uint8_t* base = out.data();
+    std::memcpy(base, kMagic, sizeof kMagic);
+    uint8_t* p = base + kHeaderSize;
+    uint8_t* table = base + tableOffset;
+    for (const auto& node : nodes) {
+      table = writeBigEndian(table, static_cast<uint64_t>(p - base), offsetSize);
+      p = writeNode(p, node);
+    }
+    std::memset(table, 0, 6);
+    table[6] = static_cast<uint8_t>(offsetSize);
+    table[7] = static_cast<uint8_t>(refSize_);
+    writeBigEndian(table + 8, count, 8);
+    writeBigEndian(table + 16, top, 8);
+    writeBigEndian(table + 24, tableOffset, 8);
     return out;
   }
 
  private:
   using Node = BinaryPlist::Node;
   using Type = BinaryPlist::Type;
-
-  static unsigned integerWidth(int64_t value) {
-    if (value < 0) return 8;
-    return widthFor(static_cast<uint64_t>(value));
-  }
-
-  static uint64_t lengthHeaderSize(uint64_t length) {
-    return length < 15 ? 1 : 2 + integerWidth(static_cast<int64_t>(length));
-  }
 
   static uint8_t* writeInteger(uint8_t* p, int64_t value) {
     unsigned width = integerWidth(value);
@@ -704,34 +765,6 @@ class BinaryPlistWriter {
 
   std::string_view text(const Node& node) const {
     return {reinterpret_cast<const char*>(plist_.bytesOf(node)), node.length};
-  }
-
-  uint64_t encodedSize(const Node& node) const {
-    switch (node.type) {
-      case Type::Null:
-      case Type::Bool:
-        return 1;
-      case Type::Integer:
-        return 1 + integerWidth(node.integer);
-      case Type::Real:
-      case Type::Date:
-        return 9;
-      case Type::Uid:
-        return 1 + widthFor(static_cast<uint64_t>(node.integer));
-      case Type::Data:
-        return lengthHeaderSize(node.length) + node.length;
-      case Type::String:
-        if (node.flags & BinaryPlist::kNonAscii) {
-          uint64_t units = utf16Units(text(node));
-          return lengthHeaderSize(units) + 2 * units;
-        }
-        return lengthHeaderSize(node.length) + node.length;
-      case Type::Array:
-        return lengthHeaderSize(node.length) + uint64_t(node.length) * refSize_;
-      case Type::Dictionary:
-        return lengthHeaderSize(node.length) + 2 * uint64_t(node.length) * refSize_;
-    }
-    return 0;
   }
 
   uint8_t* writeRefs(uint8_t* p, std::size_t first, std::size_t count) const {

@@ -136,12 +136,20 @@ class BinaryPlist {
                                    : node.pointer;
   }
   Ref findAscii(std::string_view text) const;
+  // What a node takes in the written plist besides its references, and how
+  // many references it has; the builder keeps the totals as it goes.
+  static uint64_t fixedSize(const Node& node, std::string_view text);
+  static uint64_t referenceCount(const Node& node);
+  void count(const Node& node);
   void remember(Ref asciiString);
 
   std::vector<Node> nodes_;
   std::vector<Ref> refs_;
   std::string arena_;
   Ref top_ = 0;
+  uint64_t fixedBytes_ = 0;
+  uint64_t refCount_ = 0;
+  bool counted_ = true;  // false for a parsed plist
   // Builder state: an open-addressing table of ASCII string Refs, and the
   // shared booleans.
   std::vector<Ref> stringTable_;

@@ -215,21 +215,31 @@ void KeyedArchiver::encodeBytes(std::span<const uint8_t> bytes, std::string_view
   state_.stack.push_back(state_.plist.addData(bytes));
 }
 
-void KeyedArchiver::encodeArrayOfObjects(const std::vector<ObjectPtr>& objects,
-                                         std::string_view key) {
-  // Elements go on the stack above the current object's pairs; encoding an
-  // element pushes and pops its own pairs above them.
-  std::size_t start = state_.stack.size();
-  for (const ObjectPtr& object : objects) {
-    uint32_t uid = uidFor(object);
-    state_.stack.push_back(uidValue(state_, uid));
-  }
-  std::span<const Ref> elements(state_.stack.data() + start, objects.size());
+// Array elements go on the stack above the current object's pairs; encoding
+// an element pushes and pops its own pairs above them.
+std::size_t KeyedArchiver::beginArray() {
+  return state_.stack.size();
+}
+
+void KeyedArchiver::addArrayElement(const ObjectPtr& object) {
+  uint32_t uid = uidFor(object);
+  state_.stack.push_back(uidValue(state_, uid));
+}
+
+void KeyedArchiver::endArray(std::size_t start, std::string_view key) {
+  std::span<const Ref> elements(state_.stack.data() + start, state_.stack.size() - start);
   Ref array = state_.plist.addArray(elements);
   state_.stack.resize(start);
   Ref k = keyValue(state_, key);
   state_.stack.push_back(k);
   state_.stack.push_back(array);
+}
+
+void KeyedArchiver::encodeArrayOfObjects(const std::vector<ObjectPtr>& objects,
+                                         std::string_view key) {
+  std::size_t start = beginArray();
+  for (const ObjectPtr& object : objects) addArrayElement(object);
+  endArray(start, key);
 }
 
 DataPtr KeyedArchiver::archivedDataWithRootObject(const ObjectPtr& root) {

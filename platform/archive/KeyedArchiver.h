@@ -32,6 +32,14 @@ class KeyedArchiver {
   void encodeBytes(std::span<const uint8_t> bytes, std::string_view key);
   // An inline plist array of UIDs, one per object (NS.objects, NS.keys).
   void encodeArrayOfObjects(const std::vector<ObjectPtr>& objects, std::string_view key);
+  // The same for `count` objects, the i-th given by `objectAt(i)`, without
+  // gathering them in a vector first (a dictionary's keys and values).
+  template <class ObjectAt>
+  void encodeArrayOfObjects(std::size_t count, ObjectAt&& objectAt, std::string_view key) {
+    std::size_t start = beginArray();
+    for (std::size_t i = 0; i < count; ++i) addArrayElement(objectAt(i));
+    endArray(start, key);
+  }
 
   ~KeyedArchiver();
   KeyedArchiver(const KeyedArchiver&) = delete;
@@ -41,6 +49,9 @@ class KeyedArchiver {
 
  private:
   explicit KeyedArchiver(State& state) : state_(state) {}
+  std::size_t beginArray();
+  void addArrayElement(const ObjectPtr& object);
+  void endArray(std::size_t start, std::string_view key);
   // The UID of `object`, encoding it first when it is met for the first time.
   uint32_t uidFor(const ObjectPtr& object);
   // The UID of the class dictionary of `cls`, appended when first needed.

@@ -514,31 +514,41 @@ ObjectPtr KeyedUnarchiver::decodeObjectOfClassesForKey(const ClassSet& classes,
   return state_.decodeKey(key, allowed);
 }
 
-std::optional<std::vector<ObjectPtr>> KeyedUnarchiver::decodeArrayOfObjectsForKey(
-    std::string_view key) {
+std::optional<KeyedUnarchiver::ArrayOfUids> KeyedUnarchiver::arrayForKey(std::string_view key) {
   if (state_.error || state_.frame.className.empty()) return std::nullopt;
   auto value = state_.lookup(key);
-  if (!value) return std::vector<ObjectPtr>();
+  if (!value) return ArrayOfUids{};
   const BinaryPlist& plist = state_.plist;
   if (plist.type(*value) != Type::Array) {
     state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
                 " is " + typeName(plist.type(*value)) + ", not an array of UIDs");
     return std::nullopt;
   }
-  Ref array = *value;
-  std::size_t count = plist.count(array);
+  std::size_t count = plist.count(*value);
   for (std::size_t i = 0; i < count; ++i) {
-    if (plist.type(plist.element(array, i)) != Type::Uid) {
+    if (plist.type(plist.element(*value, i)) != Type::Uid) {
       state_.fail("element " + std::to_string(i) + " under key " + quoted(key) + " of " +
                   std::string(state_.frame.className) + " is not a UID");
       return std::nullopt;
     }
   }
+  return ArrayOfUids{*value, count};
+}
+
+ObjectPtr KeyedUnarchiver::decodeArrayElement(const ArrayOfUids& array, std::size_t index,
+                                              std::string_view key) {
+  const BinaryPlist& plist = state_.plist;
+  return state_.decodeUid(plist.uid(plist.element(array.value, index)), state_.frame.allowed, key);
+}
+
+std::optional<std::vector<ObjectPtr>> KeyedUnarchiver::decodeArrayOfObjectsForKey(
+    std::string_view key) {
+  auto array = arrayForKey(key);
+  if (!array) return std::nullopt;
   std::vector<ObjectPtr> elements;
-  elements.reserve(count);
-  State::Allowed allowed = state_.frame.allowed;
-  for (std::size_t i = 0; i < count; ++i) {
-    elements.push_back(state_.decodeUid(plist.uid(plist.element(array, i)), allowed, key));
+  elements.reserve(array->count);
+  for (std::size_t i = 0; i < array->count; ++i) {
+    elements.push_back(decodeArrayElement(*array, i, key));
     if (state_.error) return std::nullopt;
   }
   return elements;

@@ -80,6 +80,19 @@ class KeyedUnarchiver {
   // give nil elements. nullopt (and a failed unarchiver) when the key holds
   // something else or an element fails; an absent key gives an empty vector.
   std::optional<std::vector<ObjectPtr>> decodeArrayOfObjectsForKey(std::string_view key);
+  // The same decodes, each element handed to `sink(index, object)` instead of
+  // being gathered; false when the unarchiver failed.
+  template <class Sink>
+  bool decodeArrayOfObjectsForKey(std::string_view key, Sink&& sink) {
+    auto array = arrayForKey(key);
+    if (!array) return false;
+    for (std::size_t i = 0; i < array->count; ++i) {
+      ObjectPtr element = decodeArrayElement(*array, i, key);
+      if (hasFailed()) return false;
+      sink(i, std::move(element));
+    }
+    return true;
+  }
 
   // Marks the unarchiver failed with a description of what was wrong; the
   // first failure is kept.
@@ -95,6 +108,16 @@ class KeyedUnarchiver {
 
  private:
   explicit KeyedUnarchiver(State& state) : state_(state) {}
+  // An inline array of UIDs under a key of the current object.
+  struct ArrayOfUids {
+    uint32_t value = 0;
+    std::size_t count = 0;
+  };
+  // Nullopt (and a failed unarchiver) unless the key is absent (count 0) or
+  // holds an array whose every element is a UID.
+  std::optional<ArrayOfUids> arrayForKey(std::string_view key);
+  ObjectPtr decodeArrayElement(const ArrayOfUids& array, std::size_t index, std::string_view key);
+
   // Decodes `data`; `classes` nil means unrestricted.
   static ObjectPtr unarchive(std::span<const uint8_t> data, const ClassSet* classes,
                              ErrorPtr* error);

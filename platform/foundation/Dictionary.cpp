@@ -27,18 +27,22 @@ std::shared_ptr<Dictionary> Dictionary::withStringKeys(
 }
 
 std::optional<std::vector<Dictionary::Entry>> Dictionary::decodeEntries(KeyedUnarchiver& coder) {
-  auto keys = coder.decodeArrayOfObjectsForKey("NS.keys");
-  auto objects = coder.decodeArrayOfObjectsForKey("NS.objects");
-  if (!keys || !objects) return std::nullopt;
-  if (keys->size() != objects->size()) {
+  // An absent key counts as empty.
+  std::size_t keys = coder.countOfArrayForKey("NS.keys").value_or(0);
+  std::size_t objects = coder.countOfArrayForKey("NS.objects").value_or(0);
+  if (coder.hasFailed()) return std::nullopt;
+  if (keys != objects) {
     coder.failWithError("NS.keys and NS.objects of a dictionary differ in length");
     return std::nullopt;
   }
-  std::vector<Dictionary::Entry> entries;
-  entries.reserve(keys->size());
-  for (std::size_t i = 0; i < keys->size(); ++i) {
-    entries.emplace_back(std::move((*keys)[i]), std::move((*objects)[i]));
-  }
+  // Decoded straight into the pairs: no vectors of keys and values in between.
+  std::vector<Entry> entries(keys);
+  bool decoded = coder.decodeArrayOfObjectsForKey("NS.keys", [&](std::size_t i, ObjectPtr key) {
+    entries[i].first = std::move(key);
+  }) && coder.decodeArrayOfObjectsForKey("NS.objects", [&](std::size_t i, ObjectPtr value) {
+    entries[i].second = std::move(value);
+  });
+  if (!decoded) return std::nullopt;
   return entries;
 }
 
@@ -87,16 +91,12 @@ std::string Dictionary::description() const {
 }
 
 void Dictionary::encodeWithCoder(KeyedArchiver& coder) const {
-  std::vector<ObjectPtr> keys;
-  std::vector<ObjectPtr> objects;
-  keys.reserve(entries_.size());
-  objects.reserve(entries_.size());
-  for (const auto& [k, v] : entries_) {
-    keys.push_back(k);
-    objects.push_back(v);
-  }
-  coder.encodeArrayOfObjects(keys, "NS.keys");
-  coder.encodeArrayOfObjects(objects, "NS.objects");
+  coder.encodeArrayOfObjects(
+      entries_.size(), [&](std::size_t i) -> const ObjectPtr& { return entries_[i].first; },
+      "NS.keys");
+  coder.encodeArrayOfObjects(
+      entries_.size(), [&](std::size_t i) -> const ObjectPtr& { return entries_[i].second; },
+      "NS.objects");
 }
 
 }  // namespace qx
