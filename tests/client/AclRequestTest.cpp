@@ -202,3 +202,46 @@ TEST_F(AclRequests, EntriesHoldingAnotherClassAreRefusedBeforeTheService) {
 
 }  // namespace
 }  // namespace qxclienttest
+
+namespace qxclienttest {
+namespace {
+
+// A long propagation holds the connection's delivery queue: the ACL requests
+// sent behind it are answered after it, in the order they were sent, while
+// another client's request is answered in the meantime.
+TEST_F(AclRequests, RequestsOfAConnectionNeverOverlapOthersGoOn) {
+  std::string top = makeFolder(files_ / "top", 0750);
+  for (int i = 0; i < 20; ++i) {
+    std::string folder = makeFolder(top + "/d" + std::to_string(i));
+    fillFolder(folder, 200, 0);
+  }
+  std::string item = makeFile(files_ / "item", 0, 0600);
+  QXFileClient& client = connectClient();
+  QXFileClient& other = connectClient();
+  qx::ErrorPtr error;
+  qx::ArrayPtr entries = QXFileClientSync(client).getAclEntriesWithUrl(urlOf(top), &error);
+  ASSERT_TRUE(entries);
+
+  ReplyLog log;
+  auto start = std::chrono::steady_clock::now();
+  client.propagateAclEntries(entries, urlOf(top), [&](qx::ErrorPtr error) {
+    log.add(error ? "propagate failed" : "propagate");
+  });
+  client.getAclEntriesWithUrl(urlOf(item), [&](qx::ArrayPtr, qx::ErrorPtr) { log.add("get"); });
+  client.setAclEntries(entries, urlOf(item), [&](qx::ErrorPtr) { log.add("set"); });
+  client.getAclAccessWithUrl(urlOf(item), nullptr,
+                             [&](qx::ArrayPtr, qx::ErrorPtr) { log.add("access"); });
+  other.getAclEntriesWithUrl(urlOf(item),
+                             [&](qx::ArrayPtr, qx::ErrorPtr) { log.add("other client"); });
+  EXPECT_TRUE(eventually([&] { return log.count() == 5; }, 60s));
+  auto elapsed = std::chrono::steady_clock::now() - start;
+  auto order = log.entries();
+  order.erase(std::find(order.begin(), order.end(), "other client"));
+  EXPECT_EQ(order, (std::vector<std::string>{"propagate", "get", "set", "access"}));
+  EXPECT_EQ(log.entries().front(), "other client")
+      << "the propagation took "
+      << std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count() << " ms";
+}
+
+}  // namespace
+}  // namespace qxclienttest

@@ -126,9 +126,12 @@ TEST_F(ClientLibrary, PendingRepliesGetAnErrorWhenTheServiceGoesAway) {
   // The handler outlives this body: the client ends when the test does.
   auto invalidations = std::make_shared<std::atomic<int>>(0);
   client.setInvalidationHandler([invalidations] { ++*invalidations; });
+  // The client keeps its answer to the first report until the service is gone.
   qx::Semaphore reported;
-  client.setSizeUpdateHandler([&](const qx::ArrayPtr&) {
+  auto release = std::make_shared<qx::Semaphore>();
+  client.setSizeUpdateHandler([&reported, release](const qx::ArrayPtr&) {
     reported.signal();
+    release->wait();
     return true;
   });
   qx::Semaphore answered;
@@ -145,6 +148,7 @@ TEST_F(ClientLibrary, PendingRepliesGetAnErrorWhenTheServiceGoesAway) {
   ::kill(pids[0], SIGSTOP);
   ::kill(pids[0], SIGKILL);
   ASSERT_TRUE(answered.waitFor(10s));
+  release->signal();
   ASSERT_TRUE(seen);
   EXPECT_EQ(seen->code(), kConnectionInvalid);
   EXPECT_TRUE(eventually([&] { return invalidations->load() == 1; }));
