@@ -2,10 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
 
+#include "acl/QXAclAttribute.h"
 #include "acl/QXAclStep.h"
 #include "acl/QXAclWriteMessage.h"
 #include "acl/QXAclWriter.h"
@@ -72,15 +76,24 @@ ErrorPtr makeFileEntries(const qx::ArrayPtr& aclEntries, qx::MutableArrayPtr* fi
   return nullptr;
 }
 
-// A path that names `name` inside the folder open at `folderFd` whatever has
-// become of the folder's own path: the kernel resolves the descriptor's link
-// in /proc to the folder itself, not to a path that could have been swapped.
-std::string pathThroughFolder(int folderFd, const char* name) {
-  std::string path = "/proc/self/fd/";
-  path += std::to_string(folderFd);
-  path += '/';
-  path += name;
-  return path;
+#ifdef SYS_fchmodat2
+constexpr long kFchmodat2 = SYS_fchmodat2;
+#else
+constexpr long kFchmodat2 = 452;  // the same number on every architecture Debian builds for
+#endif
+
+// fchmodat with AT_SYMLINK_NOFOLLOW. Kernels from 6.6 on take the flag in one call
+// (fchmodat2); glibc 2.36 emulates it with four (open, stat, chmod through /proc, close), which
+// would dominate the cost of a propagation. Without the call (ENOSYS), or where a filter
+// refuses it (EPERM, which the emulation then confirms or not), glibc's way is taken.
+int changeMode(int folderFd, const char* name, mode_t mode) {
+  static std::atomic<bool> unavailable{false};
+  if (!unavailable.load(std::memory_order_relaxed)) {
+    if (syscall(kFchmodat2, folderFd, name, mode, AT_SYMLINK_NOFOLLOW) == 0) return 0;
+    if (errno == ENOSYS) unavailable.store(true, std::memory_order_relaxed);
+    if (errno != ENOSYS && errno != EPERM) return -1;
+  }
+  return fchmodat(folderFd, name, mode, AT_SYMLINK_NOFOLLOW);
 }
 
 // One walk over the tree below a folder, with the settings it hands down.
@@ -142,8 +155,7 @@ class TreeUpdate {
     const bool link = S_ISLNK(st.st_mode);
     const int folder = entry.parentFd();
     const char* name = entry.accessName();
-    if (!link && mode_ != (st.st_mode & kPermissionBits) &&
-        fchmodat(folder, name, mode_, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (!link && mode_ != (st.st_mode & kPermissionBits) && changeMode(folder, name, mode_) != 0) {
       return stepError(errno, W::kSetMode, entry.path());
     }
     if (owner_ != st.st_uid &&
@@ -154,8 +166,7 @@ class TreeUpdate {
         fchownat(folder, name, static_cast<uid_t>(-1), group_, AT_SYMLINK_NOFOLLOW) != 0) {
       return stepError(errno, W::kSetGroup, entry.path());
     }
-    if (!link && qx::xacl::acl_set_link_np(pathThroughFolder(folder, name).c_str(),
-                                           qx::xacl::ACL_TYPE_EXTENDED, acl) != 0) {
+    if (!link && QXAclAttribute::setAt(folder, name, st, acl) != 0) {
       return stepError(errno, W::kSetAcl, entry.path());
     }
     return nullptr;
