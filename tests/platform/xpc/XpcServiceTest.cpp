@@ -265,6 +265,24 @@ TEST_F(ServiceProcess, PeersOfAnotherUserAreClosedAtOnce) {
   own->invalidate();
 }
 
+TEST_F(ServiceProcess, AClientWrittenFromTheProtocolDescriptionAloneIsServed) {
+  auto own = connectClient();
+  ASSERT_TRUE(own);
+  ASSERT_GT(servicePid(own), 0);
+  std::string command = std::string("python3 ") + QX_SOURCE_DIR +
+                        "/tests/platform/xpc/python_client.py " + socketPath();
+  FILE* pipe = ::popen(command.c_str(), "r");
+  ASSERT_TRUE(pipe);
+  std::string output;
+  char buffer[256];
+  while (std::fgets(buffer, sizeof buffer, pipe)) output += buffer;
+  EXPECT_EQ(::pclose(pipe), 0);
+  EXPECT_NE(output.find("reply 7 [2]\n"), std::string::npos) << output;
+  EXPECT_NE(output.find("refused 8 "), std::string::npos) << output;
+  EXPECT_NE(output.find("NSString"), std::string::npos) << output;
+  own->invalidate();
+}
+
 // The socket folder and the start-up paths, without a service.
 class SocketFolder : public ServiceProcess {};
 
