@@ -1,5 +1,8 @@
 #include "sizes/QXFolderListing.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -29,6 +32,20 @@ std::string appendingComponent(const std::string& folder, const char* name) {
   return folder.back() == '/' ? folder + name : folder + "/" + name;
 }
 
+// opendir without following a symbolic link put in the folder's place since
+// it was examined.
+DIR* openFolder(const std::string& path) {
+  int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  DIR* dir = fdopendir(fd);
+  if (dir == nullptr) {
+    int number = errno;
+    close(fd);
+    errno = number;
+  }
+  return dir;
+}
+
 }  // namespace
 
 QXFolderListing::QXFolderListing(qx::UrlPtr url, qx::IndexPathPtr indexPath)
@@ -55,7 +72,7 @@ QXFolderListing::Step QXFolderListing::listLevel(std::size_t level) {
   std::string path = current_->path();
   auto contents = qx::MutableArray::make();
   if (!isFolder()) return Step::Stop;
-  DIR* dir = opendir(path.c_str());
+  DIR* dir = openFolder(path);
   if (dir == nullptr) {
     int number = errno;
     if (!isPermissionError(number) || !recorded_) {
