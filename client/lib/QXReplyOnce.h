@@ -9,6 +9,7 @@
 #include "platform/foundation/Dictionary.h"
 #include "platform/foundation/Error.h"
 #include "platform/foundation/String.h"
+#include "platform/xpc/XpcConnection.h"
 
 // Holds the reply callback of one request and calls it exactly once: with
 // the service's answer, or, when no answer comes, with nil values and an
@@ -40,7 +41,7 @@ class QXReplyOnce {
   }
   static qx::ErrorPtr noAnswerError() {
     return qx::Error::errorWithDomain(
-        qx::kCocoaErrorDomain, 4099,  // the connection layer's "connection invalid"
+        qx::kCocoaErrorDomain, qx::kXpcConnectionInvalidError,
         qx::Dictionary::withStringKeys(
             {{qx::kLocalizedDescriptionKey, qx::String::make("The service did not answer.")}}));
   }
