@@ -101,9 +101,15 @@ TEST_F(ConnectionPair, EveryInvocationGetsExactlyOneReplyWithItsObjectsIntact) {
       for (int i = 0; i < kCalls; ++i) {
         int slot = t * kCalls + i;
         auto text = str("call " + std::to_string(slot) + " \xc3\xa9");
-        auto array = Array::make({str("x"), Number::numberWithInteger(slot), nullptr,
-                                  Data::make({0, 1, 2}), Array::make({str("nested")})});
-        auto dictionary = Dictionary::withStringKeys({{"k", Number::numberWithDouble(0.5)}});
+        auto mutableArray = MutableArray::make();
+        mutableArray->addObject(Number::numberWithBool(true));
+        auto mutableDictionary = MutableDictionary::make();
+        mutableDictionary->setObject(str("v"), "k");
+        auto array =
+            Array::make({str("x"), Number::numberWithInteger(slot), nullptr, Data::make({0, 1, 2}),
+                         Array::make({str("nested")}), mutableArray, mutableDictionary});
+        auto dictionary = Dictionary::withStringKeys(
+            {{"k", Number::numberWithDouble(0.5)}, {"list", mutableArray}});
         auto data = Data::make(std::vector<uint8_t>(slot % 7, 0xab));
         auto number = Number::numberWithInteger(-static_cast<int64_t>(slot) * 1000000007LL);
         bool flag = slot % 2 == 0;
@@ -122,8 +128,12 @@ TEST_F(ConnectionPair, EveryInvocationGetsExactlyOneReplyWithItsObjectsIntact) {
               array, dictionary, data, number, flag,
               [&, slot, array, dictionary, data, number, flag](ArrayPtr a, DictionaryPtr d,
                                                                DataPtr bytes, NumberPtr n, bool f) {
-                if (!isEqual(a, array) || !isEqual(d, dictionary) || !isEqual(bytes, data) ||
-                    !isEqual(n, number) || f != flag)
+                bool mutableKept =
+                    a && a->count() == 7 && a->objectAtIndex(5) &&
+                    a->objectAtIndex(5)->objectClass().name() == "NSMutableArray" &&
+                    a->objectAtIndex(6)->objectClass().name() == "NSMutableDictionary";
+                if (!mutableKept || !isEqual(a, array) || !isEqual(d, dictionary) ||
+                    !isEqual(bytes, data) || !isEqual(n, number) || f != flag)
                   mismatches.fetch_add(1);
                 replies[slot].fetch_add(1);
                 if (remaining.fetch_sub(1) == 1) allDone.signal();
