@@ -137,6 +137,28 @@ TEST_F(ServiceProcess, StartsOnDemandGivesEachClientItsOwnObjectAndExitsWhenIdle
   third->invalidate();
 }
 
+TEST_F(ServiceProcess, StartedWithoutASocketItBindsThePerUserSocketItself) {
+  char* argv[] = {const_cast<char*>(kService), nullptr};
+  pid_t pid;
+  ASSERT_EQ(::posix_spawn(&pid, kService, nullptr, nullptr, argv, environ), 0);
+  services.insert(pid);
+  UniqueFd socket;
+  ASSERT_TRUE(
+      eventually([&] { return (socket = XpcServiceSocket::connectTo(socketPath())).valid(); }));
+  auto connection = XpcConnection::withSocket(std::move(socket));
+  configureClientConnection(connection, nullptr);
+  connection->resume();
+  EXPECT_EQ(servicePid(connection), pid);
+  // A second one finds the socket taken and leaves at once.
+  pid_t second;
+  ASSERT_EQ(::posix_spawn(&second, kService, nullptr, nullptr, argv, environ), 0);
+  int status = 0;
+  ASSERT_EQ(::waitpid(second, &status, 0), second);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+  EXPECT_EQ(servicePid(connection), pid);
+  connection->invalidate();
+}
+
 TEST_F(ServiceProcess, EightClientsStartedAtOnceShareOneService) {
   constexpr int kClients = 8;
   std::vector<pid_t> clients;
