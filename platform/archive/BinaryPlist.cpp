@@ -1,5 +1,6 @@
 #include "platform/archive/BinaryPlist.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -11,18 +12,93 @@ constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kTrailerSize = 32;
 constexpr char32_t kReplacement = 0xFFFD;
 
-uint64_t readBigEndian(const uint8_t* p, unsigned width) {
-  uint64_t value = 0;
-  for (unsigned i = 0; i < width; ++i) value = (value << 8) | p[i];
-  return value;
+// Big-endian integers of 1 to 8 bytes. The widths that writers use (1, 2, 4
+// and 8) take one load or store each: these run once per reference.
+inline uint64_t readBigEndian(const uint8_t* p, unsigned width) {
+  switch (width) {
+    case 1:
+      return p[0];
+    case 2:
+      return uint64_t(p[0]) << 8 | p[1];
+    case 4: {
+      uint32_t v;
+      std::memcpy(&v, p, 4);
+      return __builtin_bswap32(v);
+    }
+    case 8: {
+      uint64_t v;
+      std::memcpy(&v, p, 8);
+      return __builtin_bswap64(v);
+    }
+    default: {
+      uint64_t value = 0;
+      for (unsigned i = 0; i < width; ++i) value = (value << 8) | p[i];
+      return value;
+    }
+  }
 }
 
-uint8_t* writeBigEndian(uint8_t* p, uint64_t value, unsigned width) {
-  for (unsigned i = width; i-- > 0;) {
-    p[i] = static_cast<uint8_t>(value);
-    value >>= 8;
+inline uint8_t* writeBigEndian(uint8_t* p, uint64_t value, unsigned width) {
+  switch (width) {
+    case 1:
+      p[0] = static_cast<uint8_t>(value);
+      return p + 1;
+    case 2:
+      p[0] = static_cast<uint8_t>(value >> 8);
+      p[1] = static_cast<uint8_t>(value);
+      return p + 2;
+    case 4: {
+      uint32_t v = __builtin_bswap32(static_cast<uint32_t>(value));
+      std::memcpy(p, &v, 4);
+      return p + 4;
+    }
+    case 8: {
+      uint64_t v = __builtin_bswap64(value);
+      std::memcpy(p, &v, 8);
+      return p + 8;
+    }
+    default:
+      for (unsigned i = width; i-- > 0;) {
+        p[i] = static_cast<uint8_t>(value);
+        value >>= 8;
+      }
+      return p + width;
   }
-  return p + width;
+}
+
+// Reads `count` references of `width` bytes; false when one is not below `limit`.
+template <unsigned Width>
+bool readRefsOf(const uint8_t* p, std::size_t count, uint64_t limit, uint32_t* out) {
+  for (std::size_t i = 0; i < count; ++i, p += Width) {
+    uint64_t ref = readBigEndian(p, Width);
+    if (ref >= limit) return false;
+    out[i] = static_cast<uint32_t>(ref);
+  }
+  return true;
+}
+
+bool readRefs(const uint8_t* p, unsigned width, std::size_t count, uint64_t limit, uint32_t* out) {
+  switch (width) {
+    case 1:
+      return readRefsOf<1>(p, count, limit, out);
+    case 2:
+      return readRefsOf<2>(p, count, limit, out);
+    case 4:
+      return readRefsOf<4>(p, count, limit, out);
+    default:
+      for (std::size_t i = 0; i < count; ++i, p += width) {
+        uint64_t ref = readBigEndian(p, width);
+        if (ref >= limit) return false;
+        out[i] = static_cast<uint32_t>(ref);
+      }
+      return true;
+  }
+}
+
+template <unsigned Width>
+uint8_t* writeRefsOf(uint8_t* p, const uint32_t* refs, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) p = writeBigEndian(p, refs[i], Width);
+  return p;
 }
 
 // The width that the offsets and references of a table of `count` use.
@@ -214,7 +290,13 @@ class BinaryPlistParser {
     plist_.nodes_.resize(objectCount_);
     plist_.refs_.reserve(objectCount_ * 2);
     plist_.top_ = static_cast<BinaryPlist::Ref>(top_);
-    return parseObject(plist_.top_, 0);
+    // Every object once, in table order. When every container names only
+    // objects before it (as this project's writer lays them out), the graph
+    // cannot have a cycle and was checked on the way; else it is walked.
+    for (uint64_t i = 0; i < objectCount_; ++i) {
+      if (!parseObject(static_cast<Ref>(i))) return false;
+    }
+    return backwardOnly_ || checkGraph();
   }
 
  private:
@@ -277,13 +359,8 @@ class BinaryPlistParser {
     return true;
   }
 
-  bool parseObject(Ref ref, int depth) {
+  bool parseObject(Ref ref) {
     Node& node = plist_.nodes_[ref];
-    if (node.flags & BinaryPlist::kParsed) return true;
-    if (node.flags & BinaryPlist::kParsing) {
-      return fail("object " + std::to_string(ref) + " contains itself");
-    }
-    if (depth > BinaryPlist::kMaxDepth) return fail("containers nested too deeply");
     uint64_t offset =
         readBigEndian(bytes_ + tableOffset_ + uint64_t(ref) * offsetSize_, offsetSize_);
     if (offset < kHeaderSize || offset >= tableOffset_) {
@@ -308,7 +385,7 @@ class BinaryPlistParser {
         return parseUid(node, start, end);
       case 0xA:
       case 0xD:
-        return parseContainer(ref, start, end, depth);
+        return parseContainer(ref, node, start, end);
       default:
         return fail("unknown object marker " + std::to_string(marker));
     }
@@ -423,7 +500,7 @@ class BinaryPlistParser {
     return true;
   }
 
-  bool parseContainer(Ref ref, const uint8_t* start, const uint8_t* end, int depth) {
+  bool parseContainer(Ref ref, Node& node, const uint8_t* start, const uint8_t* end) {
     bool isDictionary = (*start >> 4) == 0xD;
     const uint8_t* p = start;
     uint64_t count;
@@ -436,26 +513,81 @@ class BinaryPlistParser {
     std::size_t first = refs.size();
     std::size_t total = static_cast<std::size_t>(count * slots);
     refs.resize(first + total);
-    for (std::size_t i = 0; i < total; ++i, p += refSize_) {
-      uint64_t child = readBigEndian(p, refSize_);
-      if (child >= objectCount_) return fail("object reference beyond the object table");
-      refs[first + i] = static_cast<Ref>(child);
+    if (!readRefs(p, refSize_, total, objectCount_, refs.data() + first)) {
+      return fail("object reference beyond the object table");
     }
-    {
-      Node& node = plist_.nodes_[ref];
-      node.type = isDictionary ? Type::Dictionary : Type::Array;
-      node.length = static_cast<uint32_t>(count);
-      node.offset = first;
-      node.flags = BinaryPlist::kParsing;
-    }
+    node.type = isDictionary ? Type::Dictionary : Type::Array;
+    node.length = static_cast<uint32_t>(count);
+    node.offset = first;
+    node.flags = BinaryPlist::kParsed;
+    return !backwardOnly_ || checkBackward(ref, node);
+  }
+
+  // For a container whose elements all come before it (parsed already): its
+  // keys must be strings and its height is one more than its highest element.
+  bool checkBackward(Ref ref, Node& node) {
+    const Ref* refs = plist_.refs_.data() + node.offset;
+    std::size_t total = BinaryPlist::referenceCount(node);
+    std::size_t keys = node.type == Type::Dictionary ? node.length : 0;
+    const auto& nodes = plist_.nodes_;
+    uint16_t highest = 0;
     for (std::size_t i = 0; i < total; ++i) {
-      Ref child = refs[first + i];
-      if (!parseObject(child, depth + 1)) return false;
-      if (isDictionary && i < count && plist_.nodes_[child].type != Type::String) {
+      if (refs[i] >= ref) {
+        backwardOnly_ = false;
+        return true;
+      }
+      const Node& element = nodes[refs[i]];
+      if (i < keys && element.type != Type::String) return fail("dictionary key is not a string");
+      if (element.height > highest) highest = element.height;
+    }
+    if (highest > BinaryPlist::kMaxDepth) return fail("containers nested too deeply");
+    node.height = static_cast<uint16_t>(highest + 1);
+    return true;
+  }
+
+  static bool isContainer(const Node& node) {
+    return node.type == Type::Array || node.type == Type::Dictionary;
+  }
+
+  // Walks the values reachable from the top without recursion: refuses a
+  // container that contains itself, nesting deeper than kMaxDepth and
+  // dictionary keys that are not strings.
+  bool checkGraph() {
+    auto& nodes = plist_.nodes_;
+    const Ref* refs = plist_.refs_.data();
+    constexpr uint8_t kOnPath = BinaryPlist::kParsing;
+    constexpr uint8_t kDone = BinaryPlist::kChecked;
+    struct Step {
+      Ref container;
+      std::size_t next;
+    };
+    std::vector<Step> path;
+    Ref top = plist_.top_;
+    if (!isContainer(nodes[top])) return true;
+    nodes[top].flags |= kOnPath;
+    path.push_back({top, 0});
+    while (!path.empty()) {
+      Step& step = path.back();
+      Node& container = nodes[step.container];
+      std::size_t total = BinaryPlist::referenceCount(container);
+      if (step.next == total) {
+        container.flags = static_cast<uint8_t>((container.flags & ~kOnPath) | kDone);
+        path.pop_back();
+        continue;
+      }
+      std::size_t index = step.next++;
+      Ref child = refs[container.offset + index];
+      Node& node = nodes[child];
+      if (container.type == Type::Dictionary && index < container.length &&
+          node.type != Type::String) {
         return fail("dictionary key is not a string");
       }
+      if (!isContainer(node) || (node.flags & kDone)) continue;
+      if (node.flags & kOnPath) return fail("object " + std::to_string(child) + " contains itself");
+      if (path.size() > BinaryPlist::kMaxDepth) return fail("containers nested too deeply");
+      node.flags |= kOnPath;
+      path.push_back({child, 0});  // `step` and `container` are not used past this point
     }
-    plist_.nodes_[ref].flags = BinaryPlist::kParsed;
     return true;
   }
 
@@ -469,17 +601,41 @@ class BinaryPlistParser {
   uint64_t top_ = 0;
   uint64_t tableOffset_ = 0;
   uint64_t consumed_ = 0;
+  bool backwardOnly_ = true;
 };
 
 std::optional<BinaryPlist> BinaryPlist::parse(std::span<const uint8_t> bytes, std::string* why) {
   BinaryPlist plist;
-  std::string reason;
-  BinaryPlistParser parser(plist, bytes, reason);
-  if (!parser.run()) {
-    if (why) *why = std::move(reason);
-    return std::nullopt;
-  }
+  if (!plist.read(bytes, why)) return std::nullopt;
   return plist;
+}
+
+bool BinaryPlist::read(std::span<const uint8_t> bytes, std::string* why) {
+  clear();
+  std::string reason;
+  BinaryPlistParser parser(*this, bytes, reason);
+  if (parser.run()) return true;
+  clear();
+  if (why) *why = std::move(reason);
+  return false;
+}
+
+void BinaryPlist::clear() {
+  nodes_.clear();
+  refs_.clear();
+  arena_.clear();
+  top_ = 0;
+  fixedBytes_ = 0;
+  refCount_ = 0;
+  counted_ = true;
+  if (stringCount_ > 0) std::fill(stringTable_.begin(), stringTable_.end(), kNoRef);
+  stringCount_ = 0;
+  boolRefs_[0] = boolRefs_[1] = kNoRef;
+}
+
+std::size_t BinaryPlist::memoryUse() const {
+  return nodes_.capacity() * sizeof(Node) + refs_.capacity() * sizeof(Ref) + arena_.capacity() +
+         stringTable_.capacity() * sizeof(Ref);
 }
 
 std::string_view BinaryPlist::string(Ref ref) const {
@@ -492,15 +648,25 @@ std::span<const uint8_t> BinaryPlist::data(Ref ref) const {
   return {bytesOf(node), node.length};
 }
 
-BinaryPlist::Ref BinaryPlist::lookup(Ref dictionary, std::string_view key) const {
+BinaryPlist::Ref BinaryPlist::lookup(Ref dictionary, std::string_view key, Ref* keyFound) const {
   const Node& dict = nodes_[dictionary];
   const Ref* keys = refs_.data() + dict.offset;
   for (std::size_t i = 0; i < dict.length; ++i) {
     const Node& k = nodes_[keys[i]];
     if (k.length == key.size() &&
         sameBytes(reinterpret_cast<const char*>(bytesOf(k)), key.data(), key.size())) {
+      if (keyFound) *keyFound = keys[i];
       return keys[dict.length + i];
     }
+  }
+  return kNoRef;
+}
+
+BinaryPlist::Ref BinaryPlist::lookupByKeyRef(Ref dictionary, Ref key) const {
+  const Node& dict = nodes_[dictionary];
+  const Ref* keys = refs_.data() + dict.offset;
+  for (std::size_t i = 0; i < dict.length; ++i) {
+    if (keys[i] == key) return keys[dict.length + i];
   }
   return kNoRef;
 }
@@ -562,7 +728,7 @@ void BinaryPlist::reserve(std::size_t values, std::size_t references, std::size_
 BinaryPlist::Ref BinaryPlist::addNull() {
   Ref ref;
   push(Type::Null, ref);
-  count(nodes_[ref]);
+  fixedBytes_ += 1;
   return ref;
 }
 
@@ -570,7 +736,7 @@ BinaryPlist::Ref BinaryPlist::addBool(bool value) {
   Ref& shared = boolRefs_[value ? 1 : 0];
   if (shared == kNoRef) {
     push(Type::Bool, shared).integer = value ? 1 : 0;
-    count(nodes_[shared]);
+    fixedBytes_ += 1;
   }
   return shared;
 }
@@ -578,21 +744,21 @@ BinaryPlist::Ref BinaryPlist::addBool(bool value) {
 BinaryPlist::Ref BinaryPlist::addInteger(int64_t value) {
   Ref ref;
   push(Type::Integer, ref).integer = value;
-  count(nodes_[ref]);
+  fixedBytes_ += 1 + integerWidth(value);
   return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addReal(double value) {
   Ref ref;
   push(Type::Real, ref).real = value;
-  count(nodes_[ref]);
+  fixedBytes_ += 9;
   return ref;
 }
 
 BinaryPlist::Ref BinaryPlist::addDate(double secondsSince2001) {
   Ref ref;
   push(Type::Date, ref).real = secondsSince2001;
-  count(nodes_[ref]);
+  fixedBytes_ += 9;
   return ref;
 }
 
@@ -603,7 +769,7 @@ BinaryPlist::Ref BinaryPlist::addData(std::span<const uint8_t> bytes) {
   node.length = static_cast<uint32_t>(bytes.size());
   node.offset = arena_.size();
   arena_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  count(nodes_[ref]);
+  fixedBytes_ += lengthHeaderSize(bytes.size()) + bytes.size();
   return ref;
 }
 
@@ -658,7 +824,7 @@ BinaryPlist::Ref BinaryPlist::addString(std::string_view utf8) {
 BinaryPlist::Ref BinaryPlist::addUid(uint32_t value) {
   Ref ref;
   push(Type::Uid, ref).integer = value;
-  count(nodes_[ref]);
+  fixedBytes_ += 1 + widthFor(value);
   return ref;
 }
 
@@ -668,7 +834,8 @@ BinaryPlist::Ref BinaryPlist::addArray(std::span<const Ref> elements) {
   node.length = static_cast<uint32_t>(elements.size());
   node.offset = refs_.size();
   refs_.insert(refs_.end(), elements.begin(), elements.end());
-  count(nodes_[ref]);
+  fixedBytes_ += lengthHeaderSize(elements.size());
+  refCount_ += elements.size();
   return ref;
 }
 
@@ -680,7 +847,8 @@ BinaryPlist::Ref BinaryPlist::addDictionary(std::span<const Ref> keys,
   node.offset = refs_.size();
   refs_.insert(refs_.end(), keys.begin(), keys.end());
   refs_.insert(refs_.end(), values.begin(), values.end());
-  count(nodes_[ref]);
+  fixedBytes_ += lengthHeaderSize(keys.size());
+  refCount_ += 2 * keys.size();
   return ref;
 }
 
@@ -697,7 +865,8 @@ BinaryPlist::Ref BinaryPlist::addDictionaryOfPairs(std::span<const Ref> keysAndV
   Node& node = push(Type::Dictionary, ref);
   node.length = static_cast<uint32_t>(pairs);
   node.offset = first;
-  count(nodes_[ref]);
+  fixedBytes_ += lengthHeaderSize(pairs);
+  refCount_ += 2 * pairs;
   return ref;
 }
 
@@ -769,8 +938,14 @@ class BinaryPlistWriter {
 
   uint8_t* writeRefs(uint8_t* p, std::size_t first, std::size_t count) const {
     const BinaryPlist::Ref* refs = plist_.refs_.data() + first;
-    for (std::size_t i = 0; i < count; ++i) p = writeBigEndian(p, refs[i], refSize_);
-    return p;
+    switch (refSize_) {
+      case 1:
+        return writeRefsOf<1>(p, refs, count);
+      case 2:
+        return writeRefsOf<2>(p, refs, count);
+      default:
+        return writeRefsOf<4>(p, refs, count);
+    }
   }
 
   uint8_t* writeNode(uint8_t* p, const Node& node) const {

@@ -52,6 +52,14 @@ class BinaryPlist {
   static std::optional<BinaryPlist> parse(std::span<const uint8_t> bytes,
                                           std::string* why = nullptr);
 
+  // The same into this object, reusing its memory; false (and `why`) for
+  // anything malformed, leaving this object empty.
+  bool read(std::span<const uint8_t> bytes, std::string* why = nullptr);
+  // Forgets every value but keeps the memory for the next use.
+  void clear();
+  // Bytes held by the tables, for deciding whether to keep this object.
+  std::size_t memoryUse() const;
+
   // The root value of a parsed property list.
   Ref top() const { return top_; }
 
@@ -96,8 +104,12 @@ class BinaryPlist {
   Ref value(Ref dictionary, std::size_t index) const {
     return refs_[nodes_[dictionary].offset + nodes_[dictionary].length + index];
   }
-  // The value under a string key of a dictionary, or kNoRef.
-  Ref lookup(Ref dictionary, std::string_view key) const;
+  // The value under a string key of a dictionary, or kNoRef; `keyFound`, when
+  // given, receives the key's own Ref.
+  Ref lookup(Ref dictionary, std::string_view key, Ref* keyFound = nullptr) const;
+  // The value under the key value `key` itself (a Ref comparison, for keys
+  // shared by many dictionaries), or kNoRef.
+  Ref lookupByKeyRef(Ref dictionary, Ref key) const;
   std::optional<Ref> find(Ref dictionary, std::string_view key) const {
     Ref found = lookup(dictionary, key);
     return found == kNoRef ? std::nullopt : std::optional<Ref>(found);
@@ -112,13 +124,15 @@ class BinaryPlist {
   enum Flags : uint8_t {
     kInArena = 1,   // bytes live in arena_ at `offset`, else at `pointer`
     kNonAscii = 2,  // a built string that is written as UTF-16
-    kParsing = 4,   // a container whose elements are being read
+    kParsing = 4,   // a container on the path being checked
     kParsed = 8,
+    kChecked = 16,  // a container whose contents have been checked
   };
 
   struct Node {
     Type type = Type::Null;
     uint8_t flags = 0;
+    uint16_t height = 0;  // of a parsed container: the containers in its longest chain
     uint32_t length = 0;  // bytes of a string or data, elements of an array, pairs of a dictionary
     union {
       int64_t integer = 0;  // integers, booleans, UIDs

@@ -1,9 +1,12 @@
 #include "platform/archive/KeyedArchiver.h"
 
+#include <algorithm>
 #include <exception>
+#include <iterator>
 #include <string>
 
 #include "platform/archive/BinaryPlist.h"
+#include "platform/archive/ScratchPool.h"
 #include "platform/foundation/Number.h"
 #include "platform/foundation/String.h"
 
@@ -27,6 +30,13 @@ class IdentityTable {
     }
   }
 
+  // Empties the table; false when it has grown too large to keep.
+  bool clear() {
+    if (count_ > 0) std::fill(slots_.begin(), slots_.end(), Slot{});
+    count_ = 0;
+    return slots_.size() <= kKeepSlots;
+  }
+
   void insert(const Object* object, uint32_t uid) {
     if ((count_ + 1) * 4 > slots_.size() * 3) grow();
     std::size_t i = indexOf(object);
@@ -40,6 +50,8 @@ class IdentityTable {
     const Object* object = nullptr;
     uint32_t uid = 0;
   };
+
+  static constexpr std::size_t kKeepSlots = 1 << 16;
 
   std::size_t mask() const { return slots_.size() - 1; }
   std::size_t indexOf(const Object* object) const {
@@ -89,13 +101,30 @@ struct KeyedArchiver::State {
   KeyCacheEntry keyCache[64];
 
   static constexpr Ref kNoValue = 0xffffffffU;
+  // A state that held more than this is not kept for the next archive.
+  static constexpr std::size_t kKeepBytes = 4 << 20;
+
+  // Empties the state for the next archive of this thread (ScratchPool).
+  bool recycle() {
+    plist.clear();
+    objects.clear();
+    kept.clear();
+    classUids.clear();
+    uidValues.clear();
+    stack.clear();
+    classKey = 0;
+    std::fill(std::begin(keyCache), std::end(keyCache), KeyCacheEntry{});
+    bool small = uids.clear();
+    return small && plist.memoryUse() + objects.capacity() * sizeof(Ref) * 3 +
+                            kept.capacity() * sizeof(ObjectPtr) <=
+                        kKeepBytes;
+  }
 };
 
 namespace {
 
 Ref uidValue(KeyedArchiver::State& state, uint32_t uid) {
-  if (uid >= state.uidValues.size())
-    state.uidValues.resize(uid + 1, KeyedArchiver::State::kNoValue);
+  // One entry per UID: uidFor and classUid grow it with `objects`.
   Ref& value = state.uidValues[uid];
   if (value == KeyedArchiver::State::kNoValue) value = state.plist.addUid(uid);
   return value;
@@ -150,6 +179,7 @@ uint32_t KeyedArchiver::classUid(const ClassInfo& cls) {
   Ref values[] = {plist.addString(cls.name()), plist.addArray(names)};
   auto uid = static_cast<uint32_t>(state_.objects.size());
   state_.objects.push_back(plist.addDictionary(keys, values));
+  state_.uidValues.push_back(State::kNoValue);
   state_.classUids.emplace_back(&cls, uid);
   return uid;
 }
@@ -161,6 +191,7 @@ uint32_t KeyedArchiver::uidFor(const ObjectPtr& object) {
 
   auto uid = static_cast<uint32_t>(state_.objects.size());
   state_.objects.push_back(State::kNoValue);
+  state_.uidValues.push_back(State::kNoValue);
   state_.kept.push_back(object);
   state_.uids.insert(object.get(), uid);
 
@@ -244,14 +275,12 @@ void KeyedArchiver::encodeArrayOfObjects(const std::vector<ObjectPtr>& objects,
 
 DataPtr KeyedArchiver::archivedDataWithRootObject(const ObjectPtr& root) {
   try {
-    State state;
+    ScratchPool<State>::Lease lease;
+    State& state = *lease;
     KeyedArchiver coder(state);
     BinaryPlist& plist = state.plist;
-    plist.reserve(1024, 2048, 4096);
-    state.objects.reserve(256);
-    state.kept.reserve(256);
-    state.stack.reserve(256);
     state.objects.push_back(plist.addString("$null"));
+    state.uidValues.push_back(State::kNoValue);
     state.classKey = plist.addString("$class");
     uint32_t rootUid = coder.uidFor(root);
 

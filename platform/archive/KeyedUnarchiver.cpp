@@ -1,11 +1,14 @@
 #include "platform/archive/KeyedUnarchiver.h"
 
+#include <algorithm>
 #include <exception>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <utility>
 
 #include "platform/archive/BinaryPlist.h"
+#include "platform/archive/ScratchPool.h"
 #include "platform/foundation/ClassRegistry.h"
 #include "platform/foundation/MutableDictionary.h"
 #include "platform/foundation/Number.h"
@@ -141,11 +144,31 @@ struct KeyedUnarchiver::State {
     return " in " + std::string(frame.className) + " under key " + quoted(frame.key);
   }
 
-  std::optional<Ref> lookup(std::string_view key) const {
+  // Recently asked keys by the address of their text, with the key value that
+  // matched: archives share one key value among all their dictionaries, so a
+  // hit is a comparison of Refs (confirmed by content) instead of a scan of
+  // key texts.
+  struct KeyHint {
+    const char* text = nullptr;
+    std::size_t length = 0;
+    Ref key = BinaryPlist::kNoRef;
+  };
+  KeyHint keyHints[32];
+
+  std::optional<Ref> lookup(std::string_view key) {
     if (!key.empty() && key.front() == '$') {
       return plist.find(frame.dictionary, "$" + std::string(key));
     }
-    return plist.find(frame.dictionary, key);
+    KeyHint& hint = keyHints[(reinterpret_cast<uintptr_t>(key.data()) >> 3 ^ key.size()) & 31];
+    if (hint.text == key.data() && hint.length == key.size()) {
+      Ref value = plist.lookupByKeyRef(frame.dictionary, hint.key);
+      if (value != BinaryPlist::kNoRef && plist.string(hint.key) == key) return value;
+    }
+    Ref keyRef = BinaryPlist::kNoRef;
+    Ref value = plist.lookup(frame.dictionary, key, &keyRef);
+    if (value == BinaryPlist::kNoRef) return std::nullopt;
+    hint = {key.data(), key.size(), keyRef};
+    return value;
   }
 
   // The value under `key` of the current object when it has type `type`; a
@@ -171,14 +194,34 @@ struct KeyedUnarchiver::State {
     return slots[index - 1];
   }
 
+  // A state that held more than this is not kept for the next archive.
+  static constexpr std::size_t kKeepBytes = 4 << 20;
+
+  // Empties the state for the next archive of this thread (ScratchPool).
+  bool recycle() {
+    plist.clear();
+    objects = 0;
+    objectCount = 0;
+    restricted = false;
+    slotOfValue.clear();
+    slots.clear();
+    frame = Frame{};
+    error.reset();
+    coder = nullptr;
+    depth = 0;
+    customDecode = nullptr;
+    std::fill(std::begin(keyHints), std::end(keyHints), KeyHint{});
+    return plist.memoryUse() + slotOfValue.capacity() * sizeof(uint32_t) +
+               slots.capacity() * sizeof(Slot) <=
+           kKeepBytes;
+  }
+
   bool open(std::span<const uint8_t> bytes) {
     std::string why;
-    auto parsed = BinaryPlist::parse(bytes, &why);
-    if (!parsed) {
+    if (!plist.read(bytes, &why)) {
       fail("not a binary property list: " + why);
       return false;
     }
-    plist = std::move(*parsed);
     Ref top = plist.top();
     if (plist.type(top) != Type::Dictionary) return malformed("the top level is not a dictionary");
     auto archiver = plist.find(top, "$archiver");
@@ -394,38 +437,52 @@ struct KeyedUnarchiver::State {
 
 ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassSet* classes,
                                      ErrorPtr* error) {
-  State state;
-  ActiveDepth active(state.depth);
-  ObjectPtr result;
   try {
-    KeyedUnarchiver coder(state);
-    state.coder = &coder;
-    state.restricted = classes != nullptr;
-    if (state.open(data)) result = state.decodeRoot(classes);
-  } catch (const std::exception& e) {
-    state.fail(std::string("decoding stopped: ") + e.what());
+    ScratchPool<State>::Lease lease;
+    State& state = *lease;
+    ActiveDepth active(state.depth);
+    ObjectPtr result;
+    try {
+      KeyedUnarchiver coder(state);
+      state.coder = &coder;
+      state.restricted = classes != nullptr;
+      if (state.open(data)) result = state.decodeRoot(classes);
+    } catch (const std::exception& e) {
+      state.fail(std::string("decoding stopped: ") + e.what());
+    }
+    if (state.error) result = nullptr;
+    if (error) *error = state.error;
+    return result;
+  } catch (...) {
+    // No memory even for the working state or the error.
+    if (error) *error = nullptr;
+    return nullptr;
   }
-  if (state.error) result = nullptr;
-  if (error) *error = state.error;
-  return result;
 }
 
 ObjectPtr KeyedUnarchiver::unarchiveRootWith(std::span<const uint8_t> data, const ClassSet& classes,
                                              const DecodeFunction& decode, ErrorPtr* error) {
-  State state;
-  ActiveDepth active(state.depth);
-  ObjectPtr result;
   try {
-    KeyedUnarchiver coder(state);
-    state.coder = &coder;
-    state.restricted = true;
-    if (state.open(data)) result = state.decodeRoot(&classes, &decode);
-  } catch (const std::exception& e) {
-    state.fail(std::string("decoding stopped: ") + e.what());
+    ScratchPool<State>::Lease lease;
+    State& state = *lease;
+    ActiveDepth active(state.depth);
+    ObjectPtr result;
+    try {
+      KeyedUnarchiver coder(state);
+      state.coder = &coder;
+      state.restricted = true;
+      if (state.open(data)) result = state.decodeRoot(&classes, &decode);
+    } catch (const std::exception& e) {
+      state.fail(std::string("decoding stopped: ") + e.what());
+    }
+    if (state.error) result = nullptr;
+    if (error) *error = state.error;
+    return result;
+  } catch (...) {
+    // No memory even for the working state or the error.
+    if (error) *error = nullptr;
+    return nullptr;
   }
-  if (state.error) result = nullptr;
-  if (error) *error = state.error;
-  return result;
 }
 
 KeyedUnarchiver::~KeyedUnarchiver() = default;
@@ -555,10 +612,15 @@ std::optional<std::vector<ObjectPtr>> KeyedUnarchiver::decodeArrayOfObjectsForKe
 }
 
 std::optional<std::size_t> KeyedUnarchiver::countOfArrayForKey(std::string_view key) {
-  if (state_.error || state_.frame.className.empty() || !state_.lookup(key)) return std::nullopt;
-  auto array = state_.typedValue(key, Type::Array, "an array");
-  if (!array) return std::nullopt;
-  return state_.plist.count(*array);
+  if (state_.error || state_.frame.className.empty()) return std::nullopt;
+  auto value = state_.lookup(key);
+  if (!value) return std::nullopt;
+  if (state_.plist.type(*value) != Type::Array) {
+    state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
+                " is " + typeName(state_.plist.type(*value)) + ", not an array");
+    return std::nullopt;
+  }
+  return state_.plist.count(*value);
 }
 
 ObjectPtr KeyedUnarchiver::decodeObjectOfClassesAtIndexForKey(const ClassSet& classes,
