@@ -15,60 +15,17 @@
 
 #include "model/ModelClasses.h"
 #include "model/QXFileSizeItem.h"
-#include "platform/dispatch/ConcurrentQueue.h"
-#include "platform/dispatch/SerialQueue.h"
 #include "platform/xpc/UniqueFd.h"
 #include "platform/xpc/XpcInterface.h"
 #include "service/QXFileRequest.h"
 #include "service/QXFileResponse.h"
-#include "sizes/QXFileSizes.h"
+#include "service/QXFileService.h"
 
 extern char** environ;
 
 namespace qx::bench {
 
 namespace {
-
-ErrorPtr notMeasured() {
-  return Error::errorWithDomain(kPOSIXErrorDomain, ENOTSUP);
-}
-
-// The worker side: the two requests dispatched as the service does.
-class BenchService final : public QXFileRequest {
- public:
-  explicit BenchService(std::weak_ptr<XpcConnection> connection)
-      : connection_(std::move(connection)), queue_("org.qxfile.bench.OperationQueue") {}
-
-  void getAclEntriesWithUrl(UrlPtr, ArrayReply reply) override { reply(nullptr, notMeasured()); }
-  void getAclAccessWithUrl(UrlPtr, UuidPtr, ArrayReply reply) override {
-    reply(nullptr, notMeasured());
-  }
-  void setAclEntries(ArrayPtr, UrlPtr, ErrorReply reply) override { reply(notMeasured()); }
-  void propagateAclEntries(ArrayPtr, UrlPtr, ErrorReply reply) override { reply(notMeasured()); }
-  void renameUrls(ArrayPtr, ArrayPtr, RenameReply reply) override {
-    reply(nullptr, nullptr, notMeasured());
-  }
-  void getSizesWithUrls(ArrayPtr urls, ArrayReply reply) override {
-    queue_.async([this, urls = std::move(urls), reply = std::move(reply)]() mutable {
-      ErrorPtr error;
-      ArrayPtr sizes = QXFileSizes::getSizesWithUrls(urls, connection_.lock(), &error);
-      reply(sizes, error);
-    });
-  }
-  void getContentsOfDirectory(UrlPtr url, IndexPathPtr indexPath, ArrayReply reply) override {
-    globalQueue(Qos::Default)
-        .async([url = std::move(url), indexPath = std::move(indexPath),
-                reply = std::move(reply)]() mutable {
-          ErrorPtr error;
-          ArrayPtr levels = QXFileSizes::getContentsOfDirectory(url, indexPath, &error);
-          reply(levels, error);
-        });
-  }
-
- private:
-  std::weak_ptr<XpcConnection> connection_;
-  SerialQueue queue_;
-};
 
 // The client side: answers YES to every report.
 class BenchClient final : public QXFileResponse {
@@ -86,7 +43,7 @@ class BenchClient final : public QXFileResponse {
 struct BenchLink::Parts {
   std::shared_ptr<XpcConnection> worker;
   std::shared_ptr<XpcConnection> client;
-  std::shared_ptr<BenchService> service;
+  std::shared_ptr<QXFileService> service;
   std::shared_ptr<BenchClient> answers;
 };
 
@@ -95,14 +52,13 @@ BenchLink::BenchLink() : parts_(std::make_unique<Parts>()) {
   registerModelClasses();
   int fds[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) std::abort();
+  // The service's end, set up as its listener delegate does for a new peer.
   parts_->worker = XpcConnection::withSocket(UniqueFd(fds[0]));
-  auto exported = XpcInterface::interfaceWithProtocol(QXFileRequest::protocol());
-  exported->setClasses({&Array::classInfo(), &Url::classInfo()}, "getSizesWithUrls:reply:", 0,
-                       false);
-  parts_->worker->setExportedInterface(exported);
   parts_->worker->setRemoteObjectInterface(
       XpcInterface::interfaceWithProtocol(QXFileResponse::protocol()));
-  parts_->service = std::make_shared<BenchService>(parts_->worker);
+  parts_->worker->setExportedInterface(
+      XpcInterface::interfaceWithProtocol(QXFileRequest::protocol()));
+  parts_->service = std::make_shared<QXFileService>(parts_->worker);
   parts_->worker->setExportedObject<QXFileRequest>(parts_->service);
   parts_->worker->resume();
 

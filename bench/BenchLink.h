@@ -1,10 +1,10 @@
 #pragma once
 
-// Shared by the end-to-end comparisons of sizes and listings: a client and a
-// worker joined by a real connection (a Unix socketpair), each side with its
-// own reader and delivery threads, the worker side dispatching the two
-// requests as the service does (sizes on a serial operation queue, listings
-// on the global queue), and helpers for trees and timing.
+// Shared by the end-to-end comparisons of sizes and listings: a client and the
+// service's own QXFileService joined by a real connection (a Unix
+// socketpair), each end with its reader and delivery threads; the service
+// runs sizes on its operation queue and listings on the global queue. Also
+// helpers for trees and timing.
 
 #include <chrono>
 #include <cstdint>
