@@ -157,12 +157,13 @@ int AclCommand::add(const Options& options) {
   Identity identity = Identity::parse(options.identity, Identity::Kind::User);
   uint32_t flags = PermissionTree::parseInheritance(options.inherit);
   PermissionTree::parseRights(options.rights, true);
+  if (options.at && *options.at < 0) throw UsageError("--at takes a position from 0");
   return edit(options, [&](EntryList& entries) {
     uint32_t rights = PermissionTree::parseRights(options.rights, entries.folder());
     if (!entries.folder() && !options.inherit.empty()) {
       throw UsageError("--inherit applies to folders only; " + options.path + " is a file");
     }
-    std::size_t at = options.at.value_or(entries.acl().size());
+    std::size_t at = options.at ? static_cast<std::size_t>(*options.at) : entries.acl().size();
     if (at > entries.acl().size()) {
       throw UsageError("--at " + std::to_string(at) + " is past the end: the item has " +
                        std::to_string(entries.acl().size()) + " ACL entries");

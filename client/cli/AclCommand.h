@@ -17,11 +17,11 @@ class AclCommand {
     std::string path;
     bool json = false;
     // add
-    std::string tag;       // allow or deny
-    std::string identity;  // user:NAME, group:NAME, uid:N, gid:N
-    std::string rights;    // comma-separated permission names
-    std::string inherit;   // comma-separated file, dir, limit, only
-    std::optional<std::size_t> at;
+    std::string tag;              // allow or deny
+    std::string identity;         // user:NAME, group:NAME, uid:N, gid:N
+    std::string rights;           // comma-separated permission names
+    std::string inherit;          // comma-separated file, dir, limit, only
+    std::optional<long long> at;  // position of the new entry
     // remove: a position or an identity; owner, group: the identity; mode: octal
     std::string value;
   };

@@ -67,7 +67,7 @@ int ListCommand::run(const Options& options) {
 
   document["levels"] = levelsJson(url->path(), options.indexes, levels);
   if (!options.json) {
-    if (levels->empty()) std::printf("%s is not a folder: nothing to list\n", url->path().c_str());
+    if (levels->empty()) std::printf("%s: not a folder that can be listed\n", url->path().c_str());
     print(document["levels"]);
   }
   if (error) return Session::fail(error, options.json, document);

@@ -61,12 +61,12 @@ void print(const std::vector<Line>& lines) {
   std::size_t unitsWidth = 0;
   std::size_t bytesWidth = 0;
   for (const auto& line : lines) {
-    unitsWidth = std::max(unitsWidth, SizeFormat::withUnits(line.total.size).size());
+    unitsWidth = std::max(unitsWidth, SizeFormat::compact(line.total.size).size());
     bytesWidth = std::max(bytesWidth, SizeFormat::grouped(line.total.size).size());
   }
   for (const auto& line : lines) {
     std::printf("%*s  %*s bytes  %s%s\n", static_cast<int>(unitsWidth),
-                SizeFormat::withUnits(line.total.size).c_str(), static_cast<int>(bytesWidth),
+                SizeFormat::compact(line.total.size).c_str(), static_cast<int>(bytesWidth),
                 SizeFormat::grouped(line.total.size).c_str(), label(line).c_str(),
                 line.total.busy ? "  (incomplete)" : "");
   }

@@ -31,6 +31,11 @@ std::string SizeFormat::withUnits(int64_t bytes) {
   return text;
 }
 
+std::string SizeFormat::compact(int64_t bytes) {
+  if (bytes >= 0 && bytes < 1024) return grouped(bytes) + " B";
+  return withUnits(bytes);
+}
+
 std::string SizeFormat::full(int64_t bytes) {
   if (bytes < 1024) return withUnits(bytes);
   return withUnits(bytes) + " (" + grouped(bytes) + " bytes)";
