@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# Installs the build into a prefix of its own, then builds an application of
+# the client library there twice, with pkg-config and with find_package, and
+# runs both and the installed qxfile against the installed service.
+#   install-test.sh BUILD_DIR CONSUMER_SOURCE_DIR
+set -euo pipefail
+build=$1
+consumer=$2
+work=$(mktemp -d "${TMPDIR:-/tmp}/qx-install-XXXXXX")
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+
+for file in bin/qxfile libexec/qxfile-service include/qxfile/qxfile/QXFileClient.h \
+    include/qxfile/platform/foundation/Url.h include/qxfile/model/QXAclEntry.h \
+    lib/pkgconfig/qxfile-client.pc lib/cmake/qxfile-client/qxfile-clientConfig.cmake \
+    lib/systemd/user/qxfile.socket lib/systemd/user/qxfile.service; do
+  [[ -e "$prefix/$file" ]] || { echo "not installed: $file"; exit 1; }
+done
+ls "$prefix"/lib/libqxfile-client.so* >/dev/null
+grep -qx "ExecStart=$prefix/libexec/qxfile-service" "$prefix/lib/systemd/user/qxfile.service" || {
+  echo "qxfile.service does not start the installed service"; exit 1; }
+grep -qx 'ListenStream=%t/qxfile/service.sock' "$prefix/lib/systemd/user/qxfile.socket"
+if command -v systemd-analyze >/dev/null; then
+  (cd "$prefix/lib/systemd/user" && systemd-analyze verify ./qxfile.socket ./qxfile.service)
+fi
+
+# pkg-config, as the README shows it.
+export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+g++ -std=c++20 -o "$work/list-pc" "$consumer/list.cpp" \
+  $(pkg-config --cflags --libs qxfile-client) -Wl,-rpath,"$prefix/lib"
+
+# CMake's find_package.
+cmake -S "$consumer" -B "$work/consumer-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/consumer-build" >/dev/null
+
+# Run them against the installed service, in a socket folder of their own.
+mkdir -m 700 "$work/sockets"
+export QXFILE_SOCKET_DIR=$work/sockets QXFILE_IDLE_EXIT_MS=200
+export QXFILE_SERVICE_PATH=$prefix/libexec/qxfile-service
+mkdir "$work/folder"
+touch "$work/folder/b" "$work/folder/a"
+expected=$(printf '%s\n' "$work/folder/a" "$work/folder/b")
+for program in "$work/list-pc" "$work/consumer-build/list"; do
+  [[ "$("$program" "$work/folder")" == "$expected" ]] || { echo "$program listed wrong"; exit 1; }
+done
+# The installed command finds its library without help.
+env -u LD_LIBRARY_PATH "$prefix/bin/qxfile" ls "$work/folder" --json | grep -q "\"$work/folder/b\""
+ldd "$prefix/bin/qxfile" | grep -q "$prefix/bin/../lib/libqxfile-client.so" || {
+  echo "qxfile does not use the installed library"; exit 1; }
+
+# Let the service leave before its folder goes.
+for _ in $(seq 100); do
+  pgrep -f "^$prefix/libexec/qxfile-service" >/dev/null || break
+  sleep 0.1
+done
+echo "installed and used from $prefix"
