@@ -70,7 +70,16 @@ inline uint8_t* writeBigEndian(uint8_t* p, uint64_t value, unsigned width) {
 template <unsigned Width>
 bool readRefsOf(const uint8_t* p, std::size_t count, uint64_t limit, uint32_t* out) {
   for (std::size_t i = 0; i < count; ++i, p += Width) {
-    uint64_t ref = readBigEndian(p, Width);
+    uint64_t ref;
+    if constexpr (Width == 1) {
+      ref = p[0];
+    } else if constexpr (Width == 2) {
+      ref = uint64_t(p[0]) << 8 | p[1];
+    } else {
+      uint32_t v;
+      std::memcpy(&v, p, 4);
+      ref = __builtin_bswap32(v);
+    }
     if (ref >= limit) return false;
     out[i] = static_cast<uint32_t>(ref);
   }
@@ -660,6 +669,12 @@ BinaryPlist::Ref BinaryPlist::lookup(Ref dictionary, std::string_view key, Ref* 
     }
   }
   return kNoRef;
+}
+
+bool BinaryPlist::textEquals(Ref string, std::string_view text) const {
+  const Node& node = nodes_[string];
+  return node.length == text.size() &&
+         sameBytes(reinterpret_cast<const char*>(bytesOf(node)), text.data(), text.size());
 }
 
 BinaryPlist::Ref BinaryPlist::lookupByKeyRef(Ref dictionary, Ref key) const {

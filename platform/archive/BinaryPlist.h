@@ -107,6 +107,8 @@ class BinaryPlist {
   // The value under a string key of a dictionary, or kNoRef; `keyFound`, when
   // given, receives the key's own Ref.
   Ref lookup(Ref dictionary, std::string_view key, Ref* keyFound = nullptr) const;
+  // Whether a string value holds exactly `text`.
+  bool textEquals(Ref string, std::string_view text) const;
   // The value under the key value `key` itself (a Ref comparison, for keys
   // shared by many dictionaries), or kNoRef.
   Ref lookupByKeyRef(Ref dictionary, Ref key) const;

@@ -292,7 +292,7 @@ DataPtr KeyedArchiver::archivedDataWithRootObject(const ObjectPtr& root) {
                     plist.addDictionary({&rootKey, 1}, {&rootValue, 1}), plist.addInteger(100000)};
     Ref top = plist.addDictionary(keys, values);
     return Data::make(plist.write(top));
-  } catch (const std::exception&) {
+  } catch (...) {
     // Out of memory, or an encodeWithCoder that threw: no archive.
     return nullptr;
   }

@@ -20,7 +20,8 @@ namespace qx {
 // of the object currently being encoded.
 class KeyedArchiver {
  public:
-  // The archive of `root` (nil archives as UID 0).
+  // The archive of `root` (nil archives as UID 0). Nil only when memory runs
+  // out or an encodeWithCoder throws; nothing is thrown from here.
   static DataPtr archivedDataWithRootObject(const ObjectPtr& root);
 
   void encodeObject(const ObjectPtr& object, std::string_view key);

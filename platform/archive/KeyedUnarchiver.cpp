@@ -162,7 +162,7 @@ struct KeyedUnarchiver::State {
     KeyHint& hint = keyHints[(reinterpret_cast<uintptr_t>(key.data()) >> 3 ^ key.size()) & 31];
     if (hint.text == key.data() && hint.length == key.size()) {
       Ref value = plist.lookupByKeyRef(frame.dictionary, hint.key);
-      if (value != BinaryPlist::kNoRef && plist.string(hint.key) == key) return value;
+      if (value != BinaryPlist::kNoRef && plist.textEquals(hint.key, key)) return value;
     }
     Ref keyRef = BinaryPlist::kNoRef;
     Ref value = plist.lookup(frame.dictionary, key, &keyRef);
@@ -449,6 +449,8 @@ ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassS
       if (state.open(data)) result = state.decodeRoot(classes);
     } catch (const std::exception& e) {
       state.fail(std::string("decoding stopped: ") + e.what());
+    } catch (...) {
+      state.fail("decoding stopped by an exception");
     }
     if (state.error) result = nullptr;
     if (error) *error = state.error;
@@ -474,6 +476,8 @@ ObjectPtr KeyedUnarchiver::unarchiveRootWith(std::span<const uint8_t> data, cons
       if (state.open(data)) result = state.decodeRoot(&classes, &decode);
     } catch (const std::exception& e) {
       state.fail(std::string("decoding stopped: ") + e.what());
+    } catch (...) {
+      state.fail("decoding stopped by an exception");
     }
     if (state.error) result = nullptr;
     if (error) *error = state.error;
