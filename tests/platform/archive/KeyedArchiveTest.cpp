@@ -22,6 +22,21 @@ json archiveJson(const ObjectPtr& root) {
   return readJson(data->span());
 }
 
+// A class whose coding throws, as code that runs out of memory would.
+class Throwing final : public Object {
+  QX_DECLARE_CLASS()
+
+ public:
+  static ObjectPtr initWithCoder(KeyedUnarchiver&) { throw std::runtime_error("no memory"); }
+  void encodeWithCoder(KeyedArchiver& coder) const override {
+    if (throwOnEncode) throw 42;
+    coder.encodeBool(true, "flag");
+  }
+  bool throwOnEncode = false;
+};
+
+QX_DEFINE_CLASS(Throwing, "QXTestThrowing", Object)
+
 class ArchiveLayout : public ::testing::Test {
  protected:
   void SetUp() override { registerTestClasses(); }
@@ -245,6 +260,22 @@ TEST_F(ArchiveReader, NestingIsLimitedTo256LevelsCountingArchivesInArchives) {
   EXPECT_FALSE(roundTrip(nodeChain(300), &error));
   EXPECT_NE(describe(error).find("deeper than 256"), std::string::npos) << describe(error);
   // The depth counter is back at zero afterwards.
+  EXPECT_TRUE(roundTrip(nestedArrays(kMaxArchiveDepth), &error)) << describe(error);
+}
+
+TEST_F(ArchiveReader, ExceptionsInCodingBecomeNilAndAnError) {
+  ClassRegistry::registerClass(Throwing::classInfo(), &Throwing::initWithCoder);
+  auto throwing = std::make_shared<Throwing>();
+  throwing->throwOnEncode = true;
+  EXPECT_EQ(KeyedArchiver::archivedDataWithRootObject(Array::make({throwing})), nullptr);
+
+  throwing->throwOnEncode = false;
+  DataPtr data = KeyedArchiver::archivedDataWithRootObject(Array::make({throwing}));
+  ASSERT_TRUE(data);
+  ErrorPtr error;
+  EXPECT_EQ(KeyedUnarchiver::unarchiveObjectWithData(*data, &error), nullptr);
+  EXPECT_NE(describe(error).find("no memory"), std::string::npos) << describe(error);
+  // The thread's nesting count is back at zero afterwards.
   EXPECT_TRUE(roundTrip(nestedArrays(kMaxArchiveDepth), &error)) << describe(error);
 }
 
