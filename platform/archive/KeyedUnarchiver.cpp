@@ -25,19 +25,38 @@ using Type = BinaryPlist::Type;
 // own count and starts from that of the unarchiver active on the thread, so
 // the thread-local is touched once per archive, not once per object.
 thread_local int* tActiveDepth = nullptr;
+// Bytes that archives nested in the outermost one may still bring. Nested
+// archives are carried inside their parents, so a legitimate tree of depth d
+// decodes at most d times the outer bytes; one blob named by many UIDs of a
+// child list would otherwise be decoded again for every name.
+thread_local uint64_t tNestedBytesLeft = 0;
 
 class ActiveDepth {
  public:
-  explicit ActiveDepth(int& depth) : outer_(tActiveDepth) {
+  ActiveDepth(int& depth, std::size_t bytes) : outer_(tActiveDepth) {
     depth = outer_ ? *outer_ : 0;
     tActiveDepth = &depth;
+    if (!outer_) {
+      tNestedBytesLeft = (uint64_t(bytes) + 4096) * (kMaxArchiveDepth + 1);
+    } else if (bytes > tNestedBytesLeft) {
+      withinBudget_ = false;
+    } else {
+      tNestedBytesLeft -= bytes;
+    }
   }
-  ~ActiveDepth() { tActiveDepth = outer_; }
+  ~ActiveDepth() {
+    tActiveDepth = outer_;
+    if (!outer_) tNestedBytesLeft = 0;
+  }
   ActiveDepth(const ActiveDepth&) = delete;
   ActiveDepth& operator=(const ActiveDepth&) = delete;
 
+  // False for a nested archive beyond what the outermost one justifies.
+  bool withinBudget() const { return withinBudget_; }
+
  private:
   int* outer_;
+  bool withinBudget_ = true;
 };
 
 class DepthScope {
@@ -440,13 +459,16 @@ ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassS
   try {
     ScratchPool<State>::Lease lease;
     State& state = *lease;
-    ActiveDepth active(state.depth);
+    ActiveDepth active(state.depth, data.size());
     ObjectPtr result;
     try {
       KeyedUnarchiver coder(state);
+      if (!active.withinBudget()) {
+        state.fail("archives nested in each other add up to more than the outermost one carries");
+      }
       state.coder = &coder;
       state.restricted = classes != nullptr;
-      if (state.open(data)) result = state.decodeRoot(classes);
+      if (!state.error && state.open(data)) result = state.decodeRoot(classes);
     } catch (const std::exception& e) {
       state.fail(std::string("decoding stopped: ") + e.what());
     } catch (...) {
@@ -467,13 +489,16 @@ ObjectPtr KeyedUnarchiver::unarchiveRootWith(std::span<const uint8_t> data, cons
   try {
     ScratchPool<State>::Lease lease;
     State& state = *lease;
-    ActiveDepth active(state.depth);
+    ActiveDepth active(state.depth, data.size());
     ObjectPtr result;
     try {
       KeyedUnarchiver coder(state);
+      if (!active.withinBudget()) {
+        state.fail("archives nested in each other add up to more than the outermost one carries");
+      }
       state.coder = &coder;
       state.restricted = true;
-      if (state.open(data)) result = state.decodeRoot(&classes, &decode);
+      if (!state.error && state.open(data)) result = state.decodeRoot(&classes, &decode);
     } catch (const std::exception& e) {
       state.fail(std::string("decoding stopped: ") + e.what());
     } catch (...) {

@@ -263,6 +263,43 @@ TEST_F(ArchiveReader, NestingIsLimitedTo256LevelsCountingArchivesInArchives) {
   EXPECT_TRUE(roundTrip(nestedArrays(kMaxArchiveDepth), &error)) << describe(error);
 }
 
+// A nesting node whose child list names one child archive `times` times; the
+// child archive carries `padding` bytes of unused objects.
+std::vector<uint8_t> repeatedChild(std::size_t times, std::size_t padding) {
+  HandArchive child;
+  uint32_t node = child.add(0);
+  uint32_t cls = child.addClass("QXTestNestingNode", {"QXTestNestingNode", "NSObject"});
+  child.set(node, child.object({{"object", child.uid(0)}, {"$class", child.uid(cls)}}));
+  child.add(child.str(std::string(padding, 'x')));
+  std::vector<uint8_t> blob = child.bytes(node);
+
+  HandArchive outer;
+  uint32_t root = outer.add(0);
+  uint32_t list = outer.add(0);
+  uint32_t data = outer.add(outer.plist().addData(blob));
+  uint32_t nodeClass = outer.addClass("QXTestNestingNode", {"QXTestNestingNode", "NSObject"});
+  uint32_t arrayClass = outer.addClass("NSArray", {"NSArray", "NSObject"});
+  std::vector<BinaryPlist::Ref> names(times, outer.uid(data));
+  outer.set(list, outer.object({{"NS.objects", outer.plist().addArray(names)},
+                                {"$class", outer.uid(arrayClass)}}));
+  outer.set(root, outer.object({{"children", outer.uid(list)}, {"$class", outer.uid(nodeClass)}}));
+  return outer.bytes(root);
+}
+
+TEST_F(ArchiveReader, NestedArchivesCannotMultiplyTheInput) {
+  ErrorPtr error;
+  auto few =
+      cast<NestingNode>(KeyedUnarchiver::unarchiveObjectWithData(repeatedChild(50, 20000), &error));
+  ASSERT_TRUE(few) << describe(error);
+  EXPECT_EQ(few->children.size(), 50u);
+  // 5000 decodes of a 20 kB archive named from a 30 kB one: refused, not
+  // decoded 5000 times over.
+  EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(repeatedChild(5000, 20000), &error));
+  EXPECT_NE(describe(error).find("nested in each other"), std::string::npos) << describe(error);
+  // The budget belongs to one outermost archive only.
+  EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(repeatedChild(50, 20000), &error));
+}
+
 TEST_F(ArchiveReader, ExceptionsInCodingBecomeNilAndAnError) {
   ClassRegistry::registerClass(Throwing::classInfo(), &Throwing::initWithCoder);
   auto throwing = std::make_shared<Throwing>();
