@@ -17,6 +17,7 @@ std::string errorPath(const qx::ErrorPtr& error) {
 
 void Output::printError(const qx::ErrorPtr& error) {
   if (!error) return;
+  std::fflush(stdout);  // what was printed before the error comes before it
   std::fprintf(stderr, "qxfile: %s\n", error->localizedDescription().c_str());
   if (auto suggestion = error->localizedRecoverySuggestion()) {
     std::fprintf(stderr, "  %s\n", suggestion->c_str());
@@ -25,6 +26,7 @@ void Output::printError(const qx::ErrorPtr& error) {
 }
 
 void Output::printProblem(const std::string& message) {
+  std::fflush(stdout);
   std::fprintf(stderr, "qxfile: %s\n", message.c_str());
   std::fflush(stderr);
 }

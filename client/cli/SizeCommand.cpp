@@ -45,6 +45,14 @@ std::vector<Line> linesOf(const SizeTotals& totals, SizePaths& paths, bool all) 
     bool requested = indexPath.size() <= (paths.hasArtificialRoot() ? 1u : 0u);
     if (requested || (all && line.folder)) lines.push_back(std::move(line));
   }
+  // Items asked for that the walk never reached (stopped before them).
+  if (paths.hasArtificialRoot()) {
+    for (uint64_t k = 0; k < paths.topItems().size(); ++k) {
+      if (totals.at({k})) continue;
+      const std::string& path = paths.topItems()[k];
+      lines.push_back(Line{{k}, path, SizeTotals::Total{}, SizePaths::isFolder(path)});
+    }
+  }
   std::sort(lines.begin(), lines.end(), postorder);
   return lines;
 }
@@ -61,10 +69,16 @@ void print(const std::vector<Line>& lines) {
   std::size_t unitsWidth = 0;
   std::size_t bytesWidth = 0;
   for (const auto& line : lines) {
+    if (line.total.size < 0) continue;
     unitsWidth = std::max(unitsWidth, SizeFormat::compact(line.total.size).size());
     bytesWidth = std::max(bytesWidth, SizeFormat::grouped(line.total.size).size());
   }
   for (const auto& line : lines) {
+    if (line.total.size < 0) {
+      std::printf("%*s  %*s        %s  (not reached)\n", static_cast<int>(unitsWidth), "-",
+                  static_cast<int>(bytesWidth), "-", label(line).c_str());
+      continue;
+    }
     std::printf("%*s  %*s bytes  %s%s\n", static_cast<int>(unitsWidth),
                 SizeFormat::compact(line.total.size).c_str(), static_cast<int>(bytesWidth),
                 SizeFormat::grouped(line.total.size).c_str(), label(line).c_str(),
@@ -83,7 +97,7 @@ Output::Json linesJson(const std::vector<Line>& lines) {
     Output::Json item;
     item["path"] = line.path ? Output::Json(*line.path) : Output::Json();
     item["indexPath"] = line.indexPath;
-    item["size"] = line.total.size;
+    item["size"] = line.total.size < 0 ? Output::Json() : Output::Json(line.total.size);
     item["final"] = !line.total.busy;
     item["folder"] = line.folder;
     json.push_back(std::move(item));

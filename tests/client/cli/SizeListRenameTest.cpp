@@ -107,8 +107,10 @@ TEST_F(SizeCommand, MissingItemsFailWithTheServicesError) {
 TEST_F(SizeCommand, CtrlCStopsAtTheNextReportWithPartialTotals) {
   std::string folder = makeFolder(files_ / "many");
   fillFolder(folder, 1000, 10);
+  std::string later = makeFolder(files_ / "zz");
+  makeFile(later + "/file", 5);
 
-  Outcome run = qxfile({"size", folder, "--json"}, interruptOnceReady);
+  Outcome run = qxfile({"size", later, folder, "--json"}, interruptOnceReady);
   ASSERT_TRUE(run.exited) << run;
   EXPECT_EQ(run.status, 130) << run;
   Json totals = run.json();
@@ -116,6 +118,17 @@ TEST_F(SizeCommand, CtrlCStopsAtTheNextReportWithPartialTotals) {
   // Stopped at the first report: the totals of the first hundred files.
   EXPECT_EQ(totals["total"]["size"], 1000);
   EXPECT_EQ(totals["total"]["final"], true);
+  EXPECT_EQ(itemAt(totals["items"], folder)["size"], 1000);
+  Json notReached = itemAt(totals["items"], later);
+  EXPECT_TRUE(notReached["size"].is_null()) << notReached;
+  EXPECT_EQ(notReached["final"], false);
+
+  Outcome human = qxfile({"size", later, folder}, interruptOnceReady);
+  EXPECT_EQ(human.status, 130) << human;
+  EXPECT_EQ(human.out, "1,000 B  1,000 bytes  " + folder + "\n" +  //
+                           "      -      -        " + later + "  (not reached)\n" +
+                           "1,000 B  1,000 bytes  total\n" +
+                           "Stopped with Ctrl-C: the totals are partial.\n");
 }
 
 TEST_F(SizeCommand, ProgressLineOnlyOnATerminal) {
