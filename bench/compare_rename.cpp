@@ -31,6 +31,7 @@
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
+#include "platform/xpc/XpcReplyWaiter.h"
 #include "rename/QXFileRename.h"
 #include "service/QXFileResponse.h"
 
@@ -144,6 +145,19 @@ double timeLoop(const std::string& folder, const std::vector<std::string>& from,
   return seconds(Clock::now() - start);
 }
 
+// The questions of one batch alone, asked back to back as the worker asks
+// them: what the client's answers add to a batch.
+double timeQuestions(Link& link, int questions) {
+  auto client = link.worker->remoteObjectProxy<QXFileResponse>();
+  auto start = Clock::now();
+  for (int i = 0; i < questions; ++i) {
+    auto stop = qx::XpcReplyWaiter<bool>::wait(
+        [&](QXFileResponse::AnswerReply reply) { client->progressWithReply(std::move(reply)); });
+    if (!stop || *stop) fail("the client did not answer NO");
+  }
+  return seconds(Clock::now() - start);
+}
+
 double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   std::size_t middle = values.size() / 2;
@@ -196,6 +210,12 @@ int main(int argc, char** argv) {
   const int questionsPerBatch = files / 31;
   std::printf("files=%d rounds=%d questions per batch=%d (asked %d in all)\n", files, rounds,
               questionsPerBatch, link.responder->questions.load());
+  std::vector<double> questionTimes;
+  for (int round = 0; round < rounds; ++round) {
+    questionTimes.push_back(timeQuestions(link, questionsPerBatch));
+  }
+  std::printf("the %d questions of a batch alone: %.4f s (median)\n", questionsPerBatch,
+              median(questionTimes));
   std::vector<double> ratios;
   for (std::size_t i = 0; i < qxTimes.size(); ++i) ratios.push_back(qxTimes[i] / loopTimes[i]);
   std::printf("median of the rounds' ratios: %.3f\n", median(ratios));
