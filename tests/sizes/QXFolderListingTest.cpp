@@ -77,6 +77,21 @@ TEST(QXFolderListing, EachIndexAddsTheLevelOfTheEntryAtThatPosition) {
   EXPECT_EQ(deeper.levels[2], (std::vector<std::string>{tree.path("top/sub/deeper/leaf")}));
 }
 
+TEST(QXFolderListing, IndexTwoListsTheThirdEntryInSortedOrder) {
+  TempTree tree;
+  tree.folder("top");
+  tree.file("top/d");
+  tree.folder("top/c");
+  tree.file("top/c/inside");
+  tree.file("top/b");
+  tree.file("top/a");
+  Listing listing = list(tree.url("top"), {2});
+  EXPECT_EQ(listing.error, nullptr);
+  ASSERT_EQ(listing.levels.size(), 2u);
+  EXPECT_EQ(listing.levels[0].size(), 4u);
+  EXPECT_EQ(listing.levels[1], (std::vector<std::string>{tree.path("top/c/inside")}));
+}
+
 TEST(QXFolderListing, NonFolderGivesNothingAndNoError) {
   TempTree tree;
   fillTree(tree);
