@@ -174,9 +174,11 @@ struct KeyedUnarchiver::State {
   };
   KeyHint keyHints[32];
 
-  std::optional<Ref> lookup(std::string_view key) {
+  // (Refs with kNoRef rather than std::optional: these run for every key of
+  // every object, and a returned optional travels through memory.)
+  Ref lookup(std::string_view key) {
     if (!key.empty() && key.front() == '$') {
-      return plist.find(frame.dictionary, "$" + std::string(key));
+      return plist.lookup(frame.dictionary, "$" + std::string(key));
     }
     KeyHint& hint = keyHints[(reinterpret_cast<uintptr_t>(key.data()) >> 3 ^ key.size()) & 31];
     if (hint.text == key.data() && hint.length == key.size()) {
@@ -185,21 +187,20 @@ struct KeyedUnarchiver::State {
     }
     Ref keyRef = BinaryPlist::kNoRef;
     Ref value = plist.lookup(frame.dictionary, key, &keyRef);
-    if (value == BinaryPlist::kNoRef) return std::nullopt;
-    hint = {key.data(), key.size(), keyRef};
+    if (value != BinaryPlist::kNoRef) hint = {key.data(), key.size(), keyRef};
     return value;
   }
 
   // The value under `key` of the current object when it has type `type`; a
   // value of another type fails the unarchiver.
-  std::optional<Ref> typedValue(std::string_view key, Type type, const char* expected) {
-    if (error || frame.className.empty()) return std::nullopt;
-    auto value = lookup(key);
-    if (!value) return std::nullopt;
-    if (plist.type(*value) != type) {
+  Ref typedValue(std::string_view key, Type type, const char* expected) {
+    if (error || frame.className.empty()) return BinaryPlist::kNoRef;
+    Ref value = lookup(key);
+    if (value == BinaryPlist::kNoRef) return value;
+    if (plist.type(value) != type) {
       fail("value for key " + quoted(key) + " of " + std::string(frame.className) + " is " +
-           typeName(plist.type(*value)) + ", not " + expected);
-      return std::nullopt;
+           typeName(plist.type(value)) + ", not " + expected);
+      return BinaryPlist::kNoRef;
     }
     return value;
   }
@@ -296,16 +297,16 @@ struct KeyedUnarchiver::State {
   // Element `index` of the inline array of UIDs under `key` of the current object.
   ObjectPtr decodeElement(std::string_view key, std::size_t index, Allowed allowed,
                           const DecodeFunction* custom) {
-    auto array = typedValue(key, Type::Array, "an array of UIDs");
-    if (!array) {
+    Ref array = typedValue(key, Type::Array, "an array of UIDs");
+    if (array == BinaryPlist::kNoRef) {
       if (!error) fail("no array under key " + quoted(key) + context());
       return nullptr;
     }
-    if (index >= plist.count(*array)) {
+    if (index >= plist.count(array)) {
       fail("no element " + std::to_string(index) + " under key " + quoted(key) + context());
       return nullptr;
     }
-    Ref element = plist.element(*array, index);
+    Ref element = plist.element(array, index);
     if (plist.type(element) != Type::Uid) {
       fail("element " + std::to_string(index) + " under key " + quoted(key) + context() +
            " is not a UID");
@@ -316,9 +317,9 @@ struct KeyedUnarchiver::State {
 
   // Decodes the value under `key` of the current object, which must be a UID.
   ObjectPtr decodeKey(std::string_view key, Allowed allowed) {
-    auto value = typedValue(key, Type::Uid, "a UID");
-    if (!value) return nullptr;
-    return decodeUid(plist.uid(*value), allowed, key);
+    Ref value = typedValue(key, Type::Uid, "a UID");
+    if (value == BinaryPlist::kNoRef) return nullptr;
+    return decodeUid(plist.uid(value), allowed, key);
   }
 
   bool checkAllowed(const ClassInfo& cls, const Allowed& allowed, std::string_view key) {
@@ -536,7 +537,7 @@ ObjectPtr KeyedUnarchiver::unarchivedObjectOfClasses(const ClassSet& classes,
 }
 
 bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
-  return !state_.frame.className.empty() && state_.lookup(key).has_value();
+  return !state_.frame.className.empty() && state_.lookup(key) != BinaryPlist::kNoRef;
 }
 
 int32_t KeyedUnarchiver::decodeIntForKey(std::string_view key) {
@@ -550,36 +551,36 @@ int32_t KeyedUnarchiver::decodeIntForKey(std::string_view key) {
 }
 
 int64_t KeyedUnarchiver::decodeIntegerForKey(std::string_view key) {
-  auto value = state_.typedValue(key, Type::Integer, "an integer");
-  return value ? state_.plist.integer(*value) : 0;
+  Ref value = state_.typedValue(key, Type::Integer, "an integer");
+  return value != BinaryPlist::kNoRef ? state_.plist.integer(value) : 0;
 }
 
 bool KeyedUnarchiver::decodeBoolForKey(std::string_view key) {
-  auto value = state_.typedValue(key, Type::Bool, "a boolean");
-  return value ? state_.plist.boolValue(*value) : false;
+  Ref value = state_.typedValue(key, Type::Bool, "a boolean");
+  return value != BinaryPlist::kNoRef && state_.plist.boolValue(value);
 }
 
 double KeyedUnarchiver::decodeDoubleForKey(std::string_view key) {
   if (state_.error || state_.frame.className.empty()) return 0;
-  auto value = state_.lookup(key);
-  if (!value) return 0;
-  switch (state_.plist.type(*value)) {
+  Ref value = state_.lookup(key);
+  if (value == BinaryPlist::kNoRef) return 0;
+  switch (state_.plist.type(value)) {
     case Type::Real:
-      return state_.plist.real(*value);
+      return state_.plist.real(value);
     case Type::Integer:
-      return static_cast<double>(state_.plist.integer(*value));
+      return static_cast<double>(state_.plist.integer(value));
     default:
       state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
-                  " is " + typeName(state_.plist.type(*value)) + ", not a number");
+                  " is " + typeName(state_.plist.type(value)) + ", not a number");
       return 0;
   }
 }
 
 std::optional<std::vector<uint8_t>> KeyedUnarchiver::decodeBytesForKey(std::string_view key) {
   if (state_.error || state_.frame.className.empty()) return std::nullopt;
-  auto value = state_.lookup(key);
-  if (!value || state_.plist.type(*value) != Type::Data) return std::nullopt;
-  auto bytes = state_.plist.data(*value);
+  Ref value = state_.lookup(key);
+  if (value == BinaryPlist::kNoRef || state_.plist.type(value) != Type::Data) return std::nullopt;
+  auto bytes = state_.plist.data(value);
   return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
@@ -600,25 +601,27 @@ ObjectPtr KeyedUnarchiver::decodeObjectOfClassesForKey(const ClassSet& classes,
   return state_.decodeKey(key, allowed);
 }
 
-std::optional<KeyedUnarchiver::ArrayOfUids> KeyedUnarchiver::arrayForKey(std::string_view key) {
-  if (state_.error || state_.frame.className.empty()) return std::nullopt;
-  auto value = state_.lookup(key);
-  if (!value) return ArrayOfUids{};
+bool KeyedUnarchiver::arrayForKey(std::string_view key, ArrayOfUids& array) {
+  array = ArrayOfUids{};
+  if (state_.error || state_.frame.className.empty()) return false;
+  Ref value = state_.lookup(key);
+  if (value == BinaryPlist::kNoRef) return true;
   const BinaryPlist& plist = state_.plist;
-  if (plist.type(*value) != Type::Array) {
+  if (plist.type(value) != Type::Array) {
     state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
-                " is " + typeName(plist.type(*value)) + ", not an array of UIDs");
-    return std::nullopt;
+                " is " + typeName(plist.type(value)) + ", not an array of UIDs");
+    return false;
   }
-  std::size_t count = plist.count(*value);
+  std::size_t count = plist.count(value);
   for (std::size_t i = 0; i < count; ++i) {
-    if (plist.type(plist.element(*value, i)) != Type::Uid) {
+    if (plist.type(plist.element(value, i)) != Type::Uid) {
       state_.fail("element " + std::to_string(i) + " under key " + quoted(key) + " of " +
                   std::string(state_.frame.className) + " is not a UID");
-      return std::nullopt;
+      return false;
     }
   }
-  return ArrayOfUids{*value, count};
+  array = ArrayOfUids{value, count};
+  return true;
 }
 
 ObjectPtr KeyedUnarchiver::decodeArrayElement(const ArrayOfUids& array, std::size_t index,
@@ -629,27 +632,28 @@ ObjectPtr KeyedUnarchiver::decodeArrayElement(const ArrayOfUids& array, std::siz
 
 std::optional<std::vector<ObjectPtr>> KeyedUnarchiver::decodeArrayOfObjectsForKey(
     std::string_view key) {
-  auto array = arrayForKey(key);
-  if (!array) return std::nullopt;
+  ArrayOfUids array;
+  if (!arrayForKey(key, array)) return std::nullopt;
   std::vector<ObjectPtr> elements;
-  elements.reserve(array->count);
-  for (std::size_t i = 0; i < array->count; ++i) {
-    elements.push_back(decodeArrayElement(*array, i, key));
+  elements.reserve(array.count);
+  for (std::size_t i = 0; i < array.count; ++i) {
+    elements.push_back(decodeArrayElement(array, i, key));
     if (state_.error) return std::nullopt;
   }
   return elements;
 }
 
-std::optional<std::size_t> KeyedUnarchiver::countOfArrayForKey(std::string_view key) {
-  if (state_.error || state_.frame.className.empty()) return std::nullopt;
-  auto value = state_.lookup(key);
-  if (!value) return std::nullopt;
-  if (state_.plist.type(*value) != Type::Array) {
+bool KeyedUnarchiver::lengthOfArrayForKey(std::string_view key, std::size_t& length) {
+  if (state_.error || state_.frame.className.empty()) return false;
+  Ref value = state_.lookup(key);
+  if (value == BinaryPlist::kNoRef) return false;
+  if (state_.plist.type(value) != Type::Array) {
     state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
-                " is " + typeName(state_.plist.type(*value)) + ", not an array");
-    return std::nullopt;
+                " is " + typeName(state_.plist.type(value)) + ", not an array");
+    return false;
   }
-  return state_.plist.count(*value);
+  length = state_.plist.count(value);
+  return true;
 }
 
 ObjectPtr KeyedUnarchiver::decodeObjectOfClassesAtIndexForKey(const ClassSet& classes,

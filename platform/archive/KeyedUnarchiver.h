@@ -50,7 +50,11 @@ class KeyedUnarchiver {
                                      const DecodeFunction& decode, ErrorPtr* error = nullptr);
   // The length of the inline array under `key`; nullopt when the key is
   // absent, or when it holds something else (which fails the unarchiver).
-  std::optional<std::size_t> countOfArrayForKey(std::string_view key);
+  std::optional<std::size_t> countOfArrayForKey(std::string_view key) {
+    std::size_t length = 0;
+    if (!lengthOfArrayForKey(key, length)) return std::nullopt;
+    return length;
+  }
   // Element `index` of the inline array of UIDs under `key`, decoded with
   // `classes` as its own set. An index out of range or an element that is not
   // a UID fails the unarchiver.
@@ -84,10 +88,10 @@ class KeyedUnarchiver {
   // being gathered; false when the unarchiver failed.
   template <class Sink>
   bool decodeArrayOfObjectsForKey(std::string_view key, Sink&& sink) {
-    auto array = arrayForKey(key);
-    if (!array) return false;
-    for (std::size_t i = 0; i < array->count; ++i) {
-      ObjectPtr element = decodeArrayElement(*array, i, key);
+    ArrayOfUids array;
+    if (!arrayForKey(key, array)) return false;
+    for (std::size_t i = 0; i < array.count; ++i) {
+      ObjectPtr element = decodeArrayElement(array, i, key);
       if (hasFailed()) return false;
       sink(i, std::move(element));
     }
@@ -113,9 +117,11 @@ class KeyedUnarchiver {
     uint32_t value = 0;
     std::size_t count = 0;
   };
-  // Nullopt (and a failed unarchiver) unless the key is absent (count 0) or
+  // False (and a failed unarchiver) unless the key is absent (count 0) or
   // holds an array whose every element is a UID.
-  std::optional<ArrayOfUids> arrayForKey(std::string_view key);
+  bool arrayForKey(std::string_view key, ArrayOfUids& array);
+  // countOfArrayForKey without an optional crossing a call.
+  bool lengthOfArrayForKey(std::string_view key, std::size_t& length);
   ObjectPtr decodeArrayElement(const ArrayOfUids& array, std::size_t index, std::string_view key);
 
   // Decodes `data`; `classes` nil means unrestricted.
