@@ -68,15 +68,31 @@ qx::ErrorPtr notConnectedError() {
           {{qx::kLocalizedDescriptionKey, qx::str("Not connected to the qxfile service.")}}));
 }
 
+// The folder this library was loaded from, or empty when it cannot be told.
+std::filesystem::path libraryFolder() {
+  Dl_info info{};
+  if (::dladdr(reinterpret_cast<void*>(&libraryFolder), &info) == 0 || !info.dli_fname) return {};
+  std::error_code ignored;
+  return std::filesystem::canonical(info.dli_fname, ignored).parent_path();
+}
+
 // True when this library is the one in the build tree it was built in.
 bool runsFromBuildTree() {
-  Dl_info info{};
-  if (::dladdr(reinterpret_cast<void*>(&runsFromBuildTree), &info) == 0 || !info.dli_fname)
-    return false;
   std::error_code ignored;
-  auto here = std::filesystem::canonical(info.dli_fname, ignored).parent_path();
-  auto built = std::filesystem::canonical(QXFILE_BUILD_LIBRARY_DIR, ignored);
-  return !here.empty() && here == built;
+  auto here = libraryFolder();
+  return !here.empty() && here == std::filesystem::canonical(QXFILE_BUILD_LIBRARY_DIR, ignored);
+}
+
+// An installed library finds the service of its own installation, wherever
+// the prefix was moved: <prefix>/lib[/<multiarch>]/ -> <prefix>/libexec/.
+std::string serviceBesideInstalledLibrary() {
+  for (auto folder = libraryFolder(); !folder.empty() && folder != folder.root_path();
+       folder = folder.parent_path()) {
+    auto candidate = folder.parent_path() / "libexec" / "qxfile-service";
+    if (folder.filename().string().starts_with("lib") && ::access(candidate.c_str(), X_OK) == 0)
+      return candidate;
+  }
+  return {};
 }
 
 }  // namespace
@@ -106,6 +122,7 @@ std::string QXFileClient::servicePath() {
   if (const char* path = std::getenv("QXFILE_SERVICE_PATH"); path && *path) return path;
   if (runsFromBuildTree() && ::access(QXFILE_BUILD_SERVICE_PATH, X_OK) == 0)
     return QXFILE_BUILD_SERVICE_PATH;
+  if (auto beside = serviceBesideInstalledLibrary(); !beside.empty()) return beside;
   return QXFILE_INSTALLED_SERVICE_PATH;
 }
 

@@ -38,7 +38,8 @@ cmake --build "$work/consumer-build" >/dev/null
 # Run them against the installed service, in a socket folder of their own.
 mkdir -m 700 "$work/sockets"
 export QXFILE_SOCKET_DIR=$work/sockets QXFILE_IDLE_EXIT_MS=200
-export QXFILE_SERVICE_PATH=$prefix/libexec/qxfile-service
+# No service path is given: the installed library finds the service of its own prefix.
+unset QXFILE_SERVICE_PATH
 mkdir "$work/folder"
 touch "$work/folder/b" "$work/folder/a"
 expected=$(printf '%s\n' "$work/folder/a" "$work/folder/b")
