@@ -180,13 +180,18 @@ struct KeyedUnarchiver::State {
     if (!key.empty() && key.front() == '$') {
       return plist.lookup(frame.dictionary, "$" + std::string(key));
     }
+    return hintedLookup(frame.dictionary, key);
+  }
+
+  // The value under the stored key `key` of `dictionary`, or kNoRef.
+  Ref hintedLookup(Ref dictionary, std::string_view key) {
     KeyHint& hint = keyHints[(reinterpret_cast<uintptr_t>(key.data()) >> 3 ^ key.size()) & 31];
     if (hint.text == key.data() && hint.length == key.size()) {
-      Ref value = plist.lookupByKeyRef(frame.dictionary, hint.key);
+      Ref value = plist.lookupByKeyRef(dictionary, hint.key);
       if (value != BinaryPlist::kNoRef && plist.textEquals(hint.key, key)) return value;
     }
     Ref keyRef = BinaryPlist::kNoRef;
-    Ref value = plist.lookup(frame.dictionary, key, &keyRef);
+    Ref value = plist.lookup(dictionary, key, &keyRef);
     if (value != BinaryPlist::kNoRef) hint = {key.data(), key.size(), keyRef};
     return value;
   }
@@ -386,17 +391,17 @@ struct KeyedUnarchiver::State {
 
   // The registry entry of an object dictionary's $class.
   const ClassRegistry::Entry* classOf(Ref object, std::string_view key) {
-    auto classRef = plist.find(object, "$class");
-    if (!classRef) {
+    Ref classRef = hintedLookup(object, "$class");
+    if (classRef == BinaryPlist::kNoRef) {
       fail("object under key " + quoted(key) + context() + " has no $class");
       return nullptr;
     }
-    if (plist.type(*classRef) != Type::Uid || plist.uid(*classRef) >= objectCount) {
+    if (plist.type(classRef) != Type::Uid || plist.uid(classRef) >= objectCount) {
       fail("$class of the object under key " + quoted(key) + context() +
            " is not the UID of an archived object");
       return nullptr;
     }
-    Ref classValue = plist.element(objects, plist.uid(*classRef));
+    Ref classValue = plist.element(objects, plist.uid(classRef));
     if (plist.type(classValue) != Type::Dictionary) {
       fail("$class of the object under key " + quoted(key) + context() +
            " is not a class dictionary");
