@@ -297,7 +297,7 @@ class BinaryPlistParser {
     if (!readTrailer()) return false;
     plist_.counted_ = false;
     plist_.nodes_.resize(objectCount_);
-    plist_.refs_.reserve(objectCount_ * 2);
+    plist_.refs_.reserve(std::min<uint64_t>(objectCount_ * 2, tableOffset_ / refSize_));
     plist_.top_ = static_cast<BinaryPlist::Ref>(top_);
     // Every object once, in table order. When every container names only
     // objects before it (as this project's writer lays them out), the graph
@@ -337,6 +337,8 @@ class BinaryPlistParser {
       return fail("object count does not fit the offset table");
     }
     if (count > std::numeric_limits<Ref>::max()) return fail("too many objects");
+    // Every object takes at least its marker byte: no more objects than bytes.
+    if (count > tableOffset_ - kHeaderSize) return fail("more objects than the object area holds");
     if (top_ >= count) return fail("top object beyond the object table");
     objectCount_ = count;
     return true;
