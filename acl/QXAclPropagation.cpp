@@ -33,15 +33,6 @@ constexpr mode_t kPermissionBits = 0777;
 
 namespace W = QXAclWriteMessage;
 
-ErrorPtr stepError(int errnum, const char* format, const char* path) {
-  return QXAclStep::error(errnum, format, path);
-}
-
-template <class T>
-void setOut(T* out, T value) {
-  if (out) *out = std::move(value);
-}
-
 // The ACL entries at the front of the request, up to its first pseudo-entry.
 qx::MutableArrayPtr collectAclEntries(const qx::ArrayPtr& entries) {
   auto collected = qx::MutableArray::make(entries ? entries->count() : 0);
@@ -104,10 +95,10 @@ class TreeUpdate {
 
   ErrorPtr run() {
     auto walk = qx::TreeWalk::open({top_}, qx::TreeWalk::Physical | qx::TreeWalk::NoChdir);
-    if (!walk) return stepError(errno, W::kReadHierarchy, top_.c_str());
+    if (!walk) return QXAclStep::error(errno, W::kReadHierarchy, top_.c_str());
     ErrorPtr failure = visitAll(*walk);
     if (walk->close() != 0 && !failure) {
-      failure = stepError(errno, W::kCloseWalk, top_.c_str());
+      failure = QXAclStep::error(errno, W::kCloseWalk, top_.c_str());
     }
     return failure;
   }
@@ -118,7 +109,7 @@ class TreeUpdate {
       if (ErrorPtr failure = visit(*entry)) return failure;
     }
     // A walk that ends normally leaves errno at 0.
-    if (errno != 0) return stepError(errno, W::kWalkFailed, top_.c_str());
+    if (errno != 0) return QXAclStep::error(errno, W::kWalkFailed, top_.c_str());
     return nullptr;
   }
 
@@ -130,13 +121,13 @@ class TreeUpdate {
       case WalkInfo::DP:
         return entry.level() == 0 ? nullptr : apply(entry, folderAcl_);
       case WalkInfo::DNR:
-        return stepError(entry.errnum(), W::kReadFolder, entry.path());
+        return QXAclStep::error(entry.errnum(), W::kReadFolder, entry.path());
       case WalkInfo::Err:
       case WalkInfo::NS:
-        return stepError(entry.errnum(), W::kGetItem, entry.path());
+        return QXAclStep::error(entry.errnum(), W::kGetItem, entry.path());
       default:
         // Only a folder has descendants: any other top item changes nothing.
-        if (entry.level() == 0) return stepError(ENOTDIR, W::kReadHierarchy, entry.path());
+        if (entry.level() == 0) return QXAclStep::error(ENOTDIR, W::kReadHierarchy, entry.path());
         return apply(entry, fileAcl_);
     }
   }
@@ -156,18 +147,18 @@ class TreeUpdate {
     const int folder = entry.parentFd();
     const char* name = entry.accessName();
     if (!link && mode_ != (st.st_mode & kPermissionBits) && changeMode(folder, name, mode_) != 0) {
-      return stepError(errno, W::kSetMode, entry.path());
+      return QXAclStep::error(errno, W::kSetMode, entry.path());
     }
     if (owner_ != st.st_uid &&
         fchownat(folder, name, owner_, static_cast<gid_t>(-1), AT_SYMLINK_NOFOLLOW) != 0) {
-      return stepError(errno, W::kSetOwner, entry.path());
+      return QXAclStep::error(errno, W::kSetOwner, entry.path());
     }
     if (group_ != st.st_gid &&
         fchownat(folder, name, static_cast<uid_t>(-1), group_, AT_SYMLINK_NOFOLLOW) != 0) {
-      return stepError(errno, W::kSetGroup, entry.path());
+      return QXAclStep::error(errno, W::kSetGroup, entry.path());
     }
     if (!link && QXAclAttribute::setAt(folder, name, st, acl) != 0) {
-      return stepError(errno, W::kSetAcl, entry.path());
+      return QXAclStep::error(errno, W::kSetAcl, entry.path());
     }
     return nullptr;
   }
@@ -183,7 +174,7 @@ class TreeUpdate {
 // Gives an ACL back; only the first error of the operation is kept.
 void releaseAcl(qx::xacl::AclHandle& acl, const char* path, ErrorPtr& failure) {
   if (qx::xacl::acl_free(acl.release()) != 0 && !failure) {
-    failure = stepError(errno, QXAclMessage::kReleaseStorage, path);
+    failure = QXAclStep::error(errno, QXAclMessage::kReleaseStorage, path);
   }
 }
 
@@ -214,6 +205,6 @@ bool QXAclPropagation::run(const qx::ArrayPtr& entries, const qx::UrlPtr& url, E
   const std::string top = url ? url->fileSystemRepresentation() : std::string();
   ErrorPtr failure = propagate(entries, top);
   if (failure) failure = QXOperation::errorWithError(failure, W::kPropagateTitle);
-  setOut(error, failure);
+  QXAclStep::setOut(error, failure);
   return !failure;
 }

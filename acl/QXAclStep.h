@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/foundation/Error.h"
 
@@ -58,4 +59,9 @@ class QXAclStep {
   static std::string message(std::string_view format, const std::string& path);
   // The step error: errorWithErrno with the message and the path.
   static qx::ErrorPtr error(int errnum, std::string_view format, const std::string& path);
+  // Answers `value` through an out-parameter the caller may leave null.
+  template <class T>
+  static void setOut(T* out, T value) {
+    if (out) *out = std::move(value);
+  }
 };

@@ -3,7 +3,8 @@
 // The sentences that name a failing step of saving and propagating access
 // settings, and the titles under which those operations wrap their first
 // failure. "%s" stands for the item's path. Steps shared with the inspecting
-// operations use QXAclMessage.
+// operations (reading an entry's permissions or flags, the item's stat, owner
+// and group, releasing storage) use QXAclMessage; QXAclStep builds the errors.
 namespace QXAclWriteMessage {
 // Building an ACL from entry records.
 inline constexpr const char* kInit =
@@ -11,12 +12,6 @@ inline constexpr const char* kInit =
     "List storage for file at path \"%s\".";
 inline constexpr const char* kCreateEntry =
     "Couldn't create file Acces Control List entry for file at path \"%s\".";
-inline constexpr const char* kGetPermset =
-    "Couldn't retrieve file Acces Control List entry permissions for file at "
-    "path \"%s\".";
-inline constexpr const char* kGetFlagset =
-    "Couldn't retrieve file Acces Control List entry flags for file at path "
-    "\"%s\".";
 inline constexpr const char* kSetTag =
     "Couldn't set file Acces Control List entry type for file at path \"%s\".";
 inline constexpr const char* kParseQualifier =

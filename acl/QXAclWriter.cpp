@@ -35,15 +35,6 @@ constexpr mode_t kPermissionBits = 0777;
 namespace W = QXAclWriteMessage;
 namespace M = QXAclMessage;
 
-ErrorPtr stepError(int errnum, const char* format, const char* path) {
-  return QXAclStep::error(errnum, format, path);
-}
-
-template <class T>
-void setOut(T* out, T value) {
-  if (out) *out = std::move(value);
-}
-
 // The records are read the way a message to nil reads: a missing record or
 // node answers 0 for every number and nil for every object.
 QXAclPermissionPtr recordOf(const qx::ObjectPtr& node) {
@@ -87,14 +78,14 @@ class EntryWriter {
 
   ErrorPtr write(const QXAclEntryPtr& record) {
     if (qx::xacl::acl_create_entry(acl_, &entry_) != 0) return fail(W::kCreateEntry);
-    if (qx::xacl::acl_get_permset(entry_, &permset_) != 0) return fail(W::kGetPermset);
-    if (qx::xacl::acl_get_flagset_np(entry_, &flagset_) != 0) return fail(W::kGetFlagset);
+    if (qx::xacl::acl_get_permset(entry_, &permset_) != 0) return fail(M::kPermset);
+    if (qx::xacl::acl_get_flagset_np(entry_, &flagset_) != 0) return fail(M::kFlagset);
     if (qx::xacl::acl_set_tag_type(entry_, record ? record->tag() : 0) != 0) {
       return fail(W::kSetTag);
     }
     uuid_t qualifier;
     if (!parseUuid(record ? record->uuid() : nullptr, qualifier)) {
-      return stepError(kQXUnparsableUuidError, W::kParseQualifier, path_);
+      return QXAclStep::error(kQXUnparsableUuidError, W::kParseQualifier, path_);
     }
     if (qx::xacl::acl_set_qualifier(entry_, qualifier) != 0) return fail(W::kSetQualifier);
     if (ErrorPtr failure = writePermissions(record)) return failure;
@@ -102,7 +93,7 @@ class EntryWriter {
   }
 
  private:
-  ErrorPtr fail(const char* format) const { return stepError(errno, format, path_); }
+  ErrorPtr fail(const char* format) const { return QXAclStep::error(errno, format, path_); }
 
   // Every group child that is not off adds its bit; the "Applies to" node is
   // remembered for the flags, also for the entries that follow.
@@ -208,12 +199,13 @@ ErrorPtr readPosixSettings(const std::vector<QXAclEntryPtr>& pseudoEntries, cons
     const bool owner = identities == 0;
     uuid_t uuid;
     if (!parseUuid(pseudo->uuid(), uuid)) {
-      return stepError(kQXUnparsableUuidError, owner ? W::kParseOwner : W::kParseGroup, path);
+      return QXAclStep::error(kQXUnparsableUuidError, owner ? W::kParseOwner : W::kParseGroup,
+                              path);
     }
     id_t id = 0;
     int type = 0;
     if (int status = qx::mbr_uuid_to_id(uuid, &id, &type)) {
-      return stepError(status, owner ? M::kOwner : M::kGroup, path);
+      return QXAclStep::error(status, owner ? M::kOwner : M::kGroup, path);
     }
     if (owner) {
       settings->owner = static_cast<uid_t>(id);
@@ -228,15 +220,15 @@ ErrorPtr readPosixSettings(const std::vector<QXAclEntryPtr>& pseudoEntries, cons
 ErrorPtr applyPosixSettings(const PosixSettings& wanted, const struct stat& st, const char* path) {
   if (wanted.mode != (st.st_mode & kPermissionBits) &&
       fchmodat(AT_FDCWD, path, wanted.mode, AT_SYMLINK_NOFOLLOW) != 0) {
-    return stepError(errno, W::kSetMode, path);
+    return QXAclStep::error(errno, W::kSetMode, path);
   }
   if (wanted.owner != st.st_uid &&
       fchownat(AT_FDCWD, path, wanted.owner, static_cast<gid_t>(-1), AT_SYMLINK_NOFOLLOW) != 0) {
-    return stepError(errno, W::kSetOwner, path);
+    return QXAclStep::error(errno, W::kSetOwner, path);
   }
   if (wanted.group != st.st_gid &&
       fchownat(AT_FDCWD, path, static_cast<uid_t>(-1), wanted.group, AT_SYMLINK_NOFOLLOW) != 0) {
-    return stepError(errno, W::kSetGroup, path);
+    return QXAclStep::error(errno, W::kSetGroup, path);
   }
   return nullptr;
 }
@@ -246,10 +238,10 @@ ErrorPtr writeAcl(const qx::ArrayPtr& aclEntries, const char* path) {
   ErrorPtr failure;
   if (!QXAclWriter::getAcl(&acl, aclEntries, path, &failure)) return failure;
   if (qx::xacl::acl_set_link_np(path, qx::xacl::ACL_TYPE_EXTENDED, acl) != 0) {
-    failure = stepError(errno, W::kSetAcl, path);
+    failure = QXAclStep::error(errno, W::kSetAcl, path);
   }
   if (qx::xacl::acl_free(acl) != 0 && !failure) {
-    failure = stepError(errno, M::kReleaseStorage, path);
+    failure = QXAclStep::error(errno, M::kReleaseStorage, path);
   }
   return failure;
 }
@@ -257,7 +249,7 @@ ErrorPtr writeAcl(const qx::ArrayPtr& aclEntries, const char* path) {
 ErrorPtr saveEntries(const qx::ArrayPtr& entries, const char* path) {
   SplitEntries split = splitEntries(entries);
   struct stat st;
-  if (lstat(path, &st) != 0) return stepError(errno, M::kStat, path);
+  if (lstat(path, &st) != 0) return QXAclStep::error(errno, M::kStat, path);
   PosixSettings wanted{static_cast<mode_t>(st.st_mode & kPermissionBits), st.st_uid, st.st_gid};
   if (ErrorPtr failure = readPosixSettings(split.posix, path, &wanted)) return failure;
   if (ErrorPtr failure = applyPosixSettings(wanted, st, path)) return failure;
@@ -271,7 +263,7 @@ bool QXAclWriter::getAcl(acl_t* acl, const qx::ArrayPtr& entries, const char* pa
   const std::size_t count = entries ? entries->count() : 0;
   qx::xacl::AclHandle built(qx::xacl::acl_init(static_cast<int>(count + 1)));
   if (!built) {
-    setOut(error, stepError(errno, W::kInit, path));
+    QXAclStep::setOut(error, QXAclStep::error(errno, W::kInit, path));
     return false;
   }
   acl_t handle = built.get();
@@ -279,13 +271,13 @@ bool QXAclWriter::getAcl(acl_t* acl, const qx::ArrayPtr& entries, const char* pa
   for (std::size_t i = 0; i < count; ++i) {
     EntryWriter writer(&handle, path, &appliesTo);
     if (ErrorPtr failure = writer.write(entries->objectAs<QXAclEntry>(i))) {
-      setOut(error, failure);
+      QXAclStep::setOut(error, failure);
       return false;  // `built` releases the partial ACL
     }
   }
   // A caller that does not take the ACL leaves it to be released here.
   if (acl) *acl = built.release();
-  setOut(error, ErrorPtr());
+  QXAclStep::setOut(error, ErrorPtr());
   return true;
 }
 
@@ -293,7 +285,7 @@ bool QXAclWriter::setEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url,
   const std::string path = url ? url->fileSystemRepresentation() : std::string();
   ErrorPtr failure = saveEntries(entries, path.c_str());
   if (failure) failure = QXOperation::errorWithError(failure, W::kSaveTitle);
-  setOut(error, failure);
+  QXAclStep::setOut(error, failure);
   return !failure;
 }
 

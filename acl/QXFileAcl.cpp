@@ -32,11 +32,6 @@ using qx::xacl::acl_tag_t;
 using qx::xacl::AclHandle;
 using qx::xacl::QualifierHandle;
 
-template <class T>
-void setOut(T* out, T value) {
-  if (out) *out = std::move(value);
-}
-
 // ---- Permission trees ----
 
 QXTreeNodePtr makeNode(const char* name, uint32_t value, int64_t state) {
@@ -503,10 +498,10 @@ qx::ArrayPtr QXFileAcl::entriesForUrl(const qx::UrlPtr& url, qx::ErrorPtr* error
   ErrorPtr failure = appendAclEntries(path, isFolder, *result);
   if (!failure) failure = appendPosixEntries(path, isFolder, *result);
   if (failure) {
-    setOut(error, QXOperation::errorWithError(failure, M::kEntriesTitle));
+    QXAclStep::setOut(error, QXOperation::errorWithError(failure, M::kEntriesTitle));
     return nullptr;
   }
-  setOut(error, ErrorPtr());
+  QXAclStep::setOut(error, ErrorPtr());
   return result->copy();
 }
 
@@ -533,15 +528,15 @@ bool QXFileAcl::getTraversable(bool* traversable, const qx::UrlPtr& url, const u
       }
     }
   }
-  setOut(traversable, answer);
-  setOut(error, failure);
+  QXAclStep::setOut(traversable, answer);
+  QXAclStep::setOut(error, failure);
   return !failure;
 }
 
 qx::ArrayPtr QXFileAcl::accessForUrl(const qx::UrlPtr& url, const qx::UuidPtr& uuid,
                                      qx::ErrorPtr* error) {
   auto fail = [error](const ErrorPtr& failure) -> qx::ArrayPtr {
-    setOut(error, QXOperation::errorWithError(failure, M::kAccessTitle));
+    QXAclStep::setOut(error, QXOperation::errorWithError(failure, M::kAccessTitle));
     return nullptr;
   };
   Decisions decisions;
@@ -558,7 +553,7 @@ qx::ArrayPtr QXFileAcl::accessForUrl(const qx::UrlPtr& url, const qx::UuidPtr& u
   ErrorPtr traversalError;
   if (!getTraversable(&traversable, url, identity, &traversalError)) {
     if (!traversalError) {
-      setOut(error, ErrorPtr());
+      QXAclStep::setOut(error, ErrorPtr());
       return nullptr;
     }
     return fail(traversalError);
@@ -567,7 +562,7 @@ qx::ArrayPtr QXFileAcl::accessForUrl(const qx::UrlPtr& url, const qx::UuidPtr& u
     if (ErrorPtr failure = decideByAcl(path, identity, isFolder, decisions)) return fail(failure);
     if (ErrorPtr failure = decideByMode(path, identity, isFolder, decisions)) return fail(failure);
   }
-  setOut(error, ErrorPtr());
+  QXAclStep::setOut(error, ErrorPtr());
   return accessTree(decisions, isFolder);
 }
 
