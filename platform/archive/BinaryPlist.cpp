@@ -313,8 +313,13 @@ class BinaryPlistParser {
   using Type = BinaryPlist::Type;
   using Ref = BinaryPlist::Ref;
 
-  bool fail(std::string message) {
-    why_ = std::move(message);
+  // Failures are rare: kept out of line, so the paths that parse stay small.
+  [[gnu::cold, gnu::noinline]] bool fail(const char* message) {
+    why_ = message;
+    return false;
+  }
+  [[gnu::cold, gnu::noinline]] bool fail(const char* before, uint64_t number, const char* after) {
+    why_ = before + std::to_string(number) + after;
     return false;
   }
 
@@ -375,7 +380,7 @@ class BinaryPlistParser {
     uint64_t offset =
         readBigEndian(bytes_ + tableOffset_ + uint64_t(ref) * offsetSize_, offsetSize_);
     if (offset < kHeaderSize || offset >= tableOffset_) {
-      return fail("offset of object " + std::to_string(ref) + " outside the object area");
+      return fail("offset of object ", ref, " outside the object area");
     }
     const uint8_t* start = bytes_ + offset;
     const uint8_t* end = bytes_ + tableOffset_;
@@ -398,7 +403,7 @@ class BinaryPlistParser {
       case 0xD:
         return parseContainer(ref, node, start, end);
       default:
-        return fail("unknown object marker " + std::to_string(marker));
+        return fail("unknown object marker ", marker, "");
     }
   }
 
@@ -414,7 +419,7 @@ class BinaryPlistParser {
         node.integer = marker & 1;
         break;
       default:
-        return fail("unknown object marker " + std::to_string(marker));
+        return fail("unknown object marker ", marker, "");
     }
     node.flags = BinaryPlist::kParsed;
     return true;
@@ -468,7 +473,7 @@ class BinaryPlistParser {
   bool parseBytes(Node& node, const uint8_t* start, const uint8_t* end) {
     unsigned kind = *start >> 4;
     const uint8_t* p = start;
-    uint64_t length;
+    uint64_t length = 0;
     if (!readLength(p, end, length)) return false;
     uint64_t unit = kind == 0x6 ? 2 : 1;
     if (length > static_cast<uint64_t>(end - p) / unit)
@@ -514,7 +519,7 @@ class BinaryPlistParser {
   bool parseContainer(Ref ref, Node& node, const uint8_t* start, const uint8_t* end) {
     bool isDictionary = (*start >> 4) == 0xD;
     const uint8_t* p = start;
-    uint64_t count;
+    uint64_t count = 0;
     if (!readLength(p, end, count)) return false;
     uint64_t slots = isDictionary ? 2 : 1;
     uint64_t room = static_cast<uint64_t>(end - p) / refSize_ / slots;
@@ -594,7 +599,7 @@ class BinaryPlistParser {
         return fail("dictionary key is not a string");
       }
       if (!isContainer(node) || (node.flags & kDone)) continue;
-      if (node.flags & kOnPath) return fail("object " + std::to_string(child) + " contains itself");
+      if (node.flags & kOnPath) return fail("object ", child, " contains itself");
       if (path.size() > BinaryPlist::kMaxDepth) return fail("containers nested too deeply");
       node.flags |= kOnPath;
       path.push_back({child, 0});  // `step` and `container` are not used past this point
