@@ -1,15 +1,12 @@
 #include "SizesTestSupport.h"
 
-#include <fcntl.h>
 #include <sys/fsuid.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -28,43 +25,6 @@ void check(bool ok, const std::string& what) {
 }
 
 }  // namespace
-
-TempTree::TempTree() {
-  char pattern[] = "/tmp/qx-sizes-XXXXXX";
-  check(mkdtemp(pattern) != nullptr, "mkdtemp");
-  root_ = pattern;
-  check(chmod(root_.c_str(), 0755) == 0, "chmod");
-}
-
-TempTree::~TempTree() {
-  std::error_code error;
-  for (auto it = std::filesystem::recursive_directory_iterator(
-           root_, std::filesystem::directory_options::skip_permission_denied, error);
-       !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
-    if (it->is_directory(error) && !it->is_symlink(error)) chmod(it->path().c_str(), 0755);
-  }
-  std::filesystem::remove_all(root_, error);
-}
-
-void TempTree::folder(const std::string& relative, mode_t mode) const {
-  std::string p = path(relative);
-  check(mkdir(p.c_str(), 0755) == 0, "mkdir " + p);
-  check(chmod(p.c_str(), mode) == 0, "chmod " + p);
-}
-
-void TempTree::file(const std::string& relative, std::size_t bytes) const {
-  std::string p = path(relative);
-  int fd = ::open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  check(fd >= 0, "create " + p);
-  std::string contents(bytes, 'x');
-  check(write(fd, contents.data(), bytes) == static_cast<ssize_t>(bytes), "write " + p);
-  ::close(fd);
-}
-
-void TempTree::link(const std::string& relative, const std::string& target) const {
-  std::string p = path(relative);
-  check(symlink(target.c_str(), p.c_str()) == 0, "symlink " + p);
-}
 
 AsNobody::AsNobody() {
   setfsgid(65534);

@@ -15,26 +15,20 @@
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcProtocol.h"
 #include "service/QXFileResponse.h"
+#include "tests/support/TempTree.h"
 
 namespace qx::sizestest {
 
-// A temporary folder that is removed with everything in it at the end.
-class TempTree {
+// A temporary tree named for the sizes tests, whose files are filled with
+// a number of bytes.
+class TempTree : public qx::test::TempTree {
  public:
-  TempTree();
-  ~TempTree();
-  TempTree(const TempTree&) = delete;
-  TempTree& operator=(const TempTree&) = delete;
+  TempTree() : qx::test::TempTree("qx-sizes") {}
 
-  const std::string& root() const { return root_; }
-  std::string path(const std::string& relative) const { return root_ + "/" + relative; }
   UrlPtr url(const std::string& relative) const { return Url::fileURLWithPath(path(relative)); }
-  void folder(const std::string& relative, mode_t mode = 0755) const;
-  void file(const std::string& relative, std::size_t bytes = 0) const;
-  void link(const std::string& relative, const std::string& target) const;
-
- private:
-  std::string root_;
+  void file(const std::string& relative, std::size_t bytes = 0) const {
+    qx::test::TempTree::file(relative, std::string(bytes, 'x'));
+  }
 };
 
 // Runs the calling thread with the file-system identity of an unprivileged

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -18,59 +17,11 @@ namespace qx::walktest {
 
 namespace {
 
-void check(bool ok, const std::string& what) {
-  if (!ok) throw std::runtime_error(what + ": " + std::strerror(errno));
-}
-
 int ftsNames(const FTSENT** a, const FTSENT** b) {
   return std::strcmp((*a)->fts_name, (*b)->fts_name);
 }
 
 }  // namespace
-
-TempTree::TempTree() {
-  char pattern[] = "/tmp/qx-walk-XXXXXX";
-  check(mkdtemp(pattern) != nullptr, "mkdtemp");
-  root_ = pattern;
-  // Readable by the unprivileged user some tests switch to.
-  check(chmod(root_.c_str(), 0755) == 0, "chmod");
-}
-
-TempTree::~TempTree() {
-  // Give every folder its permissions back first so that nothing is left behind.
-  std::error_code error;
-  for (auto it = std::filesystem::recursive_directory_iterator(
-           root_, std::filesystem::directory_options::skip_permission_denied, error);
-       !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
-    if (it->is_directory(error) && !it->is_symlink(error)) chmod(it->path().c_str(), 0755);
-  }
-  std::filesystem::remove_all(root_, error);
-}
-
-void TempTree::folder(const std::string& relative, mode_t mode) const {
-  std::string p = path(relative);
-  check(mkdir(p.c_str(), 0755) == 0, "mkdir " + p);
-  check(chmod(p.c_str(), mode) == 0, "chmod " + p);
-}
-
-void TempTree::file(const std::string& relative, const std::string& contents) const {
-  std::string p = path(relative);
-  int fd = ::open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  check(fd >= 0, "create " + p);
-  check(write(fd, contents.data(), contents.size()) == static_cast<ssize_t>(contents.size()),
-        "write " + p);
-  ::close(fd);
-}
-
-void TempTree::link(const std::string& relative, const std::string& target) const {
-  std::string p = path(relative);
-  check(symlink(target.c_str(), p.c_str()) == 0, "symlink " + p);
-}
-
-void TempTree::fifo(const std::string& relative) const {
-  std::string p = path(relative);
-  check(mkfifo(p.c_str(), 0644) == 0, "mkfifo " + p);
-}
 
 std::string describe(const Visit& visit) {
   std::ostringstream out;

@@ -7,26 +7,14 @@
 #include <vector>
 
 #include "platform/walk/TreeWalk.h"
+#include "tests/support/TempTree.h"
 
 namespace qx::walktest {
 
-// A temporary folder that is removed with everything in it at the end.
-class TempTree {
+// A temporary tree named for the walk tests.
+class TempTree : public qx::test::TempTree {
  public:
-  TempTree();
-  ~TempTree();
-  TempTree(const TempTree&) = delete;
-  TempTree& operator=(const TempTree&) = delete;
-
-  const std::string& root() const { return root_; }
-  std::string path(const std::string& relative) const { return root_ + "/" + relative; }
-  void folder(const std::string& relative, mode_t mode = 0755) const;
-  void file(const std::string& relative, const std::string& contents = "") const;
-  void link(const std::string& relative, const std::string& target) const;
-  void fifo(const std::string& relative) const;
-
- private:
-  std::string root_;
+  TempTree() : qx::test::TempTree("qx-walk") {}
 };
 
 // One visited entry, as both walkers report it.
