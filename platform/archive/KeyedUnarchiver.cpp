@@ -617,22 +617,21 @@ bool KeyedUnarchiver::arrayForKey(std::string_view key, ArrayOfUids& array) {
                 " is " + typeName(plist.type(value)) + ", not an array of UIDs");
     return false;
   }
-  std::size_t count = plist.count(value);
-  for (std::size_t i = 0; i < count; ++i) {
-    if (plist.type(plist.element(value, i)) != Type::Uid) {
-      state_.fail("element " + std::to_string(i) + " under key " + quoted(key) + " of " +
-                  std::string(state_.frame.className) + " is not a UID");
-      return false;
-    }
-  }
-  array = ArrayOfUids{value, count};
+  array = ArrayOfUids{value, plist.count(value)};
   return true;
 }
 
-ObjectPtr KeyedUnarchiver::decodeArrayElement(const ArrayOfUids& array, std::size_t index,
-                                              std::string_view key) {
+bool KeyedUnarchiver::decodeArrayElement(const ArrayOfUids& array, std::size_t index,
+                                         std::string_view key, ObjectPtr& element) {
   const BinaryPlist& plist = state_.plist;
-  return state_.decodeUid(plist.uid(plist.element(array.value, index)), state_.frame.allowed, key);
+  Ref value = plist.element(array.value, index);
+  if (plist.type(value) != Type::Uid) {
+    state_.fail("element " + std::to_string(index) + " under key " + quoted(key) + " of " +
+                std::string(state_.frame.className) + " is not a UID");
+    return false;
+  }
+  element = state_.decodeUid(plist.uid(value), state_.frame.allowed, key);
+  return !state_.error;
 }
 
 std::optional<std::vector<ObjectPtr>> KeyedUnarchiver::decodeArrayOfObjectsForKey(
@@ -642,8 +641,7 @@ std::optional<std::vector<ObjectPtr>> KeyedUnarchiver::decodeArrayOfObjectsForKe
   std::vector<ObjectPtr> elements;
   elements.reserve(array.count);
   for (std::size_t i = 0; i < array.count; ++i) {
-    elements.push_back(decodeArrayElement(array, i, key));
-    if (state_.error) return std::nullopt;
+    if (!decodeArrayElement(array, i, key, elements.emplace_back())) return std::nullopt;
   }
   return elements;
 }

@@ -91,8 +91,8 @@ class KeyedUnarchiver {
     ArrayOfUids array;
     if (!arrayForKey(key, array)) return false;
     for (std::size_t i = 0; i < array.count; ++i) {
-      ObjectPtr element = decodeArrayElement(array, i, key);
-      if (hasFailed()) return false;
+      ObjectPtr element;
+      if (!decodeArrayElement(array, i, key, element)) return false;
       sink(i, std::move(element));
     }
     return true;
@@ -118,11 +118,13 @@ class KeyedUnarchiver {
     std::size_t count = 0;
   };
   // False (and a failed unarchiver) unless the key is absent (count 0) or
-  // holds an array whose every element is a UID.
+  // holds an array.
   bool arrayForKey(std::string_view key, ArrayOfUids& array);
   // countOfArrayForKey without an optional crossing a call.
   bool lengthOfArrayForKey(std::string_view key, std::size_t& length);
-  ObjectPtr decodeArrayElement(const ArrayOfUids& array, std::size_t index, std::string_view key);
+  // Decodes element `index`, which must be a UID; false when the unarchiver failed.
+  bool decodeArrayElement(const ArrayOfUids& array, std::size_t index, std::string_view key,
+                          ObjectPtr& element);
 
   // Decodes `data`; `classes` nil means unrestricted.
   static ObjectPtr unarchive(std::span<const uint8_t> data, const ClassSet* classes,
