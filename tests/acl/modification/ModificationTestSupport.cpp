@@ -1,5 +1,7 @@
 #include "ModificationTestSupport.h"
 
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <sstream>
 
@@ -58,6 +60,16 @@ std::string stepText(const std::string& format, const std::string& path) {
 
 std::string suggestionFor(const std::string& format, const std::string& path, int errnum) {
   return stepText(format, path) + " " + strerror(errnum);
+}
+
+void expectStepError(const qx::ErrorPtr& error, const char* title, int64_t code,
+                     const std::string& format, const std::string& path) {
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain(), qx::kPOSIXErrorDomain);
+  EXPECT_EQ(error->code(), code);
+  EXPECT_EQ(error->localizedDescription(), title);
+  EXPECT_EQ(error->localizedRecoverySuggestion(),
+            suggestionFor(format, path, static_cast<int>(code)));
 }
 
 std::optional<std::string> runAs(uid_t uid, gid_t gid, const std::function<std::string()>& body) {

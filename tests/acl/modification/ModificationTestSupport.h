@@ -210,6 +210,10 @@ std::string stepText(const std::string& format, const std::string& path);
 // The recovery suggestion an operation error carries for a step: the step's
 // sentence and the system's text for the number.
 std::string suggestionFor(const std::string& format, const std::string& path, int errnum);
+// Checks an operation's error for a failed step: the POSIX domain, `code`,
+// the operation's `title` as description and the step's recovery suggestion.
+void expectStepError(const qx::ErrorPtr& error, const char* title, int64_t code,
+                     const std::string& format, const std::string& path);
 
 // ---- Other users ----
 

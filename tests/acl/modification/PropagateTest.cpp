@@ -15,12 +15,7 @@ namespace xtesting = qx::xacl::testing;
 
 void expectOperationError(const qx::ErrorPtr& error, int64_t code, const std::string& format,
                           const std::string& path) {
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->domain(), qx::kPOSIXErrorDomain);
-  EXPECT_EQ(error->code(), code);
-  EXPECT_EQ(error->localizedDescription(), kPropagateTitle);
-  EXPECT_EQ(error->localizedRecoverySuggestion(),
-            suggestionFor(format, path, static_cast<int>(code)));
+  expectStepError(error, kPropagateTitle, code, format, path);
 }
 
 bool propagate(const qx::ArrayPtr& entries, const std::string& top, qx::ErrorPtr* error = nullptr) {

@@ -15,12 +15,7 @@ namespace xtesting = qx::xacl::testing;
 
 void expectOperationError(const qx::ErrorPtr& error, int64_t code, const std::string& format,
                           const std::string& path) {
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->domain(), qx::kPOSIXErrorDomain);
-  EXPECT_EQ(error->code(), code);
-  EXPECT_EQ(error->localizedDescription(), kSaveTitle);
-  EXPECT_EQ(error->localizedRecoverySuggestion(),
-            suggestionFor(format, path, static_cast<int>(code)));
+  ASSERT_NO_FATAL_FAILURE(expectStepError(error, kSaveTitle, code, format, path));
   auto url = qx::cast<qx::Url>(error->userInfo()->objectForKey(qx::kURLErrorKey));
   ASSERT_NE(url, nullptr);
   EXPECT_EQ(url->path(), path);
