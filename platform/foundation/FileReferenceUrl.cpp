@@ -12,6 +12,7 @@
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
+#include "platform/foundation/LinuxDirent64.h"
 #include "platform/foundation/String.h"
 
 namespace qx {
@@ -33,15 +34,6 @@ bool parseNumber(std::string_view text, std::uint64_t& value) {
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   return error == std::errc() && end == text.data() + text.size();
 }
-
-// The record layout of getdents64, for the search of a renamed item.
-struct LinuxDirent64 {
-  std::uint64_t d_ino;
-  std::int64_t d_off;
-  unsigned short d_reclen;
-  unsigned char d_type;
-  char d_name[1];
-};
 
 }  // namespace
 
@@ -123,7 +115,7 @@ std::string FileReferenceUrl::findInKeptFolder() const {
   }
   std::string found;
   alignas(8) char buffer[32 * 1024];
-  constexpr std::size_t kNameOffset = offsetof(LinuxDirent64, d_name);
+  constexpr std::size_t kNameOffset = kLinuxDirent64NameOffset;
   long got;
   while (found.empty() && (got = syscall(SYS_getdents64, fd, buffer, sizeof buffer)) > 0) {
     for (std::size_t offset = 0; offset + kNameOffset < static_cast<std::size_t>(got);) {

@@ -10,20 +10,13 @@
 #include <cstring>
 #include <limits>
 
+#include "platform/foundation/LinuxDirent64.h"
+
 namespace qx {
 
 namespace {
 
-// The record layout of getdents64.
-struct LinuxDirent64 {
-  std::uint64_t d_ino;
-  std::int64_t d_off;
-  unsigned short d_reclen;
-  unsigned char d_type;
-  char d_name[1];
-};
-
-constexpr std::size_t kNameOffset = offsetof(LinuxDirent64, d_name);
+constexpr std::size_t kNameOffset = kLinuxDirent64NameOffset;
 constexpr std::size_t kKeptCapacity = 4096;
 
 bool isDotOrDotDot(const char* name, std::size_t length) {
