@@ -44,6 +44,25 @@ TEST(QXFileClientAlone, TheServiceIsFoundThroughTheEnvironmentElseBesideTheLibra
   EXPECT_EQ(QXFileClient::servicePath(), QX_SERVICE_EXECUTABLE);
 }
 
+// Counts the client's invalidations. The handler outlives the test body: the
+// client ends when the test does.
+std::shared_ptr<std::atomic<int>> countInvalidations(QXFileClient& client) {
+  auto invalidations = std::make_shared<std::atomic<int>>(0);
+  client.setInvalidationHandler([invalidations] { ++*invalidations; });
+  return invalidations;
+}
+
+// Signals `reported` on every size report and keeps the client's answer to it
+// until `release` is signalled.
+void holdSizeReports(QXFileClient& client, qx::Semaphore& reported,
+                     const std::shared_ptr<qx::Semaphore>& release) {
+  client.setSizeUpdateHandler([&reported, release](const qx::ArrayPtr&) {
+    reported.signal();
+    release->wait();
+    return true;
+  });
+}
+
 class ClientLibrary : public PrivateService {};
 
 TEST_F(ClientLibrary, ClientsOfOneUserShareOneServiceAndEveryReplyComesOnce) {
@@ -85,16 +104,10 @@ TEST_F(ClientLibrary, AWaitEndsWithAnErrorWhenTheClientLetsGoOfTheConnection) {
   std::string folder = makeFolder(files_ / "big");
   fillFolder(folder, 150);
   QXFileClient& client = connectClient();
-  // The handler outlives this body: the client ends when the test does.
-  auto invalidations = std::make_shared<std::atomic<int>>(0);
-  client.setInvalidationHandler([invalidations] { ++*invalidations; });
+  auto invalidations = countInvalidations(client);
   qx::Semaphore reported;
   auto release = std::make_shared<qx::Semaphore>();
-  client.setSizeUpdateHandler([&reported, release](const qx::ArrayPtr&) {
-    reported.signal();
-    release->wait();
-    return true;
-  });
+  holdSizeReports(client, reported, release);
   qx::ErrorPtr error;
   qx::ArrayPtr sizes = qx::Array::make();
   std::thread waiter(
@@ -123,17 +136,11 @@ TEST_F(ClientLibrary, PendingRepliesGetAnErrorWhenTheServiceGoesAway) {
   std::string folder = makeFolder(files_ / "big");
   fillFolder(folder, 150);
   QXFileClient& client = connectClient();
-  // The handler outlives this body: the client ends when the test does.
-  auto invalidations = std::make_shared<std::atomic<int>>(0);
-  client.setInvalidationHandler([invalidations] { ++*invalidations; });
+  auto invalidations = countInvalidations(client);
   // The client keeps its answer to the first report until the service is gone.
   qx::Semaphore reported;
   auto release = std::make_shared<qx::Semaphore>();
-  client.setSizeUpdateHandler([&reported, release](const qx::ArrayPtr&) {
-    reported.signal();
-    release->wait();
-    return true;
-  });
+  holdSizeReports(client, reported, release);
   qx::Semaphore answered;
   qx::ErrorPtr seen;
   client.getSizesWithUrls(urlsOf({folder}), [&](qx::ArrayPtr, qx::ErrorPtr error) {
