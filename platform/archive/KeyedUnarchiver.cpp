@@ -9,7 +9,10 @@
 
 #include "platform/archive/BinaryPlist.h"
 #include "platform/archive/ScratchPool.h"
+#include "platform/foundation/Array.h"
 #include "platform/foundation/ClassRegistry.h"
+#include "platform/foundation/Dictionary.h"
+#include "platform/foundation/MutableArray.h"
 #include "platform/foundation/MutableDictionary.h"
 #include "platform/foundation/Number.h"
 #include "platform/foundation/String.h"
@@ -132,7 +135,16 @@ struct KeyedUnarchiver::State {
     ObjectPtr object;
     const ClassRegistry::Entry* entry = nullptr;  // for class dictionaries
     Status status = Status::New;
+    uint32_t summary = 0;  // 1 + index in `contents` once a collection is summarised
   };
+
+  // A class found inside a collection, directly or through the collections
+  // nested in it, with the key it was found under.
+  struct Content {
+    const ClassInfo* cls = nullptr;
+    const char* key = nullptr;
+  };
+  static constexpr uint32_t kSummarising = std::numeric_limits<uint32_t>::max();
 
   BinaryPlist plist;
   Ref objects = 0;
@@ -142,6 +154,9 @@ struct KeyedUnarchiver::State {
   // value decode to one object, so no input decodes the same bytes twice.
   std::vector<uint32_t> slotOfValue;
   std::vector<Slot> slots;
+  // The classes each collection holds, made the first time a decoded
+  // collection is handed out again under a restricted set.
+  std::vector<std::vector<Content>> contents;
   Frame frame;
   ErrorPtr error;
   KeyedUnarchiver* coder = nullptr;
@@ -230,6 +245,7 @@ struct KeyedUnarchiver::State {
     restricted = false;
     slotOfValue.clear();
     slots.clear();
+    contents.clear();
     frame = Frame{};
     error.reset();
     coder = nullptr;
@@ -425,6 +441,120 @@ struct KeyedUnarchiver::State {
     return entry;
   }
 
+  // The classes whose instances decode their contents with plain nested
+  // decodes, so that the set in force reaches the contents.
+  static bool isCollection(const ClassInfo& cls) {
+    return &cls == &Array::classInfo() || &cls == &MutableArray::classInfo() ||
+           &cls == &Dictionary::classInfo() || &cls == &MutableDictionary::classInfo();
+  }
+
+  // A collection decoded before is handed out again. Its contents were
+  // checked against the set in force at its first decode; this reference may
+  // be under another set, which plain nested decodes would have applied to
+  // them, so they are checked against it here.
+  bool contentsAllowed(Ref collection, const ClassInfo& cls, const Allowed& allowed,
+                       std::string_view key) {
+    uint32_t summary = summarise(collection, 0);
+    if (summary == 0) return false;
+    for (const Content& content : contents[summary - 1]) {
+      if (allowed.allows(*content.cls)) continue;
+      fail("value for key " + quoted(content.key) + " inside the " + std::string(cls.name()) +
+           " under key " + quoted(key) + context() + " is of class " +
+           std::string(content.cls->name()) + ", which is not among the allowed classes (" +
+           allowed.description() + ")");
+      return false;
+    }
+    return true;
+  }
+
+  // The distinct classes of a collection's keys and values, through its
+  // nested collections, as 1 + an index in `contents`; 0 when the unarchiver
+  // failed. Each collection is summarised once per archive, so handing out a
+  // large collection many times costs a pass over its classes, not over its
+  // elements.
+  uint32_t summarise(Ref collection, int level) {
+    uint32_t slot = slotIndex(collection);
+    if (slots[slot].summary == kSummarising) {
+      fail("a collection under key " + quoted(frame.key) + context() + " contains itself");
+      return 0;
+    }
+    if (slots[slot].summary != 0) return slots[slot].summary;
+    if (level > kMaxArchiveDepth) {
+      fail("collections nested deeper than " + std::to_string(kMaxArchiveDepth) + " levels" +
+           context());
+      return 0;
+    }
+    slots[slot].summary = kSummarising;
+    std::vector<Content> found;
+    for (const char* key : {"NS.keys", "NS.objects"}) {
+      if (!summariseArray(collection, key, level, found)) return 0;
+    }
+    contents.push_back(std::move(found));
+    slots[slot].summary = static_cast<uint32_t>(contents.size());
+    return slots[slot].summary;
+  }
+
+  bool summariseArray(Ref collection, const char* key, int level, std::vector<Content>& found) {
+    Ref array = hintedLookup(collection, key);
+    if (array == BinaryPlist::kNoRef) return true;
+    if (plist.type(array) != Type::Array) return malformedContents(key);
+    for (std::size_t i = 0, count = plist.count(array); i < count; ++i) {
+      Ref element = plist.element(array, i);
+      if (plist.type(element) != Type::Uid || plist.uid(element) >= objectCount) {
+        return malformedContents(key);
+      }
+      if (plist.uid(element) == 0) continue;
+      Ref value = plist.element(objects, plist.uid(element));
+      const ClassInfo* cls = nullptr;
+      switch (plist.type(value)) {
+        case Type::String:
+          if (plist.string(value) == "$null") continue;
+          cls = &String::classInfo();
+          break;
+        case Type::Bool:
+        case Type::Integer:
+        case Type::Real:
+          cls = &Number::classInfo();
+          break;
+        case Type::Data:
+          cls = &Data::classInfo();
+          break;
+        case Type::Dictionary: {
+          const ClassRegistry::Entry* entry = classOf(value, key);
+          if (!entry) return false;
+          cls = entry->cls;
+          if (isCollection(*cls)) {
+            uint32_t nested = summarise(value, level + 1);
+            if (nested == 0) return false;
+            for (const Content& content : contents[nested - 1]) addContent(found, content);
+          }
+          break;
+        }
+        default:
+          return malformedContents(key);
+      }
+      addContent(found, Content{cls, key});
+    }
+    return true;
+  }
+
+  static void addContent(std::vector<Content>& found, const Content& content) {
+    for (const Content& known : found) {
+      if (known.cls == content.cls) return;
+    }
+    found.push_back(content);
+  }
+
+  bool malformedContents(std::string_view key) {
+    fail("the collection contents under key " + quoted(key) + context() + " are malformed");
+    return false;
+  }
+
+  uint32_t slotIndex(Ref value) {
+    slotFor(value);
+    return slotOfValue[value] - 1;
+  }
+
   ObjectPtr decodeInstance(Ref object, const Allowed& allowed, std::string_view key) {
     const DecodeFunction* custom = std::exchange(customDecode, nullptr);
     const ClassRegistry::Entry* entry = classOf(object, key);
@@ -436,7 +566,13 @@ struct KeyedUnarchiver::State {
       slotFor(object);
       index = slotOfValue[object];
     }
-    if (slots[index - 1].status == Status::Done) return slots[index - 1].object;
+    if (slots[index - 1].status == Status::Done) {
+      if (restricted && isCollection(*entry->cls) &&
+          !contentsAllowed(object, *entry->cls, allowed, key)) {
+        return nullptr;
+      }
+      return slots[index - 1].object;
+    }
     if (slots[index - 1].status == Status::Decoding) {
       fail("the " + std::string(entry->cls->name()) + " under key " + quoted(key) + context() +
            " contains itself");

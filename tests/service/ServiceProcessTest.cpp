@@ -131,6 +131,9 @@ TEST_F(ServiceProcess, UrlArraysOfRenamesAndSizesTakeUrlsOnly) {
       mentions(send("getSizesWithUrls:reply:", {qx::Array::make({qx::Uuid::make()})}), "NSUUID"));
   // The names keep the default rule of collections: property-list objects only.
   EXPECT_TRUE(mentions(send("renameUrls:names:reply:", {urls, urls->copy()}), "NSURL"));
+  // The same array object as both arguments is archived once and decoded
+  // once; the names' rule still applies to it.
+  EXPECT_TRUE(mentions(send("renameUrls:names:reply:", {urls, urls}), "NSURL"));
   EXPECT_TRUE(std::filesystem::exists(item));
 
   EXPECT_TRUE(send("getSizesWithUrls:reply:", {urls}).replied);

@@ -144,6 +144,87 @@ TEST_F(ArchiveRestricted, TheSetIsCheckedOnEveryReferenceNotOncePerObject) {
   expectRefusal(error, "NS.relative", "QXFileSizeItem");
 }
 
+// One collection instance named by two entries of the root array, the entries
+// decoded one by one with sets of their own, in the order given.
+struct SharedReference {
+  std::size_t index;
+  ClassSet set;
+};
+
+ObjectPtr decodeEntries(const ObjectPtr& shared, std::vector<SharedReference> references,
+                        ErrorPtr* error, std::vector<ObjectPtr>* decoded = nullptr) {
+  DataPtr data = KeyedArchiver::archivedDataWithRootObject(Array::make({shared, shared}));
+  return KeyedUnarchiver::unarchiveRootWith(
+      data->span(), {&Array::classInfo()},
+      [&](KeyedUnarchiver& coder) -> ObjectPtr {
+        for (const SharedReference& reference : references) {
+          ObjectPtr object = coder.decodeObjectOfClassesAtIndexForKey(reference.set, "NS.objects",
+                                                                      reference.index);
+          if (!object) return nullptr;
+          if (decoded) decoded->push_back(object);
+        }
+        return Array::make({});
+      },
+      error);
+}
+
+TEST_F(ArchiveRestricted, ASharedCollectionIsCheckedAgainstTheSetOfEachReference) {
+  auto urls = Array::make({Url::fileURLWithPath("/tmp/a"), Url::fileURLWithPath("/tmp/b")});
+  ClassSet urlSet{&Array::classInfo(), &Url::classInfo()};
+  ClassSet stringSet{&Array::classInfo(), &String::classInfo()};
+  ErrorPtr error;
+  // Allowed first, refused second: the object decoded for the first entry
+  // is not handed out again under the second entry's set.
+  EXPECT_FALSE(decodeEntries(urls, {{0, urlSet}, {1, stringSet}}, &error));
+  expectRefusal(error, "NS.objects", "NSURL");
+  // The reverse order of the two entries.
+  EXPECT_FALSE(decodeEntries(urls, {{1, urlSet}, {0, stringSet}}, &error));
+  expectRefusal(error, "NS.objects", "NSURL");
+  // Refused first: refused at its first decode already.
+  EXPECT_FALSE(decodeEntries(urls, {{0, stringSet}, {1, urlSet}}, &error));
+  expectRefusal(error, "NS.objects", "NSURL");
+  // Both sets allow it: one instance, shared.
+  std::vector<ObjectPtr> decoded;
+  ClassSet wide{&Array::classInfo(), &Url::classInfo(), &String::classInfo()};
+  EXPECT_TRUE(decodeEntries(urls, {{0, urlSet}, {1, wide}}, &error, &decoded)) << describe(error);
+  ASSERT_EQ(decoded.size(), 2u);
+  EXPECT_EQ(decoded[0], decoded[1]);
+  // The collection's own class is checked too.
+  EXPECT_FALSE(decodeEntries(urls, {{0, urlSet}, {1, {&Url::classInfo()}}}, &error));
+  expectRefusal(error, "NS.objects", "NSArray");
+}
+
+TEST_F(ArchiveRestricted, ASharedCollectionIsCheckedThroughItsNestedCollections) {
+  // A dictionary of string keys whose value is an array of arrays of numbers,
+  // shared by both entries; the second set misses what is nested deepest,
+  // then the keys' class.
+  auto numbers = Array::make({Number::numberWithInteger(1)});
+  auto shared = Dictionary::withStringKeys(
+      {{"lists", MutableArray::make()}, {"nested", Array::make({numbers, numbers})}});
+  ClassSet full{&Dictionary::classInfo(), &Array::classInfo(), &String::classInfo(),
+                &Number::classInfo()};
+  ClassSet noNumbers{&Dictionary::classInfo(), &Array::classInfo(), &String::classInfo()};
+  ClassSet noStrings{&Dictionary::classInfo(), &Array::classInfo(), &Number::classInfo()};
+  ErrorPtr error;
+  EXPECT_TRUE(decodeEntries(shared, {{0, full}, {1, full}}, &error)) << describe(error);
+  EXPECT_FALSE(decodeEntries(shared, {{0, full}, {1, noNumbers}}, &error));
+  expectRefusal(error, "NS.objects", "NSNumber");
+  EXPECT_FALSE(decodeEntries(shared, {{1, full}, {0, noStrings}}, &error));
+  expectRefusal(error, "NS.keys", "NSString");
+}
+
+TEST_F(ArchiveRestricted, ARecordSharedByTwoReferencesHasOnlyItsClassChecked) {
+  // The record named its own set for what it holds: a second reference whose
+  // set allows the record but not its contents still decodes.
+  auto node = std::make_shared<NestingNode>(SizeRecord::make(2, true));
+  ClassSet withRecord{&NestingNode::classInfo(), &SizeRecord::classInfo()};
+  ClassSet nodeOnly{&NestingNode::classInfo()};
+  ErrorPtr error;
+  EXPECT_TRUE(decodeEntries(node, {{0, withRecord}, {1, nodeOnly}}, &error)) << describe(error);
+  EXPECT_FALSE(decodeEntries(node, {{0, withRecord}, {1, {&String::classInfo()}}}, &error));
+  expectRefusal(error, "NS.objects", "QXTestNestingNode");
+}
+
 TEST_F(ArchiveRestricted, FoundationClassesDecodeUnderTheirUsualSets) {
   auto info = Dictionary::withStringKeys(
       {{"NSURL", Url::fileURLWithPath("/tmp/x")},
