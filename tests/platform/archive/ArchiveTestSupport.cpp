@@ -121,7 +121,10 @@ std::vector<uint8_t> RawPlist::bytes() const {
   for (const auto& [index, offset] : offsetOverrides) offsets.at(index) = offset;
   uint64_t table = out.size();
   auto put = [&](uint64_t value, unsigned width) {
-    for (unsigned i = width; i-- > 0;) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    // Widths above 8 (bad trailers) get leading zero bytes.
+    for (unsigned i = width; i-- > 0;) {
+      out.push_back(i >= 8 ? 0 : static_cast<uint8_t>(value >> (8 * i)));
+    }
   };
   for (uint64_t offset : offsets) put(offset, offsetSize);
   for (int i = 0; i < 6; ++i) out.push_back(0);
