@@ -597,7 +597,7 @@ struct KeyedUnarchiver::State {
 };
 
 ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassSet* classes,
-                                     ErrorPtr* error) {
+                                     ErrorPtr* error, const DecodeFunction* decode) {
   try {
     ScratchPool<State>::Lease lease;
     State& state = *lease;
@@ -610,7 +610,7 @@ ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassS
       }
       state.coder = &coder;
       state.restricted = classes != nullptr;
-      if (!state.error && state.open(data)) result = state.decodeRoot(classes);
+      if (!state.error && state.open(data)) result = state.decodeRoot(classes, decode);
     } catch (const std::exception& e) {
       state.fail(std::string("decoding stopped: ") + e.what());
     } catch (...) {
@@ -628,32 +628,7 @@ ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassS
 
 ObjectPtr KeyedUnarchiver::unarchiveRootWith(std::span<const uint8_t> data, const ClassSet& classes,
                                              const DecodeFunction& decode, ErrorPtr* error) {
-  try {
-    ScratchPool<State>::Lease lease;
-    State& state = *lease;
-    ActiveDepth active(state.depth, data.size());
-    ObjectPtr result;
-    try {
-      KeyedUnarchiver coder(state);
-      if (!active.withinBudget()) {
-        state.fail("archives nested in each other add up to more than the outermost one carries");
-      }
-      state.coder = &coder;
-      state.restricted = true;
-      if (!state.error && state.open(data)) result = state.decodeRoot(&classes, &decode);
-    } catch (const std::exception& e) {
-      state.fail(std::string("decoding stopped: ") + e.what());
-    } catch (...) {
-      state.fail("decoding stopped by an exception");
-    }
-    if (state.error) result = nullptr;
-    if (error) *error = state.error;
-    return result;
-  } catch (...) {
-    // No memory even for the working state or the error.
-    if (error) *error = nullptr;
-    return nullptr;
-  }
+  return unarchive(data, &classes, error, &decode);
 }
 
 KeyedUnarchiver::~KeyedUnarchiver() = default;

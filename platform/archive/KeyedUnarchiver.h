@@ -126,9 +126,10 @@ class KeyedUnarchiver {
   bool decodeArrayElement(const ArrayOfUids& array, std::size_t index, std::string_view key,
                           ObjectPtr& element);
 
-  // Decodes `data`; `classes` nil means unrestricted.
+  // The one decoding path: unrestricted when `classes` is null; the root made
+  // by `decode` instead of its class's factory when `decode` is given.
   static ObjectPtr unarchive(std::span<const uint8_t> data, const ClassSet* classes,
-                             ErrorPtr* error);
+                             ErrorPtr* error, const DecodeFunction* decode = nullptr);
 
   State& state_;
 };
