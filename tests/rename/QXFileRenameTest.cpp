@@ -1,0 +1,295 @@
+// Batch renames through a real connection to a client in the test that
+// answers the progress questions as each case needs.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <future>
+
+#include "platform/foundation/Foundation.h"
+#include "rename/QXFileRename.h"
+#include "tests/support/ResponseLink.h"
+#include "tests/support/TempTree.h"
+
+namespace {
+
+// While set to an errno, renameat2 fails with it and does nothing, as on a
+// file system that cannot refuse to replace.
+std::atomic<int> renameat2FailsWith{0};
+
+}  // namespace
+
+extern "C" int __real_renameat2(int, const char*, int, const char*, unsigned int);
+extern "C" int __wrap_renameat2(int oldDir, const char* oldPath, int newDir, const char* newPath,
+                                unsigned int flags) {
+  if (int failure = renameat2FailsWith.load()) {
+    errno = failure;
+    return -1;
+  }
+  return __real_renameat2(oldDir, oldPath, newDir, newPath, flags);
+}
+
+namespace qx {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Outcome {
+  std::vector<std::string> paths;  // "urls": where the renamed items are now
+  std::vector<std::string> names;  // "names": the names they had
+  ErrorPtr error;
+};
+
+class QXFileRenameTest : public ::testing::Test {
+ protected:
+  void SetUp() override { registerFoundationClasses(); }
+  void TearDown() override { renameat2FailsWith = 0; }
+
+  static std::string numbered(const std::string& prefix, int i) {
+    char number[16];
+    std::snprintf(number, sizeof number, "%03d", i);
+    return prefix + number;
+  }
+  // Files "<prefix>NNN" holding their own names, and their URLs.
+  ArrayPtr items(const std::string& prefix, int count) const {
+    std::vector<ObjectPtr> urls;
+    for (int i = 0; i < count; ++i) {
+      tree.file(numbered(prefix, i), numbered(prefix, i));
+      urls.push_back(url(numbered(prefix, i)));
+    }
+    return Array::make(std::move(urls));
+  }
+  static ArrayPtr names(const std::vector<std::string>& values) {
+    std::vector<ObjectPtr> objects;
+    for (const std::string& value : values) objects.push_back(str(value));
+    return Array::make(std::move(objects));
+  }
+  static ArrayPtr names(const std::string& prefix, int count) {
+    std::vector<std::string> values;
+    for (int i = 0; i < count; ++i) values.push_back(numbered(prefix, i));
+    return names(values);
+  }
+  UrlPtr url(const std::string& name) const { return Url::fileURLWithPath(tree.path(name)); }
+  bool exists(const std::string& name) const {
+    struct stat st;
+    return lstat(tree.path(name).c_str(), &st) == 0;
+  }
+  int existing(const std::string& prefix, int count) const {
+    int found = 0;
+    for (int i = 0; i < count; ++i) found += exists(numbered(prefix, i)) ? 1 : 0;
+    return found;
+  }
+
+  Outcome rename(const ArrayPtr& urls, const ArrayPtr& newNames,
+                 const std::shared_ptr<XpcConnection>& through) {
+    ErrorPtr error = Error::errorWithDomain(kPOSIXErrorDomain, 1);
+    DictionaryPtr result = QXFileRename::renameUrls(urls, newNames, through, &error);
+    Outcome outcome{{}, {}, error};
+    EXPECT_TRUE(result && result->count() == 2);
+    auto renamed = result ? result->objectForKeyAs<MutableArray>("urls") : nullptr;
+    auto previous = result ? result->objectForKeyAs<MutableArray>("names") : nullptr;
+    EXPECT_TRUE(renamed && previous) << "both are mutable arrays on every path";
+    if (!renamed || !previous) return outcome;
+    EXPECT_EQ(renamed->mutableObjects().capacity(), urls ? urls->count() : 0u);
+    for (const auto& object : *renamed) outcome.paths.push_back(cast<Url>(object)->path());
+    for (const auto& object : *previous) outcome.names.push_back(cast<String>(object)->str());
+    return outcome;
+  }
+  Outcome rename(const ArrayPtr& urls, const ArrayPtr& newNames) {
+    return rename(urls, newNames, link.worker);
+  }
+
+  // The error of a batch whose item at `path` failed with `errnum`.
+  static void expectFailure(const ErrorPtr& error, int errnum, const std::string& path) {
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), kPOSIXErrorDomain);
+    EXPECT_EQ(error->code(), errnum);
+    EXPECT_EQ(error->localizedDescription(), "Error renaming files");
+    EXPECT_EQ(error->localizedRecoverySuggestion().value_or(""),
+              "Couldn't rename file at path \"" + path + "\". " + std::strerror(errnum));
+    auto url = error->userInfo()->objectForKeyAs<Url>(kURLErrorKey);
+    EXPECT_EQ(url ? url->path() : "<none>", path.empty() ? "<none>" : path);
+  }
+
+  test::TempTree tree{"qx-rename"};
+  test::ResponseLink link{nullptr, [](int) { return false; }};
+};
+
+TEST_F(QXFileRenameTest, EmptyListsGiveEmptyResultsWithoutAQuestion) {
+  for (ArrayPtr urls : {Array::make(), ArrayPtr()}) {
+    Outcome outcome = rename(urls, Array::make());
+    EXPECT_TRUE(outcome.paths.empty() && outcome.names.empty());
+    EXPECT_FALSE(outcome.error);
+  }
+  EXPECT_EQ(link.client->questions(), 0);
+}
+
+// Only "/" (to ":"), line feed and carriage return (to " ") change; folders
+// and links are renamed themselves; surplus names are ignored.
+// Only "/" (to ":"), line feed and carriage return (to " ") change; folders
+// and links are renamed themselves; surplus names are ignored.
+TEST_F(QXFileRenameTest, NamesAreCleanedAndEverythingElseKept) {
+  const std::vector<std::string> given = {
+      "a/b/c",   "line\nfeed", "carriage\rreturn",         "\r\n/",
+      ".hidden", "  spaced  ", "caf\xc3\xa9\ttab\\%20\"'", "..dots.."};
+  const std::vector<std::string> cleaned = {
+      "a:b:c",   "line feed",  "carriage return",          "  :",
+      ".hidden", "  spaced  ", "caf\xc3\xa9\ttab\\%20\"'", "..dots.."};
+  const int count = static_cast<int>(given.size());
+  auto urls = items("old-", count)->mutableCopy();
+  tree.folder("folder");
+  tree.file("folder/inside");
+  tree.link("link", "nowhere");
+  urls->addObject(url("folder"));
+  urls->addObject(url("link"));
+  std::vector<std::string> newNames = given;
+  newNames.insert(newNames.end(), {"moved folder", "moved link", "surplus"});
+
+  Outcome outcome = rename(urls, names(newNames));
+  EXPECT_FALSE(outcome.error);
+  ASSERT_EQ(outcome.names.size(), given.size() + 2);
+  for (int i = 0; i < count; ++i) {
+    EXPECT_EQ(outcome.paths[i], tree.path(cleaned[i]));
+    EXPECT_EQ(outcome.names[i], numbered("old-", i));
+  }
+  EXPECT_EQ(outcome.names.back(), "link");
+  EXPECT_EQ(existing("old-", count), 0);
+  EXPECT_TRUE(exists("moved folder/inside"));
+  char target[16] = {};
+  EXPECT_GT(readlink(tree.path("moved link").c_str(), target, sizeof target - 1), 0);
+  EXPECT_STREQ(target, "nowhere");
+  EXPECT_FALSE(exists("surplus"));
+  // A name is one component: ".." names the folder above, which is taken.
+  outcome = rename(Array::make({url("moved folder")}), names({".."}));
+  expectFailure(outcome.error, EEXIST, tree.path("moved folder"));
+}
+
+// The question comes after the 31st rename and every 31 after; YES stops
+// there, with nothing undone.
+TEST_F(QXFileRenameTest, ClientIsAskedEveryThirtyOneRenamesAndYesStops) {
+  struct Row {
+    int items;
+    int yesAt;  // 0: NO to every question
+    std::vector<int> renamedAtQuestions;
+    int renamed;
+  };
+  const Row rows[] = {{30, 1, {}, 30},
+                      {31, 1, {31}, 31},
+                      {62, 1, {31}, 31},
+                      {100, 3, {31, 62, 93}, 93},
+                      {95, 0, {31, 62, 93}, 95}};
+  for (const Row& row : rows) {
+    const std::string from = "r" + std::to_string(row.items) + "-";
+    const std::string to = from + "new-";
+    SCOPED_TRACE(from);
+    std::vector<int> seen;
+    test::ResponseLink asking(nullptr, [&](int n) {
+      seen.push_back(existing(to, row.items));
+      return n == row.yesAt;
+    });
+    Outcome outcome = rename(items(from, row.items), names(to, row.items), asking.worker);
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(seen, row.renamedAtQuestions);
+    ASSERT_EQ(outcome.names.size(), static_cast<size_t>(row.renamed));
+    EXPECT_EQ(outcome.paths.back(), tree.path(numbered(to, row.renamed - 1)));
+    EXPECT_EQ(outcome.names.back(), numbered(from, row.renamed - 1));
+    EXPECT_EQ(existing(from, row.items), row.items - row.renamed);
+  }
+}
+
+TEST_F(QXFileRenameTest, FirstFailureEndsTheBatchAndKeepsTheRenamesBefore) {
+  tree.file("taken", "taken");
+  Outcome taken = rename(items("old-", 4), names({"new-0", "new-1", "taken", "new-3"}));
+  expectFailure(taken.error, EEXIST, tree.path("old-002"));
+  EXPECT_EQ(taken.names, (std::vector<std::string>{"old-000", "old-001"}));
+  EXPECT_EQ(taken.paths, (std::vector<std::string>{tree.path("new-0"), tree.path("new-1")}));
+  EXPECT_TRUE(exists("old-002") && exists("old-003") && !exists("new-3"));
+  EXPECT_EQ(link.client->questions(), 0);
+
+  // Fewer names than URLs: the first URL without one fails.
+  ArrayPtr urls = Array::make({url("old-002"), url("old-003")});
+  Outcome unnamed = rename(urls, names({"a"}));
+  expectFailure(unnamed.error, EINVAL, tree.path("old-003"));
+  EXPECT_EQ(unnamed.names, (std::vector<std::string>{"old-002"}));
+  expectFailure(rename(Array::make({url("old-003")}), nullptr).error, EINVAL, tree.path("old-003"));
+  expectFailure(rename(Array::make({url("gone")}), names({"x"})).error, ENOENT, tree.path("gone"));
+  // What a hostile client may send: a name that is no string or holds a NUL
+  // byte, an element that is no file URL.
+  urls = Array::make({url("old-003")});
+  expectFailure(rename(urls, Array::make({Number::numberWithInteger(7)})).error, EINVAL,
+                tree.path("old-003"));
+  expectFailure(rename(urls, names({std::string("cut\0short", 9)})).error, EINVAL,
+                tree.path("old-003"));
+  EXPECT_FALSE(exists("cut"));
+  expectFailure(rename(Array::make({str("/etc/passwd")}), names({"x"})).error, EINVAL, "");
+  expectFailure(rename(Array::make({Url::URLWithString("https://host/x")}), names({"x"})).error,
+                EINVAL, "");
+}
+
+// renameat2 answering "not supported" falls back to a plain rename, which
+// replaces; any other failure of it is the item's error.
+TEST_F(QXFileRenameTest, WithoutNoReplaceSupportAPlainRenameFollows) {
+  struct Row {
+    int renameat2Error;
+    std::string target;
+    int expected;  // 0: renamed over the target
+  };
+  tree.folder("folder");
+  tree.file("folder/full");
+  const Row rows[] = {{EINVAL, "taken", 0},
+                      {ENOSYS, "taken", 0},
+                      {EINVAL, "folder", EISDIR},
+                      {EXDEV, "elsewhere", EXDEV}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::strerror(row.renameat2Error) + (" to " + row.target));
+    tree.file("taken", "taken");
+    tree.file("item", "item");
+    renameat2FailsWith = row.renameat2Error;
+    Outcome outcome = rename(Array::make({url("item")}), names({row.target}));
+    renameat2FailsWith = 0;
+    if (row.expected == 0) {
+      EXPECT_FALSE(outcome.error);
+      EXPECT_EQ(outcome.names, std::vector<std::string>{"item"});
+      EXPECT_FALSE(exists("item"));
+    } else {
+      expectFailure(outcome.error, row.expected, tree.path("item"));
+      EXPECT_TRUE(exists("item"));
+      EXPECT_TRUE(exists("folder/full"));
+      EXPECT_FALSE(exists("elsewhere"));
+    }
+  }
+}
+
+// A question without an answer counts as a stop: the batch ends after the
+// 31 renames done, with no error, and the worker is not left waiting.
+TEST_F(QXFileRenameTest, QuestionWithoutAnAnswerStops) {
+  enum class Cut { ClientDuringQuestion, WorkerDuringQuestion, ClientBefore, NoConnection };
+  for (Cut cut : {Cut::ClientDuringQuestion, Cut::WorkerDuringQuestion, Cut::ClientBefore,
+                  Cut::NoConnection}) {
+    const std::string from = "c" + std::to_string(static_cast<int>(cut)) + "-";
+    SCOPED_TRACE(from);
+    test::ResponseLink holding;  // holds every question
+    if (cut == Cut::ClientBefore) holding.clientEnd->invalidate();
+    auto worker = cut == Cut::NoConnection ? nullptr : holding.worker;
+    auto running = std::async(std::launch::async, [&] {
+      return rename(items(from, 40), names(from + "new-", 40), worker);
+    });
+    if (cut == Cut::ClientDuringQuestion || cut == Cut::WorkerDuringQuestion) {
+      ASSERT_TRUE(holding.client->waitForCalls(1));
+      EXPECT_EQ(running.wait_for(100ms), std::future_status::timeout) << "the worker waits";
+      (cut == Cut::ClientDuringQuestion ? holding.clientEnd : holding.worker)->invalidate();
+    }
+    ASSERT_EQ(running.wait_for(10s), std::future_status::ready);
+    Outcome outcome = running.get();
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(outcome.names.size(), 31u);
+    EXPECT_EQ(existing(from, 40), 9);
+  }
+}
+
+}  // namespace
+}  // namespace qx

@@ -1,0 +1,46 @@
+#include "tests/support/ChildProcess.h"
+
+#include <grp.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace qx::test {
+
+namespace {
+
+void writeAll(int fd, const std::string& text) {
+  for (size_t done = 0; done < text.size();) {
+    ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n <= 0) return;
+    done += static_cast<size_t>(n);
+  }
+}
+
+}  // namespace
+
+std::string ChildProcess::runAs(uid_t uid, gid_t gid, const std::function<std::string()>& body,
+                                unsigned seconds) {
+  int fds[2];
+  if (pipe(fds) != 0) return "pipe failed";
+  pid_t pid = fork();
+  if (pid < 0) return "fork failed";
+  if (pid == 0) {
+    close(fds[0]);
+    alarm(seconds);
+    bool dropped = uid == 0 || (setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(uid) == 0);
+    writeAll(fds[1], dropped ? body() : "could not drop privileges");
+    _exit(0);
+  }
+  close(fds[1]);
+  std::string answer;
+  char buffer[4096];
+  for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) answer.append(buffer, n);
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (WIFSIGNALED(status)) return WTERMSIG(status) == SIGALRM ? "child timed out" : "child died";
+  return answer;
+}
+
+}  // namespace qx::test
