@@ -1,44 +1,18 @@
 #pragma once
 
-#include <grp.h>
-#include <stdlib.h>
-#include <sys/types.h>
-#include <sys/wait.h>
+#include <gtest/gtest.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 #include <uuid/uuid.h>
 
 #include <array>
 #include <cstdint>
-#include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "platform/xacl/AclHandle.h"
 #include "platform/xacl/xacl.h"
 
 namespace qx::xacl::test {
-
-// A fresh folder under the system's temporary folder, removed with its contents at the end.
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qx-xacl-XXXXXX").string();
-    if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::filesystem::path& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
- private:
-  std::filesystem::path path_;
-};
 
 using Uuid = std::array<unsigned char, 16>;
 
@@ -54,8 +28,32 @@ inline std::string textOf(const void* uuid) {
   return text;
 }
 
-inline void putWord(std::vector<uint8_t>& bytes, uint32_t word) {
-  for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back(static_cast<uint8_t>(word >> shift));
+// One entry's fields; a null qualifier or an undefined tag is left unset.
+struct EntryFields {
+  acl_tag_t tag;
+  const char* qualifier;
+  acl_perm_t perms = 0;
+  acl_flag_t flags = 0;
+};
+
+inline acl_entry_t addEntry(acl_t acl, const EntryFields& fields) {
+  acl_entry_t entry = nullptr;
+  acl_permset_t permset = nullptr;
+  acl_flagset_t flagset = nullptr;
+  int status = acl_create_entry(&acl, &entry);
+  if (fields.tag != ACL_UNDEFINED_TAG) status |= acl_set_tag_type(entry, fields.tag);
+  if (fields.qualifier) status |= acl_set_qualifier(entry, uuidOf(fields.qualifier).data());
+  status |= acl_get_permset(entry, &permset) | acl_get_flagset_np(entry, &flagset);
+  if (fields.perms != 0) status |= acl_add_perm(permset, fields.perms);
+  if (fields.flags != 0) status |= acl_add_flag_np(flagset, fields.flags);
+  EXPECT_EQ(status, 0) << "building an entry";
+  return entry;
+}
+
+inline AclHandle buildAcl(const std::vector<EntryFields>& entries) {
+  AclHandle acl(acl_init(static_cast<int>(entries.size())));
+  for (const EntryFields& fields : entries) addEntry(acl.get(), fields);
+  return acl;
 }
 
 // The stored form built by hand, independently of the codec under test.
@@ -68,13 +66,16 @@ struct RawEntry {
 inline std::vector<uint8_t> rawAcl(const std::vector<RawEntry>& entries,
                                    uint32_t magic = 0x012cc16d, uint32_t aclFlags = 0) {
   std::vector<uint8_t> bytes;
-  putWord(bytes, magic);
-  putWord(bytes, static_cast<uint32_t>(entries.size()));
-  putWord(bytes, aclFlags);
+  auto put = [&](uint32_t word) {
+    for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back(uint8_t(word >> shift));
+  };
+  put(magic);
+  put(static_cast<uint32_t>(entries.size()));
+  put(aclFlags);
   for (const RawEntry& entry : entries) {
     bytes.insert(bytes.end(), entry.qualifier.begin(), entry.qualifier.end());
-    putWord(bytes, entry.flagsWord);
-    putWord(bytes, entry.rights);
+    put(entry.flagsWord);
+    put(entry.rights);
   }
   return bytes;
 }
@@ -83,26 +84,12 @@ inline bool writeRaw(const std::string& path, const std::vector<uint8_t>& bytes)
   return lsetxattr(path.c_str(), kAclAttributeName, bytes.data(), bytes.size(), 0) == 0;
 }
 
-// The attribute's bytes; empty with errno set when it cannot be read.
+// The attribute's bytes; empty when it cannot be read.
 inline std::vector<uint8_t> readRaw(const std::string& path) {
   std::vector<uint8_t> bytes(65536);
   ssize_t n = lgetxattr(path.c_str(), kAclAttributeName, bytes.data(), bytes.size());
   bytes.resize(n < 0 ? 0 : static_cast<size_t>(n));
   return bytes;
-}
-
-// Runs `body` in a child process with the given unprivileged ids and returns what it returned
-// (an errno value, 0 for success), or -1 when the child could not run.
-inline int runAs(uid_t uid, gid_t gid, const std::function<int()>& body) {
-  pid_t pid = fork();
-  if (pid < 0) return -1;
-  if (pid == 0) {
-    if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(255);
-    _exit(body() & 0xff);
-  }
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status) == 255 ? -1 : WEXITSTATUS(status);
 }
 
 }  // namespace qx::xacl::test
