@@ -246,6 +246,17 @@ void KeyedArchiver::encodeBytes(std::span<const uint8_t> bytes, std::string_view
   state_.stack.push_back(state_.plist.addData(bytes));
 }
 
+void KeyedArchiver::encodeDataObject(std::span<const uint8_t> bytes, std::string_view key) {
+  // A new UID every time: a Data object made for the call would be a new
+  // object, never one archived before.
+  auto uid = static_cast<uint32_t>(state_.objects.size());
+  state_.objects.push_back(state_.plist.addData(bytes));
+  state_.uidValues.push_back(State::kNoValue);
+  Ref k = keyValue(state_, key);
+  state_.stack.push_back(k);
+  state_.stack.push_back(uidValue(state_, uid));
+}
+
 // Array elements go on the stack above the current object's pairs; encoding
 // an element pushes and pops its own pairs above them.
 std::size_t KeyedArchiver::beginArray() {

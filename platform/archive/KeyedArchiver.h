@@ -31,6 +31,10 @@ class KeyedArchiver {
   void encodeDouble(double value, std::string_view key);
   // Bytes stored inline as a plist data value (NSUUID's NS.uuidbytes).
   void encodeBytes(std::span<const uint8_t> bytes, std::string_view key);
+  // Bytes archived as an NSData object of their own under a UID, exactly as
+  // encodeObject(Data::make(bytes), key) would, without making the object
+  // (NSIndexPath's NSIndexPathData, written once per record of a report).
+  void encodeDataObject(std::span<const uint8_t> bytes, std::string_view key);
   // An inline plist array of UIDs, one per object (NS.objects, NS.keys).
   void encodeArrayOfObjects(const std::vector<ObjectPtr>& objects, std::string_view key);
   // The same for `count` objects, the i-th given by `objectAt(i)`, without

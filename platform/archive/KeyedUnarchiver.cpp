@@ -700,6 +700,28 @@ std::optional<std::vector<uint8_t>> KeyedUnarchiver::decodeBytesForKey(std::stri
   return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
+bool KeyedUnarchiver::decodeDataObjectForKey(std::string_view key,
+                                             std::span<const uint8_t>& bytes) {
+  Ref value = state_.typedValue(key, Type::Uid, "a UID");
+  if (value == BinaryPlist::kNoRef) return false;
+  uint32_t uid = state_.plist.uid(value);
+  if (uid != 0 && uid < state_.objectCount) {
+    Ref object = state_.plist.element(state_.objects, uid);
+    if (state_.plist.type(object) == Type::Data) {
+      bytes = state_.plist.data(object);
+      return true;
+    }
+  }
+  // Anything else takes the general path, which refuses it or decodes an
+  // NSData subclass; the decoded object stays alive in its slot.
+  State::Allowed allowed;
+  allowed.single = &Data::classInfo();
+  auto data = cast<Data>(state_.decodeUid(uid, allowed, key));
+  if (!data) return false;
+  bytes = data->span();
+  return true;
+}
+
 ObjectPtr KeyedUnarchiver::decodeObjectForKey(std::string_view key) {
   return state_.decodeKey(key, state_.frame.allowed);
 }

@@ -75,6 +75,11 @@ class KeyedUnarchiver {
   double decodeDoubleForKey(std::string_view key);
   // Inline bytes (NSUUID's NS.uuidbytes); nullopt when missing or not data.
   std::optional<std::vector<uint8_t>> decodeBytesForKey(std::string_view key);
+  // The bytes of the NSData object under `key`, as decodeObjectOfClassForKey
+  // with NSData would decode it, read in place without making the object.
+  // False when the key is absent, the object is nil or the unarchiver failed.
+  // The bytes stay valid while the archive being decoded does.
+  bool decodeDataObjectForKey(std::string_view key, std::span<const uint8_t>& bytes);
 
   // Plain nested decode: the set in force for the enclosing object applies.
   ObjectPtr decodeObjectForKey(std::string_view key);

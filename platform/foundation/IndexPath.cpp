@@ -1,12 +1,12 @@
 #include "platform/foundation/IndexPath.h"
 
 #include <algorithm>
-#include <optional>
+#include <array>
+#include <span>
 #include <string>
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
-#include "platform/foundation/Data.h"
 
 namespace qx {
 
@@ -16,30 +16,25 @@ namespace {
 
 // Indexes of two or more positions are stored as unsigned LEB128: 7 bits a
 // byte, lowest group first, the high bit set on every byte but an index's last.
-std::vector<uint8_t> encodeLeb128(const std::vector<uint64_t>& indexes) {
-  std::vector<uint8_t> bytes;
-  bytes.reserve(indexes.size() * 2);
-  for (uint64_t value : indexes) {
-    do {
-      uint8_t byte = value & 0x7f;
-      value >>= 7;
-      bytes.push_back(value != 0 ? (byte | 0x80) : byte);
-    } while (value != 0);
-  }
-  return bytes;
+constexpr std::size_t kMaxLeb128Bytes = 10;
+
+uint8_t* writeLeb128(uint64_t value, uint8_t* out) {
+  do {
+    uint8_t byte = value & 0x7f;
+    value >>= 7;
+    *out++ = value != 0 ? (byte | 0x80) : byte;
+  } while (value != 0);
+  return out;
 }
 
-// Nullopt for a truncated last byte or a value wider than 64 bits.
-std::optional<std::vector<uint64_t>> decodeLeb128(const std::vector<uint8_t>& bytes,
-                                                  std::size_t expected) {
-  std::vector<uint64_t> indexes;
-  indexes.reserve(std::min(expected, bytes.size()));
+// False for a truncated last byte or a value wider than 64 bits.
+bool decodeLeb128(std::span<const uint8_t> bytes, std::vector<uint64_t>& indexes) {
   uint64_t value = 0;
   unsigned shift = 0;
   bool pending = false;
   for (uint8_t byte : bytes) {
     uint64_t group = byte & 0x7f;
-    if (shift > 63 || (shift == 63 && group > 1)) return std::nullopt;
+    if (shift > 63 || (shift == 63 && group > 1)) return false;
     value |= group << shift;
     pending = true;
     if (byte & 0x80) {
@@ -51,8 +46,7 @@ std::optional<std::vector<uint64_t>> decodeLeb128(const std::vector<uint8_t>& by
     shift = 0;
     pending = false;
   }
-  if (pending) return std::nullopt;
-  return indexes;
+  return !pending;
 }
 
 }  // namespace
@@ -70,17 +64,18 @@ ObjectPtr IndexPath::initWithCoder(KeyedUnarchiver& coder) {
     if (coder.hasFailed()) return nullptr;
     return make({static_cast<uint64_t>(value)});
   }
-  auto data = cast<Data>(coder.decodeObjectOfClassForKey(Data::classInfo(), "NSIndexPathData"));
-  if (!data) {
+  std::span<const uint8_t> bytes;
+  if (!coder.decodeDataObjectForKey("NSIndexPathData", bytes)) {
     coder.failWithError("NSIndexPath without NSIndexPathData");
     return nullptr;
   }
-  auto indexes = decodeLeb128(data->bytes(), static_cast<std::size_t>(length));
-  if (!indexes || indexes->size() != static_cast<uint64_t>(length)) {
+  std::vector<uint64_t> indexes;
+  indexes.reserve(std::min(static_cast<std::size_t>(length), bytes.size()));
+  if (!decodeLeb128(bytes, indexes) || indexes.size() != static_cast<uint64_t>(length)) {
     coder.failWithError("NSIndexPathData does not hold NSIndexPathLength indexes");
     return nullptr;
   }
-  return make(std::move(*indexes));
+  return make(std::move(indexes));
 }
 
 std::shared_ptr<IndexPath> IndexPath::indexPathByAddingIndex(uint64_t index) const {
@@ -114,7 +109,17 @@ void IndexPath::encodeWithCoder(KeyedArchiver& coder) const {
   if (indexes_.size() == 1) {
     coder.encodeInteger(static_cast<int64_t>(indexes_[0]), "NSIndexPathValue");
   } else if (indexes_.size() >= 2) {
-    coder.encodeObject(Data::make(encodeLeb128(indexes_)), "NSIndexPathData");
+    // Paths of a tree are short: their bytes are built on the stack.
+    std::array<uint8_t, 16 * kMaxLeb128Bytes> local;
+    std::vector<uint8_t> large;
+    uint8_t* begin = local.data();
+    if (indexes_.size() * kMaxLeb128Bytes > local.size()) {
+      large.resize(indexes_.size() * kMaxLeb128Bytes);
+      begin = large.data();
+    }
+    uint8_t* end = begin;
+    for (uint64_t index : indexes_) end = writeLeb128(index, end);
+    coder.encodeDataObject({begin, end}, "NSIndexPathData");
   }
 }
 
