@@ -1,0 +1,545 @@
+// Listing an item's ACL entries, whether an identity can reach an item, and
+// the permissions it effectively holds, on items owned by the test users.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "acl/QXFileAcl.h"
+#include "platform/xacl/AclTesting.h"
+#include "tests/acl/AclTestSupport.h"
+#include "tests/support/ChildProcess.h"
+
+namespace qxacltest {
+namespace {
+
+using States = std::map<std::string, int64_t>;
+namespace xtesting = qx::xacl::testing;
+
+class AclInspection : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to give the items their owners";
+  }
+
+  // The listing, with the error out-parameter primed so that a missing write shows.
+  qx::ArrayPtr list(const std::string& path) {
+    error_ = qx::Error::errorWithDomain("primed", 1);
+    return QXFileAcl::entriesForUrl(urlOf(path), &error_);
+  }
+  // The records between the markers, checking the markers and the three pseudo-entries.
+  std::vector<QXAclEntryPtr> aclEntries(const qx::ArrayPtr& listing) {
+    std::vector<QXAclEntryPtr> entries;
+    EXPECT_FALSE(error_);
+    EXPECT_EQ(qx::cast<qx::String>(listing->objectAtIndex(0))->str(), "ACL");
+    size_t i = 1;
+    for (; qx::cast<QXAclEntry>(listing->objectAtIndex(i)); ++i) {
+      entries.push_back(qx::cast<QXAclEntry>(listing->objectAtIndex(i)));
+    }
+    EXPECT_EQ(qx::cast<qx::String>(listing->objectAtIndex(i))->str(), "POSIX");
+    EXPECT_EQ(listing->count(), i + 4);
+    return entries;
+  }
+  static QXAclEntryPtr posix(const qx::ArrayPtr& listing, size_t which) {
+    return qx::cast<QXAclEntry>(listing->objectAtIndex(listing->count() - 3 + which));
+  }
+
+  // "yes", "no", or the failure's description.
+  static std::string traversable(const std::string& path, const qx::UuidPtr& who) {
+    bool answer = false;
+    qx::ErrorPtr error = qx::Error::errorWithDomain("primed", 1);
+    if (!QXFileAcl::getTraversable(&answer, urlOf(path), who->bytes().data(), &error)) {
+      return "failed: " + (error ? error->localizedDescription() : "no error");
+    }
+    return error ? "completed with an error" : answer ? "yes" : "no";
+  }
+
+  // The leaf states of the effective access; checks the shape every result has.
+  States access(const std::string& path, const qx::UuidPtr& who) {
+    error_ = qx::Error::errorWithDomain("primed", 1);
+    qx::ArrayPtr groups = QXFileAcl::accessForUrl(urlOf(path), who, &error_);
+    if (!groups) return {};
+    EXPECT_FALSE(error_);
+    const bool folder = std::filesystem::is_directory(std::filesystem::symlink_status(path));
+    EXPECT_EQ(groups->count(), 3u);
+    const size_t counts[] = {5, folder ? 6u : 5u, 2};
+    for (size_t i = 0; i < 3; ++i) {
+      EXPECT_EQ(recordOf(groups->objectAtIndex(i))->permission(), 2) << "a group node";
+      EXPECT_EQ(recordOf(groups->objectAtIndex(i))->state(), -1) << "a group node";
+      EXPECT_EQ(childrenOf(groups->objectAtIndex(i)).size(), counts[i]);
+    }
+    return leafStates(groups);
+  }
+
+  AclTree tree_;
+  qx::ErrorPtr error_;
+};
+
+TEST_F(AclInspection, FileEntriesKeepOrderTagsFlagsAndGroupStates) {
+  std::string bare = tree_.ownedFile("bare");
+  ASSERT_TRUE(list(bare));
+  EXPECT_TRUE(aclEntries(list(bare)).empty());
+  EXPECT_TRUE(QXFileAcl::entriesForUrl(urlOf(bare), nullptr)) << "the error may be null";
+  ASSERT_TRUE(setAcl(bare, {}));
+  EXPECT_TRUE(aclEntries(list(bare)).empty()) << "an ACL without entries";
+
+  std::string file = tree_.ownedFile("f");
+  const uint32_t allRead = ACL_READ_DATA | ACL_EXECUTE | ACL_READ_ATTRIBUTES |
+                           ACL_READ_EXTATTRIBUTES | ACL_READ_SECURITY;
+  ASSERT_TRUE(setAcl(file, {{ACL_EXTENDED_ALLOW, userUuid(kMember), allRead | ACL_WRITE_DATA},
+                            {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_CHANGE_OWNER,
+                             ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT}}));
+  std::vector<QXAclEntryPtr> entries = aclEntries(list(file));
+  ASSERT_EQ(entries.size(), 2u);
+  const QXAclEntryPtr& allow = entries[0];
+  EXPECT_TRUE(allow->isAcl());
+  EXPECT_TRUE(qx::isEqual(allow->uuid(), userUuid(kMember)));
+  EXPECT_EQ(allow->tag(), ACL_EXTENDED_ALLOW);
+  EXPECT_FALSE(allow->inherited());
+  const auto& groups = *allow->permissions();
+  ASSERT_EQ(groups.count(), 3u);
+  EXPECT_EQ(
+      (std::vector<Leaf>{
+          {nameOf(groups[0]), recordOf(groups[0])->permission(), recordOf(groups[0])->state()},
+          {nameOf(groups[1]), recordOf(groups[1])->permission(), recordOf(groups[1])->state()},
+          {nameOf(groups[2]), recordOf(groups[2])->permission(), recordOf(groups[2])->state()}}),
+      (std::vector<Leaf>{{"Read", 2, 1}, {"Write", 2, -1}, {"Administration", 2, 0}}));
+  EXPECT_EQ(childrenOf(groups[0]), (std::vector<Leaf>{{"Read Data", 0x2, 1},
+                                                      {"Execute File", 0x8, 1},
+                                                      {"Read Attributes", 0x80, 1},
+                                                      {"Read Extended Attributes", 0x200, 1},
+                                                      {"Read Permissions", 0x800, 1}}));
+  EXPECT_EQ(childrenOf(groups[1]), (std::vector<Leaf>{{"Write Data", 0x4, 1},
+                                                      {"Append Data", 0x20, 0},
+                                                      {"Delete", 0x10, 0},
+                                                      {"Write Attributes", 0x100, 0},
+                                                      {"Write Extended Attributes", 0x400, 0}}));
+  EXPECT_EQ(childrenOf(groups[2]),
+            (std::vector<Leaf>{{"Change Permissions", 0x1000, 0}, {"Change Owner", 0x2000, 0}}));
+  const QXAclEntryPtr& deny = entries[1];
+  EXPECT_TRUE(qx::isEqual(deny->uuid(), groupUuid(kTeam)));
+  EXPECT_EQ(deny->tag(), ACL_EXTENDED_DENY);
+  EXPECT_TRUE(deny->inherited());
+  EXPECT_EQ(deny->permissions()->count(), 3u) << "a file has no \"Applies to\"";
+}
+
+TEST_F(AclInspection, FolderEntriesShowAppliesToForEveryFlagCombination) {
+  std::string folder = tree_.ownedFolder("d");
+  std::vector<Ace> aces;
+  for (uint32_t combo = 0; combo < 16; ++combo) {
+    uint32_t flags = ((combo & 1) ? ACL_ENTRY_ONLY_INHERIT : 0) |
+                     ((combo & 2) ? ACL_ENTRY_FILE_INHERIT : 0) |
+                     ((combo & 4) ? ACL_ENTRY_DIRECTORY_INHERIT : 0) |
+                     ((combo & 8) ? ACL_ENTRY_LIMIT_INHERIT : 0);
+    aces.push_back({ACL_EXTENDED_ALLOW, userUuid(kOwner + combo), ACL_SEARCH, flags});
+  }
+  ASSERT_TRUE(setAcl(folder, aces));
+  std::vector<QXAclEntryPtr> entries = aclEntries(list(folder));
+  ASSERT_EQ(entries.size(), 16u);
+  for (uint32_t combo = 0; combo < 16; ++combo) {
+    SCOPED_TRACE("flag combination " + std::to_string(combo));
+    const auto& groups = *entries[combo]->permissions();
+    ASSERT_EQ(groups.count(), 4u);
+    EXPECT_EQ(childrenOf(groups[0]).size(), 5u);
+    EXPECT_EQ(childrenOf(groups[1]).size(), 6u);
+    EXPECT_EQ(childrenOf(groups[0])[1], (Leaf{"Traverse Folder", 0x8, 1}));
+    EXPECT_EQ(childrenOf(groups[1])[3].name, "Delete Subfolders and Files");
+    const bool only = combo & 1, files = combo & 2, folders = combo & 4, limit = combo & 8;
+    const int64_t thisItem = !only, all = !limit && folders;
+    EXPECT_EQ(nameOf(groups[3]), "Applies to");
+    EXPECT_EQ(recordOf(groups[3])->permission(), 0x2000);
+    EXPECT_EQ(childrenOf(groups[3]), (std::vector<Leaf>{{"This item", 0x100, thisItem},
+                                                        {"Child files", 0x20, files},
+                                                        {"Child folders", 0x40, folders},
+                                                        {"All descendants", 0x80, all}}));
+    const bool agree = thisItem == files && files == folders && folders == all;
+    EXPECT_EQ(recordOf(groups[3])->state(), agree ? thisItem : -1);
+  }
+}
+
+TEST_F(AclInspection, PosixLeavesFollowTheModeAndALinkIsListedAsItself) {
+  struct Kind {
+    std::string path;
+    std::string third;
+    std::array<int64_t, 3> values;
+    std::array<std::array<int64_t, 3>, 3> states;  // owner, group, everyone
+    qx::UuidPtr owner, group;
+  };
+  std::string target = tree_.ownedFolder("target", 0700);
+  ASSERT_TRUE(setAcl(target, {{ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_LIST_DIRECTORY}}));
+  std::string link = tree_.path("link");
+  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+  ASSERT_EQ(lchown(link.c_str(), kOther, kDenied), 0);
+  const std::array<std::array<int64_t, 3>, 3> mode754 = {{{1, 1, 1}, {1, 0, 1}, {1, 0, 0}}};
+  const Kind kinds[] = {
+      {tree_.ownedFile("f", 0754),
+       "Execute File",
+       {2, 4, 8},
+       mode754,
+       userUuid(kOwner),
+       groupUuid(kTeam)},
+      {tree_.ownedFolder("d", 0754),
+       "Traverse Folder",
+       {0x80, 0x100, 0x1000},
+       mode754,
+       userUuid(kOwner),
+       groupUuid(kTeam)},
+      // A link's own mode is 0777 on Linux; it is not a folder, and its target's ACL is not its.
+      {link,
+       "Execute File",
+       {2, 4, 8},
+       {{{1, 1, 1}, {1, 1, 1}, {1, 1, 1}}},
+       userUuid(kOther),
+       groupUuid(kDenied)}};
+  for (const Kind& kind : kinds) {
+    SCOPED_TRACE(kind.path);
+    qx::ArrayPtr listing = list(kind.path);
+    ASSERT_TRUE(listing);
+    EXPECT_TRUE(aclEntries(listing).empty());
+    for (size_t who = 0; who < 3; ++who) {
+      QXAclEntryPtr entry = posix(listing, who);
+      EXPECT_FALSE(entry->isAcl());
+      EXPECT_EQ(entry->tag(), 1);
+      EXPECT_FALSE(entry->inherited());
+      std::vector<Leaf> leaves;
+      for (const auto& node : *entry->permissions()) {
+        EXPECT_TRUE(childrenOf(node).empty());
+        leaves.push_back({nameOf(node), recordOf(node)->permission(), recordOf(node)->state()});
+      }
+      EXPECT_EQ(leaves, (std::vector<Leaf>{{"Read", kind.values[0], kind.states[who][0]},
+                                           {"Write", kind.values[1], kind.states[who][1]},
+                                           {kind.third, kind.values[2], kind.states[who][2]}}));
+    }
+    EXPECT_TRUE(qx::isEqual(posix(listing, 0)->uuid(), kind.owner));
+    EXPECT_TRUE(qx::isEqual(posix(listing, 1)->uuid(), kind.group));
+    EXPECT_FALSE(posix(listing, 2)->uuid());
+  }
+}
+
+TEST_F(AclInspection, ListingFailuresCarryTheStepTheNumberAndTheTitle) {
+  const std::string title = "Error retrieving file Access Control List entries";
+  auto step = [](const std::string& what, const std::string& path, int number) {
+    return what + " for file at path \"" + path + "\". " + std::strerror(number);
+  };
+  std::string damaged = tree_.ownedFile("damaged");
+  ASSERT_TRUE(setDamagedAcl(damaged));
+  EXPECT_FALSE(list(damaged));
+  expectError(error_, EINVAL, title,
+              step("Couldn't retrieve file Acces Control List", damaged, EINVAL));
+  EXPECT_EQ(error_->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey)->path(), damaged);
+  std::string missing = tree_.path("missing");
+  EXPECT_FALSE(list(missing));
+  expectError(error_, ENOENT, title, step("Couldn't retrieve file stat", missing, ENOENT));
+
+  tree_.ownedFolder("private", 0700);
+  std::string hidden = tree_.ownedFile("private/f");
+  auto listAs = [&](uid_t uid, gid_t gid) {
+    return qx::test::ChildProcess::runAs(uid, gid, [&] {
+      qx::ErrorPtr error;
+      return outcome(QXFileAcl::entriesForUrl(urlOf(hidden), &error) != nullptr, error);
+    });
+  };
+  EXPECT_EQ(
+      listAs(kOther, kOtherGroup),
+      "13\n" + title + "\n" + step("Couldn't retrieve file Acces Control List", hidden, EACCES));
+  EXPECT_EQ(listAs(kOwner, kOwnerGroup), "ok");
+
+  // A release cannot fail for real; the interface's test hook makes one fail.
+  std::string file = tree_.ownedFile("f");
+  ASSERT_TRUE(setAcl(file, {{ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_READ_DATA},
+                            {ACL_EXTENDED_DENY, userUuid(kOther), ACL_READ_DATA}}));
+  const size_t acls = xtesting::LiveAcls(), qualifiers = xtesting::LiveQualifiers();
+  {
+    xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
+    EXPECT_FALSE(list(file));
+    expectError(error_, EIO, title,
+                step("Couldn't release file Acces Control List storage", file, EIO));
+  }
+  {
+    // The second entry's qualifier: the walk stops there and the ACL is still released.
+    xtesting::ScopedFreeFailure failure(EBUSY, xtesting::FreeTarget::Qualifier, 1);
+    EXPECT_FALSE(list(file));
+    expectError(error_, EBUSY, title,
+                step("Couldn't release file Acces Control List entry qualifier", file, EBUSY));
+  }
+  EXPECT_EQ(xtesting::LiveAcls(), acls);
+  EXPECT_EQ(xtesting::LiveQualifiers(), qualifiers);
+}
+
+// Every folder above the item is asked in turn, from the nearest up; the
+// first ACL entry about searching decides a folder, and an allow goes on to
+// its parent.
+TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
+  tree_.ownedFolder("team", 0710);
+  tree_.ownedFolder("groupOnly", 0070, kMember, kTeam);
+  tree_.ownedFolder("a", 0700);
+  tree_.ownedFolder("a/b");
+  tree_.ownedFolder("a/b/c");
+  ASSERT_TRUE(
+      setAcl(tree_.ownedFolder("deny"), {{ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_SEARCH},
+                                         {ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_SEARCH}}));
+  const std::vector<Ace> silent = {{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_LIST_DIRECTORY},
+                                   {ACL_EXTENDED_DENY, userUuid(kOther), ACL_ADD_FILE}};
+  ASSERT_TRUE(setAcl(tree_.ownedFolder("silent", 0700), silent));
+  ASSERT_TRUE(setAcl(tree_.ownedFolder("silentOpen", 0701), silent));
+  std::string closed = tree_.ownedFolder("closed", 0000);
+  ASSERT_TRUE(setAcl(closed, {{ACL_EXTENDED_DENY, userUuid(kOther), ACL_SEARCH}}));
+  const Ace allowOther{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_SEARCH};
+  tree_.ownedFolder("outer", 0700);
+  ASSERT_TRUE(setAcl(tree_.ownedFolder("outer/inner", 0700), {allowOther}));
+  ASSERT_TRUE(setAcl(tree_.ownedFolder("open", 0700),
+                     {{ACL_EXTENDED_ALLOW, groupUuid(kOtherGroup), ACL_SEARCH}}));
+  ASSERT_TRUE(setAcl(tree_.ownedFolder("open/inner", 0700), {allowOther}));
+
+  struct Row {
+    std::string item;
+    qx::UuidPtr who;
+    std::string answer;
+  };
+  const Row rows[] = {
+      {"team/f", userUuid(kOwner), "yes"},        {"team/f", userUuid(kMember), "yes"},
+      {"team/f", userUuid(kPrimary), "yes"},      {"team/f", groupUuid(kTeam), "yes"},
+      {"team/f", userUuid(kOther), "no"},         {"team/f", groupUuid(kDenied), "no"},
+      {"groupOnly/f", userUuid(kMember), "no"},  // the owner's own bits count
+      {"groupOnly/f", userUuid(kPrimary), "yes"}, {"a/b/c/f", userUuid(kOther), "no"},
+      {"a/b/c/f", userUuid(kOwner), "yes"},       {"deny/f", userUuid(kMember), "no"},
+      {"deny/f", userUuid(kPrimary), "no"},       {"deny/f", userUuid(kOther), "yes"},
+      {"silent/f", userUuid(kOther), "no"},       {"silentOpen/f", userUuid(kOther), "yes"},
+      {"closed", userUuid(kOther), "yes"},  // the item itself is not asked
+      {"closed/f", userUuid(kOther), "no"},       {"outer/inner/f", userUuid(kOther), "no"},
+      {"open/inner/f", userUuid(kOther), "yes"},
+  };
+  for (const Row& row : rows) {
+    if (!std::filesystem::exists(tree_.path(row.item))) tree_.ownedFile(row.item);
+  }
+  for (const Row& row : rows) {
+    EXPECT_EQ(traversable(tree_.path(row.item), row.who), row.answer)
+        << row.item << " for " << row.who->UUIDString();
+  }
+  EXPECT_EQ(traversable("/", userUuid(kOther)), "yes");
+  EXPECT_TRUE(
+      QXFileAcl::getTraversable(nullptr, urlOf(closed), userUuid(kOther)->bytes().data(), nullptr))
+      << "null out-parameters are allowed";
+}
+
+TEST_F(AclInspection, TraversalFailuresNameTheFolderAndAreNotWrapped) {
+  std::string folder = tree_.ownedFolder("d");
+  std::string file = tree_.ownedFile("d/f");
+  auto check = [&](const qx::UuidPtr& who, bool expectTraversable) {
+    bool answer = !expectTraversable;
+    error_ = nullptr;
+    EXPECT_FALSE(QXFileAcl::getTraversable(&answer, urlOf(file), who->bytes().data(), &error_));
+    EXPECT_EQ(answer, expectTraversable);
+  };
+  ASSERT_TRUE(setDamagedAcl(folder));
+  check(userUuid(kOther), true);
+  expectError(error_, EINVAL,
+              "Couldn't retrieve file Acces Control List for file at path \"" + folder + "\".",
+              "Invalid argument");
+  EXPECT_EQ(error_->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey)->path(), folder);
+
+  // An entry naming neither a user nor a group cannot be matched, and a user
+  // without a passwd entry cannot be placed against the folder's group.
+  const std::string membership = "Couldn't determine group membership for selected user.";
+  ASSERT_TRUE(
+      setAcl(folder, {{ACL_EXTENDED_ALLOW,
+                       qx::Uuid::withString("01234567-89AB-CDEF-0123-456789ABCDEF"), ACL_SEARCH}}));
+  check(userUuid(kOther), true);
+  expectError(error_, ENOENT, membership);
+  ASSERT_TRUE(setAcl(folder, {}));
+  check(userUuid(kUnknown), true);
+  expectError(error_, ENOENT, membership);
+
+  // A release failing after a deny keeps the answer.
+  ASSERT_TRUE(setAcl(folder, {{ACL_EXTENDED_DENY, userUuid(kOther), ACL_SEARCH}}));
+  xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
+  check(userUuid(kOther), false);
+  expectError(
+      error_, EIO,
+      "Couldn't release file Acces Control List storage for file at path \"" + folder + "\".");
+}
+
+TEST_F(AclInspection, EffectiveAccessOfOwnerAndOthersOnAPlainFile) {
+  std::string file = tree_.ownedFile("f", 0644);
+  EXPECT_EQ(access(file, userUuid(kOwner)), (States{{"Read Data", 1},
+                                                    {"Execute File", 0},
+                                                    {"Read Attributes", 1},
+                                                    {"Read Extended Attributes", 1},
+                                                    {"Read Permissions", 1},
+                                                    {"Write Data", 1},
+                                                    {"Append Data", 1},
+                                                    {"Delete", 1},
+                                                    {"Write Attributes", 1},
+                                                    {"Write Extended Attributes", 1},
+                                                    {"Change Permissions", 1},
+                                                    {"Change Owner", 0}}));
+  const States everyoneElse{{"Read Data", 1},          {"Execute File", 0},
+                            {"Read Attributes", 1},    {"Read Extended Attributes", 1},
+                            {"Read Permissions", 1},   {"Write Data", 0},
+                            {"Append Data", 0},        {"Delete", 1},
+                            {"Write Attributes", 0},   {"Write Extended Attributes", 0},
+                            {"Change Permissions", 0}, {"Change Owner", 0}};
+  EXPECT_EQ(access(file, userUuid(kOther)), everyoneElse);
+  EXPECT_EQ(access(file, userUuid(kMember)), everyoneElse);
+
+  // Behind a folder the identity cannot search, every leaf is off.
+  tree_.ownedFolder("private", 0700);
+  std::string hidden = tree_.ownedFile("private/f", 0777);
+  ASSERT_TRUE(setAcl(hidden, {{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA}}));
+  States states = access(hidden, userUuid(kOther));
+  ASSERT_EQ(states.size(), 12u);
+  for (const auto& [name, state] : states) EXPECT_EQ(state, 0) << name;
+  EXPECT_EQ(access(hidden, userUuid(kOwner))["Read Data"], 1);
+}
+
+// Single leaves of the effective access, item by item.
+TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
+  const qx::UuidPtr member = userUuid(kMember), team = groupUuid(kTeam), other = userUuid(kOther);
+  const uint32_t changes = ACL_ADD_FILE | ACL_ADD_SUBDIRECTORY | ACL_DELETE_CHILD;
+  struct Row {
+    std::string what;
+    mode_t mode;
+    bool folder;
+    std::vector<Ace> acl;
+    qx::UuidPtr who;
+    States expected;  // the leaves to look at
+  };
+  const Row rows[] = {
+      {"group bits for the group",
+       0070,
+       false,
+       {},
+       team,
+       {{"Read Data", 1}, {"Write Data", 1}, {"Execute File", 1}, {"Write Attributes", 0}}},
+      {"group bits for a member", 0070, false, {}, member, {{"Read Data", 1}, {"Write Data", 1}}},
+      {"group bits for the primary group", 0070, false, {}, userUuid(kPrimary), {{"Read Data", 1}}},
+      {"the owner's own bits",
+       0070,
+       false,
+       {},
+       userUuid(kOwner),
+       {{"Read Data", 0}, {"Write Data", 0}, {"Change Permissions", 1}}},
+      {"deny for a group before allow for the user",
+       0666,
+       false,
+       {{ACL_EXTENDED_DENY, team, ACL_WRITE_DATA | ACL_APPEND_DATA},
+        {ACL_EXTENDED_ALLOW, member, ACL_WRITE_DATA | ACL_EXECUTE | ACL_CHANGE_OWNER}},
+       member,
+       {{"Write Data", 0},
+        {"Append Data", 0},
+        {"Execute File", 1},
+        {"Change Owner", 1},
+        {"Read Data", 1}}},
+      {"entries for a group one is not in",
+       0666,
+       false,
+       {{ACL_EXTENDED_DENY, team, ACL_WRITE_DATA}},
+       other,
+       {{"Write Data", 1}, {"Execute File", 0}}},
+      {"no changes in a folder one cannot search",
+       0776,
+       true,
+       {{ACL_EXTENDED_ALLOW, other, changes}},
+       other,
+       {{"Traverse Folder", 0},
+        {"Create Files", 0},
+        {"Create Folder", 0},
+        {"Delete Subfolders and Files", 0},
+        {"List Folder Contents", 1}}},
+      {"changes in a folder one can search",
+       0776,
+       true,
+       {{ACL_EXTENDED_ALLOW, other, changes | ACL_SEARCH}},
+       other,
+       {{"Traverse Folder", 1}, {"Create Files", 1}, {"Delete Subfolders and Files", 1}}},
+      {"denied attributes take a granted read-permissions back",
+       0644,
+       false,
+       {{ACL_EXTENDED_DENY, member, ACL_READ_ATTRIBUTES},
+        {ACL_EXTENDED_ALLOW, member, ACL_READ_SECURITY}},
+       member,
+       {{"Read Permissions", 0}}},
+      {"unnamed read-permissions come from the mode",
+       0644,
+       false,
+       {{ACL_EXTENDED_DENY, member, ACL_READ_ATTRIBUTES}},
+       member,
+       {{"Read Attributes", 0}, {"Read Permissions", 1}}},
+      {"a later deny takes read-permissions back while attributes are open",
+       0644,
+       false,
+       {{ACL_EXTENDED_ALLOW, member, ACL_READ_SECURITY},
+        {ACL_EXTENDED_DENY, team, ACL_READ_SECURITY}},
+       member,
+       {{"Read Permissions", 0}, {"Read Attributes", 1}}},
+      {"but not once attributes were allowed",
+       0644,
+       false,
+       {{ACL_EXTENDED_ALLOW, member, ACL_READ_SECURITY | ACL_READ_ATTRIBUTES},
+        {ACL_EXTENDED_DENY, team, ACL_READ_SECURITY}},
+       member,
+       {{"Read Permissions", 1}}},
+      {"a first deny stays",
+       0644,
+       false,
+       {{ACL_EXTENDED_DENY, team, ACL_READ_SECURITY},
+        {ACL_EXTENDED_ALLOW, member, ACL_READ_SECURITY}},
+       member,
+       {{"Read Permissions", 0}}},
+  };
+  int n = 0;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    const std::string name = "item" + std::to_string(n++);
+    std::string path =
+        row.folder ? tree_.ownedFolder(name, row.mode) : tree_.ownedFile(name, row.mode);
+    ASSERT_TRUE(setAcl(path, row.acl));
+    States states = access(path, row.who);
+    for (const auto& [leaf, state] : row.expected) EXPECT_EQ(states[leaf], state) << leaf;
+  }
+}
+
+TEST_F(AclInspection, EffectiveAccessFailuresAreWrappedUnderItsTitle) {
+  const std::string title = "Error retrieving effective file access permissions";
+  std::string file = tree_.ownedFile("f");
+  qx::ErrorPtr error;
+  EXPECT_FALSE(QXFileAcl::accessForUrl(urlOf(file), nullptr, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), static_cast<int>(0x80000002u));
+  EXPECT_EQ(error->localizedDescription(), title);
+  EXPECT_EQ(error->localizedRecoverySuggestion(),
+            "Couldn't retrieve selected user identifier. " +
+                std::string(std::strerror(static_cast<int>(0x80000002u))));
+
+  // The item's own ACL, and the traversal check's failure, wrapped once.
+  std::string folder = tree_.ownedFolder("d");
+  std::string inner = tree_.ownedFile("d/f");
+  for (const std::string& damaged : {file, folder}) {
+    ASSERT_TRUE(setDamagedAcl(damaged));
+    EXPECT_TRUE(access(damaged == file ? file : inner, userUuid(kOwner)).empty());
+    expectError(error_, EINVAL, title,
+                "Couldn't retrieve file Acces Control List for file at path \"" + damaged +
+                    "\". Invalid argument");
+  }
+  EXPECT_TRUE(access(tree_.ownedFile("plain"), userUuid(kUnknown)).empty());
+  expectError(error_, ENOENT, title,
+              "Couldn't determine group membership for selected user. No such file or directory");
+
+  tree_.ownedFolder("private", 0700);
+  std::string hidden = tree_.ownedFile("private/f");
+  EXPECT_EQ(
+      qx::test::ChildProcess::runAs(
+          kOther, kOtherGroup,
+          [&] {
+            qx::ErrorPtr error;
+            return outcome(
+                QXFileAcl::accessForUrl(urlOf(hidden), userUuid(kOther), &error) != nullptr, error);
+          }),
+      "13\n" + title + "\nCouldn't retrieve file Acces Control List for file at path \"" + hidden +
+          "\". Permission denied");
+}
+
+}  // namespace
+}  // namespace qxacltest

@@ -1,0 +1,757 @@
+// Building ACLs from entry records, saving a listing to an item, and
+// propagating a folder's settings down its tree.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "acl/QXAclAttribute.h"
+#include "acl/QXAclWriter.h"
+#include "acl/QXFileAcl.h"
+#include "model/QXAclTables.h"
+#include "platform/xacl/AclHandle.h"
+#include "platform/xacl/AclTesting.h"
+#include "tests/acl/AclTestSupport.h"
+#include "tests/support/ChildProcess.h"
+
+namespace qxacltest {
+namespace {
+
+namespace xtesting = qx::xacl::testing;
+using Aces = std::vector<Ace>;
+using qx::test::ChildProcess;
+
+const std::string kSaveTitle = "Error saving file Acces Control List entries";
+const std::string kPropagateTitle =
+    "Error propagating file Access Control List, POSIX permissions, owner and group";
+
+std::string step(const std::string& format, const std::string& path, int number = 0) {
+  std::string text = format;
+  text.replace(text.find("%s"), 2, path);
+  return number ? text + " " + std::strerror(number) : text;
+}
+
+// ---- Building an ACL from entry records ----
+
+constexpr const char* kPath = "/some/folder";
+
+// The ACL getAcl builds from `entries`, expecting success.
+Aces build(const std::vector<qx::ObjectPtr>& entries) {
+  acl_t acl = nullptr;
+  qx::ErrorPtr error = qx::Error::errorWithDomain(qx::kPOSIXErrorDomain, 99);
+  EXPECT_TRUE(QXAclWriter::getAcl(&acl, qx::Array::make(entries), kPath, &error));
+  EXPECT_EQ(error, nullptr) << "a success clears the error out-parameter";
+  AclHandle owner(acl);
+  return acl ? entriesOf(acl) : Aces{};
+}
+
+// An "Applies to" node with the given children, inside an allow entry for the member.
+QXAclEntryPtr withAppliesTo(std::vector<QXTreeNodePtr> children) {
+  auto appliesTo = node("Applies to", kQXAppliesToPermission, 1);
+  for (auto& child : children) appliesTo->mutableChildNodes().addObject(child);
+  return QXAclEntry::make(userUuid(kMember), ACL_EXTENDED_ALLOW,
+                          qx::Array::make({node("Read", 2, 0), appliesTo}), false);
+}
+
+TEST(GetAcl, ReadsEntriesInOrderAndEveryNodeBySense) {
+  const Aces folderEntries = {
+      {ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_READ_DATA | ACL_EXECUTE | ACL_READ_SECURITY,
+       ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT},
+      {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_DELETE | ACL_DELETE_CHILD | ACL_CHANGE_OWNER,
+       ACL_ENTRY_INHERITED | ACL_ENTRY_DIRECTORY_INHERIT | ACL_ENTRY_LIMIT_INHERIT},
+      {ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_PERM_MASK,
+       ACL_ENTRY_ONLY_INHERIT | ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_LIMIT_INHERIT},
+      {ACL_EXTENDED_DENY, userUuid(kMember), 0,
+       ACL_ENTRY_INHERITED | ACL_ENTRY_ONLY_INHERIT | ACL_ENTRY_LIMIT_INHERIT}};
+  std::vector<qx::ObjectPtr> records;
+  for (const Ace& ace : folderEntries) records.push_back(aclEntry(ace, true));
+  EXPECT_EQ(build(records), folderEntries);
+  const Ace fileEntry{ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_READ_DATA | ACL_WRITE_DATA,
+                      ACL_ENTRY_INHERITED};
+  EXPECT_EQ(build({aclEntry(fileEntry, false)}), Aces{fileEntry});
+  EXPECT_TRUE(build({}).empty());
+
+  // "This item" and "All descendants" set their flags when off, the others
+  // when on; a mixed child sets nothing.
+  const uint32_t offSets[] = {ACL_ENTRY_ONLY_INHERIT, ACL_ENTRY_LIMIT_INHERIT};
+  const uint32_t onSets[] = {ACL_ENTRY_FILE_INHERIT, ACL_ENTRY_DIRECTORY_INHERIT};
+  for (bool setWhenOff : {true, false}) {
+    for (uint32_t flag : setWhenOff ? offSets : onSets) {
+      for (int64_t state : {0, 1, -1}) {
+        const uint32_t expected = state == (setWhenOff ? 0 : 1) ? flag : 0;
+        EXPECT_EQ(build({withAppliesTo({node("child", flag, state)})}).at(0).flags, expected)
+            << "flag 0x" << std::hex << flag << " state " << std::dec << state;
+      }
+    }
+  }
+
+  // Leaves that are not off add their bit, mixed ones too; group states never count.
+  auto read = node("Read", 2, 0);
+  read->mutableChildNodes().addObject(node("Read Data", ACL_READ_DATA, -1));
+  read->mutableChildNodes().addObject(node("Execute File", ACL_EXECUTE, 0));
+  auto write = node("Write", 2, 1);
+  write->mutableChildNodes().addObject(node("Write Data", ACL_WRITE_DATA, 0));
+  write->mutableChildNodes().addObject(node("Delete", ACL_DELETE, 1));
+  EXPECT_EQ(build({QXAclEntry::make(userUuid(kMember), ACL_EXTENDED_ALLOW,
+                                    qx::Array::make({read, write}), false)})
+                .at(0)
+                .perms,
+            ACL_READ_DATA | ACL_DELETE);
+
+  // The "Applies to" node is remembered for the whole call: entries without
+  // one take the flags of the last one seen; a later one in an entry wins.
+  auto file = aclEntry(fileEntry, false);
+  auto folder = aclEntry(folderEntries[0], true);
+  Aces carried = build({file, folder, file});
+  EXPECT_EQ(carried.at(0).flags, ACL_ENTRY_INHERITED);
+  EXPECT_EQ(carried.at(2).flags,
+            ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT);
+  auto twice = withAppliesTo({node("Child files", ACL_ENTRY_FILE_INHERIT, 1)});
+  auto second = withAppliesTo({node("Child folders", ACL_ENTRY_DIRECTORY_INHERIT, 1)});
+  twice->setPermissions(qx::Array::make(
+      {twice->permissions()->objectAtIndex(1), second->permissions()->objectAtIndex(1)}));
+  EXPECT_EQ(build({twice}).at(0).flags, ACL_ENTRY_DIRECTORY_INHERIT);
+}
+
+TEST(GetAcl, EachFailingStepNamesItselfAndStopsTheCall) {
+  const auto good = aclEntry({ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_READ_DATA}, false);
+  const auto badTag = aclEntry({3, userUuid(kMember), ACL_READ_DATA}, false);
+  const auto noUuid = aclEntry({ACL_EXTENDED_DENY, nullptr, ACL_READ_DATA}, false);
+  auto unknownLeaf = node("Read", 2, 1);
+  unknownLeaf->mutableChildNodes().addObject(node("Unknown", 0x4000, 1));
+  const std::vector<qx::ObjectPtr> tooMany(ACL_MAX_ENTRIES, good);
+  const std::string type =
+      "Couldn't set file Acces Control List entry type for file at path \"%s\".";
+  struct Row {
+    std::vector<qx::ObjectPtr> entries;
+    int code;
+    std::string format;
+  };
+  const Row rows[] = {
+      {tooMany, ENOMEM,
+       "Couldn't initialize file Acces Control List storage for file at path \"%s\"."},
+      {{good, badTag}, EINVAL, type},
+      {{qx::str("ACL")}, EINVAL, type},        // not a record: an empty one, whose tag is undefined
+      {{good, badTag, noUuid}, EINVAL, type},  // nothing after the failing entry is looked at
+      {{good, noUuid},
+       static_cast<int32_t>(0x80000002u),
+       "Couldn't retreive file Acces Control List entry qualifier for file at path \"%s\"."},
+      {{QXAclEntry::make(userUuid(kMember), ACL_EXTENDED_ALLOW, qx::Array::make({unknownLeaf}),
+                         false)},
+       EINVAL,
+       "Couldn't set file Acces Control List entry permission for file at path \"%s\"."},
+      {{good, withAppliesTo({node("Unknown", 0x200, 1)})},
+       EINVAL,
+       "Couldn't set file Acces Control List entry flag for file at path \"%s\"."},
+  };
+  EXPECT_EQ(build(std::vector<qx::ObjectPtr>(ACL_MAX_ENTRIES - 1, good)).size(),
+            size_t(ACL_MAX_ENTRIES - 1));
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.format);
+    const size_t live = xtesting::LiveAcls();
+    acl_t acl = reinterpret_cast<acl_t>(0x1);
+    qx::ErrorPtr error;
+    EXPECT_FALSE(QXAclWriter::getAcl(&acl, qx::Array::make(row.entries), kPath, &error));
+    EXPECT_EQ(acl, reinterpret_cast<acl_t>(0x1)) << "the ACL out-parameter stays untouched";
+    EXPECT_EQ(xtesting::LiveAcls(), live) << "the partly built ACL is released";
+    expectError(error, row.code, step(row.format, kPath));
+    EXPECT_EQ(error->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey)->path(), kPath);
+  }
+}
+
+// Both ways of writing through a folder's descriptor: the descriptor-relative
+// calls, and acl_set_link_np on the path through /proc that stands in for
+// them. Neither may ever reach past the item the walk examined.
+class AclAttribute : public ::testing::TestWithParam<bool> {
+ protected:
+  int setAt(int folderFd, const std::string& name, const struct stat& st, const AclHandle& acl) {
+    errno = 0;
+    int result = GetParam() ? QXAclAttribute::setAt(folderFd, name.c_str(), st, acl.get())
+                            : acl_set_link_np(
+                                  QXAclAttribute::pathThroughFolder(folderFd, name.c_str()).c_str(),
+                                  ACL_TYPE_EXTENDED, acl.get());
+    return result == 0 ? 0 : errno;
+  }
+  static AclHandle makeAcl(const Aces& entries) {
+    std::vector<qx::ObjectPtr> records;
+    for (const Ace& ace : entries) records.push_back(aclEntry(ace, false));
+    acl_t acl = nullptr;
+    EXPECT_TRUE(QXAclWriter::getAcl(&acl, qx::Array::make(records), "", nullptr));
+    return AclHandle(acl);
+  }
+  int open(const std::string& relative) {
+    return ::open(tree.path(relative).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  }
+
+  const Ace entry{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA | ACL_EXECUTE};
+  AclTree tree;
+  AclTree outside;
+};
+
+TEST_P(AclAttribute, OnlyTheExaminedItemIsWritten) {
+  int top = open("");
+  tree.file("target");
+  tree.link("link", "target");
+  tree.fifo("pipe");
+  for (const char* name : {"link", "pipe"}) {
+    EXPECT_EQ(setAt(top, name, lstatOf(tree.path(name)), makeAcl({})), 0) << name;
+    EXPECT_EQ(setAt(top, name, lstatOf(tree.path(name)), makeAcl({entry})), ENOTSUP) << name;
+  }
+  EXPECT_FALSE(hasAclAttribute(tree.path("target"))) << "a link is never followed";
+
+  // Swapped for a link to an outside file after the walk examined it: the
+  // write fails or lands on the link.
+  tree.file("item");
+  const struct stat examined = lstatOf(tree.path("item"));
+  outside.file("secret");
+  ASSERT_EQ(unlink(tree.path("item").c_str()), 0);
+  tree.link("item", outside.path("secret"));
+  EXPECT_NE(setAt(top, "item", examined, makeAcl({entry})), 0);
+  EXPECT_FALSE(hasAclAttribute(outside.path("secret")));
+  close(top);
+
+  // A folder renamed away is still the one written through its descriptor.
+  tree.folder("sub");
+  tree.file("sub/file");
+  int sub = open("sub");
+  const struct stat st = lstatOf(tree.path("sub/file"));
+  ASSERT_EQ(rename(tree.path("sub").c_str(), tree.path("moved").c_str()), 0);
+  tree.folder("sub");
+  tree.file("sub/file");
+  EXPECT_EQ(setAt(sub, "file", st, makeAcl({entry})), 0);
+  close(sub);
+  EXPECT_EQ(storedAcl(tree.path("moved/file")), Aces{entry});
+  EXPECT_FALSE(hasAclAttribute(tree.path("sub/file")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, AclAttribute, ::testing::Values(true, false),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "DescriptorCalls" : "PathThroughProc";
+                         });
+
+// ---- Saving a listing to an item ----
+
+// A node and its subtree as text: name, permission and state of every node.
+std::string treeText(const qx::ObjectPtr& object) {
+  auto record = recordOf(object);
+  std::string text = nameOf(object) + ":" + std::to_string(record->permission()) + "=" +
+                     std::to_string(record->state());
+  for (const Leaf& leaf : childrenOf(object)) {
+    text += " " + leaf.name + "=" + std::to_string(leaf.state);
+  }
+  return text;
+}
+
+// A listing as text, markers and records alike, so that a difference shows where it is.
+std::string listingText(const qx::ArrayPtr& entries) {
+  std::string text;
+  for (const qx::ObjectPtr& object : *entries) {
+    auto entry = qx::cast<QXAclEntry>(object);
+    if (!entry) {
+      text += qx::cast<qx::String>(object)->str() + "\n";
+      continue;
+    }
+    text += (entry->uuid() ? entry->uuid()->UUIDString() : "everyone") + " tag " +
+            std::to_string(entry->tag()) + (entry->inherited() ? " inherited" : "") + ":";
+    for (const qx::ObjectPtr& node : *entry->permissions()) text += " [" + treeText(node) + "]";
+    text += "\n";
+  }
+  return text;
+}
+
+// Sets leaf `row` of top-level node `group` of an entry and resolves the group, as an editor would.
+void setLeaf(const qx::ArrayPtr& entries, size_t index, size_t group, size_t row, int64_t state) {
+  auto groupNode =
+      entries->objectAs<QXAclEntry>(index)->permissions()->objectAs<qx::TreeNode>(group);
+  recordOf(groupNode->childNodes()[row])->setState(state);
+  QXAclEntry::resolveStateForPermissionNode(groupNode);
+}
+
+class AclModification : public ::testing::Test {
+ protected:
+  bool save(const qx::ArrayPtr& entries, const std::string& path) {
+    error_ = qx::Error::errorWithDomain(qx::kPOSIXErrorDomain, 1);
+    return QXFileAcl::setEntries(entries, urlOf(path), &error_);
+  }
+  bool propagate(const qx::ArrayPtr& entries, const std::string& top) {
+    error_ = qx::Error::errorWithDomain(qx::kPOSIXErrorDomain, 1);
+    return QXFileAcl::propagateEntries(entries, urlOf(top), &error_);
+  }
+  static mode_t modeOf(const std::string& path) { return lstatOf(path).st_mode & 07777; }
+  static bool isRoot() { return geteuid() == 0; }
+
+  AclTree tree_;
+  qx::ErrorPtr error_;
+};
+
+TEST_F(AclModification, GetEditSetGetKeepsEveryEntryInOrder) {
+  const std::string folder = tree_.path("folder");
+  tree_.folder("folder", 0750);
+  const Aces initial = {
+      {ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_LIST_DIRECTORY | ACL_SEARCH | ACL_DELETE_CHILD,
+       ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT},
+      {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_DELETE | ACL_WRITE_SECURITY,
+       ACL_ENTRY_INHERITED | ACL_ENTRY_DIRECTORY_INHERIT | ACL_ENTRY_LIMIT_INHERIT},
+      {ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_PERM_MASK,
+       ACL_ENTRY_ONLY_INHERIT | ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_LIMIT_INHERIT}};
+  std::vector<qx::ObjectPtr> records;
+  for (const Ace& ace : initial) records.push_back(aclEntry(ace, true));
+  ASSERT_TRUE(save(listing(records, pseudoEntries(0750, getuid(), getgid(), true)), folder));
+  ASSERT_EQ(storedAcl(folder), initial);
+
+  qx::ArrayPtr listed = QXFileAcl::entriesForUrl(urlOf(folder), &error_);
+  ASSERT_NE(listed, nullptr);
+  ASSERT_EQ(listed->count(), 1 + initial.size() + 1 + 3);
+  // A permission off and one on, a flag, the inherited mark, a new deny entry
+  // in the middle, and the mode bits of owner and everyone.
+  auto edited = listed->mutableCopy();
+  setLeaf(edited, 1, 0, 0, 0);  // member: "List Folder Contents" off
+  setLeaf(edited, 1, 2, 1, 1);  // member: "Change Owner" on
+  setLeaf(edited, 2, 3, 1, 1);  // team: "Child files" on
+  edited->objectAs<QXAclEntry>(3)->setInherited(true);
+  edited->insertObject(aclEntry({ACL_EXTENDED_DENY, userUuid(kMember), ACL_ADD_SUBDIRECTORY,
+                                 ACL_ENTRY_DIRECTORY_INHERIT},
+                                true),
+                       3);
+  recordOf(edited->objectAs<QXAclEntry>(6)->permissions()->objectAtIndex(1))->setState(0);
+  recordOf(edited->objectAs<QXAclEntry>(8)->permissions()->objectAtIndex(0))->setState(1);
+  ASSERT_TRUE(save(edited, folder));
+  EXPECT_EQ(error_, nullptr);
+  EXPECT_EQ(listingText(QXFileAcl::entriesForUrl(urlOf(folder), &error_)), listingText(edited));
+  EXPECT_NE(listingText(edited), listingText(listed));
+  EXPECT_EQ(modeOf(folder), 0554u);
+  EXPECT_EQ(
+      storedAcl(folder),
+      (Aces{
+          {ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_SEARCH | ACL_DELETE_CHILD | ACL_CHANGE_OWNER,
+           ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT},
+          {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_DELETE | ACL_WRITE_SECURITY,
+           ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT |
+               ACL_ENTRY_LIMIT_INHERIT},
+          {ACL_EXTENDED_DENY, userUuid(kMember), ACL_ADD_SUBDIRECTORY, ACL_ENTRY_DIRECTORY_INHERIT},
+          {ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_PERM_MASK,
+           ACL_ENTRY_INHERITED | ACL_ENTRY_ONLY_INHERIT | ACL_ENTRY_FILE_INHERIT |
+               ACL_ENTRY_LIMIT_INHERIT}}));
+
+  // A file's listing saved as it is reads back the same; one without ACL
+  // entries removes the ACL.
+  const std::string file = tree_.path("file");
+  tree_.file("file");
+  const Aces fileAcl = {
+      {ACL_EXTENDED_DENY, userUuid(kOther), ACL_WRITE_DATA | ACL_APPEND_DATA, ACL_ENTRY_INHERITED},
+      {ACL_EXTENDED_ALLOW, groupUuid(kTeam), ACL_READ_DATA | ACL_EXECUTE | ACL_READ_ATTRIBUTES}};
+  ASSERT_TRUE(save(listing({aclEntry(fileAcl[0], false), aclEntry(fileAcl[1], false)},
+                           pseudoEntries(0604, getuid(), getgid())),
+                   file));
+  listed = QXFileAcl::entriesForUrl(urlOf(file), &error_);
+  ASSERT_TRUE(save(listed, file));
+  EXPECT_EQ(listingText(QXFileAcl::entriesForUrl(urlOf(file), &error_)), listingText(listed));
+  EXPECT_EQ(storedAcl(file), fileAcl);
+  EXPECT_EQ(modeOf(file), 0604u);
+  EXPECT_TRUE(save(listing({}, pseudoEntries(0604, getuid(), getgid())), file));
+  EXPECT_EQ(error_, nullptr);
+  EXPECT_FALSE(hasAclAttribute(file));
+}
+
+// The pseudo-entries give the mode by position; a mixed node clears its bit;
+// changed permission bits drop the set-id bits; unchanged values make no call.
+TEST_F(AclModification, ModeBitsFollowThePseudoEntries) {
+  struct Row {
+    mode_t before;
+    std::optional<mode_t> pseudo;
+    mode_t after;
+  };
+  const Row rows[] = {
+      {0640, 0751, 0751}, {04755, 0755, 04755}, {04755, std::nullopt, 04755}, {04755, 0750, 0750}};
+  for (const Row& row : rows) {
+    tree_.file("file");
+    chmod(tree_.path("file").c_str(), row.before);
+    auto pseudo =
+        row.pseudo ? pseudoEntries(*row.pseudo, getuid(), getgid()) : std::vector<qx::ObjectPtr>{};
+    ASSERT_TRUE(save(listing({}, pseudo), tree_.path("file")));
+    EXPECT_EQ(modeOf(tree_.path("file")), row.after) << std::oct << row.before;
+  }
+  auto pseudo = pseudoEntries(0777, getuid(), getgid());
+  recordOf(qx::cast<QXAclEntry>(pseudo[1])->permissions()->objectAtIndex(1))->setState(-1);
+  ASSERT_TRUE(save(listing({}, pseudo), tree_.path("file")));
+  EXPECT_EQ(modeOf(tree_.path("file")), 0757u);
+
+  const struct stat before = lstatOf(tree_.path("file"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  ASSERT_TRUE(
+      save(listing({}, pseudoEntries(0757, before.st_uid, before.st_gid)), tree_.path("file")));
+  const struct stat after = lstatOf(tree_.path("file"));
+  EXPECT_EQ(after.st_ctim.tv_sec, before.st_ctim.tv_sec);
+  EXPECT_EQ(after.st_ctim.tv_nsec, before.st_ctim.tv_nsec) << "matching values make no call";
+}
+
+TEST_F(AclModification, OwnerAndGroupChangeAsRootOnly) {
+  if (!isRoot()) GTEST_SKIP() << "changing owners needs root";
+  const std::string file = tree_.path("file");
+  tree_.file("file");
+  ASSERT_TRUE(save(listing({}, pseudoEntries(0640, kMember, kTeam)), file));
+  EXPECT_EQ(lstatOf(file).st_uid, kMember);
+  EXPECT_EQ(lstatOf(file).st_gid, kTeam);
+  EXPECT_EQ(modeOf(file), 0640u);
+  // Identities are taken in order, whatever their type: a group first becomes
+  // the owner; a single identity changes the owner only.
+  auto pseudo = pseudoEntries(0640, kMember, kOtherGroup);
+  qx::cast<QXAclEntry>(pseudo[0])->setUuid(groupUuid(kOtherGroup));
+  ASSERT_TRUE(save(listing({}, pseudo), file));
+  EXPECT_EQ(lstatOf(file).st_uid, kOtherGroup);
+  EXPECT_EQ(lstatOf(file).st_gid, kOtherGroup);
+  pseudo = pseudoEntries(0640, kOther, 0);
+  qx::cast<QXAclEntry>(pseudo[1])->setUuid(nullptr);
+  ASSERT_TRUE(save(listing({}, pseudo), file));
+  EXPECT_EQ(lstatOf(file).st_uid, kOther);
+  EXPECT_EQ(lstatOf(file).st_gid, kOtherGroup);
+
+  // Without privileges the owner change fails after the mode was written.
+  ASSERT_EQ(chown(file.c_str(), kMember, kMemberGroup), 0);
+  auto saveAs = [&](const qx::ArrayPtr& entries) {
+    return ChildProcess::runAs(kMember, kMemberGroup, [&] {
+      qx::ErrorPtr error;
+      return outcome(QXFileAcl::setEntries(entries, urlOf(file), &error), error);
+    });
+  };
+  EXPECT_EQ(saveAs(listing({}, pseudoEntries(0600, kOther, kMemberGroup))),
+            "1\n" + kSaveTitle + "\n" +
+                step("Couldn't set file owner for file at path \"%s\".", file, EPERM));
+  EXPECT_EQ(modeOf(file), 0600u);
+  EXPECT_EQ(lstatOf(file).st_uid, kMember);
+
+  // Another user's file writable by all: only a request that repeats its mode
+  // and owners makes no call but the ACL write.
+  ASSERT_EQ(chown(file.c_str(), 0, 0), 0);
+  ASSERT_EQ(chmod(file.c_str(), 0666), 0);
+  const Ace entry{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA};
+  EXPECT_EQ(saveAs(listing({aclEntry(entry, false)}, pseudoEntries(0666, 0, 0))), "ok");
+  EXPECT_EQ(storedAcl(file), Aces{entry});
+  EXPECT_EQ(saveAs(listing({}, pseudoEntries(0664, 0, 0))),
+            "1\n" + kSaveTitle + "\n" +
+                step("Couldn't set file POSIX permissions for file at path \"%s\".", file, EPERM));
+}
+
+TEST_F(AclModification, SymbolicLinkIsChangedItselfOrFailsHonestly) {
+  const std::string link = tree_.path("link");
+  tree_.file("target");
+  tree_.link("link", "target");
+  const struct stat targetBefore = lstatOf(tree_.path("target"));
+  if (isRoot()) {
+    ASSERT_TRUE(save(listing({}, pseudoEntries(0777, kMember, kTeam)), link));
+    EXPECT_EQ(lstatOf(link).st_uid, kMember);
+    EXPECT_EQ(lstatOf(link).st_gid, kTeam);
+  }
+  const uid_t uid = lstatOf(link).st_uid;
+  const gid_t gid = lstatOf(link).st_gid;
+  EXPECT_FALSE(save(listing({}, pseudoEntries(0700, uid, gid)), link));
+  expectError(
+      error_, EOPNOTSUPP, kSaveTitle,
+      step("Couldn't set file POSIX permissions for file at path \"%s\".", link, EOPNOTSUPP));
+  const Ace entry{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA};
+  EXPECT_FALSE(save(listing({aclEntry(entry, false)}, pseudoEntries(0777, uid, gid)), link));
+  expectError(
+      error_, ENOTSUP, kSaveTitle,
+      step("Couldn't set file Acces Control List entries for file at path \"%s\".", link, ENOTSUP));
+  EXPECT_EQ(error_->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey)->path(), link);
+  const struct stat targetAfter = lstatOf(tree_.path("target"));
+  EXPECT_EQ(targetAfter.st_mode, targetBefore.st_mode);
+  EXPECT_EQ(targetAfter.st_uid, targetBefore.st_uid);
+  EXPECT_FALSE(hasAclAttribute(tree_.path("target")));
+}
+
+// Identities are checked before anything is written, then the mode, the
+// owners and the ACL are written in that order.
+TEST_F(AclModification, SaveFailuresComeInTheOrderOfTheSteps) {
+  const std::string missing = tree_.path("missing");
+  EXPECT_FALSE(save(listing({}, {}), missing));
+  expectError(error_, ENOENT, kSaveTitle,
+              step("Couldn't retrieve file stat for file at path \"%s\".", missing, ENOENT));
+
+  const std::string file = tree_.path("file");
+  tree_.file("file");
+  const std::string owner = "Couldn't retrieve file owner identifier for file at path \"%s\".";
+  auto pseudo = pseudoEntries(0600, getuid(), getgid());
+  qx::cast<QXAclEntry>(pseudo[0])->setUuid(qx::Uuid::make());
+  EXPECT_FALSE(save(listing({}, pseudo), file));
+  expectError(error_, ENOENT, kSaveTitle, step(owner, file, ENOENT));
+  pseudo = pseudoEntries(0600, getuid(), getgid());
+  qx::cast<QXAclEntry>(pseudo[1])->setUuid(qx::Uuid::make());
+  EXPECT_FALSE(save(listing({}, pseudo), file));
+  expectError(
+      error_, ENOENT, kSaveTitle,
+      step("Couldn't retrieve file group identifier for file at path \"%s\".", file, ENOENT));
+  // With the owner's identity missing, the group's is the first one: it names the owner.
+  qx::cast<QXAclEntry>(pseudo[0])->setUuid(nullptr);
+  EXPECT_FALSE(save(listing({}, pseudo), file));
+  expectError(error_, ENOENT, kSaveTitle, step(owner, file, ENOENT));
+  EXPECT_EQ(modeOf(file), 0644u);
+
+  auto bad = aclEntry({ACL_EXTENDED_ALLOW, nullptr, ACL_READ_DATA}, false);
+  EXPECT_FALSE(save(listing({bad}, pseudoEntries(0600, getuid(), getgid())), file));
+  ASSERT_TRUE(error_);
+  EXPECT_EQ(error_->code(), static_cast<int32_t>(0x80000002u));
+  EXPECT_EQ(error_->localizedDescription(), kSaveTitle);
+  EXPECT_EQ(modeOf(file), 0600u) << "the ACL comes after the mode";
+  EXPECT_FALSE(hasAclAttribute(file));
+
+  // A failing release is reported when nothing failed before it; the ACL is
+  // released after a failed write too.
+  tree_.link("link", "file");
+  const Ace entry{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA};
+  const size_t live = xtesting::LiveAcls();
+  for (const std::string& path : {file, tree_.path("link")}) {
+    {
+      xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
+      EXPECT_FALSE(save(listing({aclEntry(entry, false)}, {}), path));
+      EXPECT_FALSE(xtesting::FreeFailurePending());
+    }
+    expectError(error_, path == file ? EIO : ENOTSUP, kSaveTitle,
+                path == file ? step("Couldn't release file Acces Control List storage for file at "
+                                    "path \"%s\".",
+                                    path, EIO)
+                             : step("Couldn't set file Acces Control List entries for file at "
+                                    "path \"%s\".",
+                                    path, ENOTSUP));
+  }
+  EXPECT_EQ(storedAcl(file), Aces{entry});
+  EXPECT_EQ(xtesting::LiveAcls(), live);
+}
+
+// ---- Propagation ----
+
+// A folder entry for the member that files and folders inherit, and an
+// inherited deny entry for the team limited to one level; and their file forms,
+// without the folder-only permission and the inheritance flags.
+const Ace kMemberAllow{
+    ACL_EXTENDED_ALLOW, userUuid(kMember),
+    ACL_LIST_DIRECTORY | ACL_SEARCH | ACL_ADD_FILE | ACL_DELETE_CHILD | ACL_READ_SECURITY,
+    ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT};
+const Ace kTeamDeny{ACL_EXTENDED_DENY, groupUuid(kTeam),
+                    ACL_ADD_SUBDIRECTORY | ACL_DELETE | ACL_DELETE_CHILD,
+                    ACL_ENTRY_INHERITED | ACL_ENTRY_DIRECTORY_INHERIT | ACL_ENTRY_LIMIT_INHERIT};
+const Aces kFileAcl{
+    {ACL_EXTENDED_ALLOW, userUuid(kMember),
+     ACL_READ_DATA | ACL_EXECUTE | ACL_WRITE_DATA | ACL_READ_SECURITY, 0},
+    {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_APPEND_DATA | ACL_DELETE, ACL_ENTRY_INHERITED}};
+
+// Mode, owners, ctime and stored ACL: what propagation may change.
+struct Snapshot {
+  struct stat st;
+  std::optional<Aces> acl;
+  static Snapshot of(const std::string& path) { return {lstatOf(path), storedAcl(path)}; }
+  bool operator==(const Snapshot& other) const {
+    return st.st_mode == other.st.st_mode && st.st_uid == other.st.st_uid &&
+           st.st_gid == other.st.st_gid && st.st_ctim.tv_sec == other.st.st_ctim.tv_sec &&
+           st.st_ctim.tv_nsec == other.st.st_ctim.tv_nsec && acl == other.acl;
+  }
+};
+
+class Propagation : public AclModification {
+ protected:
+  void SetUp() override {
+    tree_.folder("top", 0750);
+    if (isRoot()) {
+      ASSERT_EQ(chown(top.c_str(), kMember, kTeam), 0);
+    }
+  }
+  // A folder listing, with an entry after the pseudo-entries that must be ignored.
+  qx::ArrayPtr request(std::vector<qx::ObjectPtr> acl = {aclEntry(kMemberAllow, true),
+                                                         aclEntry(kTeamDeny, true)}) {
+    auto entries = listing(acl, pseudoEntries(0777, kOther, kOtherGroup, true))->mutableCopy();
+    entries->addObject(aclEntry(
+        {ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_PERM_MASK, ACL_ENTRY_FILE_INHERIT}, true));
+    return entries;
+  }
+  std::string at(const std::string& relative) const { return tree_.path("top/" + relative); }
+
+  const std::string top = tree_.path("top");
+};
+
+TEST_F(Propagation, TreeGetsTheFolderSettingsFilesTheirFileForm) {
+  tree_.file("top/a.txt");
+  tree_.folder("top/sub");
+  tree_.file("top/sub/b.txt");
+  tree_.folder("top/sub/deeper", 0700);
+  tree_.file("top/sub/deeper/c.sh");
+  tree_.folder("top/sub/empty");
+  tree_.link("top/link-file", "a.txt");
+  tree_.folder("outside");
+  tree_.file("outside/o.txt");
+  tree_.link("top/link-out", "../outside");
+  ASSERT_TRUE(setAcl(top, {{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_SEARCH}}));
+  const Snapshot topBefore = Snapshot::of(top);
+  const Snapshot outsideBefore = Snapshot::of(tree_.path("outside"));
+  const Snapshot outsideFileBefore = Snapshot::of(tree_.path("outside/o.txt"));
+  const mode_t linkMode = lstatOf(at("link-file")).st_mode;
+  qx::ArrayPtr entries = request();
+  const size_t folderNodes = entries->objectAs<QXAclEntry>(1)->permissions()->count();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+
+  ASSERT_TRUE(propagate(entries, top)) << error_->description();
+  EXPECT_EQ(error_, nullptr);
+  EXPECT_TRUE(Snapshot::of(top) == topBefore) << "the top folder is never changed";
+  for (const char* item : {"a.txt", "sub/b.txt", "sub/deeper/c.sh", "sub", "sub/deeper",
+                           "sub/empty", "link-file", "link-out"}) {
+    SCOPED_TRACE(item);
+    const struct stat st = lstatOf(at(item));
+    EXPECT_EQ(st.st_uid, topBefore.st.st_uid);
+    EXPECT_EQ(st.st_gid, topBefore.st.st_gid);
+    if (S_ISLNK(st.st_mode)) {
+      EXPECT_EQ(st.st_mode, linkMode) << "a link keeps its mode and takes no ACL";
+      EXPECT_FALSE(hasAclAttribute(at(item)));
+      continue;
+    }
+    EXPECT_EQ(st.st_mode & 07777, 0750u);
+    EXPECT_EQ(storedAcl(at(item)),
+              S_ISDIR(st.st_mode) ? (Aces{kMemberAllow, kTeamDeny}) : kFileAcl);
+  }
+  EXPECT_TRUE(Snapshot::of(tree_.path("outside")) == outsideBefore) << "links are not followed";
+  EXPECT_TRUE(Snapshot::of(tree_.path("outside/o.txt")) == outsideFileBefore);
+  EXPECT_EQ(entries->objectAs<QXAclEntry>(1)->permissions()->count(), folderNodes)
+      << "the request's records keep their folder form";
+
+  // A request without ACL entries removes the descendants' ACLs.
+  EXPECT_TRUE(propagate(listing({}, pseudoEntries(0700, 0, 0)), top));
+  EXPECT_FALSE(hasAclAttribute(at("a.txt")));
+  EXPECT_FALSE(hasAclAttribute(at("sub")));
+}
+
+TEST_F(Propagation, FailuresEndTheWalkWithTheStepsMessage) {
+  const std::string hierarchy = "Couldn't read folder hierarchy for folder at path \"%s\".";
+  tree_.file("file");
+  tree_.link("link", "top");
+  for (const char* name : {"file", "link"}) {
+    const Snapshot before = Snapshot::of(tree_.path(name));
+    EXPECT_FALSE(propagate(request(), tree_.path(name)));
+    expectError(error_, ENOTDIR, kPropagateTitle, step(hierarchy, tree_.path(name), ENOTDIR));
+    EXPECT_TRUE(Snapshot::of(tree_.path(name)) == before) << "a top that is not a folder";
+  }
+  EXPECT_FALSE(propagate(request(), tree_.path("missing")));
+  expectError(
+      error_, ENOENT, kPropagateTitle,
+      step("Couldn't get folder hierarchy item at path \"%s\".", tree_.path("missing"), ENOENT));
+
+  tree_.file("top/a.txt");
+  const Snapshot fileBefore = Snapshot::of(at("a.txt"));
+  EXPECT_FALSE(propagate(request({aclEntry({7, userUuid(kMember), ACL_READ_DATA}, true)}), top));
+  expectError(error_, EINVAL, kPropagateTitle,
+              step("Couldn't set file Acces Control List entry type for file at path \"%s\".", top,
+                   EINVAL));
+  EXPECT_TRUE(Snapshot::of(at("a.txt")) == fileBefore) << "a bad entry fails before the walk";
+
+  // The file ACL is released first, then the folder ACL; a failing release is
+  // reported with the top folder's path once the walk is done.
+  const size_t live = xtesting::LiveAcls();
+  for (unsigned skip : {0u, 1u}) {
+    ASSERT_EQ(chmod(at("a.txt").c_str(), 0644), 0);
+    {
+      xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl, skip);
+      EXPECT_FALSE(propagate(request(), top));
+      EXPECT_FALSE(xtesting::FreeFailurePending());
+    }
+    expectError(error_, EIO, kPropagateTitle,
+                step("Couldn't release file Acces Control List storage for file at path \"%s\".",
+                     top, EIO));
+    EXPECT_EQ(modeOf(at("a.txt")), 0750u);
+  }
+  EXPECT_EQ(xtesting::LiveAcls(), live);
+
+  // A folder is changed after everything inside it: when an item inside
+  // fails (a FIFO cannot carry the ACL on Linux), the folder keeps its settings.
+  tree_.folder("top/box", 0700);
+  tree_.fifo("top/box/pipe");
+  const Snapshot boxBefore = Snapshot::of(at("box"));
+  EXPECT_FALSE(propagate(request(), top));
+  expectError(error_, ENOTSUP, kPropagateTitle,
+              step("Couldn't set file Acces Control List entries for file at path \"%s\".",
+                   at("box/pipe"), ENOTSUP));
+  EXPECT_EQ(modeOf(at("box/pipe")), 0750u) << "the changes before the failing one stay";
+  EXPECT_TRUE(Snapshot::of(at("box")) == boxBefore);
+}
+
+// Root reads every folder, so the unreadable folder is met by another user.
+TEST_F(Propagation, UnreadableSubfolderEndsTheWalkWithItsMessage) {
+  if (!isRoot()) GTEST_SKIP() << "needs root to act as another user";
+  ASSERT_EQ(chown(top.c_str(), kMember, kMemberGroup), 0);
+  tree_.folder("top/locked");
+  tree_.file("top/locked/inside");
+  ASSERT_EQ(chmod(at("locked").c_str(), 0), 0);
+  ASSERT_EQ(chown(at("locked").c_str(), kMember, kMemberGroup), 0);
+  const Snapshot before = Snapshot::of(at("locked"));
+  EXPECT_EQ(
+      ChildProcess::runAs(kMember, kMemberGroup,
+                          [&] {
+                            qx::ErrorPtr error;
+                            return outcome(
+                                QXFileAcl::propagateEntries(request(), urlOf(top), &error), error);
+                          }),
+      "13\n" + kPropagateTitle + "\n" +
+          step("Couldn't read folder contents for folder at path \"%s\".", at("locked"), EACCES));
+  EXPECT_TRUE(Snapshot::of(at("locked")) == before);
+}
+
+// Propagation runs as root over trees that other users can write. While it
+// runs, another thread keeps swapping a folder inside the tree for a link to
+// a folder outside it whose items have the same names. A walk that opened or
+// changed items by path would sooner or later change the outside items.
+TEST_F(Propagation, FolderSwappedForALinkNeverLeadsChangesOutside) {
+  if (!isRoot()) GTEST_SKIP() << "the attack matters, and owner changes work, as root";
+  const std::string victim = at("victim"), parked = at("victim.parked"),
+                    outside = tree_.path("outside");
+  for (const std::string& folder : {victim, outside}) {
+    std::filesystem::create_directories(folder + "/nested");
+    for (int i = 0; i < 150; ++i) {
+      std::ofstream(folder + "/f" + std::to_string(i));
+      std::ofstream(folder + "/nested/f" + std::to_string(i));
+    }
+  }
+  std::map<std::string, Snapshot> outsideBefore;
+  for (const auto& item : std::filesystem::recursive_directory_iterator(outside)) {
+    outsideBefore.emplace(item.path(), Snapshot::of(item.path()));
+  }
+
+  std::atomic<bool> stop{false};
+  std::atomic<long> swaps{0};
+  std::thread attacker([&] {
+    while (!stop.load()) {
+      if (rename(victim.c_str(), parked.c_str()) != 0) continue;
+      if (symlink(outside.c_str(), victim.c_str()) == 0) {
+        std::this_thread::yield();
+        unlink(victim.c_str());
+      }
+      rename(parked.c_str(), victim.c_str());
+      swaps.fetch_add(1);
+    }
+  });
+  auto entries =
+      listing({aclEntry({ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_LIST_DIRECTORY | ACL_SEARCH,
+                         ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT},
+                        true)},
+              {});
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  while (std::chrono::steady_clock::now() < deadline) {
+    QXFileAcl::propagateEntries(entries, urlOf(top), nullptr);
+  }
+  stop.store(true);
+  attacker.join();
+
+  EXPECT_GT(swaps.load(), 100) << "the swapping went on throughout";
+  EXPECT_EQ(lstatOf(victim + "/f0").st_uid, kMember) << "the walks did reach the swapped folder";
+  int changed = 0;
+  for (const auto& [path, before] : outsideBefore) {
+    if (!(Snapshot::of(path) == before) && ++changed <= 5) {
+      ADD_FAILURE() << path << " was changed from inside the tree";
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qxacltest
