@@ -1,7 +1,7 @@
-#include <fcntl.h>
+// The test service as a real process: started on demand, shared, idle exit,
+// broken streams, departed clients, other users and the socket folder.
 #include <gtest/gtest.h>
 #include <spawn.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -13,12 +13,12 @@
 #include <fstream>
 #include <set>
 
-#include "platform/archive/KeyedArchiver.h"
-#include "platform/xpc/XpcFrame.h"
 #include "platform/xpc/XpcMessage.h"
 #include "platform/xpc/XpcReplyWaiter.h"
 #include "platform/xpc/XpcServiceSocket.h"
 #include "tests/platform/xpc/XpcTestSupport.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/ServiceSandbox.h"
 
 extern char** environ;
 
@@ -29,42 +29,15 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 constexpr const char* kService = QX_XPC_TEST_SERVICE;
-constexpr auto kIdle = 400ms;
+constexpr auto kIdle = 300ms;  // the sandbox's idle time
 
-// True once process `pid` has ended. The test process is a child subreaper,
-// so a detached service ends up as its child and is reaped here.
-bool hasExited(pid_t pid) {
-  int status;
-  pid_t got = ::waitpid(pid, &status, WNOHANG);
-  if (got == pid) return true;
-  if (got < 0 && errno == ECHILD) return ::kill(pid, 0) != 0 && errno == ESRCH;
-  return false;
-}
-
-// Each test gets its own socket folder and a short idle time; the services it
-// starts are detached processes.
 class ServiceProcess : public ::testing::Test {
  protected:
-  void SetUp() override {
-    registerFoundationClasses();
-    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
-    char pattern[] = "/tmp/qx-xpc-XXXXXX";
-    ASSERT_TRUE(::mkdtemp(pattern));
-    folder = pattern;
-    ::setenv("QXFILE_SOCKET_DIR", folder.c_str(), 1);
-    ::setenv("QXFILE_IDLE_EXIT_MS", std::to_string(kIdle.count()).c_str(), 1);
-  }
+  void SetUp() override { registerFoundationClasses(); }
 
   void TearDown() override {
-    for (pid_t pid : services) {
-      if (!eventually([&] { return hasExited(pid); }, 10s)) {
-        ADD_FAILURE() << "service " << pid << " still runs";
-        ::kill(pid, SIGKILL);
-      }
-    }
-    ::unsetenv("QXFILE_SOCKET_DIR");
-    ::unsetenv("QXFILE_IDLE_EXIT_MS");
-    fs::remove_all(folder);
+    EXPECT_TRUE(sandbox.allGoneWithin(10s)) << "a service still runs";
+    for (pid_t pid : sandbox.services()) ::kill(pid, SIGKILL);
   }
 
   std::shared_ptr<XpcConnection> connectClient(
@@ -78,60 +51,52 @@ class ServiceProcess : public ::testing::Test {
     return connection;
   }
 
-  static std::shared_ptr<TestRequest> proxyOf(const std::shared_ptr<XpcConnection>& connection) {
-    return connection->remoteObjectProxy<TestRequest>();
-  }
-
-  static int64_t ask(const std::shared_ptr<TestRequest>& proxy,
+  static int64_t ask(const std::shared_ptr<XpcConnection>& connection,
                      void (TestRequest::*method)(OnceCallback<void(NumberPtr)>)) {
+    auto proxy = connection->remoteObjectProxy<TestRequest>();
     auto reply = XpcReplyWaiter<NumberPtr>::wait(
         [&](OnceCallback<void(NumberPtr)> done) { ((*proxy).*method)(std::move(done)); });
     return reply && *reply ? (*reply)->integerValue() : -1;
   }
-
-  pid_t servicePid(const std::shared_ptr<XpcConnection>& connection) {
-    auto pid = static_cast<pid_t>(ask(proxyOf(connection), &TestRequest::processIdWithReply));
-    if (pid > 0) services.insert(pid);
-    return pid;
+  static pid_t pidOf(const std::shared_ptr<XpcConnection>& connection) {
+    return static_cast<pid_t>(ask(connection, &TestRequest::processIdWithReply));
+  }
+  static int64_t increment(const std::shared_ptr<XpcConnection>& connection) {
+    return ask(connection, &TestRequest::incrementWithReply);
   }
 
-  std::string socketPath() const { return folder + "/service.sock"; }
+  std::string socketPath() const { return sandbox.socketFolder() + "/service.sock"; }
 
-  std::string folder;
-  std::set<pid_t> services;
+  qx::test::ServiceSandbox sandbox{kService};
 };
 
 TEST_F(ServiceProcess, StartsOnDemandGivesEachClientItsOwnObjectAndExitsWhenIdle) {
   auto first = connectClient();
   auto second = connectClient();
   ASSERT_TRUE(first && second);
-  pid_t pid = servicePid(first);
+  pid_t pid = pidOf(first);
   ASSERT_GT(pid, 0);
   EXPECT_NE(pid, ::getpid());
-  EXPECT_EQ(servicePid(second), pid);
+  EXPECT_EQ(pidOf(second), pid);
+  EXPECT_EQ(increment(first), 1);
+  EXPECT_EQ(increment(first), 2);
+  EXPECT_EQ(increment(second), 1);
+  EXPECT_EQ(increment(first), 3);
 
-  auto a = proxyOf(first);
-  auto b = proxyOf(second);
-  EXPECT_EQ(ask(a, &TestRequest::incrementWithReply), 1);
-  EXPECT_EQ(ask(a, &TestRequest::incrementWithReply), 2);
-  EXPECT_EQ(ask(b, &TestRequest::incrementWithReply), 1);
-  EXPECT_EQ(ask(a, &TestRequest::incrementWithReply), 3);
-
-  // Open connections keep the service up past its idle time.
+  // An open connection keeps the service up past its idle time.
   first->invalidate();
   std::this_thread::sleep_for(kIdle * 2);
-  EXPECT_FALSE(hasExited(pid));
-  EXPECT_EQ(ask(b, &TestRequest::incrementWithReply), 2);
-
+  EXPECT_EQ(sandbox.services(), std::vector<pid_t>{pid});
+  EXPECT_EQ(increment(second), 2);
   auto closed = std::chrono::steady_clock::now();
   second->invalidate();
-  ASSERT_TRUE(eventually([&] { return hasExited(pid); }, 10s));
+  ASSERT_TRUE(sandbox.allGoneWithin(10s));
   EXPECT_GE(std::chrono::steady_clock::now() - closed, kIdle - 50ms);
 
   // The next client starts a new service on the stale socket.
   auto third = connectClient();
   ASSERT_TRUE(third);
-  pid_t next = servicePid(third);
+  pid_t next = pidOf(third);
   EXPECT_GT(next, 0);
   EXPECT_NE(next, pid);
   third->invalidate();
@@ -139,97 +104,80 @@ TEST_F(ServiceProcess, StartsOnDemandGivesEachClientItsOwnObjectAndExitsWhenIdle
 
 TEST_F(ServiceProcess, StartedWithoutASocketItBindsThePerUserSocketItself) {
   char* argv[] = {const_cast<char*>(kService), nullptr};
-  pid_t pid;
+  pid_t pid, second;
   ASSERT_EQ(::posix_spawn(&pid, kService, nullptr, nullptr, argv, environ), 0);
-  services.insert(pid);
   UniqueFd socket;
   ASSERT_TRUE(
       eventually([&] { return (socket = XpcServiceSocket::connectTo(socketPath())).valid(); }));
   auto connection = XpcConnection::withSocket(std::move(socket));
   configureClientConnection(connection, nullptr);
   connection->resume();
-  EXPECT_EQ(servicePid(connection), pid);
+  EXPECT_EQ(pidOf(connection), pid);
   // A second one finds the socket taken and leaves at once.
-  pid_t second;
   ASSERT_EQ(::posix_spawn(&second, kService, nullptr, nullptr, argv, environ), 0);
   int status = 0;
   ASSERT_EQ(::waitpid(second, &status, 0), second);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
-  EXPECT_EQ(servicePid(connection), pid);
+  EXPECT_EQ(pidOf(connection), pid);
   connection->invalidate();
+  EXPECT_TRUE(eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }));
 }
 
 TEST_F(ServiceProcess, EightClientsStartedAtOnceShareOneService) {
-  constexpr int kClients = 8;
-  std::vector<pid_t> clients;
-  std::vector<UniqueFd> outputs;
-  for (int i = 0; i < kClients; ++i) {
-    int pipeFds[2];
-    ASSERT_EQ(::pipe2(pipeFds, O_CLOEXEC), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
-    char* argv[] = {const_cast<char*>(kService), const_cast<char*>("--client"), nullptr};
-    pid_t pid;
-    ASSERT_EQ(::posix_spawn(&pid, kService, &actions, nullptr, argv, environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(pipeFds[1]);
-    clients.push_back(pid);
-    outputs.emplace_back(pipeFds[0]);
-  }
+  std::vector<FILE*> clients;
+  for (int i = 0; i < 8; ++i)
+    clients.push_back(::popen((std::string(kService) + " --client").c_str(), "r"));
   std::set<std::string> answers;
-  for (int i = 0; i < kClients; ++i) {
-    std::string text;
-    char buffer[64];
-    ssize_t got;
-    while ((got = ::read(outputs[i].get(), buffer, sizeof buffer)) > 0) text.append(buffer, got);
-    int status = 0;
-    ASSERT_EQ(::waitpid(clients[i], &status, 0), clients[i]);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "client " << i;
-    answers.insert(text);
+  for (FILE* client : clients) {
+    ASSERT_TRUE(client);
+    char line[64] = "";
+    EXPECT_TRUE(std::fgets(line, sizeof line, client));
+    EXPECT_EQ(::pclose(client), 0);
+    answers.insert(line);
   }
   ASSERT_EQ(answers.size(), 1u);
-  pid_t pid = std::atoi(answers.begin()->c_str());
-  ASSERT_GT(pid, 0);
-  services.insert(pid);
-  EXPECT_TRUE(eventually([&] { return hasExited(pid); }, 10s));
+  EXPECT_GT(std::atoi(answers.begin()->c_str()), 0);
 }
 
 TEST_F(ServiceProcess, BrokenStreamsCloseOnlyTheirOwnConnection) {
   auto good = connectClient();
   ASSERT_TRUE(good);
-  pid_t pid = servicePid(good);
+  pid_t pid = pidOf(good);
   ASSERT_GT(pid, 0);
-  auto proxy = proxyOf(good);
-
   auto valid = XpcFrame::encode(XpcMessage::invocation("incrementWithReply:", {}, 1).encode());
+  auto noSequence = Dictionary::withStringKeys(
+      {{"selector", str("incrementWithReply:")}, {"arguments", Array::make()}});
   std::vector<std::vector<uint8_t>> streams = {
       {0, 0, 0, 5, 'h', 'e', 'l', 'l', 'o'},                 // not an archive
       {0x10, 0x00, 0x00, 0x01},                              // 256 MiB + 1
       {0xff, 0xff, 0xff, 0xff, 1, 2, 3},                     // 4 GiB - 1
       std::vector<uint8_t>(valid.begin(), valid.end() - 3),  // truncated
+      // Archives of no known message shape.
+      frameOf(Array::make({str("selector")})),
+      frameOf(Dictionary::withStringKeys({{"hello", str("world")}})),
+      frameOf(noSequence),
+      frameOf(Dictionary::withStringKeys({{"replyTo", str("1")}})),
   };
-  int64_t expected = 0;
-  for (const auto& bytes : streams) {
+  for (std::size_t i = 0; i < streams.size(); ++i) {
     UniqueFd raw = XpcServiceSocket::connectTo(socketPath());
     ASSERT_TRUE(raw);
-    ASSERT_TRUE(writeAll(raw.get(), bytes));
-    ::shutdown(raw.get(), SHUT_WR);
-    EXPECT_TRUE(peerClosesWithin(raw.get(), 5s));
-    EXPECT_EQ(ask(proxy, &TestRequest::incrementWithReply), ++expected);
+    ASSERT_TRUE(writeAll(raw.get(), streams[i]));
+    if (i == 3) ::shutdown(raw.get(), SHUT_WR);  // only a truncated frame waits for the end
+    EXPECT_TRUE(peerClosesWithin(raw.get(), 5s)) << "stream " << i;
+    EXPECT_EQ(increment(good), static_cast<int64_t>(i + 1));
   }
-  EXPECT_FALSE(hasExited(pid));
+  EXPECT_EQ(sandbox.services(), std::vector<pid_t>{pid});
   good->invalidate();
 }
 
 TEST_F(ServiceProcess, AWorkerWaitingForADepartedClientIsReleased) {
-  auto responder = std::make_shared<TestClient>(true, /*hold=*/true);
+  auto responder = std::make_shared<TestClient>(/*hold=*/true);
   auto client = connectClient(responder);
   ASSERT_TRUE(client);
-  pid_t pid = servicePid(client);
-  std::string marker = folder + "/released";
-  proxyOf(client)->askClient(Number::numberWithInteger(3), str(marker), [](ArrayPtr) {});
-  ASSERT_TRUE(eventually([&] { return responder->questionCount() == 1; }));
+  std::string marker = sandbox.socketFolder() + "/released";
+  client->remoteObjectProxy<TestRequest>()->askClient(Number::numberWithInteger(3), str(marker),
+                                                      [](ArrayPtr) {});
+  ASSERT_TRUE(eventually([&] { return responder->questions().size() == 1; }));
   client->invalidate();
   ASSERT_TRUE(eventually([&] { return fs::exists(marker) && fs::file_size(marker) > 0; }));
   std::ifstream in(marker);
@@ -237,62 +185,52 @@ TEST_F(ServiceProcess, AWorkerWaitingForADepartedClientIsReleased) {
   std::getline(in, line);
   EXPECT_EQ(line, "no answer");
   // Nothing is left waiting: the service goes idle and exits.
-  EXPECT_TRUE(eventually([&] { return hasExited(pid); }, 10s));
+  EXPECT_TRUE(sandbox.allGoneWithin(10s));
 }
 
 TEST_F(ServiceProcess, PeersOfAnotherUserAreClosedAtOnce) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a peer under another uid";
-  // A socket that another user may reach, handed to the service the way
-  // socket activation does.
-  std::string open = folder + "/open";
-  ASSERT_EQ(::mkdir(open.c_str(), 0755), 0);
-  ASSERT_EQ(::chmod(folder.c_str(), 0755), 0);
-  std::string path = open + "/service.sock";
+  // A socket that another user may reach, handed over as socket activation does.
+  std::string path = sandbox.socketFolder() + "/open/service.sock";
+  ASSERT_EQ(::chmod(sandbox.socketFolder().c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir(fs::path(path).parent_path().c_str(), 0755), 0);
   std::string why;
   UniqueFd listening = XpcServiceSocket::bindListening(path, &why);
   ASSERT_TRUE(listening) << why;
   ASSERT_EQ(::chmod(path.c_str(), 0777), 0);
   ASSERT_TRUE(XpcServiceSocket::spawnService(kService, listening.get(), &why)) << why;
   listening.reset();
-
-  // Our own uid is served.
   auto own = XpcConnection::withSocket(XpcServiceSocket::connectTo(path));
   configureClientConnection(own, nullptr);
   own->resume();
-  pid_t pid = servicePid(own);
+  pid_t pid = pidOf(own);
   ASSERT_GT(pid, 0);
 
-  // Everything the child needs is made before fork.
   auto frame = XpcFrame::encode(XpcMessage::invocation("processIdWithReply:", {}, 1).encode());
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, path.c_str());
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(3);
-    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-      ::_exit(2);
-    [[maybe_unused]] auto sent = ::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
+  std::string outcome = qx::test::ChildProcess::runAs(65534, 65534, [&]() -> std::string {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, path.c_str());
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM, 0));
+    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+      return "could not connect";
+    writeAll(fd.get(), frame);
     char byte;
-    ssize_t got = ::recv(fd, &byte, 1, 0);
-    ::_exit(got <= 0 ? 0 : 1);  // closed without a word, or answered
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: the other user was answered; 2: could not connect";
-  EXPECT_EQ(servicePid(own), pid);  // still serving its own user
+    ssize_t got = ::recv(fd.get(), &byte, 1, 0);
+    if (got > 0) return "answered";
+    return got == 0 || errno == ECONNRESET ? "closed" : "recv failed";
+  });
+  EXPECT_EQ(outcome, "closed");
+  EXPECT_EQ(pidOf(own), pid);  // still serving its own user
   own->invalidate();
 }
 
 TEST_F(ServiceProcess, AClientWrittenFromTheProtocolDescriptionAloneIsServed) {
-  auto own = connectClient();
+  auto own = connectClient();  // starts the service
   ASSERT_TRUE(own);
-  ASSERT_GT(servicePid(own), 0);
-  std::string command = std::string("python3 ") + QX_SOURCE_DIR +
-                        "/tests/platform/xpc/python_client.py " + socketPath();
+  ASSERT_GT(pidOf(own), 0);
+  std::string command =
+      "python3 " QX_SOURCE_DIR "/tests/platform/xpc/python_client.py " + socketPath();
   FILE* pipe = ::popen(command.c_str(), "r");
   ASSERT_TRUE(pipe);
   std::string output;
@@ -305,62 +243,50 @@ TEST_F(ServiceProcess, AClientWrittenFromTheProtocolDescriptionAloneIsServed) {
   own->invalidate();
 }
 
-// The socket folder and the start-up paths, without a service.
-class SocketFolder : public ServiceProcess {};
-
-TEST_F(SocketFolder, IsCreatedPrivateAndRefusedWhenOthersCanEnterOrItIsNotOurs) {
-  std::string inner = folder + "/inner";
+TEST_F(ServiceProcess, TheSocketFolderIsPrivateAndOursAndAMissingServiceIsAnError) {
+  std::string inner = sandbox.socketFolder() + "/inner";
   ::setenv("QXFILE_SOCKET_DIR", inner.c_str(), 1);
-  auto made = XpcServiceSocket::socketPath();
-  ASSERT_TRUE(made);
-  EXPECT_EQ(*made, inner + "/service.sock");
+  EXPECT_EQ(XpcServiceSocket::socketPath().value_or(""), inner + "/service.sock");
   struct stat info;
   ASSERT_EQ(::lstat(inner.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0700u);
-
+  EXPECT_EQ(info.st_mode & 0777, 0700u) << "created private";
   std::string error;
   ASSERT_EQ(::chmod(inner.c_str(), 0750), 0);
   EXPECT_FALSE(XpcServiceSocket::socketDirectory(&error));
   EXPECT_NE(error.find("open to other users"), std::string::npos);
   ASSERT_EQ(::chmod(inner.c_str(), 0700), 0);
-
-  std::string link = folder + "/link";
+  std::string link = sandbox.socketFolder() + "/link";
   fs::create_directory_symlink(inner, link);
   ::setenv("QXFILE_SOCKET_DIR", link.c_str(), 1);
   EXPECT_FALSE(XpcServiceSocket::socketDirectory(&error));
   EXPECT_NE(error.find("not a folder"), std::string::npos);
-
+  ::setenv("QXFILE_SOCKET_DIR", inner.c_str(), 1);
   if (::geteuid() == 0) {
-    ::setenv("QXFILE_SOCKET_DIR", inner.c_str(), 1);
     ASSERT_EQ(::chown(inner.c_str(), 65534, 65534), 0);
     EXPECT_FALSE(XpcServiceSocket::socketDirectory(&error));
     EXPECT_NE(error.find("belongs to another user"), std::string::npos);
   }
-}
 
-TEST_F(SocketFolder, FollowsTheRuntimeFolderWhenNoFolderIsGiven) {
+  // Without a folder given: the runtime folder, else one in /tmp named for the user.
   ::unsetenv("QXFILE_SOCKET_DIR");
   const char* saved = std::getenv("XDG_RUNTIME_DIR");
   std::string previous = saved ? saved : "";
-  ::setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
-  auto path = XpcServiceSocket::socketPath();
-  ASSERT_TRUE(path);
-  EXPECT_EQ(*path, folder + "/qxfile/service.sock");
+  ::setenv("XDG_RUNTIME_DIR", sandbox.socketFolder().c_str(), 1);
+  EXPECT_EQ(XpcServiceSocket::socketPath().value_or(""),
+            sandbox.socketFolder() + "/qxfile/service.sock");
   ::unsetenv("XDG_RUNTIME_DIR");
   EXPECT_EQ(XpcServiceSocket::socketDirectory().value_or(""),
             "/tmp/qxfile-" + std::to_string(::geteuid()));
   if (saved) ::setenv("XDG_RUNTIME_DIR", previous.c_str(), 1);
-}
 
-TEST_F(SocketFolder, AMissingServiceExecutableIsAnErrorAndLeavesNoSocket) {
-  std::string error;
-  UniqueFd fd = XpcServiceSocket::connectStartingService(folder + "/no-such-service", &error);
-  EXPECT_FALSE(fd);
+  ::setenv("QXFILE_SOCKET_DIR", sandbox.socketFolder().c_str(), 1);
+  std::string missing = sandbox.socketFolder() + "/no-such-service";
+  EXPECT_FALSE(XpcServiceSocket::connectStartingService(missing, &error));
   EXPECT_NE(error.find("Couldn't start the service"), std::string::npos);
   EXPECT_FALSE(fs::exists(socketPath()));
   ErrorPtr failure;
-  EXPECT_FALSE(XpcConnection::connectToService(folder + "/no-such-service", &failure));
-  ASSERT_TRUE(failure);
+  EXPECT_FALSE(XpcConnection::connectToService(missing, &failure));
+  EXPECT_TRUE(failure);
 }
 
 }  // namespace

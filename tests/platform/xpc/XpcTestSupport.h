@@ -1,32 +1,26 @@
 #pragma once
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <span>
-#include <thread>
 #include <vector>
 
-#include "platform/xpc/UniqueFd.h"
+#include "platform/archive/KeyedArchiver.h"
 #include "platform/xpc/XpcConnection.h"
+#include "platform/xpc/XpcFrame.h"
 #include "tests/platform/xpc/support/TestProtocols.h"
+#include "tests/support/Eventually.h"
 
 namespace qx::xpctest {
 
-// Polls `condition` until it holds or `timeout` passes.
-inline bool eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
+using qx::test::eventually;
+
+inline std::vector<uint8_t> frameOf(const ObjectPtr& root) {
+  return XpcFrame::encode(KeyedArchiver::archivedDataWithRootObject(root)->bytes());
 }
 
 inline bool writeAll(int fd, std::span<const uint8_t> bytes) {
@@ -38,8 +32,7 @@ inline bool writeAll(int fd, std::span<const uint8_t> bytes) {
   return true;
 }
 
-// True when the peer closes `fd` within the timeout (reading and discarding
-// whatever comes before the end).
+// True when the peer closes `fd` within the timeout, whatever it sends before.
 inline bool peerClosesWithin(int fd, std::chrono::milliseconds timeout) {
   timeval tv{static_cast<time_t>(timeout.count() / 1000),
              static_cast<suseconds_t>((timeout.count() % 1000) * 1000)};
@@ -52,29 +45,24 @@ inline bool peerClosesWithin(int fd, std::chrono::milliseconds timeout) {
   }
 }
 
-// The client side's exported object: answers questions with a fixed answer,
-// or keeps the reply blocks without calling them.
+// The client side's exported object: answers questions at once, or holds the
+// reply blocks until answerHeld().
 class TestClient final : public TestResponse {
  public:
-  explicit TestClient(bool answer = true, bool hold = false) : answer_(answer), hold_(hold) {}
+  explicit TestClient(bool hold = false) : hold_(hold) {}
   void question(NumberPtr index, OnceCallback<void(bool)> reply) override {
     std::lock_guard lock(mutex_);
     questions_.push_back(index ? index->integerValue() : -1);
     if (hold_) {
       held_.push_back(std::move(reply));
     } else {
-      reply(answer_);
+      reply(index && index->integerValue() % 2 == 0);
     }
-  }
-  std::size_t questionCount() {
-    std::lock_guard lock(mutex_);
-    return questions_.size();
   }
   std::vector<int64_t> questions() {
     std::lock_guard lock(mutex_);
     return questions_;
   }
-  // Answers and releases the held reply blocks.
   void answerHeld(bool answer) {
     std::vector<OnceCallback<void(bool)>> held;
     {
@@ -86,7 +74,6 @@ class TestClient final : public TestResponse {
 
  private:
   std::mutex mutex_;
-  bool answer_;
   bool hold_;
   std::vector<int64_t> questions_;
   std::vector<OnceCallback<void(bool)>> held_;
