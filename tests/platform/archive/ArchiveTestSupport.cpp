@@ -1,28 +1,21 @@
 #include "tests/platform/archive/ArchiveTestSupport.h"
 
-#include <unistd.h>
+#include <plist/plist.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <stdexcept>
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
+#include "tests/support/TempTree.h"
 
 namespace qx::testing {
 
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "qx-archive-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = pattern;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
+using Ref = BinaryPlist::Ref;
 
 std::vector<uint8_t> readFile(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -30,14 +23,78 @@ std::vector<uint8_t> readFile(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-void writeFile(const std::filesystem::path& path, std::span<const uint8_t> bytes) {
+namespace {
+
+void writeFile(const std::string& path, std::span<const uint8_t> bytes) {
   std::ofstream out(path, std::ios::binary);
   out.write(reinterpret_cast<const char*>(bytes.data()),
             static_cast<std::streamsize>(bytes.size()));
-  if (!out) throw std::runtime_error("cannot write " + path.string());
+  if (!out) throw std::runtime_error("cannot write " + path);
 }
 
-namespace {
+bool isTagged(const json& value, const char* tag) {
+  return value.is_object() && value.size() == 1 && value.contains(tag);
+}
+
+std::vector<uint8_t> unhex(const std::string& text) {
+  std::vector<uint8_t> bytes;
+  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+    bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+Ref addJson(BinaryPlist& plist, const json& value) {
+  if (value.is_null()) return plist.addNull();
+  if (value.is_boolean()) return plist.addBool(value.get<bool>());
+  if (value.is_number_integer()) return plist.addInteger(value.get<int64_t>());
+  if (value.is_string()) return plist.addString(value.get_ref<const std::string&>());
+  if (isTagged(value, "UID")) return plist.addUid(value["UID"].get<uint32_t>());
+  if (isTagged(value, "real")) return plist.addReal(value["real"].get<double>());
+  if (isTagged(value, "data")) return plist.addData(unhex(value["data"]));
+  std::vector<Ref> keys, values;
+  for (const auto& [key, element] : value.items()) {
+    if (value.is_object()) keys.push_back(plist.addString(key));
+    values.push_back(addJson(plist, element));
+  }
+  return value.is_array() ? plist.addArray(values) : plist.addDictionary(keys, values);
+}
+
+json toJson(const BinaryPlist& plist, Ref ref) {
+  using Type = BinaryPlist::Type;
+  switch (plist.type(ref)) {
+    case Type::Null:
+      return nullptr;
+    case Type::Bool:
+      return plist.boolValue(ref);
+    case Type::Integer:
+      return plist.integer(ref);
+    case Type::Real:
+    case Type::Date:
+      return {{"real", plist.real(ref)}};
+    case Type::Uid:
+      return uid(plist.uid(ref));
+    case Type::String:
+      return std::string(plist.string(ref));
+    case Type::Data:
+      return {{"data", hex(plist.data(ref))}};
+    case Type::Array: {
+      json array = json::array();
+      for (std::size_t i = 0; i < plist.count(ref); ++i) {
+        array.push_back(toJson(plist, plist.element(ref, i)));
+      }
+      return array;
+    }
+    case Type::Dictionary: {
+      json object = json::object();
+      for (std::size_t i = 0; i < plist.count(ref); ++i) {
+        object[std::string(plist.string(plist.key(ref, i)))] = toJson(plist, plist.value(ref, i));
+      }
+      return object;
+    }
+  }
+  return nullptr;
+}
 
 std::string runOracle(const std::string& arguments) {
   std::string command = std::string(QX_PYTHON) + " " + QX_ORACLE_SCRIPT + " " + arguments;
@@ -47,68 +104,79 @@ std::string runOracle(const std::string& arguments) {
   char buffer[65536];
   std::size_t n;
   while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
-  int status = pclose(pipe);
-  if (status != 0) throw std::runtime_error("oracle failed: " + command);
+  if (pclose(pipe) != 0) throw std::runtime_error("oracle failed: " + command);
   return output;
 }
 
+struct PlistFree {
+  void operator()(plist_t node) const { plist_free(node); }
+};
+using PlistPtr = std::unique_ptr<void, PlistFree>;
+
 }  // namespace
 
-nlohmann::json plistlibRead(std::span<const uint8_t> plist) {
-  TempDir dir;
-  writeFile(dir.path() / "in.plist", plist);
-  return nlohmann::json::parse(runOracle("dump " + (dir.path() / "in.plist").string()));
+json readJson(std::span<const uint8_t> bytes) {
+  std::string why;
+  auto plist = BinaryPlist::parse(bytes, &why);
+  if (!plist) throw std::runtime_error("does not parse: " + why);
+  return toJson(*plist, plist->top());
 }
 
-std::vector<uint8_t> plistlibWrite(const nlohmann::json& value) {
-  TempDir dir;
-  std::string text = value.dump();
-  writeFile(dir.path() / "in.json",
-            std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
-  runOracle("write " + (dir.path() / "in.json").string() + " " +
-            (dir.path() / "out.plist").string());
-  return readFile(dir.path() / "out.plist");
+std::vector<uint8_t> writeJson(const json& value) {
+  BinaryPlist plist;
+  return plist.write(addJson(plist, value));
 }
 
-HandArchive::HandArchive() {
-  objects_.push_back(plist_.addString("$null"));
+json plistlibRead(std::span<const uint8_t> plist) {
+  qx::test::TempTree dir("qx-archive");
+  writeFile(dir.path("in.plist"), plist);
+  return json::parse(runOracle("dump " + dir.path("in.plist")));
 }
 
-uint32_t HandArchive::add(Ref value) {
-  objects_.push_back(value);
-  return static_cast<uint32_t>(objects_.size() - 1);
+std::vector<uint8_t> plistlibWrite(const json& value) {
+  qx::test::TempTree dir("qx-archive");
+  dir.file("in.json", value.dump());
+  runOracle("write " + dir.path("in.json") + " " + dir.path("out.plist"));
+  return readFile(dir.path("out.plist"));
 }
 
-uint32_t HandArchive::addClass(std::string_view name, std::vector<std::string_view> chain) {
-  if (chain.empty()) return add(object({{"$classname", str(name)}}));
-  std::vector<Ref> names;
-  for (auto n : chain) names.push_back(str(n));
-  return add(object({{"$classname", str(name)}, {"$classes", plist_.addArray(names)}}));
+std::vector<uint8_t> libplistRewrite(std::span<const uint8_t> bytes) {
+  plist_t root = nullptr;
+  plist_from_bin(reinterpret_cast<const char*>(bytes.data()), static_cast<uint32_t>(bytes.size()),
+                 &root);
+  if (root == nullptr) throw std::runtime_error("libplist does not read the plist");
+  PlistPtr owner(root);
+  char* out = nullptr;
+  uint32_t length = 0;
+  plist_to_bin(root, &out, &length);
+  std::vector<uint8_t> rewritten(out, out + length);
+  free(out);
+  return rewritten;
 }
 
-HandArchive::Ref HandArchive::object(
-    std::initializer_list<std::pair<std::string_view, Ref>> entries) {
-  std::vector<Ref> keys;
-  std::vector<Ref> values;
-  for (const auto& [k, v] : entries) {
-    keys.push_back(str(k));
-    values.push_back(v);
+json uid(uint32_t n) {
+  return {{"UID", n}};
+}
+
+json classDict(const std::string& name, std::vector<std::string> chain) {
+  return {{"$classname", name}, {"$classes", chain}};
+}
+
+json keyedArchive(json objects, json root) {
+  return {{"$archiver", "NSKeyedArchiver"},
+          {"$version", 100000},
+          {"$top", {{"root", std::move(root)}}},
+          {"$objects", std::move(objects)}};
+}
+
+std::string hex(std::span<const uint8_t> bytes) {
+  static const char digits[] = "0123456789abcdef";
+  std::string out;
+  for (uint8_t b : bytes) {
+    out += digits[b >> 4];
+    out += digits[b & 15];
   }
-  return plist_.addDictionary(keys, values);
-}
-
-HandArchive::Ref HandArchive::uids(std::initializer_list<uint32_t> values) {
-  std::vector<Ref> refs;
-  for (uint32_t v : values) refs.push_back(uid(v));
-  return plist_.addArray(refs);
-}
-
-std::vector<uint8_t> HandArchive::bytes(uint32_t root) {
-  Ref top = object({{"$archiver", str("NSKeyedArchiver")},
-                    {"$version", integer(100000)},
-                    {"$top", object({{"root", uid(root)}})},
-                    {"$objects", plist_.addArray(objects_)}});
-  return plist_.write(top);
+  return out;
 }
 
 std::vector<uint8_t> RawPlist::bytes() const {
@@ -127,69 +195,22 @@ std::vector<uint8_t> RawPlist::bytes() const {
     }
   };
   for (uint64_t offset : offsets) put(offset, offsetSize);
-  for (int i = 0; i < 6; ++i) out.push_back(0);
-  out.push_back(static_cast<uint8_t>(offsetSize));
-  out.push_back(static_cast<uint8_t>(refSize));
+  out.insert(out.end(),
+             {0, 0, 0, 0, 0, 0, static_cast<uint8_t>(offsetSize), static_cast<uint8_t>(refSize)});
   put(objectCount.value_or(objects.size()), 8);
   put(top, 8);
   put(tableOffset.value_or(table), 8);
   return out;
 }
 
-nlohmann::json toJson(const BinaryPlist& plist, BinaryPlist::Ref ref) {
-  using Type = BinaryPlist::Type;
-  static const char digits[] = "0123456789abcdef";
-  switch (plist.type(ref)) {
-    case Type::Null:
-      return nullptr;
-    case Type::Bool:
-      return plist.boolValue(ref);
-    case Type::Integer:
-      return plist.integer(ref);
-    case Type::Real:
-    case Type::Date:
-      return {{"real", plist.real(ref)}};
-    case Type::Uid:
-      return {{"UID", plist.uid(ref)}};
-    case Type::String:
-      return std::string(plist.string(ref));
-    case Type::Data: {
-      std::string hex;
-      for (uint8_t b : plist.data(ref)) {
-        hex += digits[b >> 4];
-        hex += digits[b & 15];
-      }
-      return {{"data", hex}};
-    }
-    case Type::Array: {
-      auto array = nlohmann::json::array();
-      for (std::size_t i = 0; i < plist.count(ref); ++i) {
-        array.push_back(toJson(plist, plist.element(ref, i)));
-      }
-      return array;
-    }
-    case Type::Dictionary: {
-      auto object = nlohmann::json::object();
-      for (std::size_t i = 0; i < plist.count(ref); ++i) {
-        object[std::string(plist.string(plist.key(ref, i)))] = toJson(plist, plist.value(ref, i));
-      }
-      return object;
-    }
-  }
-  return nullptr;
-}
-
-nlohmann::json readJson(std::span<const uint8_t> bytes) {
-  std::string why;
-  auto plist = BinaryPlist::parse(bytes, &why);
-  if (!plist) throw std::runtime_error("does not parse: " + why);
-  return toJson(*plist, plist->top());
+std::vector<uint8_t> archived(const ObjectPtr& root) {
+  DataPtr data = KeyedArchiver::archivedDataWithRootObject(root);
+  if (!data) throw std::runtime_error("archiving failed");
+  return data->bytes();
 }
 
 ObjectPtr roundTrip(const ObjectPtr& root, ErrorPtr* error) {
-  DataPtr data = KeyedArchiver::archivedDataWithRootObject(root);
-  if (!data) throw std::runtime_error("archiving failed");
-  return KeyedUnarchiver::unarchiveObjectWithData(*data, error);
+  return KeyedUnarchiver::unarchiveObjectWithData(archived(root), error);
 }
 
 std::string describe(const ErrorPtr& error) {

@@ -1,8 +1,8 @@
-// The binary property-list codec on its own: what it writes, what it reads
-// back, and which malformed buffers it refuses.
+// The binary property-list codec on its own: the bytes it writes, what it
+// reads back, and the malformed buffers it refuses.
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <functional>
 #include <limits>
 
 #include "platform/archive/BinaryPlist.h"
@@ -11,393 +11,218 @@
 namespace qx::testing {
 namespace {
 
-using Type = BinaryPlist::Type;
 using Ref = BinaryPlist::Ref;
+using Bytes = std::vector<uint8_t>;
 
-BinaryPlist reparse(const BinaryPlist& plist, Ref top, std::vector<uint8_t>& keep) {
-  keep = plist.write(top);
+// The reason the reader gives for refusing `bytes` ("" when it accepts them).
+std::string refusal(const Bytes& bytes) {
   std::string why;
-  auto parsed = BinaryPlist::parse(keep, &why);
-  EXPECT_TRUE(parsed) << why;
-  return parsed ? std::move(*parsed) : BinaryPlist();
+  return BinaryPlist::parse(bytes, &why) ? "" : why.empty() ? "(no reason)" : why;
 }
 
-std::string parseError(const std::vector<uint8_t>& bytes) {
-  std::string why;
-  auto parsed = BinaryPlist::parse(bytes, &why);
-  EXPECT_FALSE(parsed) << "accepted a malformed plist";
-  EXPECT_FALSE(why.empty());
-  return why;
+RawPlist raw(std::vector<Bytes> objects) {
+  RawPlist plist;
+  plist.objects = std::move(objects);
+  return plist;
 }
 
-// The object bytes of the single value `top` of a written plist.
-std::vector<uint8_t> objectBytes(const std::vector<uint8_t>& plist, std::size_t length) {
-  return std::vector<uint8_t>(plist.begin() + 8, plist.begin() + 8 + length);
-}
-
-TEST(ArchiveBinaryPlistValues, IntegersUseTheSmallestWidthAndRoundTrip) {
-  struct Case {
-    int64_t value;
-    std::vector<uint8_t> bytes;
-  };
-  const Case cases[] = {
-      {0, {0x10, 0x00}},
-      {255, {0x10, 0xff}},
-      {256, {0x11, 0x01, 0x00}},
-      {65535, {0x11, 0xff, 0xff}},
-      {65536, {0x12, 0x00, 0x01, 0x00, 0x00}},
-      {0xffffffffLL, {0x12, 0xff, 0xff, 0xff, 0xff}},
-      {0x100000000LL, {0x13, 0, 0, 0, 1, 0, 0, 0, 0}},
-      {-1, {0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
-      {std::numeric_limits<int64_t>::min(), {0x13, 0x80, 0, 0, 0, 0, 0, 0, 0}},
-      {std::numeric_limits<int64_t>::max(), {0x13, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
-  };
-  for (const auto& c : cases) {
-    BinaryPlist plist;
-    Ref top = plist.addInteger(c.value);
-    std::vector<uint8_t> bytes;
-    BinaryPlist back = reparse(plist, top, bytes);
-    EXPECT_EQ(objectBytes(bytes, c.bytes.size()), c.bytes) << c.value;
-    ASSERT_EQ(back.type(back.top()), Type::Integer);
-    EXPECT_EQ(back.integer(back.top()), c.value);
-  }
-}
-
-TEST(ArchiveBinaryPlistValues, UidsUseOneTwoFourOrEightBytes) {
-  struct Case {
-    uint32_t value;
-    uint8_t marker;
-  };
-  for (auto [value, marker] : {Case{0, 0x80}, Case{255, 0x80}, Case{256, 0x81}, Case{65535, 0x81},
-                               Case{65536, 0x83}, Case{0xffffffffU, 0x83}}) {
-    BinaryPlist plist;
-    Ref top = plist.addUid(value);
-    std::vector<uint8_t> bytes;
-    BinaryPlist back = reparse(plist, top, bytes);
-    EXPECT_EQ(bytes[8], marker) << value;
-    ASSERT_EQ(back.type(back.top()), Type::Uid);
-    EXPECT_EQ(back.uid(back.top()), value);
-  }
-}
-
-TEST(ArchiveBinaryPlistValues, RealsDatesBooleansAndNullRoundTrip) {
-  BinaryPlist plist;
-  std::vector<Ref> values = {plist.addReal(1.5),
-                             plist.addReal(-0.0),
-                             plist.addReal(std::numeric_limits<double>::infinity()),
-                             plist.addDate(86400.25),
-                             plist.addBool(true),
-                             plist.addBool(false),
-                             plist.addNull()};
-  Ref top = plist.addArray(values);
-  std::vector<uint8_t> bytes;
-  BinaryPlist back = reparse(plist, top, bytes);
-  ASSERT_EQ(back.count(back.top()), values.size());
-  auto at = [&](std::size_t i) { return back.element(back.top(), i); };
-  EXPECT_EQ(back.real(at(0)), 1.5);
-  EXPECT_TRUE(std::signbit(back.real(at(1))));
-  EXPECT_TRUE(std::isinf(back.real(at(2))));
-  EXPECT_EQ(back.type(at(3)), Type::Date);
-  EXPECT_EQ(back.real(at(3)), 86400.25);
-  EXPECT_TRUE(back.boolValue(at(4)));
-  EXPECT_EQ(back.type(at(5)), Type::Bool);
-  EXPECT_FALSE(back.boolValue(at(5)));
-  EXPECT_EQ(back.type(at(6)), Type::Null);
-}
-
-TEST(ArchiveBinaryPlistValues, DataAndLongLengthsRoundTrip) {
-  for (std::size_t length : {0u, 14u, 15u, 255u, 256u, 70000u}) {
-    std::vector<uint8_t> payload(length);
-    for (std::size_t i = 0; i < length; ++i) payload[i] = static_cast<uint8_t>(i * 7);
-    BinaryPlist plist;
-    Ref top = plist.addData(payload);
-    std::vector<uint8_t> bytes;
-    BinaryPlist back = reparse(plist, top, bytes);
-    ASSERT_EQ(back.type(back.top()), Type::Data);
-    auto read = back.data(back.top());
-    EXPECT_EQ(std::vector<uint8_t>(read.begin(), read.end()), payload) << length;
-  }
-}
-
-TEST(ArchiveBinaryPlistStrings, AsciiIsWrittenAsAscii) {
-  BinaryPlist plist;
-  Ref top = plist.addString("hello");
-  std::vector<uint8_t> bytes;
-  BinaryPlist back = reparse(plist, top, bytes);
-  EXPECT_EQ(objectBytes(bytes, 6), (std::vector<uint8_t>{0x55, 'h', 'e', 'l', 'l', 'o'}));
-  EXPECT_EQ(back.string(back.top()), "hello");
-}
-
-TEST(ArchiveBinaryPlistStrings, NonAsciiIsWrittenAsUtf16BigEndian) {
-  BinaryPlist plist;
-  Ref top = plist.addString("\xc3\xa9\xf0\x9f\x98\x80");  // é and U+1F600 (a surrogate pair)
-  std::vector<uint8_t> bytes;
-  BinaryPlist back = reparse(plist, top, bytes);
-  EXPECT_EQ(objectBytes(bytes, 7),
-            (std::vector<uint8_t>{0x63, 0x00, 0xe9, 0xd8, 0x3d, 0xde, 0x00}));
-  EXPECT_EQ(back.string(back.top()), "\xc3\xa9\xf0\x9f\x98\x80");
-}
-
-TEST(ArchiveBinaryPlistStrings, InvalidUtf8SequencesBecomeReplacementCharacters) {
-  struct Case {
-    std::string in;
-    std::string out;
-  };
+TEST(ArchiveBinaryPlist, WritesEachValueInItsSmallestFormAndReadsItBack) {
   const std::string fffd = "\xef\xbf\xbd";
-  const Case cases[] = {
-      {"a\xff"
-       "b",
-       "a" + fffd + "b"},  // a byte that never starts a sequence
-      {"\xc3", fffd},      // truncated at the end
-      {"\xe2\x82"
-       "x",
-       fffd + "x"},                                     // truncated before an ASCII byte
-      {"\xed\xa0\x80", fffd + fffd + fffd},             // an encoded surrogate
-      {"\xc0\xaf", fffd + fffd},                        // an overlong form
-      {"\xf4\x90\x80\x80", fffd + fffd + fffd + fffd},  // above U+10FFFF
-      {"\xe2\x82\xac", "\xe2\x82\xac"},                 // valid: the euro sign
+  const int64_t min = std::numeric_limits<int64_t>::min();
+  const int64_t max = std::numeric_limits<int64_t>::max();
+  struct Case {
+    std::function<Ref(BinaryPlist&)> add;
+    Bytes head;  // the first bytes of the value's object
+    json back;
   };
-  for (const auto& c : cases) {
+  auto integer = [](int64_t v) { return [v](BinaryPlist& p) { return p.addInteger(v); }; };
+  auto uidOf = [](uint32_t v) { return [v](BinaryPlist& p) { return p.addUid(v); }; };
+  auto string = [](std::string v) { return [v](BinaryPlist& p) { return p.addString(v); }; };
+  auto data = [](std::size_t n) {
+    return [n](BinaryPlist& p) { return p.addData(Bytes(n, static_cast<uint8_t>(n))); };
+  };
+  const Case cases[] = {
+      {integer(0), {0x10, 0x00}, 0},
+      {integer(255), {0x10, 0xff}, 255},
+      {integer(256), {0x11, 0x01, 0x00}, 256},
+      {integer(65536), {0x12, 0x00, 0x01, 0x00, 0x00}, 65536},
+      {integer(0xffffffffLL), {0x12, 0xff, 0xff, 0xff, 0xff}, 0xffffffffLL},
+      {integer(0x100000000LL), {0x13, 0, 0, 0, 1, 0, 0, 0, 0}, 0x100000000LL},
+      {integer(-1), {0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, -1},
+      {integer(min), {0x13, 0x80, 0, 0, 0, 0, 0, 0, 0}, min},
+      {integer(max), {0x13, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, max},
+      {uidOf(255), {0x80, 0xff}, uid(255)},
+      {uidOf(256), {0x81, 0x01, 0x00}, uid(256)},
+      {uidOf(65536), {0x83, 0x00, 0x01, 0x00, 0x00}, uid(65536)},
+      {uidOf(0xffffffffU), {0x83, 0xff, 0xff, 0xff, 0xff}, uid(0xffffffffU)},
+      {string("hello"), {0x55, 'h', 'e', 'l', 'l', 'o'}, "hello"},
+      // Non-ASCII text as UTF-16 big-endian, U+1F600 as a surrogate pair.
+      {string("\xc3\xa9\xf0\x9f\x98\x80"),
+       {0x63, 0x00, 0xe9, 0xd8, 0x3d, 0xde, 0x00},
+       "\xc3\xa9\xf0\x9f\x98\x80"},
+      // Invalid UTF-8: a stray byte, a truncated sequence, an encoded
+      // surrogate, an overlong form, a code point above U+10FFFF.
+      {string("a\xff"
+              "b\xc3"),
+       {},
+       "a" + fffd + "b" + fffd},
+      {string("\xe2\x82"
+              "x\xed\xa0\x80"),
+       {},
+       fffd + "x" + fffd + fffd + fffd},
+      {string("\xc0\xaf\xf4\x90\x80\x80"), {}, fffd + fffd + fffd + fffd + fffd + fffd},
+      {[](BinaryPlist& p) { return p.addReal(1.5); }, {0x23, 0x3f, 0xf8}, {{"real", 1.5}}},
+      {[](BinaryPlist& p) { return p.addDate(86400.25); }, {0x33}, {{"real", 86400.25}}},
+      {[](BinaryPlist& p) { return p.addBool(true); }, {0x09}, true},
+      {[](BinaryPlist& p) { return p.addBool(false); }, {0x08}, false},
+      {[](BinaryPlist& p) { return p.addNull(); }, {0x00}, nullptr},
+      {data(0), {0x40}, {{"data", ""}}},
+      {data(15), {0x4f, 0x10, 0x0f}, {{"data", hex(Bytes(15, 15))}}},
+      {data(256), {0x4f, 0x11, 0x01, 0x00}, {{"data", hex(Bytes(256, 0))}}},
+      {data(70000), {0x4f, 0x12, 0x00, 0x01, 0x11, 0x70}, {{"data", hex(Bytes(70000, 0x70))}}},
+  };
+  for (const Case& c : cases) {
     BinaryPlist plist;
-    Ref top = plist.addString(c.in);
-    std::vector<uint8_t> bytes;
-    BinaryPlist back = reparse(plist, top, bytes);
-    EXPECT_EQ(back.string(back.top()), c.out);
+    Bytes bytes = plist.write(c.add(plist));
+    EXPECT_EQ(Bytes(bytes.begin() + 8, bytes.begin() + 8 + c.head.size()), c.head) << c.back;
+    EXPECT_EQ(readJson(bytes), c.back);
   }
 }
 
-TEST(ArchiveBinaryPlistStrings, ReaderReplacesLoneSurrogatesAndRefusesHighBitAscii) {
-  RawPlist raw;
-  // UTF-16 "a", lone high surrogate, "b", lone low surrogate.
-  raw.objects = {{0x64, 0x00, 'a', 0xd8, 0x00, 0x00, 'b', 0xdc, 0x00}};
-  auto parsed = BinaryPlist::parse(raw.bytes());
-  ASSERT_TRUE(parsed);
-  EXPECT_EQ(parsed->string(parsed->top()),
-            "a\xef\xbf\xbd"
-            "b\xef\xbf\xbd");
-
-  raw.objects = {{0x51, 0xe9}};
-  EXPECT_NE(parseError(raw.bytes()).find("ASCII"), std::string::npos);
-}
-
-TEST(ArchiveBinaryPlistStrings, EqualAsciiStringsAreWrittenOnce) {
+TEST(ArchiveBinaryPlist, ContainersNestShareEqualStringsAndWidenTheirReferences) {
   BinaryPlist plist;
-  Ref a = plist.addString("NS.objects");
-  Ref b = plist.addString("NS.objects");
-  Ref c = plist.addString("NS.keys");
-  EXPECT_EQ(a, b);
-  EXPECT_NE(a, c);
-  for (int i = 0; i < 1000; ++i) plist.addString("key" + std::to_string(i));
-  EXPECT_EQ(plist.addString("key500"), plist.addString("key500"));
-  EXPECT_EQ(plist.addString("NS.keys"), c);
-}
-
-TEST(ArchiveBinaryPlistContainers, DictionariesAndArraysNestAndFindKeys) {
-  BinaryPlist plist;
-  Ref inner = plist.addArray(std::vector<Ref>{plist.addInteger(1), plist.addString("two")});
-  std::vector<Ref> keys = {plist.addString("list"), plist.addString("\xc3\xa9t\xc3\xa9")};
-  std::vector<Ref> values = {inner, plist.addBool(true)};
-  Ref top = plist.addDictionary(keys, values);
-  std::vector<uint8_t> bytes;
-  BinaryPlist back = reparse(plist, top, bytes);
-  auto list = back.find(back.top(), "list");
-  ASSERT_TRUE(list);
-  ASSERT_EQ(back.count(*list), 2u);
-  EXPECT_EQ(back.string(back.element(*list, 1)), "two");
-  auto summer = back.find(back.top(), "\xc3\xa9t\xc3\xa9");
-  ASSERT_TRUE(summer);
-  EXPECT_TRUE(back.boolValue(*summer));
-  EXPECT_FALSE(back.find(back.top(), "missing"));
-}
-
-TEST(ArchiveBinaryPlistContainers, ManyObjectsNeedWiderReferencesAndOffsets) {
-  BinaryPlist plist;
+  EXPECT_EQ(plist.addString("NS.objects"), plist.addString("NS.objects"));
+  EXPECT_NE(plist.addString("NS.objects"), plist.addString("NS.keys"));
   std::vector<Ref> values;
   for (int i = 0; i < 70000; ++i) values.push_back(plist.addInteger(i * 3));
-  Ref top = plist.addArray(values);
-  std::vector<uint8_t> bytes;
-  BinaryPlist back = reparse(plist, top, bytes);
-  const uint8_t* trailer = bytes.data() + bytes.size() - 32;
-  EXPECT_EQ(trailer[6], 4);  // offsets beyond 65535
-  EXPECT_EQ(trailer[7], 4);  // more than 65536 objects
-  ASSERT_EQ(back.count(back.top()), 70000u);
-  EXPECT_EQ(back.integer(back.element(back.top(), 69999)), 69999 * 3);
+  Ref keys[] = {plist.addString("list"), plist.addString("\xc3\xa9t\xc3\xa9")};
+  Ref top =
+      plist.addDictionary(keys, std::vector<Ref>{plist.addArray(values), plist.addBool(true)});
+  Bytes bytes = plist.write(top);
+  EXPECT_EQ(bytes[bytes.size() - 26], 4);  // offsets beyond 65535
+  EXPECT_EQ(bytes[bytes.size() - 25], 4);  // more than 65536 objects
+  auto back = BinaryPlist::parse(bytes);
+  ASSERT_TRUE(back);
+  EXPECT_TRUE(back->boolValue(*back->find(back->top(), "\xc3\xa9t\xc3\xa9")));
+  EXPECT_FALSE(back->find(back->top(), "missing"));
+  json list = readJson(bytes)["list"];
+  ASSERT_EQ(list.size(), 70000u);
+  EXPECT_EQ(list[69999], 69999 * 3);
 }
 
-TEST(ArchiveBinaryPlistReader, ReadsSixteenByteIntegersThatFitAndFourByteReals) {
-  RawPlist raw;
-  std::vector<uint8_t> big = {0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01, 0x00};
-  std::vector<uint8_t> negative = {0x14, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
-                                   0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfe};
-  raw.objects = {{0xa3, 1, 2, 3}, big, negative, {0x22, 0x3f, 0xc0, 0x00, 0x00}};
-  auto parsed = BinaryPlist::parse(raw.bytes());
-  ASSERT_TRUE(parsed);
-  EXPECT_EQ(parsed->integer(parsed->element(parsed->top(), 0)), 256);
-  EXPECT_EQ(parsed->integer(parsed->element(parsed->top(), 1)), -2);
-  EXPECT_EQ(parsed->real(parsed->element(parsed->top(), 2)), 1.5);
-
-  raw.objects = {{0x14, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0}};
-  EXPECT_NE(parseError(raw.bytes()).find("64-bit"), std::string::npos);
-}
-
-TEST(ArchiveBinaryPlistReader, ReadsUidsOfAnyWidthUpToThirtyTwoBits) {
-  RawPlist raw;
-  raw.objects = {{0xa4, 1, 2, 3, 4},
-                 {0x80, 0x05},
-                 {0x81, 0x01, 0x00},
-                 {0x83, 0x00, 0x01, 0x00, 0x00},
-                 {0x87, 0, 0, 0, 0, 0xff, 0xff, 0xff, 0xff}};
-  auto parsed = BinaryPlist::parse(raw.bytes());
-  ASSERT_TRUE(parsed);
-  EXPECT_EQ(parsed->uid(parsed->element(parsed->top(), 0)), 5u);
-  EXPECT_EQ(parsed->uid(parsed->element(parsed->top(), 1)), 256u);
-  EXPECT_EQ(parsed->uid(parsed->element(parsed->top(), 2)), 65536u);
-  EXPECT_EQ(parsed->uid(parsed->element(parsed->top(), 3)), 0xffffffffU);
-
-  raw.objects = {{0x84, 0x01, 0x00, 0x00, 0x00, 0x00}};
-  EXPECT_NE(parseError(raw.bytes()).find("UID"), std::string::npos);
-}
-
-TEST(ArchiveBinaryPlistReader, RefusesBadHeadersAndTrailers) {
-  RawPlist good;
-  good.objects = {{0x10, 0x01}};
-  ASSERT_TRUE(BinaryPlist::parse(good.bytes()));
-
-  auto bytes = good.bytes();
-  bytes[7] = '1';
-  parseError(bytes);                                                    // not bplist00
-  parseError(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 20));  // too short
-
-  for (unsigned size : {0u, 9u}) {
-    RawPlist raw = good;
-    raw.offsetSize = size == 0 ? 1 : size;
-    auto b = raw.bytes();
-    b[b.size() - 26] = static_cast<uint8_t>(size);
-    parseError(b);
-    b = good.bytes();
-    b[b.size() - 25] = static_cast<uint8_t>(size);
-    parseError(b);
-  }
-  RawPlist raw = good;
-  raw.objectCount = 0;
-  parseError(raw.bytes());
-  raw.objectCount = 1ULL << 40;  // far more offsets than the table holds
-  parseError(raw.bytes());
-  raw = good;
-  raw.top = 1;
-  parseError(raw.bytes());
-  raw = good;
-  raw.tableOffset = 1ULL << 62;
-  parseError(raw.bytes());
-  raw.tableOffset = 3;  // inside the header
-  parseError(raw.bytes());
-}
-
-TEST(ArchiveBinaryPlistReader, RefusesOffsetsAndReferencesOutsideTheBuffer) {
-  RawPlist raw;
-  raw.objects = {{0xa1, 0x01}, {0x10, 0x07}};
-  ASSERT_TRUE(BinaryPlist::parse(raw.bytes()));
-
-  RawPlist beyond = raw;
-  beyond.offsetOverrides = {{1, 5000}};
-  parseError(beyond.bytes());
-  beyond.offsetOverrides = {{1, 2}};  // inside the header
-  parseError(beyond.bytes());
-
-  RawPlist badRef = raw;
-  badRef.objects[0] = {0xa1, 0x02};
-  EXPECT_NE(parseError(badRef.bytes()).find("reference"), std::string::npos);
-
-  // Lengths that run past the object area, for every kind that has one.
-  for (std::vector<uint8_t> object :
-       {std::vector<uint8_t>{0x45, 1, 2}, std::vector<uint8_t>{0x5f, 0x10, 0xff, 'a'},
-        std::vector<uint8_t>{0x62, 0x00, 'a'}, std::vector<uint8_t>{0x13, 1, 2, 3},
-        std::vector<uint8_t>{0x23, 1, 2}, std::vector<uint8_t>{0x83, 1},
-        std::vector<uint8_t>{0x4f, 0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}}) {
-    RawPlist truncated;
-    truncated.objects = {object};
-    parseError(truncated.bytes());
-  }
-}
-
-TEST(ArchiveBinaryPlistReader, RefusesCountsTheBufferCannotHoldBeforeAllocating) {
-  RawPlist raw;
-  // An array claiming 2^62 elements, and a dictionary claiming 2^31 pairs.
-  raw.objects = {{0xaf, 0x13, 0x40, 0, 0, 0, 0, 0, 0, 0, 0x00}};
-  EXPECT_NE(parseError(raw.bytes()).find("beyond"), std::string::npos);
-  raw.objects = {{0xdf, 0x12, 0x80, 0, 0, 0, 0x00, 0x00}};
-  parseError(raw.bytes());
-}
-
-TEST(ArchiveBinaryPlistReader, RefusesCyclesButAcceptsSharedValues) {
-  RawPlist shared;
-  shared.objects = {{0xa2, 1, 1}, {0x51, 'x'}};
-  auto parsed = BinaryPlist::parse(shared.bytes());
-  ASSERT_TRUE(parsed);
-  EXPECT_EQ(parsed->element(parsed->top(), 0), parsed->element(parsed->top(), 1));
-
-  RawPlist self;
-  self.objects = {{0xa1, 0}};
-  EXPECT_NE(parseError(self.bytes()).find("contains itself"), std::string::npos);
-  RawPlist loop;
-  loop.objects = {{0xa1, 1}, {0xd1, 2, 0}, {0x51, 'k'}};
-  parseError(loop.bytes());
-}
-
-TEST(ArchiveBinaryPlistReader, RefusesNonStringKeysUnknownMarkersAndDeepNesting) {
-  RawPlist raw;
-  raw.objects = {{0xd1, 1, 1}, {0x10, 0x01}};
-  EXPECT_NE(parseError(raw.bytes()).find("key"), std::string::npos);
-  for (uint8_t marker : {0x0f, 0x07, 0x70, 0xc0, 0x90, 0x34, 0x21}) {
-    raw.objects = {{marker, 0, 0, 0, 0, 0, 0, 0, 0}};
-    parseError(raw.bytes());
-  }
-  // 600 arrays each holding the next.
-  RawPlist deep;
-  deep.offsetSize = 2;
-  deep.refSize = 2;
-  for (int i = 0; i < 600; ++i) {
-    deep.objects.push_back({0xa1, static_cast<uint8_t>((i + 1) >> 8), static_cast<uint8_t>(i + 1)});
-  }
-  deep.objects.push_back({0x10, 0x00});
-  EXPECT_NE(parseError(deep.bytes()).find("deep"), std::string::npos);
-}
-
-TEST(ArchiveBinaryPlistReader, RefusesObjectsThatShareTheirBytes) {
-  // 200 offsets all naming one 100-element array of 100 other arrays that all
-  // name one leaf: accepting it would cost 200 * 100 references for 300 bytes.
-  RawPlist raw;
-  raw.offsetSize = 2;
-  raw.objects.push_back({0x10, 0x00});  // object 0: the leaf
-  std::vector<uint8_t> outer = {0xaf, 0x10, 100};
-  for (int i = 0; i < 100; ++i) outer.push_back(static_cast<uint8_t>(101 + i));
-  raw.objects.push_back({0xa1, 0x00});  // object 1 .. 100: arrays naming the leaf
-  for (int i = 2; i <= 100; ++i) raw.objects.push_back({});
-  raw.objects.push_back(outer);  // object 101 .. 200: the same outer array
-  for (int i = 102; i <= 200; ++i) raw.objects.push_back({});
-  raw.objects.push_back({0xaf, 0x10, 100});  // object 201: top, naming 101 .. 200
-  for (int i = 0; i < 100; ++i) raw.objects.back().push_back(static_cast<uint8_t>(101 + i));
-  raw.refSize = 1;
-  raw.top = 201;
-  auto bytes = raw.bytes();
-  // Point every empty object at the shared one before it.
-  std::size_t table = bytes.size() - 32 - raw.objects.size() * 2;
-  auto offsetOf = [&](std::size_t i) {
-    return (bytes[table + 2 * i] << 8) | bytes[table + 2 * i + 1];
+TEST(ArchiveBinaryPlist, ReadsWhatOtherWritersMayWrite) {
+  const Bytes sixteenByteInteger = {0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01, 0x00};
+  const Bytes sixteenByteNegative = {0x14, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
+                                     0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfe};
+  const std::pair<std::vector<Bytes>, json> cases[] = {
+      {{{0xa3, 1, 2, 3}, sixteenByteInteger, sixteenByteNegative, {0x22, 0x3f, 0xc0, 0, 0}},
+       {256, -2, {{"real", 1.5}}}},
+      {{{0xa4, 1, 2, 3, 4},
+        {0x80, 0x05},
+        {0x81, 0x01, 0x00},
+        {0x83, 0x00, 0x01, 0x00, 0x00},
+        {0x87, 0, 0, 0, 0, 0xff, 0xff, 0xff, 0xff}},
+       {uid(5), uid(256), uid(65536), uid(0xffffffffU)}},
+      // UTF-16 with lone surrogates.
+      {{{0x64, 0x00, 'a', 0xd8, 0x00, 0x00, 'b', 0xdc, 0x00}},
+       "a\xef\xbf\xbd"
+       "b\xef\xbf\xbd"},
+      // One value named twice is no cycle.
+      {{{0xa2, 1, 1}, {0x51, 'x'}}, json::array({"x", "x"})},
   };
-  for (std::size_t i = 2; i <= 100; ++i) {
-    bytes[table + 2 * i] = static_cast<uint8_t>(offsetOf(1) >> 8);
-    bytes[table + 2 * i + 1] = static_cast<uint8_t>(offsetOf(1));
+  for (const auto& [objects, expected] : cases) {
+    EXPECT_EQ(readJson(raw(objects).bytes()), expected);
   }
-  for (std::size_t i = 102; i <= 200; ++i) {
-    bytes[table + 2 * i] = static_cast<uint8_t>(offsetOf(101) >> 8);
-    bytes[table + 2 * i + 1] = static_cast<uint8_t>(offsetOf(101));
+}
+
+TEST(ArchiveBinaryPlist, RefusesMalformedObjects) {
+  // 600 arrays each holding the next, with two-byte references.
+  RawPlist deep;
+  deep.offsetSize = deep.refSize = 2;
+  for (int i = 1; i <= 600; ++i) deep.objects.push_back({0xa1, uint8_t(i >> 8), uint8_t(i)});
+  deep.objects.push_back({0x10, 0x00});
+  // Objects 1..100 share the bytes of one array naming the leaf 0, objects
+  // 101..200 those of one array naming 1..100, and the top names 101..200:
+  // 300 bytes that would stand for 100 * 100 references.
+  RawPlist overlapping = raw(std::vector<Bytes>(202));
+  overlapping.objects[0] = {0x10, 0x00};
+  overlapping.objects[100] = {0xa1, 0x00};
+  overlapping.objects[200] = overlapping.objects[201] = {0xaf, 0x10, 100};
+  for (uint8_t i = 1; i <= 100; ++i) {
+    overlapping.objects[200].push_back(i);
+    overlapping.objects[201].push_back(static_cast<uint8_t>(100 + i));
   }
-  // The outer arrays name objects 101 .. 200, which are themselves: give them
-  // the inner arrays instead.
-  std::size_t outerAt = offsetOf(101);
-  for (int i = 0; i < 100; ++i) bytes[outerAt + 3 + i] = static_cast<uint8_t>(1 + i);
-  EXPECT_NE(parseError(bytes).find("overlap"), std::string::npos);
+  overlapping.top = 201;
+  const std::pair<Bytes, std::string> cases[] = {
+      {raw({{0x14, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0}}).bytes(), "64-bit"},
+      {raw({{0x84, 0x01, 0x00, 0x00, 0x00, 0x00}}).bytes(), "UID"},
+      {raw({{0x51, 0xe9}}).bytes(), "ASCII"},
+      {raw({{0xa1, 0x02}, {0x10, 0x07}}).bytes(), "reference"},
+      {raw({{0xd1, 1, 1}, {0x10, 0x01}}).bytes(), "key"},
+      {raw({{0xa1, 0}}).bytes(), "contains itself"},
+      {raw({{0xa1, 1}, {0xd1, 2, 0}, {0x51, 'k'}}).bytes(), "contains itself"},
+      // Counts the buffer cannot hold, refused before anything is allocated.
+      {raw({{0xaf, 0x13, 0x40, 0, 0, 0, 0, 0, 0, 0, 0x00}}).bytes(), "beyond"},
+      {raw({{0xdf, 0x12, 0x80, 0, 0, 0, 0x00, 0x00}}).bytes(), "beyond"},
+      {deep.bytes(), "deep"},
+      {overlapping.bytes(), "overlap"},
+  };
+  for (const auto& [bytes, fragment] : cases) {
+    std::string why = refusal(bytes);
+    EXPECT_NE(why, "") << fragment;
+    EXPECT_NE(why.find(fragment), std::string::npos) << why;
+  }
+  // Lengths that run past the object area, for every kind that has one, and
+  // markers that stand for nothing.
+  for (const Bytes& object :
+       {Bytes{0x45, 1, 2}, Bytes{0x5f, 0x10, 0xff, 'a'}, Bytes{0x62, 0x00, 'a'},
+        Bytes{0x13, 1, 2, 3}, Bytes{0x23, 1, 2}, Bytes{0x83, 1},
+        Bytes{0x4f, 0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}}) {
+    EXPECT_NE(refusal(raw({object}).bytes()), "") << hex(object);
+  }
+  for (uint8_t marker : {0x0f, 0x07, 0x70, 0xc0, 0x90, 0x34, 0x21}) {
+    EXPECT_NE(refusal(raw({{marker, 0, 0, 0, 0, 0, 0, 0, 0}}).bytes()), "") << int(marker);
+  }
+}
+
+TEST(ArchiveBinaryPlist, RefusesHeadersTrailersAndOffsetsOutsideTheBuffer) {
+  const RawPlist good = raw({{0xa1, 0x01}, {0x10, 0x07}});
+  ASSERT_EQ(refusal(good.bytes()), "");
+  Bytes shortened = good.bytes();
+  shortened.resize(20);
+  EXPECT_NE(refusal(shortened), "");
+  struct Damage {
+    std::function<void(RawPlist&)> edit;
+    std::ptrdiff_t at = 0;  // a byte to set afterwards, counted from the end when negative
+    uint8_t value = 0;
+  };
+  auto none = [](RawPlist&) {};
+  const Damage damages[] = {
+      {none, 7, '1'},  // not bplist00
+      {none, -26, 0},  // offset size
+      {none, -26, 9},
+      {none, -25, 0},  // reference size
+      {none, -25, 9},
+      {[](RawPlist& p) { p.objectCount = 0; }},
+      {[](RawPlist& p) { p.objectCount = 1ULL << 40; }},
+      {[](RawPlist& p) { p.top = 2; }},
+      {[](RawPlist& p) { p.tableOffset = 1ULL << 62; }},
+      {[](RawPlist& p) { p.tableOffset = 3; }},  // inside the header
+      {[](RawPlist& p) {
+        p.offsetSize = 2;
+        p.offsetOverrides = {{1, 5000}};
+      }},
+      {[](RawPlist& p) {
+        p.offsetOverrides = {{1, 2}};
+      }},  // inside the header
+  };
+  for (const Damage& damage : damages) {
+    RawPlist plist = good;
+    damage.edit(plist);
+    Bytes bytes = plist.bytes();
+    if (damage.at != 0) bytes[damage.at < 0 ? bytes.size() + damage.at : damage.at] = damage.value;
+    EXPECT_NE(refusal(bytes), "") << &damage - damages;
+  }
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 // of it: identities, shared classes, escaped keys, plain values, nesting.
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "tests/platform/archive/ArchiveTestClasses.h"
@@ -9,18 +11,6 @@
 
 namespace qx::testing {
 namespace {
-
-using json = nlohmann::json;
-
-json uid(uint32_t n) {
-  return {{"UID", n}};
-}
-
-json archiveJson(const ObjectPtr& root) {
-  DataPtr data = KeyedArchiver::archivedDataWithRootObject(root);
-  if (!data) throw std::runtime_error("no archive");
-  return readJson(data->span());
-}
 
 // A class whose coding throws, as code that runs out of memory would.
 class Throwing final : public Object {
@@ -37,198 +27,166 @@ class Throwing final : public Object {
 
 QX_DEFINE_CLASS(Throwing, "QXTestThrowing", Object)
 
-class ArchiveLayout : public ::testing::Test {
+class KeyedArchive : public ::testing::Test {
  protected:
   void SetUp() override { registerTestClasses(); }
 };
 
-TEST_F(ArchiveLayout, MutableArrayOfTwoStringsHasTheReferenceLayout) {
-  auto array = MutableArray::make();
-  array->addObject(str("a"));
-  array->addObject(str("b"));
-  json expected = {{"$archiver", "NSKeyedArchiver"},
-                   {"$version", 100000},
-                   {"$top", {{"root", uid(1)}}},
-                   {"$objects",
-                    {"$null",
-                     {{"NS.objects", {uid(2), uid(3)}}, {"$class", uid(4)}},
-                     "a",
-                     "b",
-                     {{"$classname", "NSMutableArray"},
-                      {"$classes", {"NSMutableArray", "NSArray", "NSObject"}}}}}};
-  EXPECT_EQ(archiveJson(array), expected);
-}
+TEST_F(KeyedArchive, ObjectsGetTheirSlotFirstAndOneUidPerInstanceAndClass) {
+  auto shared = str("shared");
+  auto first = SizeRecord::make(1, false);
+  auto root = MutableArray::make();
+  for (const ObjectPtr& element : std::vector<ObjectPtr>{
+           shared, first, shared, first, str("shared"), SizeRecord::make(2, true)}) {
+    root->addObject(element);
+  }
+  json objects = {
+      "$null",
+      {{"NS.objects", {uid(2), uid(3), uid(2), uid(3), uid(5), uid(6)}}, {"$class", uid(7)}},
+      "shared",
+      {{"size", 1}, {"busy", false}, {"$class", uid(4)}},
+      classDict("QXFileSizeItem", {"QXFileSizeItem", "NSObject"}),
+      "shared",  // an equal but distinct instance
+      {{"size", 2}, {"busy", true}, {"$class", uid(4)}},
+      classDict("NSMutableArray", {"NSMutableArray", "NSArray", "NSObject"})};
+  EXPECT_EQ(readJson(archived(root)), keyedArchive(objects));
 
-TEST_F(ArchiveLayout, NilRootIsUidZero) {
-  json archive = archiveJson(nullptr);
-  EXPECT_EQ(archive["$top"]["root"], uid(0));
-  EXPECT_EQ(archive["$objects"], json::array({"$null"}));
+  auto back = cast<MutableArray>(roundTrip(root));
+  ASSERT_TRUE(back);
+  EXPECT_TRUE(back->isEqual(*root));
+  EXPECT_EQ(back->objectAtIndex(0), back->objectAtIndex(2));
+  EXPECT_EQ(back->objectAtIndex(1), back->objectAtIndex(3));
+
+  EXPECT_EQ(readJson(archived(nullptr)), keyedArchive(json::array({"$null"}), uid(0)));
   ErrorPtr error;
-  auto data = KeyedArchiver::archivedDataWithRootObject(nullptr);
-  EXPECT_EQ(KeyedUnarchiver::unarchiveObjectWithData(*data, &error), nullptr);
+  EXPECT_EQ(roundTrip(nullptr, &error), nullptr);
   EXPECT_EQ(error, nullptr);
 }
 
-TEST_F(ArchiveLayout, OneInstanceIsWrittenOnceAndReferencedBySameUid) {
-  auto shared = str("shared");
-  auto record = SizeRecord::make(7, true);
-  auto root = Array::make({shared, record, shared, record, str("shared")});
-  json archive = archiveJson(root);
-  json elements = archive["$objects"][1]["NS.objects"];
-  EXPECT_EQ(elements[0], elements[2]);
-  EXPECT_EQ(elements[1], elements[3]);
-  // An equal but distinct instance is an object of its own.
-  EXPECT_NE(elements[0], elements[4]);
-  // null, array, "shared", record, class of record, second "shared", class of array
-  EXPECT_EQ(archive["$objects"].size(), 7u);
-
-  auto back = cast<Array>(roundTrip(root));
-  ASSERT_TRUE(back);
-  EXPECT_EQ(back->objectAtIndex(0), back->objectAtIndex(2));
-  EXPECT_EQ(back->objectAtIndex(1), back->objectAtIndex(3));
-  // The two equal strings share one plist value, so the reader may hand out
-  // one immutable string for both; only equality is promised.
-  EXPECT_TRUE(back->objectAtIndex(0)->isEqual(*back->objectAtIndex(4)));
-  EXPECT_TRUE(back->isEqual(*root));
-}
-
-TEST_F(ArchiveLayout, ObjectSlotIsReservedBeforeItsContentsAndClassesAreShared) {
-  auto root = Array::make({SizeRecord::make(1, false), SizeRecord::make(2, true)});
-  json objects = archiveJson(root)["$objects"];
-  // root, first record, its class, second record, class of the array
-  ASSERT_EQ(objects.size(), 6u);
-  EXPECT_EQ(objects[1]["NS.objects"], json::array({uid(2), uid(4)}));
-  EXPECT_EQ(objects[2]["$class"], uid(3));
-  EXPECT_EQ(objects[4]["$class"], uid(3));
-  EXPECT_EQ(objects[3]["$classname"], "QXFileSizeItem");
-  EXPECT_EQ(objects[3]["$classes"], json::array({"QXFileSizeItem", "NSObject"}));
-  EXPECT_EQ(objects[2]["size"], 1);
-  EXPECT_EQ(objects[2]["busy"], false);
-  EXPECT_EQ(objects[5]["$classname"], "NSArray");
-}
-
-TEST_F(ArchiveLayout, ValuesStandInlineAndDollarKeysGetOneMoreDollar) {
-  auto everything = std::make_shared<Everything>();
-  everything->small = -5;
-  everything->large = 1LL << 40;
-  everything->flag = true;
-  everything->real = 2.5;
-  everything->bytes = {1, 2, 3};
-  everything->dollar = 9;
-  json object = archiveJson(everything)["$objects"][1];
-  EXPECT_EQ(object["small"], -5);
-  EXPECT_EQ(object["large"], 1LL << 40);
-  EXPECT_EQ(object["flag"], true);
-  EXPECT_EQ(object["real"], json({{"real", 2.5}}));
-  EXPECT_EQ(object["bytes"], json({{"data", "010203"}}));
-  EXPECT_EQ(object["object"], uid(0));
-  EXPECT_EQ(object["list"], json::array());
-  EXPECT_EQ(object["$$dollar"], 9);
-  EXPECT_FALSE(object.contains("$dollar"));
-  EXPECT_TRUE(roundTrip(everything)->isEqual(*everything));
-}
-
-TEST_F(ArchiveLayout, StringsNumbersAndDataArePlainValuesWithoutClass) {
-  auto root =
-      Array::make({str("text"), Number::numberWithBool(true), Number::numberWithInteger(-3),
-                   Number::numberWithDouble(0.5), Data::make({0xde, 0xad}), str("caf\xc3\xa9")});
-  json objects = archiveJson(root)["$objects"];
-  EXPECT_EQ(objects[2], "text");
-  EXPECT_EQ(objects[3], true);
-  EXPECT_EQ(objects[4], -3);
-  EXPECT_EQ(objects[5], json({{"real", 0.5}}));
-  EXPECT_EQ(objects[6], json({{"data", "dead"}}));
-  EXPECT_EQ(objects[7], "caf\xc3\xa9");
-
-  auto back = cast<Array>(roundTrip(root));
-  ASSERT_TRUE(back);
-  EXPECT_EQ(back->objectAs<Number>(1)->kind(), Number::Kind::Bool);
-  EXPECT_EQ(back->objectAs<Number>(2)->kind(), Number::Kind::Integer);
-  EXPECT_EQ(back->objectAs<Number>(3)->kind(), Number::Kind::Real);
-  EXPECT_TRUE(back->isEqual(*root));
-}
-
-TEST_F(ArchiveLayout, TemporariesMadeWhileEncodingKeepTheirOwnUids) {
-  // Each index path makes a temporary data object while it is encoded; a
-  // freed temporary's address must not alias the next one.
-  auto root = MutableArray::make();
-  for (uint64_t i = 0; i < 200; ++i) root->addObject(IndexPath::make({i, i * 300, 7}));
-  auto back = roundTrip(root);
-  ASSERT_TRUE(back);
-  EXPECT_TRUE(back->isEqual(*root));
-}
-
-class ArchiveReader : public ::testing::Test {
- protected:
-  void SetUp() override { registerTestClasses(); }
-};
-
-TEST_F(ArchiveReader, EveryCoderCallRoundTrips) {
+TEST_F(KeyedArchive, ValuesStandInlinePlainObjectsHaveNoClassAndDollarKeysGetAnotherDollar) {
   auto everything = std::make_shared<Everything>();
   everything->small = std::numeric_limits<int32_t>::min();
   everything->large = std::numeric_limits<int64_t>::min();
   everything->flag = true;
   everything->real = -1e300;
-  everything->bytes = std::vector<uint8_t>(300, 0xab);
-  everything->object = Dictionary::withStringKeys({{"k", Number::numberWithInteger(1)}});
-  everything->list = {str("x"), nullptr, SizeRecord::make(-1, true)};
-  everything->dollar = -77;
-  ErrorPtr error;
-  auto back = roundTrip(everything, &error);
-  ASSERT_TRUE(back) << describe(error);
+  everything->bytes = {1, 2, 3};
+  everything->list = {str("text"),
+                      Number::numberWithBool(true),
+                      Number::numberWithInteger(-3),
+                      Number::numberWithDouble(0.5),
+                      Data::make({0xde, 0xad}),
+                      nullptr};
+  everything->dollar = 9;
+  json objects = readJson(archived(everything))["$objects"];
+  json root = objects[1];
+  EXPECT_EQ(root["small"], std::numeric_limits<int32_t>::min());
+  EXPECT_EQ(root["large"], std::numeric_limits<int64_t>::min());
+  EXPECT_EQ(root["flag"], true);
+  EXPECT_EQ(root["real"], json({{"real", -1e300}}));
+  EXPECT_EQ(root["bytes"], json({{"data", "010203"}}));
+  EXPECT_EQ(root["object"], uid(0));
+  EXPECT_EQ(root["$$dollar"], 9);
+  EXPECT_FALSE(root.contains("$dollar"));
+  json plain = json::array();
+  for (const json& element : root["list"]) plain.push_back(objects[element["UID"].get<int>()]);
+  EXPECT_EQ(plain, json::array({"text", true, -3, {{"real", 0.5}}, {{"data", "dead"}}, "$null"}));
+
+  auto back = cast<Everything>(roundTrip(everything));
+  ASSERT_TRUE(back);
   EXPECT_TRUE(back->isEqual(*everything));
-  EXPECT_EQ(cast<Everything>(back)->list[1], nullptr);
+  EXPECT_EQ(back->list[5], nullptr);
+  EXPECT_EQ(cast<Number>(back->list[1])->kind(), Number::Kind::Bool);
+  EXPECT_EQ(cast<Number>(back->list[2])->kind(), Number::Kind::Integer);
+  EXPECT_EQ(cast<Number>(back->list[3])->kind(), Number::Kind::Real);
 }
 
-TEST_F(ArchiveReader, NullTargetsDecodeAsNilAndClassHintsAreIgnored) {
-  HandArchive archive;
-  auto& p = archive.plist();
-  uint32_t arrayClass = archive.addClass("NSArray");  // no $classes
-  archive.set(0, p.addString("$null"));
-  uint32_t null2 = archive.add(p.addString("$null"));
-  uint32_t recordClass = archive.add(archive.object(
-      {{"$classname", archive.str("QXFileSizeItem")},
-       {"$classes", p.addArray(std::vector<BinaryPlist::Ref>{archive.str("Bogus")})},
-       {"$classhints", p.addArray(std::vector<BinaryPlist::Ref>{archive.str("NSArray")})}}));
-  uint32_t record = archive.add(archive.object({{"size", archive.integer(12)},
-                                                {"busy", p.addBool(true)},
-                                                {"$class", archive.uid(recordClass)}}));
-  uint32_t root = archive.add(archive.object(
-      {{"NS.objects", archive.uids({0, null2, record})}, {"$class", archive.uid(arrayClass)}}));
+TEST_F(KeyedArchive, FoundationClassesKeepTheirLayout) {
+  auto uuid = Uuid::withString("FFFFEEEE-DDDD-CCCC-BBBB-AAAA000001F5");
+  auto root = Array::make({Url::fileURLWithPath("/tmp/a b%\xff"), IndexPath::make({}),
+                           IndexPath::make({42}), IndexPath::make({1, 300, 2}), uuid});
+  json objects = readJson(archived(root))["$objects"];
+  auto element = [&](int i) { return objects[objects[1]["NS.objects"][i]["UID"].get<int>()]; };
+  auto at = [&](const json& reference) { return objects[reference["UID"].get<int>()]; };
+  EXPECT_EQ(element(0)["NS.base"], uid(0));
+  EXPECT_EQ(at(element(0)["NS.relative"]), "file:///tmp/a%20b%25%FF");
+  EXPECT_EQ(element(1)["NSIndexPathLength"], 0);
+  EXPECT_FALSE(element(1).contains("NSIndexPathValue") || element(1).contains("NSIndexPathData"));
+  EXPECT_EQ(element(2)["NSIndexPathLength"], 1);
+  EXPECT_EQ(element(2)["NSIndexPathValue"], 42);
+  EXPECT_FALSE(element(2).contains("NSIndexPathData"));
+  EXPECT_EQ(element(3)["NSIndexPathLength"], 3);
+  EXPECT_EQ(at(element(3)["NSIndexPathData"]), json({{"data", "01ac0202"}}));
+  EXPECT_EQ(element(4)["NS.uuidbytes"], json({{"data", "ffffeeeeddddccccbbbbaaaa000001f5"}}));
+}
+
+TEST_F(KeyedArchive, FoundationClassesRoundTripUnderTheirUsualSets) {
+  const std::string path = "/tmp/\xff\xfe-not-utf8/\xc3\xa9";
+  auto url = Url::fileURLWithPath(path);
+  auto info = Dictionary::withStringKeys(
+      {{"NSLocalizedDescription", str("Acces denied")},
+       {"NSLocalizedRecoverySuggestion", str("Ask the owner")},
+       {"NSURL", Url::fileURLWithPath("/home/x/a b")},
+       {"NSUnderlyingError", Error::errorWithDomain(kPOSIXErrorDomain, 13)}});
+  auto mutableDict = MutableDictionary::make();
+  mutableDict->setObject(Array::make({str("x"), Array::make({Array::make()})}), "nested");
+  ObjectPtr deep = Array::make({str("leaf")});
+  for (int i = 0; i < 50; ++i) deep = Array::make({deep, Number::numberWithInteger(i)});
+  // Each index path makes a temporary data object while it is encoded; a
+  // freed temporary's address must not alias the next one.
+  auto paths = MutableArray::make();
+  for (uint64_t i = 0; i < 200; ++i) paths->addObject(IndexPath::make({i, i * 300, 7}));
+  const ObjectPtr objects[] = {
+      url,
+      Url::fileURLWithPath("/tmp/100%/x y"),
+      Url::fileURLWithPath("/"),
+      Url::URLWithString("https://host.invalid/x?y=1"),
+      IndexPath::make({}),
+      IndexPath::make({0, 127, 128, 16383, 16384, ~uint64_t(0)}),
+      Error::errorWithDomain(kCocoaErrorDomain, kFileReadNoPermissionError, info),
+      Error::errorWithDomain(kPOSIXErrorDomain, -5),
+      Uuid::make(),
+      mutableDict,
+      Dictionary::withStringKeys({{"k", str("v")}}),
+      deep,
+      paths,
+      Array::make({url, Dictionary::withStringKeys({{"u", url}}), url}),
+  };
+  ClassSet usual{&Array::classInfo(),  &Dictionary::classInfo(), &String::classInfo(),
+                 &Number::classInfo(), &Url::classInfo(),        &IndexPath::classInfo(),
+                 &Uuid::classInfo(),   &Error::classInfo()};
+  for (const ObjectPtr& object : objects) {
+    ErrorPtr error;
+    auto back = KeyedUnarchiver::unarchivedObjectOfClasses(usual, archived(object), &error);
+    ASSERT_TRUE(back) << object->description() << ": " << describe(error);
+    EXPECT_EQ(&back->objectClass(), &object->objectClass()) << object->description();
+    EXPECT_TRUE(back->isEqual(*object)) << object->description();
+  }
+  EXPECT_EQ(cast<Url>(roundTrip(url))->fileSystemRepresentation(), path);
+  // The shared URL is decoded once.
+  auto shared = cast<Array>(roundTrip(objects[std::size(objects) - 1]));
+  ASSERT_TRUE(shared);
+  EXPECT_EQ(shared->objectAtIndex(0), shared->objectAtIndex(2));
+  EXPECT_EQ(shared->objectAs<Dictionary>(1)->objectForKey("u"), shared->objectAtIndex(0));
+}
+
+TEST_F(KeyedArchive, NullTargetsAndMissingKeysDecodeAsNilAndDefaultsAndHintsAreIgnored) {
+  json archive = keyedArchive(json::array(
+      {"$null",
+       {{"NS.objects", {uid(0), uid(2), uid(3), uid(5)}}, {"$class", uid(4)}},
+       "$null",
+       {{"size", 12}, {"busy", true}, {"$class", uid(6)}},
+       {{"$classname", "NSArray"}},  // no $classes
+       {{"$class", uid(7)}},
+       {{"$classname", "QXFileSizeItem"}, {"$classes", {"Bogus"}}, {"$classhints", {"NSArray"}}},
+       classDict("QXTestEverything", {"QXTestEverything", "NSObject"})}));
   ErrorPtr error;
-  auto bytes = archive.bytes(root);
-  auto back = cast<Array>(KeyedUnarchiver::unarchiveObjectWithData(bytes, &error));
+  auto back = cast<Array>(KeyedUnarchiver::unarchiveObjectWithData(writeJson(archive), &error));
   ASSERT_TRUE(back) << describe(error);
-  ASSERT_EQ(back->count(), 3u);
+  ASSERT_EQ(back->count(), 4u);
   EXPECT_EQ(back->objectAtIndex(0), nullptr);
   EXPECT_EQ(back->objectAtIndex(1), nullptr);
   EXPECT_TRUE(back->objectAtIndex(2)->isEqual(*SizeRecord::make(12, true)));
-}
-
-TEST_F(ArchiveReader, MissingKeysGiveDefaults) {
-  HandArchive archive;
-  uint32_t cls = archive.addClass("QXTestEverything", {"QXTestEverything", "NSObject"});
-  archive.add(archive.object({{"$class", archive.uid(cls)}}));
-  ErrorPtr error;
-  auto back = cast<Everything>(KeyedUnarchiver::unarchiveObjectWithData(archive.bytes(2), &error));
-  ASSERT_TRUE(back) << describe(error);
-  EXPECT_TRUE(back->isEqual(Everything()));
-}
-
-TEST_F(ArchiveReader, ArchivesNestInsideArchives) {
-  auto root = std::make_shared<NestingNode>(SizeRecord::make(1, true));
-  auto child = std::make_shared<NestingNode>(SizeRecord::make(2, false));
-  child->children.push_back(std::make_shared<NestingNode>(SizeRecord::make(3, true)));
-  root->children.push_back(child);
-  root->children.push_back(std::make_shared<NestingNode>());
-  ErrorPtr error;
-  auto back = cast<NestingNode>(roundTrip(root, &error));
-  ASSERT_TRUE(back) << describe(error);
-  ASSERT_EQ(back->children.size(), 2u);
-  EXPECT_TRUE(back->object->isEqual(*SizeRecord::make(1, true)));
-  ASSERT_EQ(back->children[0]->children.size(), 1u);
-  EXPECT_TRUE(back->children[0]->children[0]->object->isEqual(*SizeRecord::make(3, true)));
-  EXPECT_EQ(back->children[1]->object, nullptr);
+  EXPECT_TRUE(back->objectAtIndex(3)->isEqual(Everything()));
 }
 
 ObjectPtr nestedArrays(int levels) {
@@ -247,13 +205,23 @@ std::shared_ptr<NestingNode> nodeChain(int levels) {
   return root;
 }
 
-TEST_F(ArchiveReader, NestingIsLimitedTo256LevelsCountingArchivesInArchives) {
+TEST_F(KeyedArchive, ArchivesNestInArchivesUpTo256LevelsAllTold) {
+  auto root = std::make_shared<NestingNode>(SizeRecord::make(1, true));
+  auto child = std::make_shared<NestingNode>(SizeRecord::make(2, false));
+  child->children.push_back(std::make_shared<NestingNode>(SizeRecord::make(3, true)));
+  root->children = {child, std::make_shared<NestingNode>()};
   ErrorPtr error;
+  auto back = cast<NestingNode>(roundTrip(root, &error));
+  ASSERT_TRUE(back) << describe(error);
+  ASSERT_EQ(back->children.size(), 2u);
+  EXPECT_TRUE(back->object->isEqual(*SizeRecord::make(1, true)));
+  ASSERT_EQ(back->children[0]->children.size(), 1u);
+  EXPECT_TRUE(back->children[0]->children[0]->object->isEqual(*SizeRecord::make(3, true)));
+  EXPECT_EQ(back->children[1]->object, nullptr);
+
   EXPECT_TRUE(roundTrip(nestedArrays(kMaxArchiveDepth), &error)) << describe(error);
   EXPECT_FALSE(roundTrip(nestedArrays(kMaxArchiveDepth + 1), &error));
-  ASSERT_TRUE(error);
   EXPECT_NE(describe(error).find("deeper than 256"), std::string::npos) << describe(error);
-
   // Each node level is one object, and its child array one more while the
   // child archive is decoded: 200 node levels stay inside, 300 do not.
   EXPECT_TRUE(roundTrip(nodeChain(200), &error)) << describe(error);
@@ -266,27 +234,19 @@ TEST_F(ArchiveReader, NestingIsLimitedTo256LevelsCountingArchivesInArchives) {
 // A nesting node whose child list names one child archive `times` times; the
 // child archive carries `padding` bytes of unused objects.
 std::vector<uint8_t> repeatedChild(std::size_t times, std::size_t padding) {
-  HandArchive child;
-  uint32_t node = child.add(0);
-  uint32_t cls = child.addClass("QXTestNestingNode", {"QXTestNestingNode", "NSObject"});
-  child.set(node, child.object({{"object", child.uid(0)}, {"$class", child.uid(cls)}}));
-  child.add(child.str(std::string(padding, 'x')));
-  std::vector<uint8_t> blob = child.bytes(node);
-
-  HandArchive outer;
-  uint32_t root = outer.add(0);
-  uint32_t list = outer.add(0);
-  uint32_t data = outer.add(outer.plist().addData(blob));
-  uint32_t nodeClass = outer.addClass("QXTestNestingNode", {"QXTestNestingNode", "NSObject"});
-  uint32_t arrayClass = outer.addClass("NSArray", {"NSArray", "NSObject"});
-  std::vector<BinaryPlist::Ref> names(times, outer.uid(data));
-  outer.set(list, outer.object({{"NS.objects", outer.plist().addArray(names)},
-                                {"$class", outer.uid(arrayClass)}}));
-  outer.set(root, outer.object({{"children", outer.uid(list)}, {"$class", outer.uid(nodeClass)}}));
-  return outer.bytes(root);
+  json nodeClass = classDict("QXTestNestingNode", {"QXTestNestingNode", "NSObject"});
+  std::vector<uint8_t> child = writeJson(keyedArchive(json::array(
+      {"$null", {{"object", uid(0)}, {"$class", uid(2)}}, nodeClass, std::string(padding, 'x')})));
+  return writeJson(keyedArchive(
+      json::array({"$null",
+                   {{"children", uid(2)}, {"$class", uid(4)}},
+                   {{"NS.objects", std::vector<json>(times, uid(3))}, {"$class", uid(5)}},
+                   {{"data", hex(child)}},
+                   nodeClass,
+                   classDict("NSArray", {"NSArray", "NSObject"})})));
 }
 
-TEST_F(ArchiveReader, NestedArchivesCannotMultiplyTheInput) {
+TEST_F(KeyedArchive, NestedArchivesCannotMultiplyTheInput) {
   ErrorPtr error;
   auto few =
       cast<NestingNode>(KeyedUnarchiver::unarchiveObjectWithData(repeatedChild(50, 20000), &error));
@@ -300,17 +260,14 @@ TEST_F(ArchiveReader, NestedArchivesCannotMultiplyTheInput) {
   EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(repeatedChild(50, 20000), &error));
 }
 
-TEST_F(ArchiveReader, ExceptionsInCodingBecomeNilAndAnError) {
+TEST_F(KeyedArchive, ExceptionsInCodingBecomeNilAndAnError) {
   ClassRegistry::registerClass(Throwing::classInfo(), &Throwing::initWithCoder);
   auto throwing = std::make_shared<Throwing>();
   throwing->throwOnEncode = true;
   EXPECT_EQ(KeyedArchiver::archivedDataWithRootObject(Array::make({throwing})), nullptr);
-
   throwing->throwOnEncode = false;
-  DataPtr data = KeyedArchiver::archivedDataWithRootObject(Array::make({throwing}));
-  ASSERT_TRUE(data);
   ErrorPtr error;
-  EXPECT_EQ(KeyedUnarchiver::unarchiveObjectWithData(*data, &error), nullptr);
+  EXPECT_EQ(roundTrip(Array::make({throwing}), &error), nullptr);
   EXPECT_NE(describe(error).find("no memory"), std::string::npos) << describe(error);
   // The thread's nesting count is back at zero afterwards.
   EXPECT_TRUE(roundTrip(nestedArrays(kMaxArchiveDepth), &error)) << describe(error);
