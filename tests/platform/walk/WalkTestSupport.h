@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fts.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -11,11 +12,8 @@
 
 namespace qx::walktest {
 
-// A temporary tree named for the walk tests.
-class TempTree : public qx::test::TempTree {
- public:
-  TempTree() : qx::test::TempTree("qx-walk") {}
-};
+constexpr int kPropagation = FTS_PHYSICAL | FTS_NOCHDIR;
+constexpr int kSizes = FTS_NOCHDIR | FTS_PHYSICAL | FTS_XDEV;
 
 // One visited entry, as both walkers report it.
 struct Visit {
@@ -25,33 +23,28 @@ struct Visit {
   std::string path;
   std::string name;
   ino_t ino;
-
-  bool operator==(const Visit&) const = default;
 };
 
-std::string describe(const Visit& visit);
+// One visit a line, and back: a child process hands its walks over as text.
 std::string describe(const std::vector<Visit>& visits);
-// The visits of describe()'s text, one a line.
 std::vector<Visit> parseVisits(const std::string& text);
+const Visit* find(const std::vector<Visit>& visits, const std::string& path, int info);
 
-// A walk of `paths` with glibc's fts, and with TreeWalk. Names are compared
-// with strcmp when `byName` is set. Folders named `skipName` are skipped on
-// their D entry. The TreeWalk run also checks every entry's parentFd() and
-// accessName() against its stat data and adds a Visit with info -1 when they
-// disagree. A failed open adds info -2, a failed end -3, a failed close -4.
+// Called after each entry is reported; true asks to skip that folder.
+using OnVisit = std::function<bool(const Visit&)>;
+
+// A walk of `paths` with glibc's fts, and with TreeWalk, names compared with
+// strcmp when `byName`. The TreeWalk run also checks every entry's parentFd()
+// and accessName() against its stat data and adds a Visit with info -1 when
+// they disagree. A failed open adds info -2, a failed end -3, a failed close -4.
 std::vector<Visit> walkWithFts(const std::vector<std::string>& paths, int options, bool byName,
-                               const std::string& skipName = "");
+                               const OnVisit& onVisit = nullptr);
 std::vector<Visit> walkWithTreeWalk(const std::vector<std::string>& paths, int options, bool byName,
-                                    const std::string& skipName = "");
+                                    const OnVisit& onVisit = nullptr);
+// Both walks described, and an explanation when they differ.
+std::string bothWalksDiffer(const std::vector<std::string>& paths, int options, bool byName);
 
-int compareNames(const WalkEntry* a, const WalkEntry* b);
-
-// Runs `body` in a forked child and returns what it returned, or "exit N" /
-// "signal N" when the child did not end normally.
-std::string runInChild(const std::function<std::string()>& body);
-
-// Descriptors open in this process, and the lowest number not in use.
+// Descriptors open in this process.
 int openDescriptorCount();
-int lowestFreeDescriptor();
 
 }  // namespace qx::walktest
