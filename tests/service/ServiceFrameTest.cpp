@@ -2,54 +2,27 @@
 // of a socket pair, a plain connection on the other.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include "model/ModelClasses.h"
 #include "model/QXFileSizeItem.h"
-#include "platform/dispatch/Semaphore.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcListener.h"
 #include "platform/xpc/XpcReplyWaiter.h"
 #include "service/QXFileRequest.h"
-#include "service/QXFileResponse.h"
 #include "service/QXFileService.h"
 #include "service/QXFileServiceDelegate.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/ScriptedResponder.h"
+#include "tests/support/TempTree.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-bool eventually(const std::function<bool()>& condition) {
-  auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(2ms);
-  }
-  return true;
-}
-
-// Answers the service's size reports only when told to.
-class HoldingClient final : public QXFileResponse {
- public:
-  void progressWithReply(AnswerReply reply) override { reply(false); }
-  void updateFileSizes(qx::ArrayPtr, AnswerReply reply) override {
-    std::lock_guard lock(mutex_);
-    held_.push_back(std::move(reply));
-    reported_.signal();
-  }
-  bool waitForReport() { return reported_.waitFor(10s); }
-
- private:
-  std::mutex mutex_;
-  std::vector<AnswerReply> held_;
-  qx::Semaphore reported_;
-};
+using qx::test::eventually;
 
 class ServiceFrame : public ::testing::Test {
  protected:
@@ -59,14 +32,10 @@ class ServiceFrame : public ::testing::Test {
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
     serviceEnd = qx::XpcConnection::withSocket(qx::UniqueFd(fds[0]));
     clientEnd = qx::XpcConnection::withSocket(qx::UniqueFd(fds[1]));
-    std::string pattern = (std::filesystem::temp_directory_path() / "qx-frame-XXXXXX").string();
-    ASSERT_TRUE(::mkdtemp(pattern.data()));
-    folder = pattern;
   }
   void TearDown() override {
     clientEnd->invalidate();
     serviceEnd->invalidate();
-    std::filesystem::remove_all(folder);
   }
 
   // Accepts the service end as the service's listener would.
@@ -92,18 +61,16 @@ class ServiceFrame : public ::testing::Test {
 
   std::shared_ptr<qx::XpcConnection> serviceEnd;
   std::shared_ptr<qx::XpcConnection> clientEnd;
-  std::string folder;
+  qx::test::TempTree files{"qx-frame"};
 };
 
-TEST_F(ServiceFrame, AServiceWithoutAConnectionTouchesNone) {
-  auto service = std::make_shared<QXFileService>();
-  EXPECT_FALSE(service->connection());
-  EXPECT_EQ(service->queue().label(), "org.qxfile.FileService.OperationQueue");
-  service.reset();
-  EXPECT_TRUE(serviceEnd->isValid());
-}
+TEST_F(ServiceFrame, AServiceHoldsItsConnectionAndClosesItWhenDestroyed) {
+  auto alone = std::make_shared<QXFileService>();
+  EXPECT_FALSE(alone->connection());
+  EXPECT_EQ(alone->queue().label(), "org.qxfile.FileService.OperationQueue");
+  alone.reset();
+  EXPECT_TRUE(serviceEnd->isValid()) << "a service without a connection touches none";
 
-TEST_F(ServiceFrame, DestroyingTheServiceClosesItsConnection) {
   serviceEnd->setExportedInterface(
       qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol()));
   auto service = std::make_shared<QXFileService>(serviceEnd);
@@ -121,22 +88,16 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   ASSERT_TRUE(accept());
   EXPECT_EQ(serviceEnd->remoteObjectInterface()->protocol().name(), "QXFileResponse");
   EXPECT_EQ(serviceEnd->exportedInterface()->protocol().name(), "QXFileRequest");
-  EXPECT_TRUE(serviceEnd->remoteObjectProxy<QXFileResponse>());
   std::weak_ptr<void> exported = serviceEnd->exportedObject();
   ASSERT_FALSE(exported.expired());
-
-  // Resumed: a request is answered by the service's worker.
-  std::string item = folder + "/item";
-  std::ofstream(item) << "x";
+  // Resumed: a request is answered by the service's worker, with its error.
   auto proxy = clientProxy();
   auto reply = qx::XpcReplyWaiter<qx::ErrorPtr>::wait([&](auto done) {
-    proxy->setAclEntries(qx::Array::make(), qx::Url::fileURLWithPath(folder + "/missing"),
+    proxy->setAclEntries(qx::Array::make(), qx::Url::fileURLWithPath(files.path("missing")),
                          std::move(done));
   });
-  ASSERT_TRUE(reply);
-  ASSERT_TRUE(*reply);  // the item is missing: the worker's error
+  ASSERT_TRUE(reply && *reply);
   EXPECT_EQ((*reply)->code(), ENOENT);
-
   // The connection's end releases its service.
   clientEnd->invalidate();
   EXPECT_TRUE(eventually([&] { return exported.expired(); }));
@@ -145,19 +106,17 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
 // A queued calculation holds its service: the connection ending does not
 // destroy the service under it, and the released worker lets it go.
 TEST_F(ServiceFrame, AWaitingCalculationKeepsItsServiceUntilItEnds) {
-  for (int i = 0; i < 120; ++i) std::ofstream(folder + "/f" + std::to_string(i)) << "x";
+  for (int i = 0; i < 120; ++i) files.file("f" + std::to_string(i), "x");
   ASSERT_TRUE(accept());
   std::weak_ptr<void> exported = serviceEnd->exportedObject();
-  auto responder = std::make_shared<HoldingClient>();
+  auto responder = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
   auto proxy = clientProxy(responder);
   std::atomic<int> replies{0};
-  proxy->getSizesWithUrls(qx::Array::make({qx::Url::fileURLWithPath(folder)}),
+  proxy->getSizesWithUrls(qx::Array::make({qx::Url::fileURLWithPath(files.root())}),
                           [&](qx::ArrayPtr, qx::ErrorPtr) { ++replies; });
-  ASSERT_TRUE(responder->waitForReport());
-  // The worker waits for the held answer; the service is still there.
-  std::this_thread::sleep_for(50ms);
+  ASSERT_TRUE(responder->waitForCalls(1));
+  std::this_thread::sleep_for(50ms);  // the worker waits for the held answer
   EXPECT_FALSE(exported.expired());
-
   clientEnd->invalidate();  // the waiting worker is released as if told to stop
   EXPECT_TRUE(eventually([&] { return exported.expired(); }));
   EXPECT_FALSE(serviceEnd->isValid());
