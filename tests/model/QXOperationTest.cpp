@@ -1,3 +1,5 @@
+// The errors the service hands out: a failing step, and a step's error
+// wrapped under an operation's title.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -28,56 +30,33 @@ ErrorPtr posix(int64_t code) {
   return Error::errorWithDomain(qx::kPOSIXErrorDomain, code);
 }
 
-TEST(QXOperationErrno, DescribesTheStepAndTheSystemText) {
-  ErrorPtr error = QXOperation::errorWithErrno(ENOENT, "Couldn't do it.", "/tmp/a b");
-  EXPECT_EQ(error->domain(), qx::kPOSIXErrorDomain);
-  EXPECT_EQ(error->code(), ENOENT);
-  EXPECT_EQ(error->localizedDescription(), "Couldn't do it.");
-  EXPECT_EQ(error->localizedRecoverySuggestion(), "No such file or directory");
-  auto url = error->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey);
-  ASSERT_TRUE(url);
-  EXPECT_EQ(url->path(), "/tmp/a b");
-  EXPECT_EQ(error->userInfo()->count(), 3u);
-}
-
-TEST(QXOperationErrno, ZeroIsStillAnError) {
-  ErrorPtr error = QXOperation::errorWithErrno(0, "Nothing wrong.", nullptr);
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), 0);
-  EXPECT_EQ(error->localizedRecoverySuggestion(), "Success");
-}
-
-TEST(QXOperationErrno, EmptyOrMissingPathAddsNoUrl) {
-  for (const char* path : {static_cast<const char*>(nullptr), ""}) {
-    ErrorPtr error = QXOperation::errorWithErrno(EACCES, "Denied.", path);
-    EXPECT_FALSE(error->userInfo()->objectForKey(qx::kURLErrorKey));
-    EXPECT_EQ(error->userInfo()->count(), 2u);
+TEST(QXOperationErrno, TheStepDescribesTheSystemTextSuggestsAndThePathBecomesAUrl) {
+  const int unparsable = static_cast<int>(0x80000002u);  // a membership status, kept as the code
+  const std::tuple<int, const char*, std::string> cases[] = {
+      {ENOENT, "/tmp/a b", "No such file or directory"},
+      {0, nullptr, "Success"},  // zero is still an error
+      {EACCES, "", "Permission denied"},
+      {EPERM, "/secret/path", "Operation not permitted"},  // never inserted into the texts
+      {EIO, "/tmp/caf\xe9", "Input/output error"},         // not UTF-8: kept as bytes
+      {unparsable, "/x", "Unknown error " + std::to_string(unparsable)},
+  };
+  for (const auto& [code, path, suggestion] : cases) {
+    ErrorPtr error = QXOperation::errorWithErrno(code, "Step failed.", path);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), qx::kPOSIXErrorDomain);
+    EXPECT_EQ(error->code(), code);
+    EXPECT_EQ(error->localizedDescription(), "Step failed.");
+    EXPECT_EQ(error->localizedRecoverySuggestion(), suggestion);
+    auto url = error->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey);
+    bool hasPath = path != nullptr && *path != '\0';
+    EXPECT_EQ(error->userInfo()->count(), hasPath ? 3u : 2u) << code;
+    if (hasPath) {
+      EXPECT_EQ(url ? url->path() : "<none>", path);
+    }
   }
 }
 
-TEST(QXOperationErrno, PathIsNeverInsertedIntoTheTexts) {
-  ErrorPtr error = QXOperation::errorWithErrno(EPERM, "Step failed.", "/secret/path");
-  EXPECT_EQ(error->localizedDescription(), "Step failed.");
-  EXPECT_EQ(error->localizedRecoverySuggestion(), "Operation not permitted");
-}
-
-TEST(QXOperationErrno, NonUtf8PathKeepsItsBytes) {
-  const char path[] = "/tmp/caf\xe9";
-  ErrorPtr error = QXOperation::errorWithErrno(EIO, "Step failed.", path);
-  auto url = error->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey);
-  ASSERT_TRUE(url);
-  EXPECT_EQ(url->path(), path);
-}
-
-TEST(QXOperationErrno, MembershipStatusAndFixedNumbersAreKeptAsCodes) {
-  const int unparsable = static_cast<int>(0x80000002u);
-  ErrorPtr error =
-      QXOperation::errorWithErrno(unparsable, "Couldn't retrieve selected user identifier.", "/x");
-  EXPECT_EQ(error->code(), unparsable);
-  EXPECT_EQ(error->localizedRecoverySuggestion(), "Unknown error " + std::to_string(unparsable));
-}
-
-TEST(QXOperationWrap, TitleBecomesDescriptionAndStepMovesToSuggestion) {
+TEST(QXOperationWrap, TheTitleDescribesTheStepJoinsTheSuggestionAndOtherKeysStay) {
   ErrorPtr step = QXOperation::errorWithErrno(
       ENOENT, "Couldn't retrieve file stat for file at path \"/tmp/x\".", "/tmp/x");
   ErrorPtr wrapped =
@@ -87,44 +66,29 @@ TEST(QXOperationWrap, TitleBecomesDescriptionAndStepMovesToSuggestion) {
   EXPECT_EQ(wrapped->localizedDescription(), "Error retrieving file Access Control List entries");
   EXPECT_EQ(wrapped->localizedRecoverySuggestion(),
             "Couldn't retrieve file stat for file at path \"/tmp/x\". No such file or directory");
-  auto url = wrapped->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey);
-  ASSERT_TRUE(url);
-  EXPECT_EQ(url->path(), "/tmp/x");
-  // The inner error is not attached as an underlying error.
-  EXPECT_FALSE(wrapped->underlyingError());
-  // The inner error is left as it was.
+  EXPECT_EQ(wrapped->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey)->path(), "/tmp/x");
+  EXPECT_FALSE(wrapped->underlyingError());  // the inner error is not attached
   EXPECT_EQ(step->localizedDescription(),
             "Couldn't retrieve file stat for file at path \"/tmp/x\".");
-}
+  // Without an inner suggestion, no trailing space.
+  EXPECT_EQ(QXOperation::errorWithError(cocoaError(4), "Title")->localizedRecoverySuggestion(),
+            "The file couldn\u2019t be saved.");
 
-TEST(QXOperationWrap, NoInnerSuggestionMeansNoTrailingSpace) {
-  ErrorPtr wrapped = QXOperation::errorWithError(cocoaError(4), "Title");
-  EXPECT_EQ(wrapped->localizedRecoverySuggestion(), "The file couldn\u2019t be saved.");
-}
-
-TEST(QXOperationWrap, KeepsEveryOtherInnerKey) {
   auto info = qx::MutableDictionary::make();
   info->setObject(qx::str("extra"), "QXSomethingElse");
   info->setObject(posix(EIO), qx::kUnderlyingErrorKey);
   info->setObject(qx::str("inner"), qx::kLocalizedDescriptionKey);
-  ErrorPtr wrapped =
+  ErrorPtr kept =
       QXOperation::errorWithError(Error::errorWithDomain(qx::kCocoaErrorDomain, 4, info), "Title");
-  EXPECT_EQ(stringFor(wrapped, "QXSomethingElse"), "extra");
-  ASSERT_TRUE(wrapped->underlyingError());
-  EXPECT_EQ(wrapped->underlyingError()->code(), EIO);
-  EXPECT_EQ(stringFor(wrapped, qx::kLocalizedDescriptionKey), "Title");
-  EXPECT_EQ(stringFor(wrapped, qx::kLocalizedRecoverySuggestionErrorKey), "inner");
+  EXPECT_EQ(stringFor(kept, "QXSomethingElse"), "extra");
+  ASSERT_TRUE(kept->underlyingError());
+  EXPECT_EQ(kept->underlyingError()->code(), EIO);
+  EXPECT_EQ(stringFor(kept, qx::kLocalizedDescriptionKey), "Title");
+  EXPECT_EQ(stringFor(kept, qx::kLocalizedRecoverySuggestionErrorKey), "inner");
 }
 
-struct Mapping {
-  const char* what;
-  ErrorPtr inner;
-  std::string_view domain;
-  int64_t code;
-};
-
-TEST(QXOperationWrap, MapsPermissionFailuresToPosix13) {
-  const Mapping cases[] = {
+TEST(QXOperationWrap, PermissionFailuresBecomePosix13) {
+  const std::tuple<const char*, ErrorPtr, std::string_view, int64_t> cases[] = {
       {"write no permission", cocoaError(513), qx::kPOSIXErrorDomain, EACCES},
       {"read no permission", cocoaError(257), qx::kPOSIXErrorDomain, EACCES},
       {"read no permission over POSIX 2", cocoaError(257, posix(ENOENT)), qx::kPOSIXErrorDomain,
@@ -139,10 +103,10 @@ TEST(QXOperationWrap, MapsPermissionFailuresToPosix13) {
       {"POSIX 1 alone", posix(EPERM), qx::kPOSIXErrorDomain, EPERM},
       {"POSIX 2 alone", posix(ENOENT), qx::kPOSIXErrorDomain, ENOENT},
   };
-  for (const Mapping& m : cases) {
-    ErrorPtr wrapped = QXOperation::errorWithError(m.inner, "Title");
-    EXPECT_EQ(wrapped->domain(), m.domain) << m.what;
-    EXPECT_EQ(wrapped->code(), m.code) << m.what;
+  for (const auto& [what, inner, domain, code] : cases) {
+    ErrorPtr wrapped = QXOperation::errorWithError(inner, "Title");
+    EXPECT_EQ(wrapped->domain(), domain) << what;
+    EXPECT_EQ(wrapped->code(), code) << what;
   }
 }
 
