@@ -1,12 +1,10 @@
 #!/usr/bin/env python3
 """A client written from the protocol description alone, in another language.
 
-Connects to a qxfile-style service socket, sends two invocations built with
-plistlib as keyed archives (one the service answers, one it must refuse), and
-prints what comes back, one line per message:
+Sends two invocations built with plistlib as keyed archives to the service at
+SOCKET_PATH (one it answers, one it must refuse) and prints each message back:
     reply <replyTo> <arguments as JSON>
     refused <sequence> <reason>
-Usage: python_client.py SOCKET_PATH
 """
 import json
 import plistlib
@@ -32,9 +30,7 @@ def archive(root):
         return classes[name]
 
     def encode(value):
-        if value is None:
-            return plistlib.UID(0)
-        if isinstance(value, (str, int, bool, bytes, float)):
+        if isinstance(value, (str, int)):
             objects.append(value)
             return plistlib.UID(len(objects) - 1)
         slot = len(objects)
@@ -42,14 +38,12 @@ def archive(root):
         if isinstance(value, list):
             body = {"NS.objects": [encode(v) for v in value], "$class": class_uid("NSArray")}
         elif isinstance(value, dict):
-            keys = [encode(k) for k in value.keys()]
+            keys = [encode(k) for k in value]
             body = {"NS.keys": keys, "NS.objects": [encode(v) for v in value.values()],
                     "$class": class_uid("NSDictionary")}
-        elif isinstance(value, URL):
+        else:
             body = {"NS.base": plistlib.UID(0), "NS.relative": encode(value.relative),
                     "$class": class_uid("NSURL")}
-        else:
-            raise TypeError(value)
         objects[slot] = body
         return plistlib.UID(slot)
 
@@ -61,8 +55,7 @@ def archive(root):
 
 def unarchive(data):
     """The root object of a keyed archive, as plain Python values."""
-    plist = plistlib.loads(data)
-    objects = plist["$objects"]
+    objects = plistlib.loads(data)["$objects"]
 
     def decode(uid):
         value = objects[uid.data]
@@ -76,42 +69,33 @@ def unarchive(data):
             return {"class": name}
         return None if value == "$null" else value
 
-    return decode(plist["$top"]["root"])
+    return decode(plistlib.loads(data)["$top"]["root"])
 
 
-def frame(payload):
-    return struct.pack(">I", len(payload)) + payload
-
-
-def read_frame(sock):
-    def exactly(n):
-        data = b""
-        while len(data) < n:
-            chunk = sock.recv(n - len(data))
-            if not chunk:
-                raise EOFError
-            data += chunk
-        return data
-    (length,) = struct.unpack(">I", exactly(4))
-    return exactly(length)
+def read_exactly(sock, n):
+    data = b""
+    while len(data) < n:
+        chunk = sock.recv(n - len(data))
+        if not chunk:
+            raise EOFError
+        data += chunk
+    return data
 
 
 def main():
     sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     sock.connect(sys.argv[1])
-    sock.sendall(frame(archive({"selector": "countUrls:reply:",
-                                "arguments": [[URL("file:///a"), URL("file:///b%20c")]],
-                                "sequence": 7})))
-    sock.sendall(frame(archive({"selector": "countUrls:reply:",
-                                "arguments": [["not a URL"]],
-                                "sequence": 8})))
+    for sequence, urls in ((7, [URL("file:///a"), URL("file:///b%20c")]), (8, ["not a URL"])):
+        payload = archive({"selector": "countUrls:reply:", "arguments": [urls],
+                           "sequence": sequence})
+        sock.sendall(struct.pack(">I", len(payload)) + payload)
     for _ in range(2):
-        message = unarchive(read_frame(sock))
+        (length,) = struct.unpack(">I", read_exactly(sock, 4))
+        message = unarchive(read_exactly(sock, length))
         if "replyTo" in message:
             print("reply", message["replyTo"], json.dumps(message["arguments"]))
         else:
             print("refused", message["refused"], message["reason"])
-    sock.close()
 
 
 if __name__ == "__main__":

@@ -1,32 +1,36 @@
 #pragma once
 
+#include <unistd.h>
+
+#include <fstream>
 #include <memory>
-#include <mutex>
-#include <string>
 #include <vector>
 
 #include "platform/dispatch/OnceCallback.h"
 #include "platform/dispatch/SerialQueue.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
+#include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcListenerDelegate.h"
 #include "platform/xpc/XpcProtocol.h"
 #include "platform/xpc/XpcRemoteProxy.h"
+#include "platform/xpc/XpcReplyWaiter.h"
 
 namespace qx::xpctest {
 
+using EchoObjectsReply = OnceCallback<void(UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr)>;
+using EchoCollectionsReply = OnceCallback<void(ArrayPtr, DictionaryPtr, DataPtr, NumberPtr, bool)>;
+
 // The protocol of the test service: echoes of every Foundation class, a
-// restricted argument, per-connection state, and a request whose worker asks
-// the client and waits for each answer.
+// restricted argument, per-connection state, a request whose worker asks the
+// client and waits for each answer, and a method without a reply block.
 class TestRequest {
  public:
   virtual ~TestRequest() = default;
-  virtual void echoObjects(
-      UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string, ErrorPtr error,
-      OnceCallback<void(UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr)> reply) = 0;
-  virtual void echoCollections(
-      ArrayPtr array, DictionaryPtr dictionary, DataPtr data, NumberPtr number, bool flag,
-      OnceCallback<void(ArrayPtr, DictionaryPtr, DataPtr, NumberPtr, bool)> reply) = 0;
+  virtual void echoObjects(UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string,
+                           ErrorPtr error, EchoObjectsReply reply) = 0;
+  virtual void echoCollections(ArrayPtr array, DictionaryPtr dictionary, DataPtr data,
+                               NumberPtr number, bool flag, EchoCollectionsReply reply) = 0;
   // Argument 0 is restricted to NSArray and NSURL.
   virtual void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) = 0;
   virtual void incrementWithReply(OnceCallback<void(NumberPtr)> reply) = 0;
@@ -35,7 +39,6 @@ class TestRequest {
   // time waiting for the answer; replies with the answers. When released with
   // no answer it writes "no answer" to `marker` (when given) and stops.
   virtual void askClient(NumberPtr count, StringPtr marker, OnceCallback<void(ArrayPtr)> reply) = 0;
-  // No reply block.
   virtual void note(StringPtr text) = 0;
   virtual void notesWithReply(OnceCallback<void(ArrayPtr)> reply) = 0;
 };
@@ -47,21 +50,16 @@ class TestResponse {
   virtual void question(NumberPtr index, OnceCallback<void(bool)> reply) = 0;
 };
 
-const XpcProtocol& testRequestProtocol();
-const XpcProtocol& testResponseProtocol();
-
 class TestRequestProxy final : public TestRequest, XpcRemoteProxy {
  public:
   using XpcRemoteProxy::XpcRemoteProxy;
-  void echoObjects(
-      UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string, ErrorPtr error,
-      OnceCallback<void(UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr)> reply) override {
+  void echoObjects(UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string,
+                   ErrorPtr error, EchoObjectsReply reply) override {
     send("echoUrl:uuid:indexPath:string:error:reply:", std::move(reply), url, uuid, indexPath,
          string, error);
   }
-  void echoCollections(
-      ArrayPtr array, DictionaryPtr dictionary, DataPtr data, NumberPtr number, bool flag,
-      OnceCallback<void(ArrayPtr, DictionaryPtr, DataPtr, NumberPtr, bool)> reply) override {
+  void echoCollections(ArrayPtr array, DictionaryPtr dictionary, DataPtr data, NumberPtr number,
+                       bool flag, EchoCollectionsReply reply) override {
     send("echoArray:dictionary:data:number:flag:reply:", std::move(reply), array, dictionary, data,
          number, flag);
   }
@@ -91,26 +89,75 @@ class TestResponseProxy final : public TestResponse, XpcRemoteProxy {
   }
 };
 
+inline const XpcProtocol& testRequestProtocol() {
+  static const XpcProtocol protocol = XpcProtocol::describe<TestRequest, TestRequestProxy>(
+      "TestRequest",
+      {
+          xpcMethod("echoUrl:uuid:indexPath:string:error:reply:", &TestRequest::echoObjects),
+          xpcMethod("echoArray:dictionary:data:number:flag:reply:", &TestRequest::echoCollections),
+          xpcMethod("countUrls:reply:", &TestRequest::countUrls),
+          xpcMethod("incrementWithReply:", &TestRequest::incrementWithReply),
+          xpcMethod("processIdWithReply:", &TestRequest::processIdWithReply),
+          xpcMethod("askClient:marker:reply:", &TestRequest::askClient),
+          xpcMethod("note:", &TestRequest::note),
+          xpcMethod("notesWithReply:", &TestRequest::notesWithReply),
+      });
+  return protocol;
+}
+
+inline const XpcProtocol& testResponseProtocol() {
+  static const XpcProtocol protocol = XpcProtocol::describe<TestResponse, TestResponseProxy>(
+      "TestResponse", {xpcMethod("question:reply:", &TestResponse::question)});
+  return protocol;
+}
+
 // The exported object of one test-service connection. Like the service's own
 // per-connection object it holds its connection and invalidates it when
 // destroyed.
 class TestService final : public TestRequest, public std::enable_shared_from_this<TestService> {
  public:
-  explicit TestService(std::shared_ptr<XpcConnection> connection);
-  ~TestService() override;
+  explicit TestService(std::shared_ptr<XpcConnection> connection)
+      : connection_(std::move(connection)) {
+    ClassSet urls{&Array::classInfo(), &Url::classInfo()};
+    connection_->exportedInterface()->setClasses(urls, "countUrls:reply:", 0, false);
+  }
+  ~TestService() override { connection_->invalidate(); }
 
-  void echoObjects(
-      UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string, ErrorPtr error,
-      OnceCallback<void(UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr)> reply) override;
-  void echoCollections(
-      ArrayPtr array, DictionaryPtr dictionary, DataPtr data, NumberPtr number, bool flag,
-      OnceCallback<void(ArrayPtr, DictionaryPtr, DataPtr, NumberPtr, bool)> reply) override;
-  void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) override;
-  void incrementWithReply(OnceCallback<void(NumberPtr)> reply) override;
-  void processIdWithReply(OnceCallback<void(NumberPtr)> reply) override;
-  void askClient(NumberPtr count, StringPtr marker, OnceCallback<void(ArrayPtr)> reply) override;
-  void note(StringPtr text) override;
-  void notesWithReply(OnceCallback<void(ArrayPtr)> reply) override;
+  void echoObjects(UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string,
+                   ErrorPtr error, EchoObjectsReply reply) override {
+    reply(url, uuid, indexPath, string, error);
+  }
+  void echoCollections(ArrayPtr array, DictionaryPtr dictionary, DataPtr data, NumberPtr number,
+                       bool flag, EchoCollectionsReply reply) override {
+    reply(array, dictionary, data, number, flag);
+  }
+  void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) override {
+    reply(Number::numberWithInteger(urls ? static_cast<int64_t>(urls->count()) : -1));
+  }
+  void incrementWithReply(OnceCallback<void(NumberPtr)> reply) override {
+    reply(Number::numberWithInteger(++counter_));
+  }
+  void processIdWithReply(OnceCallback<void(NumberPtr)> reply) override {
+    reply(Number::numberWithInteger(::getpid()));
+  }
+  void askClient(NumberPtr count, StringPtr marker, OnceCallback<void(ArrayPtr)> reply) override {
+    queue_.async([self = shared_from_this(), count, marker, reply = std::move(reply)]() mutable {
+      std::vector<ObjectPtr> answers;
+      bool released = false;
+      for (int64_t i = 0; count && i < count->integerValue() && !released; ++i) {
+        auto proxy = self->connection_->remoteObjectProxy<TestResponse>();
+        auto answer = XpcReplyWaiter<bool>::wait([&](OnceCallback<void(bool)> answered) {
+          proxy->question(Number::numberWithInteger(i), std::move(answered));
+        });
+        released = !answer;
+        if (answer) answers.push_back(Number::numberWithBool(*answer));
+      }
+      if (marker) std::ofstream(marker->str()) << (released ? "no answer" : "answered") << "\n";
+      reply(Array::make(std::move(answers)));
+    });
+  }
+  void note(StringPtr text) override { notes_.push_back(text); }
+  void notesWithReply(OnceCallback<void(ArrayPtr)> reply) override { reply(Array::make(notes_)); }
 
  private:
   std::shared_ptr<XpcConnection> connection_;
@@ -119,14 +166,22 @@ class TestService final : public TestRequest, public std::enable_shared_from_thi
   std::vector<ObjectPtr> notes_;
 };
 
+// Sets up `connection` as the service side of the test protocols.
+inline void configureServiceConnection(const std::shared_ptr<XpcConnection>& connection) {
+  connection->setRemoteObjectInterface(XpcInterface::interfaceWithProtocol(testResponseProtocol()));
+  connection->setExportedInterface(XpcInterface::interfaceWithProtocol(testRequestProtocol()));
+  connection->setExportedObject<TestRequest>(std::make_shared<TestService>(connection));
+}
+
 // Configures each new connection as the test service does and accepts it.
 class TestServiceDelegate final : public XpcListenerDelegate {
  public:
-  bool shouldAcceptNewConnection(XpcListener& listener,
-                                 const std::shared_ptr<XpcConnection>& connection) override;
+  bool shouldAcceptNewConnection(XpcListener&,
+                                 const std::shared_ptr<XpcConnection>& connection) override {
+    configureServiceConnection(connection);
+    connection->resume();
+    return true;
+  }
 };
-
-// Sets up `connection` as the service side of the test protocols.
-void configureServiceConnection(const std::shared_ptr<XpcConnection>& connection);
 
 }  // namespace qx::xpctest
