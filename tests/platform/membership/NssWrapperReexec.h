@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -21,35 +20,22 @@ inline void reexecWithNssWrapper(const char* library, const std::string& fixture
     return;
   }
   std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
-  std::string raw((std::istreambuf_iterator<char>(cmdline)), std::istreambuf_iterator<char>());
   std::vector<std::string> args;
-  for (size_t start = 0; start < raw.size();) {
-    size_t end = raw.find('\0', start);
-    if (end == std::string::npos) end = raw.size();
-    args.push_back(raw.substr(start, end - start));
-    start = end + 1;
-  }
+  for (std::string arg; std::getline(cmdline, arg, '\0');) args.push_back(arg);
   if (args.empty()) return;
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
 
-  std::string preload = library;
-  if (const char* existing = getenv("LD_PRELOAD"); existing != nullptr && *existing != '\0') {
-    preload = std::string(existing) + ":" + preload;
-  }
+  // Adds `value` after what the variable already holds, separated by a colon.
+  auto append = [](const char* name, const std::string& value) {
+    const char* existing = getenv(name);
+    setenv(name, (existing && *existing ? existing + (":" + value) : value).c_str(), 1);
+  };
+  append("LD_PRELOAD", library);
+  append("TSAN_OPTIONS", "suppressions=" + tsanSuppressions);
   // A sanitizer runtime wants to be loaded first; the wrapper library comes before it here.
-  std::string asan = "verify_asan_link_order=0";
-  if (const char* existing = getenv("ASAN_OPTIONS"); existing != nullptr && *existing != '\0') {
-    asan = std::string(existing) + ":" + asan;
-  }
-  std::string tsan = "suppressions=" + tsanSuppressions;
-  if (const char* existing = getenv("TSAN_OPTIONS"); existing != nullptr && *existing != '\0') {
-    tsan = std::string(existing) + ":" + tsan;
-  }
-  setenv("LD_PRELOAD", preload.c_str(), 1);
-  setenv("TSAN_OPTIONS", tsan.c_str(), 1);
-  setenv("ASAN_OPTIONS", asan.c_str(), 1);
+  append("ASAN_OPTIONS", "verify_asan_link_order=0");
   setenv("NSS_WRAPPER_PASSWD", (fixtureDir + "/passwd").c_str(), 1);
   setenv("NSS_WRAPPER_GROUP", (fixtureDir + "/group").c_str(), 1);
   setenv("QX_NSS_WRAPPER_REEXEC", "1", 1);
