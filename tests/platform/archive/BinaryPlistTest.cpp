@@ -27,65 +27,55 @@ RawPlist raw(std::vector<Bytes> objects) {
 }
 
 TEST(ArchiveBinaryPlist, WritesEachValueInItsSmallestFormAndReadsItBack) {
-  const std::string fffd = "\xef\xbf\xbd";
   const int64_t min = std::numeric_limits<int64_t>::min();
   const int64_t max = std::numeric_limits<int64_t>::max();
-  struct Case {
-    std::function<Ref(BinaryPlist&)> add;
-    Bytes head;  // the first bytes of the value's object
-    json back;
-  };
-  auto integer = [](int64_t v) { return [v](BinaryPlist& p) { return p.addInteger(v); }; };
-  auto uidOf = [](uint32_t v) { return [v](BinaryPlist& p) { return p.addUid(v); }; };
-  auto string = [](std::string v) { return [v](BinaryPlist& p) { return p.addString(v); }; };
-  auto data = [](std::size_t n) {
-    return [n](BinaryPlist& p) { return p.addData(Bytes(n, static_cast<uint8_t>(n))); };
-  };
-  const Case cases[] = {
-      {integer(0), {0x10, 0x00}, 0},
-      {integer(255), {0x10, 0xff}, 255},
-      {integer(256), {0x11, 0x01, 0x00}, 256},
-      {integer(65536), {0x12, 0x00, 0x01, 0x00, 0x00}, 65536},
-      {integer(0xffffffffLL), {0x12, 0xff, 0xff, 0xff, 0xff}, 0xffffffffLL},
-      {integer(0x100000000LL), {0x13, 0, 0, 0, 1, 0, 0, 0, 0}, 0x100000000LL},
-      {integer(-1), {0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, -1},
-      {integer(min), {0x13, 0x80, 0, 0, 0, 0, 0, 0, 0}, min},
-      {integer(max), {0x13, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, max},
-      {uidOf(255), {0x80, 0xff}, uid(255)},
-      {uidOf(256), {0x81, 0x01, 0x00}, uid(256)},
-      {uidOf(65536), {0x83, 0x00, 0x01, 0x00, 0x00}, uid(65536)},
-      {uidOf(0xffffffffU), {0x83, 0xff, 0xff, 0xff, 0xff}, uid(0xffffffffU)},
-      {string("hello"), {0x55, 'h', 'e', 'l', 'l', 'o'}, "hello"},
+  const std::pair<json, Bytes> values[] = {
+      {0, {0x10, 0x00}},
+      {255, {0x10, 0xff}},
+      {256, {0x11, 0x01, 0x00}},
+      {65536, {0x12, 0x00, 0x01, 0x00, 0x00}},
+      {0xffffffffLL, {0x12, 0xff, 0xff, 0xff, 0xff}},
+      {0x100000000LL, {0x13, 0, 0, 0, 1, 0, 0, 0, 0}},
+      {-1, {0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
+      {min, {0x13, 0x80, 0, 0, 0, 0, 0, 0, 0}},
+      {max, {0x13, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
+      {uid(255), {0x80, 0xff}},
+      {uid(256), {0x81, 0x01, 0x00}},
+      {uid(65536), {0x83, 0x00, 0x01, 0x00, 0x00}},
+      {uid(0xffffffffU), {0x83, 0xff, 0xff, 0xff, 0xff}},
+      {"hello", {0x55, 'h', 'e', 'l', 'l', 'o'}},
       // Non-ASCII text as UTF-16 big-endian, U+1F600 as a surrogate pair.
-      {string("\xc3\xa9\xf0\x9f\x98\x80"),
-       {0x63, 0x00, 0xe9, 0xd8, 0x3d, 0xde, 0x00},
-       "\xc3\xa9\xf0\x9f\x98\x80"},
-      // Invalid UTF-8: a stray byte, a truncated sequence, an encoded
-      // surrogate, an overlong form, a code point above U+10FFFF.
-      {string("a\xff"
-              "b\xc3"),
-       {},
-       "a" + fffd + "b" + fffd},
-      {string("\xe2\x82"
-              "x\xed\xa0\x80"),
-       {},
-       fffd + "x" + fffd + fffd + fffd},
-      {string("\xc0\xaf\xf4\x90\x80\x80"), {}, fffd + fffd + fffd + fffd + fffd + fffd},
-      {[](BinaryPlist& p) { return p.addReal(1.5); }, {0x23, 0x3f, 0xf8}, {{"real", 1.5}}},
-      {[](BinaryPlist& p) { return p.addDate(86400.25); }, {0x33}, {{"real", 86400.25}}},
-      {[](BinaryPlist& p) { return p.addBool(true); }, {0x09}, true},
-      {[](BinaryPlist& p) { return p.addBool(false); }, {0x08}, false},
-      {[](BinaryPlist& p) { return p.addNull(); }, {0x00}, nullptr},
-      {data(0), {0x40}, {{"data", ""}}},
-      {data(15), {0x4f, 0x10, 0x0f}, {{"data", hex(Bytes(15, 15))}}},
-      {data(256), {0x4f, 0x11, 0x01, 0x00}, {{"data", hex(Bytes(256, 0))}}},
-      {data(70000), {0x4f, 0x12, 0x00, 0x01, 0x11, 0x70}, {{"data", hex(Bytes(70000, 0x70))}}},
+      {"\xc3\xa9\xf0\x9f\x98\x80", {0x63, 0x00, 0xe9, 0xd8, 0x3d, 0xde, 0x00}},
+      {{{"real", 1.5}}, {0x23, 0x3f, 0xf8, 0, 0, 0, 0, 0, 0}},
+      {true, {0x09}},
+      {false, {0x08}},
+      {nullptr, {0x00}},
+      {{{"data", ""}}, {0x40}},
+      {{{"data", hex(Bytes(15, 15))}}, {0x4f, 0x10, 0x0f, 15}},
+      {{{"data", hex(Bytes(256, 1))}}, {0x4f, 0x11, 0x01, 0x00, 1}},
+      {{{"data", hex(Bytes(70000, 2))}}, {0x4f, 0x12, 0x00, 0x01, 0x11, 0x70, 2}},
   };
-  for (const Case& c : cases) {
-    BinaryPlist plist;
-    Bytes bytes = plist.write(c.add(plist));
-    EXPECT_EQ(Bytes(bytes.begin() + 8, bytes.begin() + 8 + c.head.size()), c.head) << c.back;
-    EXPECT_EQ(readJson(bytes), c.back);
+  for (const auto& [value, head] : values) {
+    Bytes bytes = writeJson(value);
+    EXPECT_EQ(Bytes(bytes.begin() + 8, bytes.begin() + 8 + head.size()), head) << value;
+    EXPECT_EQ(readJson(bytes), value);
+  }
+  BinaryPlist dated;
+  EXPECT_EQ(readJson(dated.write(dated.addDate(86400.25))), json({{"real", 86400.25}}));
+  // Invalid UTF-8 is written as U+FFFD: a stray byte, a truncated sequence,
+  // an encoded surrogate, an overlong form, a code point above U+10FFFF.
+  const std::string fffd = "\xef\xbf\xbd";
+  const std::pair<std::string, std::string> replaced[] = {
+      {"a\xff"
+       "b\xc3",
+       "a" + fffd + "b" + fffd},
+      {"\xe2\x82"
+       "x\xed\xa0\x80",
+       fffd + "x" + fffd + fffd + fffd},
+      {"\xc0\xaf\xf4\x90\x80\x80", fffd + fffd + fffd + fffd + fffd + fffd},
+  };
+  for (const auto& [text, stored] : replaced) {
+    EXPECT_EQ(readJson(writeJson(text)).get<std::string>(), stored);
   }
 }
 

@@ -100,25 +100,6 @@ TEST_F(KeyedArchive, ValuesStandInlinePlainObjectsHaveNoClassAndDollarKeysGetAno
   EXPECT_EQ(cast<Number>(back->list[3])->kind(), Number::Kind::Real);
 }
 
-TEST_F(KeyedArchive, FoundationClassesKeepTheirLayout) {
-  auto uuid = Uuid::withString("FFFFEEEE-DDDD-CCCC-BBBB-AAAA000001F5");
-  auto root = Array::make({Url::fileURLWithPath("/tmp/a b%\xff"), IndexPath::make({}),
-                           IndexPath::make({42}), IndexPath::make({1, 300, 2}), uuid});
-  json objects = readJson(archived(root))["$objects"];
-  auto element = [&](int i) { return objects[objects[1]["NS.objects"][i]["UID"].get<int>()]; };
-  auto at = [&](const json& reference) { return objects[reference["UID"].get<int>()]; };
-  EXPECT_EQ(element(0)["NS.base"], uid(0));
-  EXPECT_EQ(at(element(0)["NS.relative"]), "file:///tmp/a%20b%25%FF");
-  EXPECT_EQ(element(1)["NSIndexPathLength"], 0);
-  EXPECT_FALSE(element(1).contains("NSIndexPathValue") || element(1).contains("NSIndexPathData"));
-  EXPECT_EQ(element(2)["NSIndexPathLength"], 1);
-  EXPECT_EQ(element(2)["NSIndexPathValue"], 42);
-  EXPECT_FALSE(element(2).contains("NSIndexPathData"));
-  EXPECT_EQ(element(3)["NSIndexPathLength"], 3);
-  EXPECT_EQ(at(element(3)["NSIndexPathData"]), json({{"data", "01ac0202"}}));
-  EXPECT_EQ(element(4)["NS.uuidbytes"], json({{"data", "ffffeeeeddddccccbbbbaaaa000001f5"}}));
-}
-
 TEST_F(KeyedArchive, FoundationClassesRoundTripUnderTheirUsualSets) {
   const std::string path = "/tmp/\xff\xfe-not-utf8/\xc3\xa9";
   auto url = Url::fileURLWithPath(path);
