@@ -169,6 +169,15 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
         << row.selector << " should be refused for " << row.reason;
   }
   EXPECT_FALSE(client->sendInvocationAndWait("noSuchSelector:reply:", {}));
+  // Sets for selectors or arguments the protocol lacks are not taken.
+  ClassSet only{&Array::classInfo(), &Url::classInfo()};
+  EXPECT_FALSE(service->exportedInterface()->setClasses(only, "noSuchSelector:", 0, false));
+  EXPECT_FALSE(service->exportedInterface()->setClasses(only, "countUrls:reply:", 1, false));
+  EXPECT_FALSE(service->exportedInterface()->setClasses(only, "countUrls:reply:", 1, true));
+  EXPECT_TRUE(service->exportedInterface()
+                  ->classes("countUrls:reply:", 0, true)
+                  .allows(Number::classInfo()))
+      << "setting an argument's set leaves the reply's alone";
   EXPECT_TRUE(service->isValid() && client->isValid());
   auto count = XpcReplyWaiter<NumberPtr>::wait([&](auto done) {
     proxy->countUrls(Array::make({url, Url::fileURLWithPath("/b")}), std::move(done));

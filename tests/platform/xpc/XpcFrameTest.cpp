@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/xpc/XpcFrame.h"
-#include "platform/xpc/XpcInterface.h"
 #include "tests/platform/xpc/XpcTestSupport.h"
 
 namespace qx::xpctest {
@@ -37,33 +36,6 @@ TEST(XpcFrameReader, CutsAStreamInAnyPiecesAndRefusesLengthsAboveTheLimit) {
   EXPECT_TRUE(above.failed());
   above.append(std::vector<uint8_t>{0, 0, 0, 0});  // nothing after a broken header counts
   EXPECT_FALSE(above.next());
-}
-
-TEST(XpcInterface, DefaultsFollowTheDeclaredClassesAndSetsReplaceThem) {
-  XpcInterface interface(testRequestProtocol());
-  const std::string echo = "echoArray:dictionary:data:number:flag:reply:";
-  ClassSet url = interface.classes("echoUrl:uuid:indexPath:string:error:reply:", 0, false);
-  EXPECT_TRUE(url.allows(Url::classInfo()));
-  EXPECT_FALSE(url.allows(String::classInfo()));
-  // A collection argument: its class plus the property-list classes.
-  ClassSet array = interface.classes(echo, 0, false);
-  for (const ClassInfo* cls :
-       {&Array::classInfo(), &MutableArray::classInfo(), &String::classInfo(), &Number::classInfo(),
-        &Data::classInfo(), &Dictionary::classInfo()})
-    EXPECT_TRUE(array.allows(*cls)) << cls->name();
-  EXPECT_FALSE(array.allows(Url::classInfo()) || array.allows(Uuid::classInfo()));
-  // BOOL arguments and reply arguments travel as numbers.
-  EXPECT_TRUE(interface.classes(echo, 4, false).allows(Number::classInfo()));
-  EXPECT_TRUE(interface.classes(echo, 4, true).allows(Number::classInfo()));
-
-  ClassSet only{&Array::classInfo(), &Url::classInfo()};
-  EXPECT_TRUE(interface.setClasses(only, "countUrls:reply:", 0, false));
-  EXPECT_FALSE(interface.classes("countUrls:reply:", 0, false).allows(String::classInfo()));
-  EXPECT_TRUE(interface.classes("countUrls:reply:", 0, true).allows(Number::classInfo()))
-      << "the reply side keeps its default";
-  EXPECT_FALSE(interface.setClasses(only, "noSuchSelector:", 0, false));
-  EXPECT_FALSE(interface.setClasses(only, "countUrls:reply:", 1, false));
-  EXPECT_FALSE(interface.setClasses(only, "countUrls:reply:", 1, true));
 }
 
 }  // namespace
