@@ -1,0 +1,456 @@
+// The qxfile command end to end: the real binary against the real service,
+// with the users and groups of nss/; what it prints, how it exits, and what
+// the items carry afterwards.
+#include <sys/xattr.h>
+
+#include <filesystem>
+
+#include "tests/client/cli/CliTestSupport.h"
+
+namespace qxclitest {
+namespace {
+
+bool hasStoredAcl(const std::string& path) {
+  return lgetxattr(path.c_str(), "user.qxfile.acl", nullptr, 0) > 0;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::vector<std::string> strings(const Json& array) {
+  std::vector<std::string> texts;
+  for (const auto& item : array) texts.push_back(item.get<std::string>());
+  return texts;
+}
+
+// The effective access leaves as "Name=0/1", in order.
+std::vector<std::string> accessLeaves(const Json& document) {
+  std::vector<std::string> leaves;
+  for (const auto& group : document["access"]) {
+    for (const auto& leaf : group["permissions"]) {
+      leaves.push_back(leaf["name"].get<std::string>() + "=" + (leaf["granted"] ? "1" : "0"));
+    }
+  }
+  return leaves;
+}
+
+Json itemAt(const Json& items, const std::string& path) {
+  for (const auto& item : items) {
+    if (item["path"] == path) return item;
+  }
+  ADD_FAILURE() << "no item " << path << " in " << items.dump();
+  return Json();
+}
+
+// Sends SIGINT once the command has its handler for it: the command then
+// answers the operation's next question with "stop".
+void interruptOnceReady(pid_t pid) {
+  auto catchesInterrupt = [pid] {
+    std::error_code ignored;
+    auto exe = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", ignored);
+    if (exe != QX_CLI_EXECUTABLE) return 0ull;  // not yet past exec
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.rfind("SigCgt:", 0) == 0) return (std::stoull(line.substr(7), nullptr, 16) >> 1) & 1;
+    }
+    return 0ull;
+  };
+  ASSERT_TRUE(eventually([&] { return catchesInterrupt() != 0; })) << "qxfile never caught SIGINT";
+  kill(pid, SIGINT);
+}
+
+class Qxfile : public CommandLine {};
+
+TEST_F(Qxfile, HelpAndWrongCommandLines) {
+  Outcome help = qxfile({});
+  EXPECT_EQ(help.status, 0) << help;
+  EXPECT_EQ(qxfile({"--help"}).out, help.out);
+  for (const char* command : {"acl", "access", "propagate", "size", "ls", "rename"}) {
+    EXPECT_TRUE(contains(help.out, std::string("\n  ") + command + " ")) << command;
+  }
+  Outcome aclHelp = qxfile({"acl", "--help"});
+  for (const char* command : {"show", "add", "remove", "owner", "group", "mode"}) {
+    EXPECT_TRUE(contains(aclHelp.out, std::string("\n  ") + command + " ")) << command;
+  }
+  EXPECT_EQ(qxfile({"--version"}).out.rfind("qxfile ", 0), 0u);
+  for (std::vector<std::string> command : {std::vector<std::string>{"acl", "show"},
+                                           {"acl", "add"},
+                                           {"acl", "remove"},
+                                           {"acl", "owner"},
+                                           {"acl", "group"},
+                                           {"acl", "mode"},
+                                           {"access"},
+                                           {"propagate"},
+                                           {"size"},
+                                           {"ls"},
+                                           {"rename"}}) {
+    command.push_back("--help");
+    Outcome run = qxfile(command);
+    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_TRUE(contains(run.out, "--json")) << command[0] << " takes --json";
+  }
+
+  // Wrong command lines exit with 2 before anything is done.
+  std::string item = file("item");
+  const std::vector<std::vector<std::string>> wrong = {
+      {"bogus"},
+      {"acl"},
+      {"acl", "show"},
+      {"acl", "frobnicate", item},
+      {"acl", "add", item, "maybe", "user:qxalice", "read"},
+      {"acl", "add", item, "allow", "user:nosuchuser", "read"},
+      {"acl", "add", item, "allow", "someone:qxalice", "read"},
+      {"acl", "add", item, "allow", "user:qxalice", "read", "--inherit", "sideways"},
+      {"acl", "add", item, "allow", "user:qxalice", "read", "--at", "-1"},
+
+      {"acl", "mode", item, "8"},
+      {"acl", "mode", item, "1777"},
+      {"acl", "mode", item, "rwx"},
+      {"acl", "mode", item, ""},
+      {"acl", "owner", item, "group:qxstaff"},
+      {"access", item},
+      {"access", item, "uid:many"},
+      {"size"},
+      {"size", item, "--bogus"},
+      {"ls", item, "first"},
+      {"rename"},
+      {"rename", item, "a", item}};
+  for (const auto& args : wrong) {
+    Outcome run = qxfile(args);
+    EXPECT_EQ(run.status, 2) << testing::PrintToString(args) << "\n" << run;
+    EXPECT_FALSE(run.err.empty()) << testing::PrintToString(args);
+  }
+  EXPECT_EQ(modeOf(item), 0644u);
+  EXPECT_TRUE(sandbox_.services().empty()) << "a wrong command line never needs the service";
+  // What the messages say; the last ones are wrong for the item at hand.
+  const std::pair<std::vector<std::string>, std::string> told[] = {
+      {{"access", item, "nosuchuser"}, "qxfile: unknown user \"nosuchuser\"\n"},
+      {{"acl", "add", item, "allow", "qxalice", "read,fly"},
+       "qxfile: unknown permission \"fly\"\n"},
+      {{"acl", "owner", item, "group:qxstaff"}, "the owner must be a user"},
+      {{"acl", "group", item, "nosuchgroup"}, "unknown group \"nosuchgroup\""},
+      {{"rename", item, "a", item}, "rename takes pairs"},
+      {{"acl", "add", item, "allow", "qxbob", "read", "--inherit", "file"},
+       "--inherit applies to folders only"},
+      {{"acl", "add", item, "allow", "qxbob", "delete_child"}, "does not apply to a file"},
+      {{"acl", "remove", item, "3"}, "no ACL entry 3: the item has 0"},
+      {{"acl", "remove", item, "user:qxalice"}, "no ACL entry for user:qxalice"}};
+  for (const auto& [args, message] : told) {
+    Outcome run = qxfile(args);
+    EXPECT_EQ(run.status, 2) << run;
+    EXPECT_TRUE(contains(run.err, message)) << run;
+  }
+}
+
+TEST_F(Qxfile, OperationErrorsExitWithOneAndPrintDescriptionAndSuggestion) {
+  const std::string missing = tree_.path("missing");
+  Outcome run = qxfile({"acl", "show", missing});
+  EXPECT_EQ(run.status, 1) << run;
+  EXPECT_TRUE(run.out.empty());
+  EXPECT_EQ(run.err,
+            "qxfile: Error retrieving file Access Control List entries\n"
+            "  Couldn't retrieve file stat for file at path \"" +
+                missing + "\". No such file or directory\n");
+
+  Outcome json = qxfile({"access", missing, "qxbob", "--json"});
+  EXPECT_EQ(json.status, 1) << json;
+  Json document = json.json();
+  EXPECT_EQ(document["path"], missing);
+  EXPECT_EQ(document["identity"]["name"], "qxbob");
+  EXPECT_EQ(document["error"]["domain"], "NSPOSIXErrorDomain");
+  EXPECT_EQ(document["error"]["description"], "Error retrieving effective file access permissions");
+  EXPECT_TRUE(contains(document["error"]["suggestion"], missing));
+  EXPECT_TRUE(contains(json.err, "qxfile: Error retrieving effective file access permissions\n  "));
+
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"acl", "mode", missing, "600"},
+        {"propagate", missing},
+        {"size", missing},
+        {"rename", missing, "other"}}) {
+    Outcome failed = qxfile(args);
+    EXPECT_EQ(failed.status, 1) << failed;
+    EXPECT_TRUE(contains(failed.err, "\n  ")) << "a suggestion line\n" << failed;
+  }
+  EXPECT_EQ(qxfile({"size", missing, "--json"}).json()["error"]["code"], ENOENT);
+
+  ASSERT_TRUE(sandbox_.allGoneWithin(15s));
+  setenv("QXFILE_SERVICE_PATH", "/nonexistent/qxfile-service", 1);
+  Outcome noService = qxfile({"acl", "show", tree_.root()});
+  unsetenv("QXFILE_SERVICE_PATH");
+  EXPECT_EQ(noService.status, 1) << noService;
+  EXPECT_EQ(noService.err.rfind("qxfile: ", 0), 0u) << noService;
+}
+
+TEST_F(Qxfile, AclEntriesRoundTripThroughAddAndRemove) {
+  std::string shared = folder("shared");
+  Json listing = qxfile({"acl", "show", shared, "--json"}).json();
+  EXPECT_EQ(listing["path"], shared);
+  EXPECT_EQ(listing["kind"], "folder");
+  EXPECT_EQ(listing["mode"], "0755");
+  EXPECT_EQ(listing["owner"]["id"], geteuid());
+  EXPECT_TRUE(listing["acl"].empty());
+
+  Outcome added = qxfile({"acl", "add", shared, "allow", "user:qxalice", "read,write", "--inherit",
+                          "file,dir", "--json"});
+  ASSERT_EQ(added.status, 0) << added;
+  Json entry = added.json()["acl"][0];
+  EXPECT_EQ(entry["tag"], "allow");
+  EXPECT_EQ(entry["identity"]["name"], "qxalice");
+  EXPECT_EQ(entry["identity"]["id"], kAlice);
+  EXPECT_EQ(entry["identity"]["uuid"], "FFFFEEEE-DDDD-CCCC-BBBB-AAAA00000899");
+  EXPECT_EQ(
+      strings(entry["permissions"]),
+      (std::vector<std::string>{"List Folder Contents", "Traverse Folder", "Read Attributes",
+                                "Read Extended Attributes", "Read Permissions", "Create Files",
+                                "Create Folder", "Delete", "Delete Subfolders and Files",
+                                "Write Attributes", "Write Extended Attributes"}));
+  EXPECT_EQ(entry["rights"], 0xffe);
+  EXPECT_EQ(
+      strings(entry["appliesTo"]),
+      (std::vector<std::string>{"This item", "Child files", "Child folders", "All descendants"}));
+  EXPECT_EQ(entry["flags"], 0x60);
+  EXPECT_FALSE(entry["inherited"].get<bool>());
+
+  Outcome denied = qxfile({"acl", "add", shared, "deny", "group:qxstaff", "Delete,change_owner",
+                           "--inherit", "only,file", "--at", "0", "--json"});
+  Json acl = denied.json()["acl"];
+  ASSERT_EQ(acl.size(), 2u) << denied;
+  EXPECT_EQ(acl[0]["identity"]["kind"], "group");
+  EXPECT_EQ(strings(acl[0]["permissions"]), (std::vector<std::string>{"Delete", "Change Owner"}));
+  EXPECT_EQ(strings(acl[0]["appliesTo"]), std::vector<std::string>{"Child files"});
+  EXPECT_EQ(acl[1]["identity"]["name"], "qxalice");
+
+  Outcome human = qxfile({"acl", "show", shared});
+  for (const char* line : {" (folder)\n", "mode:  0755 (rwxr-xr-x)",
+                           "0: deny  group:qxstaff  Write: Delete; Administration: Change Owner",
+                           "1: allow user:qxalice   Read: all; Write: all",
+                           "applies to: This item, Child files, Child folders, All descendants"}) {
+    EXPECT_TRUE(contains(human.out, line)) << line << "\n" << human.out;
+  }
+  EXPECT_EQ(qxfile({"acl", "remove", shared, "1", "--json"}).json()["acl"].size(), 1u);
+  EXPECT_TRUE(qxfile({"acl", "remove", shared, "group:qxstaff", "--json"}).json()["acl"].empty());
+  EXPECT_FALSE(hasStoredAcl(shared)) << "an ACL without entries leaves no attribute";
+
+  // Files take the file names; unknown ids show their UUIDs.
+  std::string report = file("report.txt", 10);
+  Json fileEntry =
+      qxfile({"acl", "add", report, "allow", "uid:2202", "read-data,execute,Append Data", "--json"})
+          .json()["acl"][0];
+  EXPECT_EQ(fileEntry["identity"]["name"], "qxbob");
+  EXPECT_EQ(strings(fileEntry["permissions"]),
+            (std::vector<std::string>{"Read Data", "Execute File", "Append Data"}));
+  EXPECT_EQ(fileEntry["rights"], 0x2 | 0x8 | 0x20);
+  EXPECT_TRUE(fileEntry["appliesTo"].empty());
+  Outcome unknown = qxfile({"acl", "add", report, "allow", "uid:4242", "read"});
+  EXPECT_TRUE(contains(unknown.out, "allow user:FFFFEEEE-DDDD-CCCC-BBBB-AAAA00001092  Read: all"))
+      << unknown.out;
+  Json identity = qxfile({"acl", "show", report, "--json"}).json()["acl"][1]["identity"];
+  EXPECT_EQ(identity["id"], 4242);
+  EXPECT_TRUE(identity["name"].is_null());
+}
+
+TEST_F(Qxfile, ModeOwnerAndGroupChangeTheItem) {
+  std::string item = file("item");
+  EXPECT_EQ(qxfile({"acl", "mode", item, "750", "--json"}).json()["mode"], "0750");
+  EXPECT_EQ(modeOf(item), 0750u);
+  EXPECT_TRUE(contains(qxfile({"acl", "mode", item, "0604"}).out, "mode:  0604 (rw----r--)"));
+  EXPECT_EQ(modeOf(item), 0604u);
+
+  if (geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
+  EXPECT_EQ(qxfile({"acl", "owner", item, "qxalice", "--json"}).json()["owner"]["name"], "qxalice");
+  EXPECT_TRUE(contains(qxfile({"acl", "group", item, "qxstaff"}).out,
+                       "owner: user:qxalice\ngroup: group:qxstaff\n"));
+  struct stat info {};
+  ASSERT_EQ(lstat(item.c_str(), &info), 0);
+  EXPECT_EQ(info.st_uid, kAlice);
+  EXPECT_EQ(info.st_gid, kStaff);
+  EXPECT_EQ(info.st_mode & 0777, 0604u) << "owner and group changes keep the mode";
+}
+
+TEST_F(Qxfile, EffectiveAccessFollowsModeAndEntries) {
+  std::string notes = file("notes", 1, 0640);
+  Outcome owner = qxfile({"access", notes, "uid:" + std::to_string(geteuid()), "--json"});
+  ASSERT_EQ(owner.status, 0) << owner;
+  EXPECT_EQ(
+      accessLeaves(owner.json()),
+      (std::vector<std::string>{
+          "Read Data=1", "Execute File=0", "Read Attributes=1", "Read Extended Attributes=1",
+          "Read Permissions=1", "Write Data=1", "Append Data=1", "Delete=1", "Write Attributes=1",
+          "Write Extended Attributes=1", "Change Permissions=1", "Change Owner=0"}));
+  auto leaves = [&](const std::string& who) {
+    std::vector<std::string> all = accessLeaves(qxfile({"access", notes, who, "--json"}).json());
+    return std::vector<std::string>(all.begin(), all.begin() + 6);
+  };
+  EXPECT_EQ(leaves("qxbob"),
+            (std::vector<std::string>{"Read Data=0", "Execute File=0", "Read Attributes=1",
+                                      "Read Extended Attributes=0", "Read Permissions=1",
+                                      "Write Data=0"}));
+  ASSERT_EQ(qxfile({"acl", "add", notes, "allow", "user:qxbob", "read-data,write-data"}).status, 0);
+  EXPECT_EQ(leaves("user:qxbob")[0], "Read Data=1");
+  EXPECT_EQ(leaves("user:qxbob")[5], "Write Data=1");
+  // A deny entry for a group of hers, in front, wins over the mode bits.
+  ASSERT_EQ(qxfile({"acl", "add", notes, "deny", "group:qxstaff", "read-data", "--at", "0"}).status,
+            0);
+  Outcome human = qxfile({"access", notes, "qxalice"});
+  EXPECT_TRUE(contains(
+      human.out, "Effective access of user:qxalice to " + notes + "\nRead\n  no   Read Data\n"))
+      << human.out;
+}
+
+TEST_F(Qxfile, PropagationGivesTheFolderSettingsToEverythingBelow) {
+  std::string top = folder("top");
+  std::string sub = folder("top/sub", 0700);
+  std::string below = file("top/sub/file", 3, 0600);
+  ASSERT_EQ(
+      qxfile({"acl", "add", top, "allow", "user:qxalice", "read", "--inherit", "file,dir"}).status,
+      0);
+  ASSERT_EQ(qxfile({"acl", "mode", top, "750"}).status, 0);
+  Json result = qxfile({"propagate", top, "--json"}).json();
+  EXPECT_EQ(result["path"], top);
+  EXPECT_EQ(result["aclEntries"], 1);
+  EXPECT_EQ(result["mode"], "0750");
+  EXPECT_EQ(modeOf(sub), 0750u);
+  EXPECT_EQ(modeOf(below), 0750u);
+  EXPECT_EQ(qxfile({"acl", "show", sub, "--json"}).json()["acl"][0]["permissions"][0],
+            "List Folder Contents");
+  EXPECT_EQ(strings(qxfile({"acl", "show", below, "--json"}).json()["acl"][0]["permissions"]),
+            (std::vector<std::string>{"Read Data", "Execute File", "Read Attributes",
+                                      "Read Extended Attributes", "Read Permissions"}));
+  EXPECT_TRUE(contains(qxfile({"propagate", top}).out,
+                       "Propagated to everything below " + top + ":\n  1 ACL entry"));
+  Json error = qxfile({"propagate", below, "--json"}).json()["error"];
+  EXPECT_EQ(error["code"], ENOTDIR);
+  EXPECT_EQ(error["description"],
+            "Error propagating file Access Control List, POSIX permissions, owner and group");
+}
+
+TEST_F(Qxfile, SizeTotalsInThePathsOrderAndEveryFolderWithAll) {
+  std::string top = folder("top");
+  file("top/a", 100);
+  std::string sub = folder("top/sub");
+  file("top/sub/b", 2000);
+  std::string empty = folder("top/empty");
+  Json totals = qxfile({"size", top, "--json"}).json();
+  EXPECT_EQ(totals["paths"], Json::array({top}));
+  EXPECT_EQ(totals["total"]["size"], 2100);
+  EXPECT_EQ(totals["total"]["final"], true);
+  EXPECT_EQ(totals["items"].size(), 1u);
+  EXPECT_FALSE(totals["stopped"].get<bool>());
+  // --all: every folder, each after the folders inside it, as du prints them.
+  Json items = qxfile({"size", "--all", top, "--json"}).json()["items"];
+  ASSERT_EQ(items.size(), 3u) << items.dump();
+  EXPECT_EQ(items[0]["path"], empty);
+  EXPECT_EQ(items[0]["indexPath"], Json::array({1}));
+  EXPECT_EQ(items[2]["path"], top);
+  EXPECT_EQ(qxfile({"size", "-a", top}).out, "    0 B      0 bytes  " + empty + "\n" +
+                                                 "2.0 KiB  2,000 bytes  " + sub + "\n" +
+                                                 "2.1 KiB  2,100 bytes  " + top + "\n");
+
+  std::string b = folder("b");
+  for (int i = 0; i < 250; ++i) file("b/f" + std::to_string(i), 4096);
+  std::string a = file("a", 1500000);
+  Json two = qxfile({"size", b, a, "--json"}).json();
+  EXPECT_EQ(two["paths"], Json::array({b, a})) << "as asked";
+  EXPECT_EQ(two["items"][0]["path"], a);
+  EXPECT_EQ(two["items"][0]["folder"], false);
+  EXPECT_EQ(itemAt(two["items"], b)["size"], 250 * 4096);
+  EXPECT_EQ(qxfile({"size", b, a}).out, "   1.4 MiB  1,500,000 bytes  " + a + "\n" +
+                                            "1000.0 KiB  1,024,000 bytes  " + b + "\n" +
+                                            "   2.4 MiB  2,524,000 bytes  total\n");
+}
+
+TEST_F(Qxfile, SizeShowsProgressOnATerminalAndStopsOnCtrlC) {
+  std::string many = folder("many");
+  for (int i = 0; i < 300; ++i) file("many/f" + std::to_string(i), 10);
+  Outcome terminal = qxfileOnTerminal({"size", many});
+  ASSERT_EQ(terminal.status, 0) << terminal;
+  EXPECT_TRUE(contains(terminal.out, "\r\033[KCounting...")) << terminal.out;
+  EXPECT_TRUE(contains(terminal.out, "\r\033[K2.9 KiB  3,000 bytes  " + many)) << terminal.out;
+  EXPECT_FALSE(contains(qxfileOnTerminal({"size", many, "--json"}).out, "Counting"));
+  EXPECT_EQ(qxfile({"size", many}).out, "2.9 KiB  3,000 bytes  " + many + "\n");
+
+  for (int i = 300; i < 1000; ++i) file("many/f" + std::to_string(i), 10);
+  std::string later = folder("zz");
+  file("zz/file", 5);
+  Outcome run = qxfile({"size", later, many, "--json"}, interruptOnceReady);
+  EXPECT_EQ(run.status, 130) << run;
+  Json totals = run.json();
+  EXPECT_TRUE(totals["stopped"].get<bool>());
+  // Stopped at a report: after a multiple of 100 files (the signal may come
+  // after the first report was answered).
+  const int total = totals["total"]["size"];
+  EXPECT_TRUE(total % 1000 == 0 && total > 0 && total < 10000) << total;
+  EXPECT_EQ(itemAt(totals["items"], many)["size"], total);
+  EXPECT_TRUE(itemAt(totals["items"], later)["size"].is_null());
+  Outcome human = qxfile({"size", later, many}, interruptOnceReady);
+  EXPECT_EQ(human.status, 130) << human;
+  const std::string numbers = human.out.substr(0, human.out.find("  " + many + "\n"));
+  EXPECT_EQ(human.out, numbers + "  " + many + "\n" + "      -      -        " + later +
+                           "  (not reached)\n" + numbers + "  total\n" +
+                           "Stopped with Ctrl-C: the totals are partial.\n");
+  EXPECT_TRUE(numbers == "1,000 B  1,000 bytes" || numbers == "2.0 KiB  2,000 bytes") << numbers;
+}
+
+TEST_F(Qxfile, ListingLevelsFollowThePositionsGiven) {
+  std::string top = folder("top");
+  for (const char* name : {"top/b", "top/A", "top/a"}) file(name);
+  std::string sub = folder("top/sub");
+  file("top/sub/inner");
+  Json listing = qxfile({"ls", top, "3", "--json"}).json();
+  EXPECT_EQ(listing["indexPath"], Json::array({3}));
+  ASSERT_EQ(listing["levels"].size(), 2u);
+  EXPECT_EQ(listing["levels"][0]["folder"], top);
+  EXPECT_EQ(listing["levels"][0]["entries"][3]["folder"], true);
+  EXPECT_EQ(listing["levels"][1]["entries"][0]["path"], sub + "/inner");
+  EXPECT_EQ(qxfile({"ls", top, "3"}).out, top + " (level 0, 4 entries)\n     0  " + top +
+                                              "/A\n     1  " + top + "/a\n     2  " + top +
+                                              "/b\n     3  " + sub + "/\n\n" + sub +
+                                              " (level 1, 1 entry)\n     0  " + sub + "/inner\n");
+  Outcome past = qxfile({"ls", sub, "1"});
+  EXPECT_EQ(past.status, 1) << past;
+  EXPECT_EQ(past.err,
+            "qxfile: Error retrieving folder's contents\n  Couldn't find item at position 1 in "
+            "folder at path \"" +
+                sub + "\". Invalid argument\n");
+}
+
+TEST_F(Qxfile, RenamePairsStopAtATakenNameOrCtrlC) {
+  std::string one = file("one"), two = file("two");
+  Json result = qxfile({"rename", one, "uno", two, "dos/tres", "--json"}).json();
+  EXPECT_EQ(result["requested"], 2);
+  ASSERT_EQ(result["renamed"].size(), 2u);
+  EXPECT_EQ(result["renamed"][0]["from"], one);
+  EXPECT_EQ(result["renamed"][0]["to"], tree_.path("uno"));
+  EXPECT_EQ(result["renamed"][0]["previousName"], "one");
+  EXPECT_EQ(result["renamed"][1]["to"], tree_.path("dos:tres")) << "a slash becomes a colon";
+  std::string three = file("three");
+  EXPECT_EQ(qxfile({"rename", three, "tres"}).out,
+            three + " -> " + tree_.path("tres") + "\nRenamed 1 of 1 item.\n");
+
+  std::string first = file("first"), second = file("second"), third = file("third");
+  Outcome taken = qxfile({"rename", first, "1st", second, "third", third, "3rd", "--json"});
+  EXPECT_EQ(taken.status, 1) << taken;
+  EXPECT_EQ(taken.json()["renamed"].size(), 1u);
+  EXPECT_EQ(taken.json()["error"]["code"], EEXIST);
+  EXPECT_EQ(taken.err, "qxfile: Error renaming files\n  Couldn't rename file at path \"" + second +
+                           "\". File exists\n");
+  EXPECT_TRUE(std::filesystem::exists(second));
+
+  std::vector<std::string> args{"rename"};
+  for (int i = 0; i < 100; ++i) {
+    args.push_back(file("f" + std::to_string(i)));
+    args.push_back("g" + std::to_string(i));
+  }
+  args.push_back("--json");
+  Outcome stopped = qxfile(args, interruptOnceReady);
+  EXPECT_EQ(stopped.status, 130) << stopped;
+  EXPECT_TRUE(stopped.json()["stopped"].get<bool>());
+  // The service asks after every 31st rename; the signal may come after the first answer.
+  const size_t renamed = stopped.json()["renamed"].size();
+  EXPECT_TRUE(renamed == 31 || renamed == 62) << renamed;
+  EXPECT_TRUE(std::filesystem::exists(tree_.path("f" + std::to_string(renamed))));
+}
+
+}  // namespace
+}  // namespace qxclitest
