@@ -196,6 +196,34 @@ qx::ArrayPtr listing(const std::vector<qx::ObjectPtr>& aclEntries,
   return array;
 }
 
+// A node and its subtree as text: name, permission and state of every node.
+static std::string treeText(const qx::ObjectPtr& object) {
+  auto record = recordOf(object);
+  std::string text = nameOf(object) + ":" + std::to_string(record->permission()) + "=" +
+                     std::to_string(record->state());
+  for (const Leaf& leaf : childrenOf(object)) {
+    text += " " + leaf.name + "=" + std::to_string(leaf.state);
+  }
+  return text;
+}
+
+// A listing as text, markers and records alike, so that a difference shows where it is.
+std::string listingText(const qx::ArrayPtr& entries) {
+  std::string text;
+  for (const qx::ObjectPtr& object : *entries) {
+    auto entry = qx::cast<QXAclEntry>(object);
+    if (!entry) {
+      text += qx::cast<qx::String>(object)->str() + "\n";
+      continue;
+    }
+    text += (entry->uuid() ? entry->uuid()->UUIDString() : "everyone") + " tag " +
+            std::to_string(entry->tag()) + (entry->inherited() ? " inherited" : "") + ":";
+    for (const qx::ObjectPtr& node : *entry->permissions()) text += " [" + treeText(node) + "]";
+    text += "\n";
+  }
+  return text;
+}
+
 void expectError(const qx::ErrorPtr& error, int64_t code, const std::string& description,
                  const std::optional<std::string>& suggestion) {
   ASSERT_TRUE(error);

@@ -89,6 +89,10 @@ std::vector<qx::ObjectPtr> pseudoEntries(mode_t mode, uid_t owner, gid_t group,
 qx::ArrayPtr listing(const std::vector<qx::ObjectPtr>& aclEntries,
                      const std::vector<qx::ObjectPtr>& pseudo);
 
+// A listing as text, markers and records alike, every node with its name,
+// permission and state, so that a difference shows where it is.
+std::string listingText(const qx::ArrayPtr& entries);
+
 // ---- Errors and other users ----
 
 // Checks an error: the POSIX domain, `code`, the description and, when given,
