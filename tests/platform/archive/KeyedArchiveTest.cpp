@@ -108,8 +108,8 @@ TEST_F(KeyedArchive, FoundationClassesRoundTripUnderTheirUsualSets) {
        {"NSLocalizedRecoverySuggestion", str("Ask the owner")},
        {"NSURL", Url::fileURLWithPath("/home/x/a b")},
        {"NSUnderlyingError", Error::errorWithDomain(kPOSIXErrorDomain, 13)}});
-  // Each index path makes a temporary data object while it is encoded; a
-  // freed temporary's address must not alias the next one.
+  // Each index path writes a data object of its own: none may take the UID
+  // of another's.
   auto paths = MutableArray::make();
   for (uint64_t i = 0; i < 200; ++i) paths->addObject(IndexPath::make({i, i * 300, 7}));
   const ObjectPtr objects[] = {
