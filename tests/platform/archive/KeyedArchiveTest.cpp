@@ -100,47 +100,6 @@ TEST_F(KeyedArchive, ValuesStandInlinePlainObjectsHaveNoClassAndDollarKeysGetAno
   EXPECT_EQ(cast<Number>(back->list[3])->kind(), Number::Kind::Real);
 }
 
-TEST_F(KeyedArchive, FoundationClassesRoundTripUnderTheirUsualSets) {
-  const std::string path = "/tmp/\xff\xfe-not-utf8/\xc3\xa9";
-  auto url = Url::fileURLWithPath(path);
-  auto info = Dictionary::withStringKeys(
-      {{"NSLocalizedDescription", str("Acces denied")},
-       {"NSLocalizedRecoverySuggestion", str("Ask the owner")},
-       {"NSURL", Url::fileURLWithPath("/home/x/a b")},
-       {"NSUnderlyingError", Error::errorWithDomain(kPOSIXErrorDomain, 13)}});
-  // Each index path writes a data object of its own: none may take the UID
-  // of another's.
-  auto paths = MutableArray::make();
-  for (uint64_t i = 0; i < 200; ++i) paths->addObject(IndexPath::make({i, i * 300, 7}));
-  const ObjectPtr objects[] = {
-      url,
-      Url::URLWithString("https://host.invalid/x?y=1"),
-      IndexPath::make({}),
-      IndexPath::make({0, 127, 128, 16383, 16384, ~uint64_t(0)}),
-      Error::errorWithDomain(kCocoaErrorDomain, kFileReadNoPermissionError, info),
-      Error::errorWithDomain(kPOSIXErrorDomain, -5),
-      Dictionary::withStringKeys({{"k", str("v")}}),
-      paths,
-      Array::make({url, Dictionary::withStringKeys({{"u", url}}), url}),
-  };
-  ClassSet usual{&Array::classInfo(),  &Dictionary::classInfo(), &String::classInfo(),
-                 &Number::classInfo(), &Url::classInfo(),        &IndexPath::classInfo(),
-                 &Uuid::classInfo(),   &Error::classInfo()};
-  for (const ObjectPtr& object : objects) {
-    ErrorPtr error;
-    auto back = KeyedUnarchiver::unarchivedObjectOfClasses(usual, archived(object), &error);
-    ASSERT_TRUE(back) << object->description() << ": " << describe(error);
-    EXPECT_EQ(&back->objectClass(), &object->objectClass()) << object->description();
-    EXPECT_TRUE(back->isEqual(*object)) << object->description();
-  }
-  EXPECT_EQ(cast<Url>(roundTrip(url))->fileSystemRepresentation(), path);
-  // The shared URL is decoded once.
-  auto shared = cast<Array>(roundTrip(objects[std::size(objects) - 1]));
-  ASSERT_TRUE(shared);
-  EXPECT_EQ(shared->objectAtIndex(0), shared->objectAtIndex(2));
-  EXPECT_EQ(shared->objectAs<Dictionary>(1)->objectForKey("u"), shared->objectAtIndex(0));
-}
-
 TEST_F(KeyedArchive, NullTargetsAndMissingKeysDecodeAsNilAndDefaultsAndHintsAreIgnored) {
   json archive = keyedArchive(json::array(
       {"$null",
