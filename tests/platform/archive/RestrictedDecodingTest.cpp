@@ -109,19 +109,6 @@ TEST_F(ArchiveRestricted, ASetLetsThroughItsClassesAndTheirSubclassesOnly) {
   }
 }
 
-TEST_F(ArchiveRestricted, ChildArchivesDecodedInsideAreUnrestricted) {
-  // A node whose record is a string is refused at the top, yet the same
-  // node inside a child's archive decodes.
-  auto root = std::make_shared<NestingNode>(SizeRecord::make(1, true));
-  root->children.push_back(std::make_shared<NestingNode>(str("a string")));
-  ErrorPtr error;
-  auto back = cast<NestingNode>(KeyedUnarchiver::unarchivedObjectOfClasses(
-      {&NestingNode::classInfo()}, archived(root), &error));
-  ASSERT_TRUE(back) << describe(error);
-  ASSERT_EQ(back->children.size(), 1u);
-  EXPECT_TRUE(back->children[0]->object->isEqual(*str("a string")));
-}
-
 // One instance named by both entries of the root array, the entries decoded
 // one by one with sets of their own, in the order given.
 struct Reference {
