@@ -77,8 +77,11 @@ TEST_F(ArchiveRejects, EveryKindOfDamageAReaderMustRefuse) {
   json plain = keyedArchive(json::array({"$null", "x"}));
   auto edited = [&](const char* key, json value) {
     json archive = plain;
-    if (value.is_discarded()) archive.erase(key);
-    if (!value.is_discarded()) archive[key] = std::move(value);
+    if (value.is_discarded()) {
+      archive.erase(key);
+    } else {
+      archive[key] = std::move(value);
+    }
     return archive;
   };
   const std::pair<json, std::string> cases[] = {
