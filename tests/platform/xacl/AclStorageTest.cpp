@@ -105,6 +105,7 @@ TEST_F(AclStorageTest, NoAclMissingItemsAndBadArguments) {
   errno = 0;
   EXPECT_EQ(acl_get_link_np(nullptr, ACL_TYPE_EXTENDED), nullptr);
   EXPECT_EQ(errno, EINVAL);
+  errno = 0;
   EXPECT_EQ(acl_set_link_np(file_.c_str(), 0, one_.get()), -1);
   EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(setError(file_, nullptr), EINVAL);
