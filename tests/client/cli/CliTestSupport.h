@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fcntl.h>
 #include <pty.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -80,9 +81,12 @@ class CommandLine : public ::testing::Test {
     const std::string out = output_.path("out"), err = output_.path("err");
     std::vector<char*> argv = argvOf(args);
     pid_t pid = fork();
-    if (pid == 0) {
-      if (!freopen("/dev/null", "r", stdin) || !freopen(out.c_str(), "w", stdout) ||
-          !freopen(err.c_str(), "w", stderr)) {
+    if (pid == 0) {  // only async-signal-safe calls until exec: the test may have threads
+      int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+      int outFd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      int errFd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      if (in < 0 || outFd < 0 || errFd < 0 || dup2(in, 0) < 0 || dup2(outFd, 1) < 0 ||
+          dup2(errFd, 2) < 0) {
         _exit(126);
       }
       execv(argv[0], argv.data());
