@@ -8,6 +8,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <future>
@@ -83,7 +84,7 @@ class SizesTest : public ::testing::Test {
   }
 
   test::TempTree tree{"qx-sizes"};
-  bool answer = true;
+  std::atomic<bool> answer{true};
   test::ResponseLink link{[this](int) { return answer; }};
 };
 
