@@ -247,10 +247,18 @@ void KeyedArchiver::encodeBytes(std::span<const uint8_t> bytes, std::string_view
 }
 
 void KeyedArchiver::encodeDataObject(std::span<const uint8_t> bytes, std::string_view key) {
-  // A new UID every time: a Data object made for the call would be a new
-  // object, never one archived before.
+  encodeNewObject(state_.plist.addData(bytes), key);
+}
+
+void KeyedArchiver::encodeStringObject(std::string_view text, std::string_view key) {
+  encodeNewObject(state_.plist.addString(text), key);
+}
+
+// A new UID every time: an object made for the call would be a new object,
+// never one archived before.
+void KeyedArchiver::encodeNewObject(uint32_t value, std::string_view key) {
   auto uid = static_cast<uint32_t>(state_.objects.size());
-  state_.objects.push_back(state_.plist.addData(bytes));
+  state_.objects.push_back(value);
   state_.uidValues.push_back(State::kNoValue);
   Ref k = keyValue(state_, key);
   state_.stack.push_back(k);

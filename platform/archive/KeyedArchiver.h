@@ -35,6 +35,9 @@ class KeyedArchiver {
   // encodeObject(Data::make(bytes), key) would, without making the object
   // (NSIndexPath's NSIndexPathData, written once per record of a report).
   void encodeDataObject(std::span<const uint8_t> bytes, std::string_view key);
+  // The same for text archived as an NSString object of its own (a URL's
+  // strings, written once per item of a listing).
+  void encodeStringObject(std::string_view text, std::string_view key);
   // An inline plist array of UIDs, one per object (NS.objects, NS.keys).
   void encodeArrayOfObjects(const std::vector<ObjectPtr>& objects, std::string_view key);
   // The same for `count` objects, the i-th given by `objectAt(i)`, without
@@ -59,6 +62,8 @@ class KeyedArchiver {
   void endArray(std::size_t start, std::string_view key);
   // The UID of `object`, encoding it first when it is met for the first time.
   uint32_t uidFor(const ObjectPtr& object);
+  // Archives the plist value `value` as an object of its own under `key`.
+  void encodeNewObject(uint32_t value, std::string_view key);
   // The UID of the class dictionary of `cls`, appended when first needed.
   uint32_t classUid(const ClassInfo& cls);
 

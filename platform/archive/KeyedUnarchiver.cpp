@@ -722,6 +722,25 @@ bool KeyedUnarchiver::decodeDataObjectForKey(std::string_view key,
   return true;
 }
 
+bool KeyedUnarchiver::decodeStringObjectForKey(std::string_view key, std::string_view& text) {
+  Ref value = state_.typedValue(key, Type::Uid, "a UID");
+  if (value == BinaryPlist::kNoRef) return false;
+  uint32_t uid = state_.plist.uid(value);
+  if (uid != 0 && uid < state_.objectCount) {
+    Ref object = state_.plist.element(state_.objects, uid);
+    if (state_.plist.type(object) == Type::String && state_.plist.string(object) != "$null") {
+      text = state_.plist.string(object);
+      return true;
+    }
+  }
+  State::Allowed allowed;
+  allowed.single = &String::classInfo();
+  auto string = cast<String>(state_.decodeUid(uid, allowed, key));
+  if (!string) return false;
+  text = string->str();
+  return true;
+}
+
 ObjectPtr KeyedUnarchiver::decodeObjectForKey(std::string_view key) {
   return state_.decodeKey(key, state_.frame.allowed);
 }

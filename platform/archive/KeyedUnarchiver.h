@@ -80,6 +80,9 @@ class KeyedUnarchiver {
   // False when the key is absent, the object is nil or the unarchiver failed.
   // The bytes stay valid while the archive being decoded does.
   bool decodeDataObjectForKey(std::string_view key, std::span<const uint8_t>& bytes);
+  // The same for the text of an NSString object (decodeObjectOfClassForKey
+  // with NSString), valid while the archive is being decoded.
+  bool decodeStringObjectForKey(std::string_view key, std::string_view& text);
 
   // Plain nested decode: the set in force for the enclosing object applies.
   ObjectPtr decodeObjectForKey(std::string_view key);

@@ -75,15 +75,16 @@ ObjectPtr FileReferenceUrl::initWithCoder(KeyedUnarchiver& coder, std::string_vi
   }
   std::string kept;
   if (coder.containsValueForKey(kPathKey)) {
-    auto string = cast<String>(coder.decodeObjectOfClassForKey(String::classInfo(), kPathKey));
+    std::string_view string;
+    bool hasString = coder.decodeStringObjectForKey(kPathKey, string);
     if (coder.hasFailed()) return nullptr;
-    auto url =
-        string && !isReferenceString(string->str()) ? Url::URLWithString(string->str()) : nullptr;
-    if (!url || !url->isFileURL()) {
+    auto path =
+        hasString && !isReferenceString(string) ? pathOfFileURLString(string) : std::nullopt;
+    if (!path) {
       coder.failWithError("NSURL file reference whose qx.path is not a file URL");
       return nullptr;
     }
-    kept = url->path();
+    kept = std::move(*path);
   }
   return std::make_shared<FileReferenceUrl>(device, inode, std::move(kept));
 }
@@ -144,7 +145,7 @@ std::string FileReferenceUrl::findInKeptFolder() const {
 
 void FileReferenceUrl::encodeWithCoder(KeyedArchiver& coder) const {
   Url::encodeWithCoder(coder);
-  coder.encodeObject(str("file://" + percentEncodePath(keptPath_)), kPathKey);
+  coder.encodeStringObject("file://" + percentEncodePath(keptPath_), kPathKey);
 }
 
 }  // namespace qx

@@ -73,17 +73,21 @@ ErrorPtr noSuchItem(const std::string& path, int number) {
 }  // namespace
 
 Url::Url(std::string absoluteString) : string_(std::move(absoluteString)) {
-  if (string_.starts_with(kFileScheme)) {
-    std::string_view rest = std::string_view(string_).substr(kFileScheme.size());
-    // "file://localhost/x" and "file:///x" both name /x.
-    auto slash = rest.find('/');
-    if (slash != std::string_view::npos) {
-      if (auto decoded = percentDecode(rest.substr(slash))) {
-        path_ = normalisePath(*decoded);
-        isFile_ = true;
-      }
-    }
+  if (auto path = pathOfFileURLString(string_)) {
+    path_ = std::move(*path);
+    isFile_ = true;
   }
+}
+
+std::optional<std::string> Url::pathOfFileURLString(std::string_view string) {
+  if (!string.starts_with(kFileScheme)) return std::nullopt;
+  std::string_view rest = string.substr(kFileScheme.size());
+  // "file://localhost/x" and "file:///x" both name /x.
+  auto slash = rest.find('/');
+  if (slash == std::string_view::npos) return std::nullopt;
+  auto decoded = percentDecode(rest.substr(slash));
+  if (!decoded) return std::nullopt;
+  return normalisePath(*decoded);
 }
 
 std::shared_ptr<Url> Url::fileURLWithPath(std::string_view path) {
@@ -101,25 +105,26 @@ std::shared_ptr<Url> Url::URLWithString(std::string_view string) {
 
 ObjectPtr Url::initWithCoder(KeyedUnarchiver& coder) {
   auto base = cast<Url>(coder.decodeObjectOfClassForKey(Url::classInfo(), "NS.base"));
-  auto relative = cast<String>(coder.decodeObjectOfClassForKey(String::classInfo(), "NS.relative"));
+  std::string_view relative;
+  bool hasRelative = coder.decodeStringObjectForKey("NS.relative", relative);
   if (coder.hasFailed()) return nullptr;
-  if (!relative) {
+  if (!hasRelative) {
     coder.failWithError("NSURL without an NS.relative string");
     return nullptr;
   }
-  if (FileReferenceUrl::isReferenceString(relative->str())) {
-    return FileReferenceUrl::initWithCoder(coder, relative->str());
+  if (FileReferenceUrl::isReferenceString(relative)) {
+    return FileReferenceUrl::initWithCoder(coder, relative);
   }
-  if (base && !hasScheme(relative->str())) {
+  if (base && !hasScheme(relative)) {
     // A path relative to a file URL base.
-    auto decoded = percentDecode(relative->str());
+    auto decoded = percentDecode(relative);
     if (!decoded || !base->isFileURL()) {
       coder.failWithError("NSURL with a relative string that does not resolve");
       return nullptr;
     }
     return fileURLWithPath(base->path() + "/" + *decoded);
   }
-  auto url = URLWithString(relative->str());
+  auto url = URLWithString(relative);
   if (!url) coder.failWithError("NSURL string without a scheme");
   return url;
 }
@@ -198,7 +203,7 @@ bool Url::isEqual(const Object& other) const {
 
 void Url::encodeWithCoder(KeyedArchiver& coder) const {
   coder.encodeObject(nullptr, "NS.base");
-  coder.encodeObject(str(string_), "NS.relative");
+  coder.encodeStringObject(string_, "NS.relative");
 }
 
 std::string Url::percentEncodePath(std::string_view path) {

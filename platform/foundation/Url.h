@@ -68,6 +68,9 @@ class Url : public Object {
   // "/a b" -> "/a%20b" and back; decoding nullopt for a malformed escape.
   static std::string percentEncodePath(std::string_view path);
   static std::optional<std::string> percentDecode(std::string_view text);
+  // The path a "file://..." string names, as a file URL made from it would
+  // answer it; nullopt for any other string.
+  static std::optional<std::string> pathOfFileURLString(std::string_view string);
 
  protected:
   // A file URL whose string a subclass has made itself (a file reference):
