@@ -3,6 +3,8 @@
 #include <chrono>
 #include <semaphore>
 
+#include "platform/dispatch/BeforeBlocking.h"
+
 namespace qx {
 
 // A counting semaphore in the manner of dispatch semaphores: it starts at the
@@ -14,9 +16,17 @@ class Semaphore {
   Semaphore(const Semaphore&) = delete;
   Semaphore& operator=(const Semaphore&) = delete;
 
-  void wait() { semaphore_.acquire(); }
+  void wait() {
+    if (semaphore_.try_acquire()) return;
+    BeforeBlocking::notify();
+    semaphore_.acquire();
+  }
   // False when nothing came within `timeout`.
-  bool waitFor(std::chrono::milliseconds timeout) { return semaphore_.try_acquire_for(timeout); }
+  bool waitFor(std::chrono::milliseconds timeout) {
+    if (semaphore_.try_acquire()) return true;
+    BeforeBlocking::notify();
+    return semaphore_.try_acquire_for(timeout);
+  }
   void signal() { semaphore_.release(); }
 
  private:

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <thread>
 
+#include "platform/dispatch/BeforeBlocking.h"
 #include "platform/dispatch/Semaphore.h"
 #include "platform/foundation/Dictionary.h"
 #include "platform/foundation/String.h"
@@ -195,49 +196,92 @@ void XpcConnection::invalidate() {
   });
 }
 
-// Two threads run this loop and take turns: the one holding the read lock
-// reads and decodes; before it runs a delivery itself (when the delivery queue
-// is idle) it lets go of the lock, so the other one goes on reading. Every
-// dispatch decision is made under the lock, so deliveries keep arrival order,
-// and at most one reader is ever inside a delivery: reading never waits for
-// the exported object, a reply handler or a blocked write.
+// Two threads run this loop and take turns: the one holding the reading turn
+// reads and decodes. It runs a delivery itself when the delivery queue is
+// idle, and then reads on, so a connection that answers quickly costs one
+// thread switch per message. Should the delivery block (BeforeBlocking), the
+// turn passes to the other thread first: reading never waits for the exported
+// object, a reply handler or a blocked write. Every dispatch decision is made
+// by the turn holder, so deliveries keep arrival order, and at most one
+// reader is ever inside a delivery.
 void XpcConnection::readLoop(std::shared_ptr<XpcConnection> self) {
   setCurrentThreadName("qx.xpc.reader");
   std::vector<uint8_t> buffer(64 * 1024);
-  for (;;) {
-    std::unique_lock readLock(self->readMutex_);
-    if (self->readerDone_) return;
-    ssize_t received = ::read(self->socket_.get(), buffer.data(), buffer.size());
-    if (received < 0 && errno == EINTR) continue;
-    bool healthy = received > 0;
-    Task mine;
-    if (healthy) {
-      self->frames_.append({buffer.data(), static_cast<std::size_t>(received)});
-      while (healthy) {
-        auto payload = self->frames_.next();
-        if (!payload) break;
-        Task delivery;
-        healthy = self->handleFrame(*payload, delivery);
-        if (!delivery) continue;
-        if (!mine && self->deliveryQueue_.tryClaim()) {
-          mine = std::move(delivery);
-        } else {
-          self->deliveryQueue_.async(std::move(delivery));
-        }
+  while (self->awaitReadingTurn()) {
+    bool holdingTurn = true;
+    while (holdingTurn) {
+      ssize_t received = ::read(self->socket_.get(), buffer.data(), buffer.size());
+      if (received < 0 && errno == EINTR) continue;
+      Task mine;
+      bool healthy = received > 0 && self->takeFrames({buffer.data(), std::size_t(received)}, mine);
+      if (!healthy) {
+        self->endReading();
+        if (mine) self->deliverInline(mine);
+        self->invalidate();
+        return;
       }
-      if (self->frames_.failed()) healthy = false;
-    }
-    if (!healthy) self->readerDone_ = true;
-    readLock.unlock();
-    if (mine) {
-      mine();
-      self->deliveryQueue_.releaseClaim();
-    }
-    if (!healthy) {
-      self->invalidate();
-      return;
+      if (mine) holdingTurn = self->deliverInline(mine);
     }
   }
+}
+
+bool XpcConnection::takeFrames(std::span<const uint8_t> bytes, Task& mine) {
+  frames_.append(bytes);
+  for (;;) {
+    auto payload = frames_.next();
+    if (!payload) return !frames_.failed();
+    Task delivery;
+    if (!handleFrame(*payload, delivery)) return false;
+    if (!delivery) continue;
+    if (!mine && deliveryQueue_.tryClaim()) {
+      mine = std::move(delivery);
+    } else {
+      deliveryQueue_.async(std::move(delivery));
+    }
+  }
+}
+
+bool XpcConnection::deliverInline(Task& delivery) {
+  struct Turn {
+    XpcConnection* connection;
+    bool passed = false;
+  } turn{this};
+  {
+    BeforeBlocking::Scope scope(
+        [](void* context) {
+          auto* held = static_cast<Turn*>(context);
+          held->passed = true;
+          held->connection->passReadingTurn();
+        },
+        &turn);
+    delivery();
+  }
+  deliveryQueue_.releaseClaim();
+  return !turn.passed;
+}
+
+bool XpcConnection::awaitReadingTurn() {
+  std::unique_lock lock(readMutex_);
+  turnFree_.wait(lock, [&] { return readerDone_ || !turnTaken_; });
+  if (readerDone_) return false;
+  turnTaken_ = true;
+  return true;
+}
+
+void XpcConnection::passReadingTurn() {
+  {
+    std::lock_guard lock(readMutex_);
+    turnTaken_ = false;
+  }
+  turnFree_.notify_one();
+}
+
+void XpcConnection::endReading() {
+  {
+    std::lock_guard lock(readMutex_);
+    readerDone_ = true;
+  }
+  turnFree_.notify_all();
 }
 
 std::optional<XpcConnection::Pending> XpcConnection::takePending(uint64_t sequence) {
@@ -381,7 +425,11 @@ void XpcConnection::sendMessage(const XpcMessage& message) {
 bool XpcConnection::writeFrame(std::span<const uint8_t> payload) {
   uint8_t header[4];
   XpcFrame::writeHeader(header, static_cast<uint32_t>(payload.size()));
-  std::lock_guard lock(sendMutex_);
+  std::unique_lock lock(sendMutex_, std::try_to_lock);
+  if (!lock) {
+    BeforeBlocking::notify();
+    lock.lock();
+  }
   if (!isValid()) return true;  // dropped; the invalidation is under way
   iovec parts[2] = {{header, sizeof header},
                     {const_cast<uint8_t*>(payload.data()), payload.size()}};
@@ -390,7 +438,13 @@ bool XpcConnection::writeFrame(std::span<const uint8_t> payload) {
     msghdr message{};
     message.msg_iov = parts + first;
     message.msg_iovlen = static_cast<std::size_t>(2 - first);
-    ssize_t sent = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
+    ssize_t sent = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && errno == EAGAIN) {
+      // The peer is not draining: whoever waits for us to read must not wait
+      // on this write.
+      BeforeBlocking::notify();
+      sent = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
+    }
     if (sent < 0) {
       if (errno == EINTR) continue;
       return false;

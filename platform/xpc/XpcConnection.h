@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <cassert>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -132,6 +133,16 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   void setClosedObserver(std::function<void()> observer);
 
   static void readLoop(std::shared_ptr<XpcConnection> self);
+  // Decodes the complete frames in `bytes`: the first delivery goes to `mine`
+  // when the delivery queue could be claimed, the rest onto the queue. False
+  // for a protocol error.
+  bool takeFrames(std::span<const uint8_t> bytes, Task& mine);
+  // Runs a delivery on the reader thread that claimed the queue; false when
+  // the reading turn was passed on because the delivery blocked.
+  bool deliverInline(Task& delivery);
+  bool awaitReadingTurn();
+  void passReadingTurn();
+  void endReading();
   // Decodes one frame into the delivery it calls for (none for some); false
   // for a protocol error.
   bool handleFrame(std::span<const uint8_t> payload, Task& delivery);
@@ -159,9 +170,13 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
 
   std::mutex sendMutex_;  // held while one frame is written
 
-  std::mutex readMutex_;  // held by the reader that reads; guards the two below
-  XpcFrameReader frames_;
+  // The reading turn: one reader thread at a time reads, decodes and decides
+  // where each delivery runs; frames_ belongs to the turn holder.
+  std::mutex readMutex_;
+  std::condition_variable turnFree_;
+  bool turnTaken_ = false;
   bool readerDone_ = false;
+  XpcFrameReader frames_;
 };
 
 template <class P>
