@@ -85,7 +85,7 @@ class SizesTest : public ::testing::Test {
 
   test::TempTree tree{"qx-sizes"};
   std::atomic<bool> answer{true};
-  test::ResponseLink link{[this](int) { return answer; }};
+  test::ResponseLink link{[this](int) { return answer.load(); }};
 };
 
 TEST_F(SizesTest, ResultTreeOfFilesFoldersAndLinks) {
