@@ -832,13 +832,22 @@ BinaryPlist::Ref BinaryPlist::addString(std::string_view utf8) {
     Ref found = findAscii(utf8);
     if (found != kNoRef) return found;
   }
+  Ref ref = appendString(utf8, ascii);
+  if (ascii) remember(ref);
+  return ref;
+}
+
+BinaryPlist::Ref BinaryPlist::addUnsharedString(std::string_view utf8) {
+  return appendString(utf8, isAscii(reinterpret_cast<const uint8_t*>(utf8.data()), utf8.size()));
+}
+
+BinaryPlist::Ref BinaryPlist::appendString(std::string_view utf8, bool ascii) {
   Ref ref;
   Node& node = push(Type::String, ref);
   node.flags = kInArena | (ascii ? 0 : kNonAscii);
   node.length = static_cast<uint32_t>(utf8.size());
   node.offset = arena_.size();
   arena_.append(utf8);
-  if (ascii) remember(ref);
   count(nodes_[ref]);
   return ref;
 }

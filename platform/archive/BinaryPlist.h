@@ -75,6 +75,9 @@ class BinaryPlist {
   Ref addDate(double secondsSince2001);
   Ref addData(std::span<const uint8_t> bytes);
   Ref addString(std::string_view utf8);
+  // A string value of its own, neither looked up among nor added to the
+  // shared ones: for texts that hardly ever repeat, such as paths.
+  Ref addUnsharedString(std::string_view utf8);
   Ref addUid(uint32_t value);
   Ref addArray(std::span<const Ref> elements);
   Ref addDictionary(std::span<const Ref> keys, std::span<const Ref> values);
@@ -152,6 +155,7 @@ class BinaryPlist {
                                    : node.pointer;
   }
   Ref findAscii(std::string_view text) const;
+  Ref appendString(std::string_view utf8, bool ascii);
   // What a node takes in the written plist besides its references, and how
   // many references it has; the builder keeps the totals as it goes.
   static uint64_t fixedSize(const Node& node, std::string_view text);

@@ -251,7 +251,7 @@ void KeyedArchiver::encodeDataObject(std::span<const uint8_t> bytes, std::string
 }
 
 void KeyedArchiver::encodeStringObject(std::string_view text, std::string_view key) {
-  encodeNewObject(state_.plist.addString(text), key);
+  encodeNewObject(state_.plist.addUnsharedString(text), key);
 }
 
 // A new UID every time: an object made for the call would be a new object,

@@ -36,7 +36,7 @@ class KeyedArchiver {
   // (NSIndexPath's NSIndexPathData, written once per record of a report).
   void encodeDataObject(std::span<const uint8_t> bytes, std::string_view key);
   // The same for text archived as an NSString object of its own (a URL's
-  // strings, written once per item of a listing).
+  // strings, written once per item of a listing); equal texts are not shared.
   void encodeStringObject(std::string_view text, std::string_view key);
   // An inline plist array of UIDs, one per object (NS.objects, NS.keys).
   void encodeArrayOfObjects(const std::vector<ObjectPtr>& objects, std::string_view key);

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
@@ -23,12 +23,14 @@ constexpr std::string_view kReferencePrefix = "file:///.file/id=";
 constexpr std::string_view kPathKey = "qx.path";
 
 std::string referenceString(std::uint64_t device, std::uint64_t inode) {
-  char buffer[64];
-  int length = std::snprintf(buffer, sizeof buffer, "file:///.file/id=%llu.%llu",
-                             static_cast<unsigned long long>(device),
-                             static_cast<unsigned long long>(inode));
-  return std::string(buffer, static_cast<std::size_t>(length));
+  std::string text(kReferencePrefix);
+  char digits[20];
+  text.append(digits, std::to_chars(digits, std::end(digits), device).ptr);
+  text += '.';
+  text.append(digits, std::to_chars(digits, std::end(digits), inode).ptr);
+  return text;
 }
+
 bool parseNumber(std::string_view text, std::uint64_t& value) {
   if (text.empty()) return false;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
