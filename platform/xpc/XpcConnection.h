@@ -42,9 +42,10 @@ inline constexpr int64_t kXpcConnectionRefusedError = 4864;
 //
 // Threads: after resume(), two reader threads take turns reading and decoding
 // frames; invocations and replies are delivered, in arrival order, on the
-// connection's serial delivery queue (run by the reader that read them when
-// the queue is idle, which saves a thread switch, while the other reader goes
-// on reading). Sends may come from any thread: each message is encoded on the
+// connection's serial delivery queue. When the queue is idle, the reader that
+// read a message runs its delivery itself and then reads on, which saves a
+// thread switch; only if that delivery blocks does the other reader take over
+// the reading. Sends may come from any thread: each message is encoded on the
 // sending thread and written whole under the connection's send lock, so
 // frames never interleave.
 //
