@@ -77,7 +77,9 @@ class AclInspection : public ::testing::Test {
   qx::ErrorPtr error_;
 };
 
-TEST_F(AclInspection, FileEntriesKeepOrderTagsFlagsAndGroupStates) {
+// Listings compared with records built from the entries and the mode, and the
+// rows and the "Applies to" node pinned, whatever those records say.
+TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   std::string bare = tree_.ownedFile("bare");
   ASSERT_TRUE(list(bare));
   EXPECT_TRUE(aclEntries(list(bare)).empty());
@@ -88,44 +90,29 @@ TEST_F(AclInspection, FileEntriesKeepOrderTagsFlagsAndGroupStates) {
   std::string file = tree_.ownedFile("f");
   const uint32_t allRead = ACL_READ_DATA | ACL_EXECUTE | ACL_READ_ATTRIBUTES |
                            ACL_READ_EXTATTRIBUTES | ACL_READ_SECURITY;
-  ASSERT_TRUE(setAcl(file, {{ACL_EXTENDED_ALLOW, userUuid(kMember), allRead | ACL_WRITE_DATA},
-                            {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_CHANGE_OWNER,
-                             ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT}}));
+  const std::vector<Ace> fileAces = {
+      {ACL_EXTENDED_ALLOW, userUuid(kMember), allRead | ACL_WRITE_DATA},
+      {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_CHANGE_OWNER,
+       ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT}};
+  ASSERT_TRUE(setAcl(file, fileAces));
+  EXPECT_EQ(listingText(list(file)),
+            listingText(listing({aclEntry(fileAces[0], false), aclEntry(fileAces[1], false)},
+                                pseudoEntries(0644, kOwner, kTeam))));
   std::vector<QXAclEntryPtr> entries = aclEntries(list(file));
   ASSERT_EQ(entries.size(), 2u);
-  const QXAclEntryPtr& allow = entries[0];
-  EXPECT_TRUE(allow->isAcl());
-  EXPECT_TRUE(qx::isEqual(allow->uuid(), userUuid(kMember)));
-  EXPECT_EQ(allow->tag(), ACL_EXTENDED_ALLOW);
-  EXPECT_FALSE(allow->inherited());
-  const auto& groups = *allow->permissions();
-  ASSERT_EQ(groups.count(), 3u);
-  EXPECT_EQ(
-      (std::vector<Leaf>{
-          {nameOf(groups[0]), recordOf(groups[0])->permission(), recordOf(groups[0])->state()},
-          {nameOf(groups[1]), recordOf(groups[1])->permission(), recordOf(groups[1])->state()},
-          {nameOf(groups[2]), recordOf(groups[2])->permission(), recordOf(groups[2])->state()}}),
-      (std::vector<Leaf>{{"Read", 2, 1}, {"Write", 2, -1}, {"Administration", 2, 0}}));
-  EXPECT_EQ(childrenOf(groups[0]), (std::vector<Leaf>{{"Read Data", 0x2, 1},
-                                                      {"Execute File", 0x8, 1},
-                                                      {"Read Attributes", 0x80, 1},
-                                                      {"Read Extended Attributes", 0x200, 1},
-                                                      {"Read Permissions", 0x800, 1}}));
-  EXPECT_EQ(childrenOf(groups[1]), (std::vector<Leaf>{{"Write Data", 0x4, 1},
-                                                      {"Append Data", 0x20, 0},
-                                                      {"Delete", 0x10, 0},
-                                                      {"Write Attributes", 0x100, 0},
-                                                      {"Write Extended Attributes", 0x400, 0}}));
-  EXPECT_EQ(childrenOf(groups[2]),
-            (std::vector<Leaf>{{"Change Permissions", 0x1000, 0}, {"Change Owner", 0x2000, 0}}));
-  const QXAclEntryPtr& deny = entries[1];
-  EXPECT_TRUE(qx::isEqual(deny->uuid(), groupUuid(kTeam)));
-  EXPECT_EQ(deny->tag(), ACL_EXTENDED_DENY);
-  EXPECT_TRUE(deny->inherited());
-  EXPECT_EQ(deny->permissions()->count(), 3u) << "a file has no \"Applies to\"";
-}
+  EXPECT_TRUE(entries[0]->isAcl());
+  EXPECT_TRUE(entries[1]->inherited());
+  const auto& groups = *entries[0]->permissions();
+  ASSERT_EQ(groups.count(), 3u) << "a file has no \"Applies to\"";
+  EXPECT_EQ(nodeText(groups[0]),
+            "Read:0x2=1, Read Data:0x2=1, Execute File:0x8=1, Read Attributes:0x80=1, "
+            "Read Extended Attributes:0x200=1, Read Permissions:0x800=1");
+  EXPECT_EQ(nodeText(groups[1]),
+            "Write:0x2=-1, Write Data:0x4=1, Append Data:0x20=0, Delete:0x10=0, "
+            "Write Attributes:0x100=0, Write Extended Attributes:0x400=0");
+  EXPECT_EQ(nodeText(groups[2]),
+            "Administration:0x2=0, Change Permissions:0x1000=0, Change Owner:0x2000=0");
 
-TEST_F(AclInspection, FolderEntriesShowAppliesToForEveryFlagCombination) {
   std::string folder = tree_.ownedFolder("d");
   std::vector<Ace> aces;
   for (uint32_t combo = 0; combo < 16; ++combo) {
@@ -140,38 +127,34 @@ TEST_F(AclInspection, FolderEntriesShowAppliesToForEveryFlagCombination) {
   for (const Ace& ace : aces) records.push_back(aclEntry(ace, true));
   EXPECT_EQ(listingText(list(folder)),
             listingText(listing(records, pseudoEntries(0755, kOwner, kTeam, true))));
-  // Pins of the folder rows and the "Applies to" node, whatever the oracle says.
   const qx::ArrayPtr seventh = aclEntries(list(folder)).at(7)->permissions();
-  const auto& groups = *seventh;
-  ASSERT_EQ(groups.count(), 4u);
-  EXPECT_EQ(childrenOf(groups[0])[1], (Leaf{"Traverse Folder", 0x8, 1}));
-  EXPECT_EQ(childrenOf(groups[1])[3].name, "Delete Subfolders and Files");
-  EXPECT_EQ(recordOf(groups[3])->permission(), 0x2000);
-  EXPECT_EQ(childrenOf(groups[3]), (std::vector<Leaf>{{"This item", 0x100, 0},
-                                                      {"Child files", 0x20, 1},
-                                                      {"Child folders", 0x40, 1},
-                                                      {"All descendants", 0x80, 1}}));
-  EXPECT_EQ(recordOf(groups[3])->state(), -1);
-}
+  ASSERT_EQ(seventh->count(), 4u);
+  EXPECT_EQ(nodeText(seventh->objectAtIndex(0)),
+            "Read:0x2=-1, List Folder Contents:0x2=0, Traverse Folder:0x8=1, "
+            "Read Attributes:0x80=0, Read Extended Attributes:0x200=0, Read Permissions:0x800=0");
+  EXPECT_EQ(nodeText(seventh->objectAtIndex(1)),
+            "Write:0x2=0, Create Files:0x4=0, Create Folder:0x20=0, Delete:0x10=0, "
+            "Delete Subfolders and Files:0x40=0, Write Attributes:0x100=0, "
+            "Write Extended Attributes:0x400=0");
+  EXPECT_EQ(nodeText(seventh->objectAtIndex(3)),
+            "Applies to:0x2000=-1, This item:0x100=0, Child files:0x20=1, Child folders:0x40=1, "
+            "All descendants:0x80=1");
 
-TEST_F(AclInspection, PosixLeavesFollowTheModeAndALinkIsListedAsItself) {
-  std::string target = tree_.ownedFolder("target", 0700);
-  ASSERT_TRUE(setAcl(target, {{ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_LIST_DIRECTORY}}));
+  // POSIX leaves follow the mode. A link's own mode is 0777 on Linux; it is
+  // not a folder, and its target's ACL is not its.
   std::string link = tree_.path("link");
-  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+  ASSERT_EQ(symlink(folder.c_str(), link.c_str()), 0);
   ASSERT_EQ(lchown(link.c_str(), kOther, kDenied), 0);
-  EXPECT_EQ(listingText(list(tree_.ownedFile("f", 0754))),
+  EXPECT_EQ(listingText(list(tree_.ownedFile("f754", 0754))),
             listingText(listing({}, pseudoEntries(0754, kOwner, kTeam))));
-  EXPECT_EQ(listingText(list(tree_.ownedFolder("d", 0754))),
+  EXPECT_EQ(listingText(list(tree_.ownedFolder("d754", 0754))),
             listingText(listing({}, pseudoEntries(0754, kOwner, kTeam, true))));
-  // A link's own mode is 0777 on Linux; it is not a folder, and its target's ACL is not its.
   EXPECT_EQ(listingText(list(link)),
             listingText(listing({}, pseudoEntries(0777, kOther, kDenied))));
-  QXAclEntryPtr everyone = posix(list(tree_.path("d")), 2);
+  QXAclEntryPtr everyone = posix(list(tree_.path("d754")), 2);
   EXPECT_FALSE(everyone->isAcl());
   EXPECT_EQ(everyone->tag(), 1);
-  EXPECT_EQ(nameOf(everyone->permissions()->objectAtIndex(2)), "Traverse Folder");
-  EXPECT_EQ(recordOf(everyone->permissions()->objectAtIndex(2))->permission(), 0x1000);
+  EXPECT_EQ(nodeText(everyone->permissions()->objectAtIndex(2)), "Traverse Folder:0x1000=0");
 }
 
 TEST_F(AclInspection, ListingFailuresCarryTheStepTheNumberAndTheTitle) {
@@ -317,42 +300,14 @@ TEST_F(AclInspection, TraversalFailuresNameTheFolderAndAreNotWrapped) {
       "Couldn't release file Acces Control List storage for file at path \"" + folder + "\".");
 }
 
-TEST_F(AclInspection, EffectiveAccessOfOwnerAndOthersOnAPlainFile) {
-  std::string file = tree_.ownedFile("f", 0644);
-  EXPECT_EQ(access(file, userUuid(kOwner)), (States{{"Read Data", 1},
-                                                    {"Execute File", 0},
-                                                    {"Read Attributes", 1},
-                                                    {"Read Extended Attributes", 1},
-                                                    {"Read Permissions", 1},
-                                                    {"Write Data", 1},
-                                                    {"Append Data", 1},
-                                                    {"Delete", 1},
-                                                    {"Write Attributes", 1},
-                                                    {"Write Extended Attributes", 1},
-                                                    {"Change Permissions", 1},
-                                                    {"Change Owner", 0}}));
-  const States everyoneElse{{"Read Data", 1},          {"Execute File", 0},
-                            {"Read Attributes", 1},    {"Read Extended Attributes", 1},
-                            {"Read Permissions", 1},   {"Write Data", 0},
-                            {"Append Data", 0},        {"Delete", 1},
-                            {"Write Attributes", 0},   {"Write Extended Attributes", 0},
-                            {"Change Permissions", 0}, {"Change Owner", 0}};
-  EXPECT_EQ(access(file, userUuid(kOther)), everyoneElse);
-  EXPECT_EQ(access(file, userUuid(kMember)), everyoneElse);
-
-  // Behind a folder the identity cannot search, every leaf is off.
-  tree_.ownedFolder("private", 0700);
-  std::string hidden = tree_.ownedFile("private/f", 0777);
-  ASSERT_TRUE(setAcl(hidden, {{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA}}));
-  States states = access(hidden, userUuid(kOther));
-  ASSERT_EQ(states.size(), 12u);
-  for (const auto& [name, state] : states) EXPECT_EQ(state, 0) << name;
-  EXPECT_EQ(access(hidden, userUuid(kOwner))["Read Data"], 1);
-}
-
-// Single leaves of the effective access, item by item.
+// Leaves of the effective access, item by item (all twelve of a file where
+// every leaf is named).
 TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
   const qx::UuidPtr member = userUuid(kMember), team = groupUuid(kTeam), other = userUuid(kOther);
+  const std::string everyoneElse =
+      "Read Data=1, Execute File=0, Read Attributes=1, Read Extended Attributes=1, "
+      "Read Permissions=1, Write Data=0, Append Data=0, Delete=1, Write Attributes=0, "
+      "Write Extended Attributes=0, Change Permissions=0, Change Owner=0";
   const uint32_t changes = ACL_ADD_FILE | ACL_ADD_SUBDIRECTORY | ACL_DELETE_CHILD;
   const mode_t folder = S_IFDIR;
   struct Row {
@@ -362,6 +317,15 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
     std::string expected;  // "Leaf=state" pairs to look at
   };
   const Row rows[] = {
+      // Owner and others on 0644.
+      {0644,
+       {},
+       userUuid(kOwner),
+       "Read Data=1, Execute File=0, Read Attributes=1, Read Extended Attributes=1, "
+       "Read Permissions=1, Write Data=1, Append Data=1, Delete=1, Write Attributes=1, "
+       "Write Extended Attributes=1, Change Permissions=1, Change Owner=0"},
+      {0644, {}, other, everyoneElse},
+      {0644, {}, member, everyoneElse},
       // Group bits for the group, a member and a primary member; the owner's own bits.
       {0070, {}, team, "Read Data=1, Write Data=1, Execute File=1, Write Attributes=0"},
       {0070, {}, member, "Read Data=1, Write Data=1"},
@@ -431,7 +395,7 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
   }
 }
 
-TEST_F(AclInspection, EffectiveAccessFailuresAreWrappedUnderItsTitle) {
+TEST_F(AclInspection, EffectiveAccessFailuresAreWrappedAndHiddenItemsGetNothing) {
   const std::string title = "Error retrieving effective file access permissions";
   std::string file = tree_.ownedFile("f");
   qx::ErrorPtr error;
@@ -457,8 +421,14 @@ TEST_F(AclInspection, EffectiveAccessFailuresAreWrappedUnderItsTitle) {
   expectError(error_, ENOENT, title,
               "Couldn't determine group membership for selected user. No such file or directory");
 
+  // Behind a folder the identity cannot search, every leaf is off.
   tree_.ownedFolder("private", 0700);
-  std::string hidden = tree_.ownedFile("private/f");
+  std::string hidden = tree_.ownedFile("private/f", 0777);
+  ASSERT_TRUE(setAcl(hidden, {{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA}}));
+  States states = access(hidden, userUuid(kOther));
+  ASSERT_EQ(states.size(), 12u);
+  for (const auto& [name, state] : states) EXPECT_EQ(state, 0) << name;
+  EXPECT_EQ(access(hidden, userUuid(kOwner))["Read Data"], 1);
   EXPECT_EQ(
       qx::test::ChildProcess::runAs(
           kOther, kOtherGroup,

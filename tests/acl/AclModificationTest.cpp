@@ -32,6 +32,15 @@ const std::string kSaveTitle = "Error saving file Acces Control List entries";
 const std::string kPropagateTitle =
     "Error propagating file Access Control List, POSIX permissions, owner and group";
 
+const std::string kSetType =
+    "Couldn't set file Acces Control List entry type for file at path \"%s\".";
+const std::string kSetEntries =
+    "Couldn't set file Acces Control List entries for file at path \"%s\".";
+const std::string kRelease =
+    "Couldn't release file Acces Control List storage for file at path \"%s\".";
+const std::string kSetMode = "Couldn't set file POSIX permissions for file at path \"%s\".";
+const std::string kOwnerId = "Couldn't retrieve file owner identifier for file at path \"%s\".";
+
 std::string step(const std::string& format, const std::string& path, int number = 0) {
   std::string text = format;
   text.replace(text.find("%s"), 2, path);
@@ -114,8 +123,6 @@ TEST(GetAcl, EachFailingStepNamesItselfAndStopsTheCall) {
   auto unknownLeaf = node("Read", 2, 1);
   unknownLeaf->mutableChildNodes().addObject(node("Unknown", 0x4000, 1));
   const std::vector<qx::ObjectPtr> tooMany(ACL_MAX_ENTRIES, good);
-  const std::string type =
-      "Couldn't set file Acces Control List entry type for file at path \"%s\".";
   struct Row {
     std::vector<qx::ObjectPtr> entries;
     int code;
@@ -124,9 +131,9 @@ TEST(GetAcl, EachFailingStepNamesItselfAndStopsTheCall) {
   const Row rows[] = {
       {tooMany, ENOMEM,
        "Couldn't initialize file Acces Control List storage for file at path \"%s\"."},
-      {{good, badTag}, EINVAL, type},
-      {{qx::str("ACL")}, EINVAL, type},        // not a record: an empty one, whose tag is undefined
-      {{good, badTag, noUuid}, EINVAL, type},  // nothing after the failing entry is looked at
+      {{good, badTag}, EINVAL, kSetType},
+      {{qx::str("ACL")}, EINVAL, kSetType},  // not a record: an empty one, whose tag is undefined
+      {{good, badTag, noUuid}, EINVAL, kSetType},  // nothing after the failing entry is looked at
       {{good, noUuid},
        static_cast<int32_t>(0x80000002u),
        "Couldn't retreive file Acces Control List entry qualifier for file at path \"%s\"."},
@@ -385,8 +392,7 @@ TEST_F(AclModification, OwnerAndGroupChangeAsRootOnly) {
   EXPECT_EQ(saveAs(listing({aclEntry(entry, false)}, pseudoEntries(0666, 0, 0))), "ok");
   EXPECT_EQ(storedAcl(file), Aces{entry});
   EXPECT_EQ(saveAs(listing({}, pseudoEntries(0664, 0, 0))),
-            "1\n" + kSaveTitle + "\n" +
-                step("Couldn't set file POSIX permissions for file at path \"%s\".", file, EPERM));
+            "1\n" + kSaveTitle + "\n" + step(kSetMode, file, EPERM));
 }
 
 TEST_F(AclModification, SymbolicLinkIsChangedItselfOrFailsHonestly) {
@@ -402,14 +408,17 @@ TEST_F(AclModification, SymbolicLinkIsChangedItselfOrFailsHonestly) {
   const uid_t uid = lstatOf(link).st_uid;
   const gid_t gid = lstatOf(link).st_gid;
   EXPECT_FALSE(save(listing({}, pseudoEntries(0700, uid, gid)), link));
-  expectError(
-      error_, EOPNOTSUPP, kSaveTitle,
-      step("Couldn't set file POSIX permissions for file at path \"%s\".", link, EOPNOTSUPP));
+  expectError(error_, EOPNOTSUPP, kSaveTitle, step(kSetMode, link, EOPNOTSUPP));
+  // The write's failure is the one reported; the ACL is released after it too.
   const Ace entry{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA};
-  EXPECT_FALSE(save(listing({aclEntry(entry, false)}, pseudoEntries(0777, uid, gid)), link));
-  expectError(
-      error_, ENOTSUP, kSaveTitle,
-      step("Couldn't set file Acces Control List entries for file at path \"%s\".", link, ENOTSUP));
+  const size_t live = xtesting::LiveAcls();
+  {
+    xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
+    EXPECT_FALSE(save(listing({aclEntry(entry, false)}, pseudoEntries(0777, uid, gid)), link));
+    EXPECT_FALSE(xtesting::FreeFailurePending());
+  }
+  expectError(error_, ENOTSUP, kSaveTitle, step(kSetEntries, link, ENOTSUP));
+  EXPECT_EQ(xtesting::LiveAcls(), live);
   EXPECT_EQ(error_->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey)->path(), link);
   const struct stat targetAfter = lstatOf(tree_.path("target"));
   EXPECT_EQ(targetAfter.st_mode, targetBefore.st_mode);
@@ -427,21 +436,22 @@ TEST_F(AclModification, SaveFailuresComeInTheOrderOfTheSteps) {
 
   const std::string file = tree_.path("file");
   tree_.file("file");
-  const std::string owner = "Couldn't retrieve file owner identifier for file at path \"%s\".";
-  auto pseudo = pseudoEntries(0600, getuid(), getgid());
-  qx::cast<QXAclEntry>(pseudo[0])->setUuid(qx::Uuid::make());
-  EXPECT_FALSE(save(listing({}, pseudo), file));
-  expectError(error_, ENOENT, kSaveTitle, step(owner, file, ENOENT));
-  pseudo = pseudoEntries(0600, getuid(), getgid());
-  qx::cast<QXAclEntry>(pseudo[1])->setUuid(qx::Uuid::make());
-  EXPECT_FALSE(save(listing({}, pseudo), file));
-  expectError(
-      error_, ENOENT, kSaveTitle,
-      step("Couldn't retrieve file group identifier for file at path \"%s\".", file, ENOENT));
-  // With the owner's identity missing, the group's is the first one: it names the owner.
-  qx::cast<QXAclEntry>(pseudo[0])->setUuid(nullptr);
-  EXPECT_FALSE(save(listing({}, pseudo), file));
-  expectError(error_, ENOENT, kSaveTitle, step(owner, file, ENOENT));
+  // An unknown identity; with the owner's missing, the group's is the first
+  // one and names the owner.
+  const std::string group = "Couldn't retrieve file group identifier for file at path \"%s\".";
+  struct Ids {
+    qx::UuidPtr owner, group;
+    std::string format;
+  };
+  for (const Ids& ids : {Ids{qx::Uuid::make(), groupUuid(getgid()), kOwnerId},
+                         Ids{userUuid(getuid()), qx::Uuid::make(), group},
+                         Ids{nullptr, qx::Uuid::make(), kOwnerId}}) {
+    auto pseudo = pseudoEntries(0600, getuid(), getgid());
+    qx::cast<QXAclEntry>(pseudo[0])->setUuid(ids.owner);
+    qx::cast<QXAclEntry>(pseudo[1])->setUuid(ids.group);
+    EXPECT_FALSE(save(listing({}, pseudo), file));
+    expectError(error_, ENOENT, kSaveTitle, step(ids.format, file, ENOENT));
+  }
   EXPECT_EQ(modeOf(file), 0644u);
 
   auto bad = aclEntry({ACL_EXTENDED_ALLOW, nullptr, ACL_READ_DATA}, false);
@@ -452,25 +462,15 @@ TEST_F(AclModification, SaveFailuresComeInTheOrderOfTheSteps) {
   EXPECT_EQ(modeOf(file), 0600u) << "the ACL comes after the mode";
   EXPECT_FALSE(hasAclAttribute(file));
 
-  // A failing release is reported when nothing failed before it; the ACL is
-  // released after a failed write too.
-  tree_.link("link", "file");
+  // A failing release is reported when nothing failed before it.
   const Ace entry{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA};
   const size_t live = xtesting::LiveAcls();
-  for (const std::string& path : {file, tree_.path("link")}) {
-    {
-      xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
-      EXPECT_FALSE(save(listing({aclEntry(entry, false)}, {}), path));
-      EXPECT_FALSE(xtesting::FreeFailurePending());
-    }
-    expectError(error_, path == file ? EIO : ENOTSUP, kSaveTitle,
-                path == file ? step("Couldn't release file Acces Control List storage for file at "
-                                    "path \"%s\".",
-                                    path, EIO)
-                             : step("Couldn't set file Acces Control List entries for file at "
-                                    "path \"%s\".",
-                                    path, ENOTSUP));
+  {
+    xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
+    EXPECT_FALSE(save(listing({aclEntry(entry, false)}, {}), file));
+    EXPECT_FALSE(xtesting::FreeFailurePending());
   }
+  expectError(error_, EIO, kSaveTitle, step(kRelease, file, EIO));
   EXPECT_EQ(storedAcl(file), Aces{entry});
   EXPECT_EQ(xtesting::LiveAcls(), live);
 }
@@ -592,9 +592,7 @@ TEST_F(Propagation, FailuresEndTheWalkWithTheStepsMessage) {
   tree_.file("top/a.txt");
   const Snapshot fileBefore = Snapshot::of(at("a.txt"));
   EXPECT_FALSE(propagate(request({aclEntry({7, userUuid(kMember), ACL_READ_DATA}, true)}), top));
-  expectError(error_, EINVAL, kPropagateTitle,
-              step("Couldn't set file Acces Control List entry type for file at path \"%s\".", top,
-                   EINVAL));
+  expectError(error_, EINVAL, kPropagateTitle, step(kSetType, top, EINVAL));
   EXPECT_TRUE(Snapshot::of(at("a.txt")) == fileBefore) << "a bad entry fails before the walk";
 
   // The file ACL is released first, then the folder ACL; a failing release is
@@ -607,9 +605,7 @@ TEST_F(Propagation, FailuresEndTheWalkWithTheStepsMessage) {
       EXPECT_FALSE(propagate(request(), top));
       EXPECT_FALSE(xtesting::FreeFailurePending());
     }
-    expectError(error_, EIO, kPropagateTitle,
-                step("Couldn't release file Acces Control List storage for file at path \"%s\".",
-                     top, EIO));
+    expectError(error_, EIO, kPropagateTitle, step(kRelease, top, EIO));
     EXPECT_EQ(modeOf(at("a.txt")), 0750u);
   }
   EXPECT_EQ(xtesting::LiveAcls(), live);
@@ -620,9 +616,7 @@ TEST_F(Propagation, FailuresEndTheWalkWithTheStepsMessage) {
   tree_.fifo("top/box/pipe");
   const Snapshot boxBefore = Snapshot::of(at("box"));
   EXPECT_FALSE(propagate(request(), top));
-  expectError(error_, ENOTSUP, kPropagateTitle,
-              step("Couldn't set file Acces Control List entries for file at path \"%s\".",
-                   at("box/pipe"), ENOTSUP));
+  expectError(error_, ENOTSUP, kPropagateTitle, step(kSetEntries, at("box/pipe"), ENOTSUP));
   EXPECT_EQ(modeOf(at("box/pipe")), 0750u) << "the changes before the failing one stay";
   EXPECT_TRUE(Snapshot::of(at("box")) == boxBefore);
 }

@@ -4,6 +4,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cstdio>
+
 #include "model/QXAclTables.h"
 #include "model/QXTreeNode.h"
 #include "platform/membership/IdentityUuid.h"
@@ -111,11 +113,6 @@ std::string nameOf(const qx::ObjectPtr& node) {
   return record && record->name() ? record->name()->str() : "<nil>";
 }
 
-std::ostream& operator<<(std::ostream& out, const Leaf& leaf) {
-  return out << "(" << leaf.name << ", 0x" << std::hex << leaf.value << std::dec << ", "
-             << leaf.state << ")";
-}
-
 std::vector<Leaf> childrenOf(const qx::ObjectPtr& node) {
   std::vector<Leaf> leaves;
   auto tree = qx::cast<qx::TreeNode>(node);
@@ -196,13 +193,17 @@ qx::ArrayPtr listing(const std::vector<qx::ObjectPtr>& aclEntries,
   return array;
 }
 
-// A node and its subtree as text: name, permission and state of every node.
-static std::string treeText(const qx::ObjectPtr& object) {
+std::string nodeText(const qx::ObjectPtr& object) {
+  auto hex = [](int64_t value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
+    return std::string(text);
+  };
   auto record = recordOf(object);
-  std::string text = nameOf(object) + ":" + std::to_string(record->permission()) + "=" +
-                     std::to_string(record->state());
+  std::string text =
+      nameOf(object) + ":" + hex(record->permission()) + "=" + std::to_string(record->state());
   for (const Leaf& leaf : childrenOf(object)) {
-    text += " " + leaf.name + "=" + std::to_string(leaf.state);
+    text += ", " + leaf.name + ":" + hex(leaf.value) + "=" + std::to_string(leaf.state);
   }
   return text;
 }
@@ -218,7 +219,7 @@ std::string listingText(const qx::ArrayPtr& entries) {
     }
     text += (entry->uuid() ? entry->uuid()->UUIDString() : "everyone") + " tag " +
             std::to_string(entry->tag()) + (entry->inherited() ? " inherited" : "") + ":";
-    for (const qx::ObjectPtr& node : *entry->permissions()) text += " [" + treeText(node) + "]";
+    for (const qx::ObjectPtr& node : *entry->permissions()) text += " [" + nodeText(node) + "]";
     text += "\n";
   }
   return text;

@@ -72,9 +72,7 @@ struct Leaf {
   std::string name;
   int64_t value;
   int64_t state;
-  bool operator==(const Leaf&) const = default;
 };
-std::ostream& operator<<(std::ostream& out, const Leaf& leaf);
 std::vector<Leaf> childrenOf(const qx::ObjectPtr& node);
 // Leaf name -> state over every group of a tree.
 std::map<std::string, int64_t> leafStates(const qx::ArrayPtr& groups);
@@ -89,6 +87,8 @@ std::vector<qx::ObjectPtr> pseudoEntries(mode_t mode, uid_t owner, gid_t group,
 qx::ArrayPtr listing(const std::vector<qx::ObjectPtr>& aclEntries,
                      const std::vector<qx::ObjectPtr>& pseudo);
 
+// A node and its children as text: "Name:0xPERMISSION=STATE, Child:0x..=.., ...".
+std::string nodeText(const qx::ObjectPtr& node);
 // A listing as text, markers and records alike, every node with its name,
 // permission and state, so that a difference shows where it is.
 std::string listingText(const qx::ArrayPtr& entries);
