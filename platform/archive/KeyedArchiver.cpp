@@ -134,9 +134,11 @@ Ref uidValue(KeyedArchiver::State& state, uint32_t uid) {
 // the archive's own keys ($class, ...).
 Ref keyValue(KeyedArchiver::State& state, std::string_view key) {
   if (key.starts_with('$')) return state.plist.addString("$" + std::string(key));
-  auto& cached = state.keyCache[(reinterpret_cast<uintptr_t>(key.data()) >> 3 ^ key.size()) & 63];
+  // Literals lie a few bytes apart: the address is mixed before it picks a slot.
+  auto bits = reinterpret_cast<uintptr_t>(key.data()) ^ key.size();
+  auto& cached = state.keyCache[(bits * 0x9E3779B97F4A7C15ULL) >> 58];
   if (cached.text == key.data() && cached.length == key.size() &&
-      state.plist.string(cached.value) == key) {
+      state.plist.textEquals(cached.value, key)) {
     return cached.value;
   }
   Ref value = state.plist.addString(key);
