@@ -91,9 +91,8 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   const uint32_t allRead = ACL_READ_DATA | ACL_EXECUTE | ACL_READ_ATTRIBUTES |
                            ACL_READ_EXTATTRIBUTES | ACL_READ_SECURITY;
   const std::vector<Ace> fileAces = {
-      {ACL_EXTENDED_ALLOW, userUuid(kMember), allRead | ACL_WRITE_DATA},
-      {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_CHANGE_OWNER,
-       ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT}};
+      allow(userUuid(kMember), allRead | ACL_WRITE_DATA),
+      deny(groupUuid(kTeam), ACL_CHANGE_OWNER, ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT)};
   ASSERT_TRUE(setAcl(file, fileAces));
   EXPECT_EQ(listingText(list(file)),
             listingText(listing({aclEntry(fileAces[0], false), aclEntry(fileAces[1], false)},
@@ -120,7 +119,7 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
                      ((combo & 2) ? ACL_ENTRY_FILE_INHERIT : 0) |
                      ((combo & 4) ? ACL_ENTRY_DIRECTORY_INHERIT : 0) |
                      ((combo & 8) ? ACL_ENTRY_LIMIT_INHERIT : 0);
-    aces.push_back({ACL_EXTENDED_ALLOW, userUuid(kOwner + combo), ACL_SEARCH, flags});
+    aces.push_back(allow(userUuid(kOwner + combo), ACL_SEARCH, flags));
   }
   ASSERT_TRUE(setAcl(folder, aces));
   std::vector<qx::ObjectPtr> records;
@@ -187,8 +186,8 @@ TEST_F(AclInspection, ListingFailuresCarryTheStepTheNumberAndTheTitle) {
 
   // A release cannot fail for real; the interface's test hook makes one fail.
   std::string file = tree_.ownedFile("f");
-  ASSERT_TRUE(setAcl(file, {{ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_READ_DATA},
-                            {ACL_EXTENDED_DENY, userUuid(kOther), ACL_READ_DATA}}));
+  ASSERT_TRUE(setAcl(
+      file, {allow(userUuid(kMember), ACL_READ_DATA), deny(userUuid(kOther), ACL_READ_DATA)}));
   const size_t acls = xtesting::LiveAcls(), qualifiers = xtesting::LiveQualifiers();
   {
     xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
@@ -216,20 +215,18 @@ TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
   tree_.ownedFolder("a", 0700);
   tree_.ownedFolder("a/b");
   tree_.ownedFolder("a/b/c");
-  ASSERT_TRUE(
-      setAcl(tree_.ownedFolder("deny"), {{ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_SEARCH},
-                                         {ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_SEARCH}}));
-  const std::vector<Ace> silent = {{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_LIST_DIRECTORY},
-                                   {ACL_EXTENDED_DENY, userUuid(kOther), ACL_ADD_FILE}};
+  ASSERT_TRUE(setAcl(tree_.ownedFolder("deny"),
+                     {deny(groupUuid(kTeam), ACL_SEARCH), allow(userUuid(kMember), ACL_SEARCH)}));
+  const std::vector<Ace> silent = {allow(userUuid(kOther), ACL_LIST_DIRECTORY),
+                                   deny(userUuid(kOther), ACL_ADD_FILE)};
   ASSERT_TRUE(setAcl(tree_.ownedFolder("silent", 0700), silent));
   ASSERT_TRUE(setAcl(tree_.ownedFolder("silentOpen", 0701), silent));
   std::string closed = tree_.ownedFolder("closed", 0000);
-  ASSERT_TRUE(setAcl(closed, {{ACL_EXTENDED_DENY, userUuid(kOther), ACL_SEARCH}}));
-  const Ace allowOther{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_SEARCH};
+  ASSERT_TRUE(setAcl(closed, {deny(userUuid(kOther), ACL_SEARCH)}));
+  const Ace allowOther = allow(userUuid(kOther), ACL_SEARCH);
   tree_.ownedFolder("outer", 0700);
   ASSERT_TRUE(setAcl(tree_.ownedFolder("outer/inner", 0700), {allowOther}));
-  ASSERT_TRUE(setAcl(tree_.ownedFolder("open", 0700),
-                     {{ACL_EXTENDED_ALLOW, groupUuid(kOtherGroup), ACL_SEARCH}}));
+  ASSERT_TRUE(setAcl(tree_.ownedFolder("open", 0700), {allow(groupUuid(kOtherGroup), ACL_SEARCH)}));
   ASSERT_TRUE(setAcl(tree_.ownedFolder("open/inner", 0700), {allowOther}));
 
   struct Row {
@@ -282,9 +279,8 @@ TEST_F(AclInspection, TraversalFailuresNameTheFolderAndAreNotWrapped) {
   // An entry naming neither a user nor a group cannot be matched, and a user
   // without a passwd entry cannot be placed against the folder's group.
   const std::string membership = "Couldn't determine group membership for selected user.";
-  ASSERT_TRUE(
-      setAcl(folder, {{ACL_EXTENDED_ALLOW,
-                       qx::Uuid::withString("01234567-89AB-CDEF-0123-456789ABCDEF"), ACL_SEARCH}}));
+  ASSERT_TRUE(setAcl(
+      folder, {allow(qx::Uuid::withString("01234567-89AB-CDEF-0123-456789ABCDEF"), ACL_SEARCH)}));
   check(userUuid(kOther), true);
   expectError(error_, ENOENT, membership);
   ASSERT_TRUE(setAcl(folder, {}));
@@ -292,7 +288,7 @@ TEST_F(AclInspection, TraversalFailuresNameTheFolderAndAreNotWrapped) {
   expectError(error_, ENOENT, membership);
 
   // A release failing after a deny keeps the answer.
-  ASSERT_TRUE(setAcl(folder, {{ACL_EXTENDED_DENY, userUuid(kOther), ACL_SEARCH}}));
+  ASSERT_TRUE(setAcl(folder, {deny(userUuid(kOther), ACL_SEARCH)}));
   xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
   check(userUuid(kOther), false);
   expectError(
@@ -333,46 +329,39 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
       {0070, {}, userUuid(kOwner), "Read Data=0, Write Data=0, Change Permissions=1"},
       // A deny for a group before an allow for the user; entries for a group one is not in.
       {0666,
-       {{ACL_EXTENDED_DENY, team, ACL_WRITE_DATA | ACL_APPEND_DATA},
-        {ACL_EXTENDED_ALLOW, member, ACL_WRITE_DATA | ACL_EXECUTE | ACL_CHANGE_OWNER}},
+       {deny(team, ACL_WRITE_DATA | ACL_APPEND_DATA),
+        allow(member, ACL_WRITE_DATA | ACL_EXECUTE | ACL_CHANGE_OWNER)},
        member,
        "Write Data=0, Append Data=0, Execute File=1, Change Owner=1, Read Data=1"},
-      {0666, {{ACL_EXTENDED_DENY, team, ACL_WRITE_DATA}}, other, "Write Data=1, Execute File=0"},
+      {0666, {deny(team, ACL_WRITE_DATA)}, other, "Write Data=1, Execute File=0"},
       // No changes in a folder one cannot search.
       {folder | 0776,
-       {{ACL_EXTENDED_ALLOW, other, changes}},
+       {allow(other, changes)},
        other,
        "Traverse Folder=0, Create Files=0, Create Folder=0, Delete Subfolders and Files=0, "
        "List Folder Contents=1"},
       {folder | 0776,
-       {{ACL_EXTENDED_ALLOW, other, changes | ACL_SEARCH}},
+       {allow(other, changes | ACL_SEARCH)},
        other,
        "Traverse Folder=1, Create Files=1, Delete Subfolders and Files=1"},
       // Read permissions: denied attributes take a grant back at the end; unnamed,
       // it comes from the mode; a later deny takes it back while attributes are
       // open, not once they were allowed; a first deny stays.
       {0644,
-       {{ACL_EXTENDED_DENY, member, ACL_READ_ATTRIBUTES},
-        {ACL_EXTENDED_ALLOW, member, ACL_READ_SECURITY}},
+       {deny(member, ACL_READ_ATTRIBUTES), allow(member, ACL_READ_SECURITY)},
        member,
        "Read Permissions=0"},
+      {0644, {deny(member, ACL_READ_ATTRIBUTES)}, member, "Read Attributes=0, Read Permissions=1"},
       {0644,
-       {{ACL_EXTENDED_DENY, member, ACL_READ_ATTRIBUTES}},
-       member,
-       "Read Attributes=0, Read Permissions=1"},
-      {0644,
-       {{ACL_EXTENDED_ALLOW, member, ACL_READ_SECURITY},
-        {ACL_EXTENDED_DENY, team, ACL_READ_SECURITY}},
+       {allow(member, ACL_READ_SECURITY), deny(team, ACL_READ_SECURITY)},
        member,
        "Read Permissions=0, Read Attributes=1"},
       {0644,
-       {{ACL_EXTENDED_ALLOW, member, ACL_READ_SECURITY | ACL_READ_ATTRIBUTES},
-        {ACL_EXTENDED_DENY, team, ACL_READ_SECURITY}},
+       {allow(member, ACL_READ_SECURITY | ACL_READ_ATTRIBUTES), deny(team, ACL_READ_SECURITY)},
        member,
        "Read Permissions=1"},
       {0644,
-       {{ACL_EXTENDED_DENY, team, ACL_READ_SECURITY},
-        {ACL_EXTENDED_ALLOW, member, ACL_READ_SECURITY}},
+       {deny(team, ACL_READ_SECURITY), allow(member, ACL_READ_SECURITY)},
        member,
        "Read Permissions=0"},
   };
@@ -424,7 +413,7 @@ TEST_F(AclInspection, EffectiveAccessFailuresAreWrappedAndHiddenItemsGetNothing)
   // Behind a folder the identity cannot search, every leaf is off.
   tree_.ownedFolder("private", 0700);
   std::string hidden = tree_.ownedFile("private/f", 0777);
-  ASSERT_TRUE(setAcl(hidden, {{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA}}));
+  ASSERT_TRUE(setAcl(hidden, {allow(userUuid(kOther), ACL_READ_DATA)}));
   States states = access(hidden, userUuid(kOther));
   ASSERT_EQ(states.size(), 12u);
   for (const auto& [name, state] : states) EXPECT_EQ(state, 0) << name;

@@ -100,11 +100,10 @@ TEST(GetAcl, ReadsEveryNodeBySense) {
 
   // The "Applies to" node is remembered for the whole call: entries without
   // one take the flags of the last one seen; a later one in an entry wins.
-  auto file =
-      aclEntry({ACL_EXTENDED_DENY, userUuid(kMember), ACL_READ_DATA, ACL_ENTRY_INHERITED}, false);
-  auto folder = aclEntry({ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_READ_DATA,
-                          ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT},
-                         true);
+  auto file = aclEntry(deny(userUuid(kMember), ACL_READ_DATA, ACL_ENTRY_INHERITED), false);
+  auto folder = aclEntry(
+      allow(userUuid(kMember), ACL_READ_DATA, ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT),
+      true);
   Aces carried = build({file, folder, file});
   EXPECT_EQ(carried.at(0).flags, ACL_ENTRY_INHERITED);
   EXPECT_EQ(carried.at(2).flags,
@@ -117,9 +116,9 @@ TEST(GetAcl, ReadsEveryNodeBySense) {
 }
 
 TEST(GetAcl, EachFailingStepNamesItselfAndStopsTheCall) {
-  const auto good = aclEntry({ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_READ_DATA}, false);
+  const auto good = aclEntry(allow(userUuid(kMember), ACL_READ_DATA), false);
   const auto badTag = aclEntry({3, userUuid(kMember), ACL_READ_DATA}, false);
-  const auto noUuid = aclEntry({ACL_EXTENDED_DENY, nullptr, ACL_READ_DATA}, false);
+  const auto noUuid = aclEntry(deny(nullptr, ACL_READ_DATA), false);
   auto unknownLeaf = node("Read", 2, 1);
   unknownLeaf->mutableChildNodes().addObject(node("Unknown", 0x4000, 1));
   const std::vector<qx::ObjectPtr> tooMany(ACL_MAX_ENTRIES, good);
@@ -184,7 +183,7 @@ class AclAttribute : public ::testing::TestWithParam<bool> {
     return ::open(tree.path(relative).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   }
 
-  const Ace entry{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA | ACL_EXECUTE};
+  const Ace entry = allow(userUuid(kOther), ACL_READ_DATA | ACL_EXECUTE);
   AclTree tree;
   AclTree outside;
 };
@@ -252,12 +251,12 @@ TEST_F(AclModification, GetEditSetGetKeepsEveryEntryInOrder) {
   const std::string folder = tree_.path("folder");
   tree_.folder("folder", 0750);
   const Aces initial = {
-      {ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_LIST_DIRECTORY | ACL_SEARCH | ACL_DELETE_CHILD,
-       ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT},
-      {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_DELETE | ACL_WRITE_SECURITY,
-       ACL_ENTRY_INHERITED | ACL_ENTRY_DIRECTORY_INHERIT | ACL_ENTRY_LIMIT_INHERIT},
-      {ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_PERM_MASK,
-       ACL_ENTRY_ONLY_INHERIT | ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_LIMIT_INHERIT}};
+      allow(userUuid(kMember), ACL_LIST_DIRECTORY | ACL_SEARCH | ACL_DELETE_CHILD,
+            ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT),
+      deny(groupUuid(kTeam), ACL_DELETE | ACL_WRITE_SECURITY,
+           ACL_ENTRY_INHERITED | ACL_ENTRY_DIRECTORY_INHERIT | ACL_ENTRY_LIMIT_INHERIT),
+      allow(userUuid(kOther), ACL_PERM_MASK,
+            ACL_ENTRY_ONLY_INHERIT | ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_LIMIT_INHERIT)};
   std::vector<qx::ObjectPtr> records;
   for (const Ace& ace : initial) records.push_back(aclEntry(ace, true));
   ASSERT_TRUE(save(listing(records, pseudoEntries(0750, getuid(), getgid(), true)), folder));
@@ -273,10 +272,9 @@ TEST_F(AclModification, GetEditSetGetKeepsEveryEntryInOrder) {
   setLeaf(edited, 1, 2, 1, 1);  // member: "Change Owner" on
   setLeaf(edited, 2, 3, 1, 1);  // team: "Child files" on
   edited->objectAs<QXAclEntry>(3)->setInherited(true);
-  edited->insertObject(aclEntry({ACL_EXTENDED_DENY, userUuid(kMember), ACL_ADD_SUBDIRECTORY,
-                                 ACL_ENTRY_DIRECTORY_INHERIT},
-                                true),
-                       3);
+  edited->insertObject(
+      aclEntry(deny(userUuid(kMember), ACL_ADD_SUBDIRECTORY, ACL_ENTRY_DIRECTORY_INHERIT), true),
+      3);
   recordOf(edited->objectAs<QXAclEntry>(6)->permissions()->objectAtIndex(1))->setState(0);
   recordOf(edited->objectAs<QXAclEntry>(8)->permissions()->objectAtIndex(0))->setState(1);
   ASSERT_TRUE(save(edited, folder));
@@ -284,26 +282,24 @@ TEST_F(AclModification, GetEditSetGetKeepsEveryEntryInOrder) {
   EXPECT_EQ(listingText(QXFileAcl::entriesForUrl(urlOf(folder), &error_)), listingText(edited));
   EXPECT_NE(listingText(edited), listingText(listed));
   EXPECT_EQ(modeOf(folder), 0554u);
-  EXPECT_EQ(
-      storedAcl(folder),
-      (Aces{
-          {ACL_EXTENDED_ALLOW, userUuid(kMember), ACL_SEARCH | ACL_DELETE_CHILD | ACL_CHANGE_OWNER,
-           ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT},
-          {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_DELETE | ACL_WRITE_SECURITY,
-           ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT |
-               ACL_ENTRY_LIMIT_INHERIT},
-          {ACL_EXTENDED_DENY, userUuid(kMember), ACL_ADD_SUBDIRECTORY, ACL_ENTRY_DIRECTORY_INHERIT},
-          {ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_PERM_MASK,
-           ACL_ENTRY_INHERITED | ACL_ENTRY_ONLY_INHERIT | ACL_ENTRY_FILE_INHERIT |
-               ACL_ENTRY_LIMIT_INHERIT}}));
+  EXPECT_EQ(storedAcl(folder),
+            (Aces{allow(userUuid(kMember), ACL_SEARCH | ACL_DELETE_CHILD | ACL_CHANGE_OWNER,
+                        ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT),
+                  deny(groupUuid(kTeam), ACL_DELETE | ACL_WRITE_SECURITY,
+                       ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT |
+                           ACL_ENTRY_LIMIT_INHERIT),
+                  deny(userUuid(kMember), ACL_ADD_SUBDIRECTORY, ACL_ENTRY_DIRECTORY_INHERIT),
+                  allow(userUuid(kOther), ACL_PERM_MASK,
+                        ACL_ENTRY_INHERITED | ACL_ENTRY_ONLY_INHERIT | ACL_ENTRY_FILE_INHERIT |
+                            ACL_ENTRY_LIMIT_INHERIT)}));
 
   // A file's listing saved as it is reads back the same; one without ACL
   // entries removes the ACL.
   const std::string file = tree_.path("file");
   tree_.file("file");
   const Aces fileAcl = {
-      {ACL_EXTENDED_DENY, userUuid(kOther), ACL_WRITE_DATA | ACL_APPEND_DATA, ACL_ENTRY_INHERITED},
-      {ACL_EXTENDED_ALLOW, groupUuid(kTeam), ACL_READ_DATA | ACL_EXECUTE | ACL_READ_ATTRIBUTES}};
+      deny(userUuid(kOther), ACL_WRITE_DATA | ACL_APPEND_DATA, ACL_ENTRY_INHERITED),
+      allow(groupUuid(kTeam), ACL_READ_DATA | ACL_EXECUTE | ACL_READ_ATTRIBUTES)};
   ASSERT_TRUE(save(listing({aclEntry(fileAcl[0], false), aclEntry(fileAcl[1], false)},
                            pseudoEntries(0604, getuid(), getgid())),
                    file));
@@ -388,7 +384,7 @@ TEST_F(AclModification, OwnerAndGroupChangeAsRootOnly) {
   // and owners makes no call but the ACL write.
   ASSERT_EQ(chown(file.c_str(), 0, 0), 0);
   ASSERT_EQ(chmod(file.c_str(), 0666), 0);
-  const Ace entry{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA};
+  const Ace entry = allow(userUuid(kOther), ACL_READ_DATA);
   EXPECT_EQ(saveAs(listing({aclEntry(entry, false)}, pseudoEntries(0666, 0, 0))), "ok");
   EXPECT_EQ(storedAcl(file), Aces{entry});
   EXPECT_EQ(saveAs(listing({}, pseudoEntries(0664, 0, 0))),
@@ -410,7 +406,7 @@ TEST_F(AclModification, SymbolicLinkIsChangedItselfOrFailsHonestly) {
   EXPECT_FALSE(save(listing({}, pseudoEntries(0700, uid, gid)), link));
   expectError(error_, EOPNOTSUPP, kSaveTitle, step(kSetMode, link, EOPNOTSUPP));
   // The write's failure is the one reported; the ACL is released after it too.
-  const Ace entry{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA};
+  const Ace entry = allow(userUuid(kOther), ACL_READ_DATA);
   const size_t live = xtesting::LiveAcls();
   {
     xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
@@ -454,7 +450,7 @@ TEST_F(AclModification, SaveFailuresComeInTheOrderOfTheSteps) {
   }
   EXPECT_EQ(modeOf(file), 0644u);
 
-  auto bad = aclEntry({ACL_EXTENDED_ALLOW, nullptr, ACL_READ_DATA}, false);
+  auto bad = aclEntry(allow(nullptr, ACL_READ_DATA), false);
   EXPECT_FALSE(save(listing({bad}, pseudoEntries(0600, getuid(), getgid())), file));
   ASSERT_TRUE(error_);
   EXPECT_EQ(error_->code(), static_cast<int32_t>(0x80000002u));
@@ -463,7 +459,7 @@ TEST_F(AclModification, SaveFailuresComeInTheOrderOfTheSteps) {
   EXPECT_FALSE(hasAclAttribute(file));
 
   // A failing release is reported when nothing failed before it.
-  const Ace entry{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_READ_DATA};
+  const Ace entry = allow(userUuid(kOther), ACL_READ_DATA);
   const size_t live = xtesting::LiveAcls();
   {
     xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
@@ -484,13 +480,12 @@ const Ace kMemberAllow{
     ACL_EXTENDED_ALLOW, userUuid(kMember),
     ACL_LIST_DIRECTORY | ACL_SEARCH | ACL_ADD_FILE | ACL_DELETE_CHILD | ACL_READ_SECURITY,
     ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT};
-const Ace kTeamDeny{ACL_EXTENDED_DENY, groupUuid(kTeam),
-                    ACL_ADD_SUBDIRECTORY | ACL_DELETE | ACL_DELETE_CHILD,
-                    ACL_ENTRY_INHERITED | ACL_ENTRY_DIRECTORY_INHERIT | ACL_ENTRY_LIMIT_INHERIT};
+const Ace kTeamDeny =
+    deny(groupUuid(kTeam), ACL_ADD_SUBDIRECTORY | ACL_DELETE | ACL_DELETE_CHILD,
+         ACL_ENTRY_INHERITED | ACL_ENTRY_DIRECTORY_INHERIT | ACL_ENTRY_LIMIT_INHERIT);
 const Aces kFileAcl{
-    {ACL_EXTENDED_ALLOW, userUuid(kMember),
-     ACL_READ_DATA | ACL_EXECUTE | ACL_WRITE_DATA | ACL_READ_SECURITY, 0},
-    {ACL_EXTENDED_DENY, groupUuid(kTeam), ACL_APPEND_DATA | ACL_DELETE, ACL_ENTRY_INHERITED}};
+    allow(userUuid(kMember), ACL_READ_DATA | ACL_EXECUTE | ACL_WRITE_DATA | ACL_READ_SECURITY, 0),
+    deny(groupUuid(kTeam), ACL_APPEND_DATA | ACL_DELETE, ACL_ENTRY_INHERITED)};
 
 // Mode, owners, ctime and stored ACL: what propagation may change.
 struct Snapshot {
@@ -516,8 +511,8 @@ class Propagation : public AclModification {
   qx::ArrayPtr request(std::vector<qx::ObjectPtr> acl = {aclEntry(kMemberAllow, true),
                                                          aclEntry(kTeamDeny, true)}) {
     auto entries = listing(acl, pseudoEntries(0777, kOther, kOtherGroup, true))->mutableCopy();
-    entries->addObject(aclEntry(
-        {ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_PERM_MASK, ACL_ENTRY_FILE_INHERIT}, true));
+    entries->addObject(
+        aclEntry(allow(userUuid(kOther), ACL_PERM_MASK, ACL_ENTRY_FILE_INHERIT), true));
     return entries;
   }
   std::string at(const std::string& relative) const { return tree_.path("top/" + relative); }
@@ -536,7 +531,7 @@ TEST_F(Propagation, TreeGetsTheFolderSettingsFilesTheirFileForm) {
   tree_.folder("outside");
   tree_.file("outside/o.txt");
   tree_.link("top/link-out", "../outside");
-  ASSERT_TRUE(setAcl(top, {{ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_SEARCH}}));
+  ASSERT_TRUE(setAcl(top, {allow(userUuid(kOther), ACL_SEARCH)}));
   const Snapshot topBefore = Snapshot::of(top);
   const Snapshot outsideBefore = Snapshot::of(tree_.path("outside"));
   const Snapshot outsideFileBefore = Snapshot::of(tree_.path("outside/o.txt"));
@@ -675,11 +670,10 @@ TEST_F(Propagation, FolderSwappedForALinkNeverLeadsChangesOutside) {
       swaps.fetch_add(1);
     }
   });
-  auto entries =
-      listing({aclEntry({ACL_EXTENDED_ALLOW, userUuid(kOther), ACL_LIST_DIRECTORY | ACL_SEARCH,
-                         ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT},
-                        true)},
-              {});
+  auto entries = listing({aclEntry(allow(userUuid(kOther), ACL_LIST_DIRECTORY | ACL_SEARCH,
+                                         ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT),
+                                   true)},
+                         {});
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
   while (std::chrono::steady_clock::now() < deadline) {
     QXFileAcl::propagateEntries(entries, urlOf(top), nullptr);

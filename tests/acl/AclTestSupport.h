@@ -54,6 +54,12 @@ struct Ace {
   bool operator==(const Ace& other) const;
 };
 std::ostream& operator<<(std::ostream& out, const Ace& ace);
+inline Ace allow(qx::UuidPtr who, uint32_t perms, uint32_t flags = 0) {
+  return {ACL_EXTENDED_ALLOW, std::move(who), perms, flags};
+}
+inline Ace deny(qx::UuidPtr who, uint32_t perms, uint32_t flags = 0) {
+  return {ACL_EXTENDED_DENY, std::move(who), perms, flags};
+}
 
 // Stores `entries` as the item's ACL through the extended ACL interface.
 bool setAcl(const std::string& path, const std::vector<Ace>& entries);
