@@ -254,15 +254,6 @@ TEST_F(ClientLibrary, AclRequestsEndToEnd) {
   qx::ArrayPtr access = sync.getAclAccessWithUrl(urlOf(target), userUuid(getuid()), &error);
   EXPECT_TRUE(access && access->count() == 3u);
 
-  // Failures arrive as the service made them.
-  EXPECT_FALSE(sync.getAclEntriesWithUrl(urlOf(tree_.path("missing")), &error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain(), qx::kPOSIXErrorDomain);
-  EXPECT_EQ(error->code(), ENOENT);
-  EXPECT_EQ(error->localizedDescription(), "Error retrieving file Access Control List entries");
-  EXPECT_NE(error->localizedRecoverySuggestion().value_or("").find(tree_.path("missing")),
-            std::string::npos);
-
   // The entries argument admits arrays, strings, tree nodes and entries only:
   // anything else is refused before the service, and the connection goes on.
   const std::pair<qx::ObjectPtr, std::string> intruders[] = {
