@@ -181,13 +181,16 @@ struct KeyedUnarchiver::State {
   // Recently asked keys by the address of their text, with the key value that
   // matched: archives share one key value among all their dictionaries, so a
   // hit is a comparison of Refs (confirmed by content) instead of a scan of
-  // key texts.
+  // key texts. The few keys of a message's classes fit, so a short scan finds
+  // them without the collisions of a hashed table.
   struct KeyHint {
     const char* text = nullptr;
     std::size_t length = 0;
     Ref key = BinaryPlist::kNoRef;
   };
-  KeyHint keyHints[32];
+  static constexpr std::size_t kKeyHints = 16;
+  KeyHint keyHints[kKeyHints];
+  std::size_t nextKeyHint = 0;
 
   // (Refs with kNoRef rather than std::optional: these run for every key of
   // every object, and a returned optional travels through memory.)
@@ -198,16 +201,25 @@ struct KeyedUnarchiver::State {
     return hintedLookup(frame.dictionary, key);
   }
 
+  KeyHint* hintFor(std::string_view key) {
+    for (KeyHint& hint : keyHints) {
+      if (hint.text == key.data() && hint.length == key.size()) return &hint;
+    }
+    return nullptr;
+  }
+
   // The value under the stored key `key` of `dictionary`, or kNoRef.
   Ref hintedLookup(Ref dictionary, std::string_view key) {
-    KeyHint& hint = keyHints[(reinterpret_cast<uintptr_t>(key.data()) >> 3 ^ key.size()) & 31];
-    if (hint.text == key.data() && hint.length == key.size()) {
-      Ref value = plist.lookupByKeyRef(dictionary, hint.key);
-      if (value != BinaryPlist::kNoRef && plist.textEquals(hint.key, key)) return value;
+    KeyHint* hint = hintFor(key);
+    if (hint) {
+      Ref value = plist.lookupByKeyRef(dictionary, hint->key);
+      if (value != BinaryPlist::kNoRef && plist.textEquals(hint->key, key)) return value;
     }
     Ref keyRef = BinaryPlist::kNoRef;
     Ref value = plist.lookup(dictionary, key, &keyRef);
-    if (value != BinaryPlist::kNoRef) hint = {key.data(), key.size(), keyRef};
+    if (value == BinaryPlist::kNoRef) return value;
+    if (!hint) hint = &keyHints[nextKeyHint++ % kKeyHints];
+    *hint = {key.data(), key.size(), keyRef};
     return value;
   }
 
@@ -252,6 +264,7 @@ struct KeyedUnarchiver::State {
     depth = 0;
     customDecode = nullptr;
     std::fill(std::begin(keyHints), std::end(keyHints), KeyHint{});
+    nextKeyHint = 0;
     return plist.memoryUse() + slotOfValue.capacity() * sizeof(uint32_t) +
                slots.capacity() * sizeof(Slot) <=
            kKeepBytes;
