@@ -47,8 +47,12 @@ for program in "$work/list-pc" "$work/consumer-build/list"; do
   [[ "$("$program" "$work/folder")" == "$expected" ]] || { echo "$program listed wrong"; exit 1; }
 done
 # The installed command finds its library without help.
-env -u LD_LIBRARY_PATH "$prefix/bin/qxfile" ls "$work/folder" --json | grep -q "\"$work/folder/b\""
-ldd "$prefix/bin/qxfile" | grep -q "$prefix/bin/../lib/libqxfile-client.so" || {
+# (Outputs are taken whole before grep -q looks at them: grep stopping early
+# would end the writer with SIGPIPE, which pipefail counts as a failure.)
+listing=$(env -u LD_LIBRARY_PATH "$prefix/bin/qxfile" ls "$work/folder" --json)
+grep -q "\"$work/folder/b\"" <<<"$listing" || { echo "the installed qxfile listed wrong"; exit 1; }
+libraries=$(ldd "$prefix/bin/qxfile")
+grep -q "$prefix/bin/../lib/libqxfile-client.so" <<<"$libraries" || {
   echo "qxfile does not use the installed library"; exit 1; }
 
 # Let the service leave before its folder goes.
