@@ -173,16 +173,22 @@ TEST_F(AclInspection, ListingFailuresCarryTheStepTheNumberAndTheTitle) {
 
   tree_.ownedFolder("private", 0700);
   std::string hidden = tree_.ownedFile("private/f");
-  auto listAs = [&](uid_t uid, gid_t gid) {
+  // Behind a folder only the owner can search, listing and effective access
+  // fail for others on reading the ACL.
+  auto inspectAs = [&](uid_t uid, gid_t gid) {
     return qx::test::ChildProcess::runAs(uid, gid, [&] {
-      qx::ErrorPtr error;
-      return outcome(QXFileAcl::entriesForUrl(urlOf(hidden), &error) != nullptr, error);
+      qx::ErrorPtr listError, accessError;
+      auto listed = QXFileAcl::entriesForUrl(urlOf(hidden), &listError);
+      auto access = QXFileAcl::accessForUrl(urlOf(hidden), userUuid(uid), &accessError);
+      return outcome(listed != nullptr, listError) + "\n" + outcome(access != nullptr, accessError);
     });
   };
-  EXPECT_EQ(
-      listAs(kOther, kOtherGroup),
-      "13\n" + title + "\n" + step("Couldn't retrieve file Acces Control List", hidden, EACCES));
-  EXPECT_EQ(listAs(kOwner, kOwnerGroup), "ok");
+  EXPECT_EQ(inspectAs(kOther, kOtherGroup),
+            "13\n" + title + "\n" +
+                step("Couldn't retrieve file Acces Control List", hidden, EACCES) + "\n13\n" +
+                "Error retrieving effective file access permissions\n" +
+                step("Couldn't retrieve file Acces Control List", hidden, EACCES));
+  EXPECT_EQ(inspectAs(kOwner, kOwnerGroup), "ok\nok");
 
   // A release cannot fail for real; the interface's test hook makes one fail.
   std::string file = tree_.ownedFile("f");
@@ -418,16 +424,6 @@ TEST_F(AclInspection, EffectiveAccessFailuresAreWrappedAndHiddenItemsGetNothing)
   ASSERT_EQ(states.size(), 12u);
   for (const auto& [name, state] : states) EXPECT_EQ(state, 0) << name;
   EXPECT_EQ(access(hidden, userUuid(kOwner))["Read Data"], 1);
-  EXPECT_EQ(
-      qx::test::ChildProcess::runAs(
-          kOther, kOtherGroup,
-          [&] {
-            qx::ErrorPtr error;
-            return outcome(
-                QXFileAcl::accessForUrl(urlOf(hidden), userUuid(kOther), &error) != nullptr, error);
-          }),
-      "13\n" + title + "\nCouldn't retrieve file Acces Control List for file at path \"" + hidden +
-          "\". Permission denied");
 }
 
 }  // namespace
