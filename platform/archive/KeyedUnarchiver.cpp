@@ -165,6 +165,13 @@ struct KeyedUnarchiver::State {
   // Makes the next object decodeInstance meets instead of its factory.
   const DecodeFunction* customDecode = nullptr;
 
+  // Messages are built out of line, so that the paths that decode carry no
+  // string building: `build` makes the description only on failure.
+  template <class Build>
+  [[gnu::cold, gnu::noinline]] void failWith(Build&& build) {
+    fail(build());
+  }
+
   void fail(std::string description) {
     if (error) return;
     auto info = MutableDictionary::make();
@@ -230,8 +237,10 @@ struct KeyedUnarchiver::State {
     Ref value = lookup(key);
     if (value == BinaryPlist::kNoRef) return value;
     if (plist.type(value) != type) {
-      fail("value for key " + quoted(key) + " of " + std::string(frame.className) + " is " +
-           typeName(plist.type(value)) + ", not " + expected);
+      failWith([&] {
+        return "value for key " + quoted(key) + " of " + std::string(frame.className) + " is " +
+               typeName(plist.type(value)) + ", not " + expected;
+      });
       return BinaryPlist::kNoRef;
     }
     return value;
@@ -273,7 +282,7 @@ struct KeyedUnarchiver::State {
   bool open(std::span<const uint8_t> bytes) {
     std::string why;
     if (!plist.read(bytes, &why)) {
-      fail("not a binary property list: " + why);
+      failWith([&] { return "not a binary property list: " + why; });
       return false;
     }
     Ref top = plist.top();
@@ -299,7 +308,7 @@ struct KeyedUnarchiver::State {
   }
 
   bool malformed(const std::string& what) {
-    fail("not a keyed archive: " + what);
+    failWith([&] { return "not a keyed archive: " + what; });
     return false;
   }
 
@@ -333,17 +342,21 @@ struct KeyedUnarchiver::State {
                           const DecodeFunction* custom) {
     Ref array = typedValue(key, Type::Array, "an array of UIDs");
     if (array == BinaryPlist::kNoRef) {
-      if (!error) fail("no array under key " + quoted(key) + context());
+      if (!error) failWith([&] { return "no array under key " + quoted(key) + context(); });
       return nullptr;
     }
     if (index >= plist.count(array)) {
-      fail("no element " + std::to_string(index) + " under key " + quoted(key) + context());
+      failWith([&] {
+        return "no element " + std::to_string(index) + " under key " + quoted(key) + context();
+      });
       return nullptr;
     }
     Ref element = plist.element(array, index);
     if (plist.type(element) != Type::Uid) {
-      fail("element " + std::to_string(index) + " under key " + quoted(key) + context() +
-           " is not a UID");
+      failWith([&] {
+        return "element " + std::to_string(index) + " under key " + quoted(key) + context() +
+               " is not a UID";
+      });
       return nullptr;
     }
     return decodeUidWith(plist.uid(element), allowed, key, custom);
@@ -358,16 +371,21 @@ struct KeyedUnarchiver::State {
 
   bool checkAllowed(const ClassInfo& cls, const Allowed& allowed, std::string_view key) {
     if (!restricted || allowed.allows(cls)) return true;
-    fail("value for key " + quoted(key) + context() + " is of class " + std::string(cls.name()) +
-         ", which is not among the allowed classes (" + allowed.description() + ")");
+    failWith([&] {
+      return "value for key " + quoted(key) + context() + " is of class " +
+             std::string(cls.name()) + ", which is not among the allowed classes (" +
+             allowed.description() + ")";
+    });
     return false;
   }
 
   ObjectPtr decodeUid(uint32_t uid, Allowed allowed, std::string_view key) {
     if (error || uid == 0) return nullptr;
     if (uid >= objectCount) {
-      fail("UID " + std::to_string(uid) + " under key " + quoted(key) + context() +
-           " is beyond the " + std::to_string(objectCount) + " archived objects");
+      failWith([&] {
+        return "UID " + std::to_string(uid) + " under key " + quoted(key) + context() +
+               " is beyond the " + std::to_string(objectCount) + " archived objects";
+      });
       return nullptr;
     }
     Ref value = plist.element(objects, uid);
@@ -384,8 +402,10 @@ struct KeyedUnarchiver::State {
       case Type::Dictionary:
         return decodeInstance(value, allowed, key);
       default:
-        fail("archived object " + std::to_string(uid) + " under key " + quoted(key) + context() +
-             " is " + typeName(plist.type(value)) + ", not an object");
+        failWith([&] {
+          return "archived object " + std::to_string(uid) + " under key " + quoted(key) +
+                 context() + " is " + typeName(plist.type(value)) + ", not an object";
+        });
         return nullptr;
     }
   }
@@ -422,32 +442,40 @@ struct KeyedUnarchiver::State {
   const ClassRegistry::Entry* classOf(Ref object, std::string_view key) {
     Ref classRef = hintedLookup(object, "$class");
     if (classRef == BinaryPlist::kNoRef) {
-      fail("object under key " + quoted(key) + context() + " has no $class");
+      failWith([&] { return "object under key " + quoted(key) + context() + " has no $class"; });
       return nullptr;
     }
     if (plist.type(classRef) != Type::Uid || plist.uid(classRef) >= objectCount) {
-      fail("$class of the object under key " + quoted(key) + context() +
-           " is not the UID of an archived object");
+      failWith([&] {
+        return "$class of the object under key " + quoted(key) + context() +
+               " is not the UID of an archived object";
+      });
       return nullptr;
     }
     Ref classValue = plist.element(objects, plist.uid(classRef));
     if (plist.type(classValue) != Type::Dictionary) {
-      fail("$class of the object under key " + quoted(key) + context() +
-           " is not a class dictionary");
+      failWith([&] {
+        return "$class of the object under key " + quoted(key) + context() +
+               " is not a class dictionary";
+      });
       return nullptr;
     }
     Slot& slot = slotFor(classValue);
     if (slot.entry) return slot.entry;
     auto name = plist.find(classValue, "$classname");
     if (!name || plist.type(*name) != Type::String) {
-      fail("class dictionary of the object under key " + quoted(key) + context() +
-           " has no $classname string");
+      failWith([&] {
+        return "class dictionary of the object under key " + quoted(key) + context() +
+               " has no $classname string";
+      });
       return nullptr;
     }
     const ClassRegistry::Entry* entry = ClassRegistry::lookup(plist.string(*name));
     if (!entry) {
-      fail("unknown class " + std::string(plist.string(*name)) + " under key " + quoted(key) +
-           context());
+      failWith([&] {
+        return "unknown class " + std::string(plist.string(*name)) + " under key " + quoted(key) +
+               context();
+      });
       return nullptr;
     }
     slotFor(classValue).entry = entry;
@@ -471,10 +499,12 @@ struct KeyedUnarchiver::State {
     if (summary == 0) return false;
     for (const Content& content : contents[summary - 1]) {
       if (allowed.allows(*content.cls)) continue;
-      fail("value for key " + quoted(content.key) + " inside the " + std::string(cls.name()) +
-           " under key " + quoted(key) + context() + " is of class " +
-           std::string(content.cls->name()) + ", which is not among the allowed classes (" +
-           allowed.description() + ")");
+      failWith([&] {
+        return "value for key " + quoted(content.key) + " inside the " + std::string(cls.name()) +
+               " under key " + quoted(key) + context() + " is of class " +
+               std::string(content.cls->name()) + ", which is not among the allowed classes (" +
+               allowed.description() + ")";
+      });
       return false;
     }
     return true;
@@ -488,13 +518,17 @@ struct KeyedUnarchiver::State {
   uint32_t summarise(Ref collection, int level) {
     uint32_t slot = slotIndex(collection);
     if (slots[slot].summary == kSummarising) {
-      fail("a collection under key " + quoted(frame.key) + context() + " contains itself");
+      failWith([&] {
+        return "a collection under key " + quoted(frame.key) + context() + " contains itself";
+      });
       return 0;
     }
     if (slots[slot].summary != 0) return slots[slot].summary;
     if (level > kMaxArchiveDepth) {
-      fail("collections nested deeper than " + std::to_string(kMaxArchiveDepth) + " levels" +
-           context());
+      failWith([&] {
+        return "collections nested deeper than " + std::to_string(kMaxArchiveDepth) + " levels" +
+               context();
+      });
       return 0;
     }
     slots[slot].summary = kSummarising;
@@ -559,7 +593,9 @@ struct KeyedUnarchiver::State {
   }
 
   bool malformedContents(std::string_view key) {
-    fail("the collection contents under key " + quoted(key) + context() + " are malformed");
+    failWith([&] {
+      return "the collection contents under key " + quoted(key) + context() + " are malformed";
+    });
     return false;
   }
 
@@ -587,14 +623,18 @@ struct KeyedUnarchiver::State {
       return slots[index - 1].object;
     }
     if (slots[index - 1].status == Status::Decoding) {
-      fail("the " + std::string(entry->cls->name()) + " under key " + quoted(key) + context() +
-           " contains itself");
+      failWith([&] {
+        return "the " + std::string(entry->cls->name()) + " under key " + quoted(key) + context() +
+               " contains itself";
+      });
       return nullptr;
     }
     DepthScope level(depth);
     if (depth > kMaxArchiveDepth) {
-      fail("objects nested deeper than " + std::to_string(kMaxArchiveDepth) + " levels at key " +
-           quoted(key) + context());
+      failWith([&] {
+        return "objects nested deeper than " + std::to_string(kMaxArchiveDepth) +
+               " levels at key " + quoted(key) + context();
+      });
       return nullptr;
     }
     slots[index - 1].status = Status::Decoding;
@@ -672,8 +712,10 @@ bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
 int32_t KeyedUnarchiver::decodeIntForKey(std::string_view key) {
   int64_t value = decodeIntegerForKey(key);
   if (value < std::numeric_limits<int32_t>::min() || value > std::numeric_limits<int32_t>::max()) {
-    state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
-                " does not fit 32 bits");
+    state_.failWith([&] {
+      return "value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
+             " does not fit 32 bits";
+    });
     return 0;
   }
   return static_cast<int32_t>(value);
@@ -699,8 +741,10 @@ double KeyedUnarchiver::decodeDoubleForKey(std::string_view key) {
     case Type::Integer:
       return static_cast<double>(state_.plist.integer(value));
     default:
-      state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
-                  " is " + typeName(state_.plist.type(value)) + ", not a number");
+      state_.failWith([&] {
+        return "value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
+               " is " + typeName(state_.plist.type(value)) + ", not a number";
+      });
       return 0;
   }
 }
@@ -778,8 +822,10 @@ bool KeyedUnarchiver::arrayForKey(std::string_view key, ArrayOfUids& array) {
   if (value == BinaryPlist::kNoRef) return true;
   const BinaryPlist& plist = state_.plist;
   if (plist.type(value) != Type::Array) {
-    state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
-                " is " + typeName(plist.type(value)) + ", not an array of UIDs");
+    state_.failWith([&] {
+      return "value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
+             " is " + typeName(plist.type(value)) + ", not an array of UIDs";
+    });
     return false;
   }
   array = ArrayOfUids{value, plist.count(value)};
@@ -791,8 +837,10 @@ bool KeyedUnarchiver::decodeArrayElement(const ArrayOfUids& array, std::size_t i
   const BinaryPlist& plist = state_.plist;
   Ref value = plist.element(array.value, index);
   if (plist.type(value) != Type::Uid) {
-    state_.fail("element " + std::to_string(index) + " under key " + quoted(key) + " of " +
-                std::string(state_.frame.className) + " is not a UID");
+    state_.failWith([&] {
+      return "element " + std::to_string(index) + " under key " + quoted(key) + " of " +
+             std::string(state_.frame.className) + " is not a UID";
+    });
     return false;
   }
   element = state_.decodeUid(plist.uid(value), state_.frame.allowed, key);
@@ -816,8 +864,10 @@ bool KeyedUnarchiver::lengthOfArrayForKey(std::string_view key, std::size_t& len
   Ref value = state_.lookup(key);
   if (value == BinaryPlist::kNoRef) return false;
   if (state_.plist.type(value) != Type::Array) {
-    state_.fail("value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
-                " is " + typeName(state_.plist.type(value)) + ", not an array");
+    state_.failWith([&] {
+      return "value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
+             " is " + typeName(state_.plist.type(value)) + ", not an array";
+    });
     return false;
   }
   length = state_.plist.count(value);
@@ -841,7 +891,7 @@ ObjectPtr KeyedUnarchiver::decodeObjectAtIndexForKeyWith(const ClassSet& classes
 }
 
 void KeyedUnarchiver::failWithError(std::string description) {
-  state_.fail(std::move(description) + state_.context());
+  state_.failWith([&] { return std::move(description) + state_.context(); });
 }
 
 bool KeyedUnarchiver::hasFailed() const {
