@@ -69,15 +69,15 @@ int renameWithoutReplacing(const char* from, const char* to) {
   return ::rename(from, to) == 0 ? 0 : errno;
 }
 
-// The parent folder of an item that has just been examined. Names are exact
-// bytes and nothing redirects a path here, so the folder part of the path is
-// what the parent-folder resource value would answer, without examining the
-// item a second time (which would cost a tenth of the rename itself).
-UrlPtr folderOf(const std::string& path) {
+// The path of `name` in the folder of an item that has just been examined.
+// Names are exact bytes and nothing redirects a path here, so the folder part
+// of the path is what the parent-folder resource value would answer, without
+// examining the item a second time (which would cost a tenth of the rename
+// itself).
+std::string siblingPath(const std::string& path, const std::string& name) {
   const std::size_t slash = path.rfind('/');
-  return qx::Url::fileURLWithPath(slash == 0 || slash == std::string::npos
-                                      ? std::string_view("/")
-                                      : std::string_view(path).substr(0, slash));
+  if (slash == 0 || slash == std::string::npos) return "/" + name;
+  return path.substr(0, slash + 1) + name;
 }
 
 ItemResult renameItem(const UrlPtr& url, const StringPtr& name) {
@@ -92,7 +92,7 @@ ItemResult renameItem(const UrlPtr& url, const StringPtr& name) {
   // Gone, unreadable, or not a file URL.
   if (!previousName) return ItemResult::failed(errno != 0 ? errno : EINVAL);
 
-  UrlPtr newUrl = folderOf(oldPath)->URLByAppendingPathComponent(cleanedName(name->str()));
+  UrlPtr newUrl = qx::Url::fileURLWithPath(siblingPath(oldPath, cleanedName(name->str())));
   const std::string newPath = newUrl->fileSystemRepresentation();
   if (int failed = renameWithoutReplacing(oldPath.c_str(), newPath.c_str()))
     return ItemResult::failed(failed);

@@ -95,7 +95,8 @@ std::shared_ptr<Url> Url::fileURLWithPath(std::string_view path) {
                              ? std::string(path)
                              : currentFolder() + "/" + std::string(path);
   std::string normal = normalisePath(absolute);
-  return std::make_shared<Url>(std::string(kFileScheme) + percentEncodePath(normal));
+  std::string string = std::string(kFileScheme) + percentEncodePath(normal);
+  return std::make_shared<Url>(MadeFromPath{}, std::move(string), std::move(normal));
 }
 
 std::shared_ptr<Url> Url::URLWithString(std::string_view string) {

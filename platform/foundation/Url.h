@@ -81,6 +81,17 @@ class Url : public Object {
   explicit Url(FileUrlString string) : string_(std::move(string.absoluteString)), isFile_(true) {}
 
  private:
+  struct MadeFromPath {
+    explicit MadeFromPath() = default;
+  };
+
+ public:
+  // fileURLWithPath's: the string and the path it encodes, made together, so
+  // that nothing is parsed back.
+  Url(MadeFromPath, std::string absoluteString, std::string path)
+      : string_(std::move(absoluteString)), path_(std::move(path)), isFile_(true) {}
+
+ private:
   std::string string_;
   std::string path_;
   bool isFile_ = false;
