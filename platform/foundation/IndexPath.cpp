@@ -12,6 +12,15 @@ namespace qx {
 
 QX_DEFINE_CLASS(IndexPath, "NSIndexPath", Object)
 
+IndexPath::IndexPath(std::span<const uint64_t> indexes) : length_(indexes.size()) {
+  uint64_t* storage = inline_;
+  if (length_ > kInline) {
+    heap_ = std::make_unique_for_overwrite<uint64_t[]>(length_);
+    storage = heap_.get();
+  }
+  std::copy(indexes.begin(), indexes.end(), storage);
+}
+
 namespace {
 
 // Indexes of two or more positions are stored as unsigned LEB128: 7 bits a
@@ -27,8 +36,10 @@ uint8_t* writeLeb128(uint64_t value, uint8_t* out) {
   return out;
 }
 
-// False for a truncated last byte or a value wider than 64 bits.
-bool decodeLeb128(std::span<const uint8_t> bytes, std::vector<uint64_t>& indexes) {
+// Decodes exactly `out.size()` indexes; false for fewer or more, a truncated
+// last byte or a value wider than 64 bits.
+bool decodeLeb128(std::span<const uint8_t> bytes, std::span<uint64_t> out) {
+  std::size_t count = 0;
   uint64_t value = 0;
   unsigned shift = 0;
   bool pending = false;
@@ -41,12 +52,13 @@ bool decodeLeb128(std::span<const uint8_t> bytes, std::vector<uint64_t>& indexes
       shift += 7;
       continue;
     }
-    indexes.push_back(value);
+    if (count == out.size()) return false;
+    out[count++] = value;
     value = 0;
     shift = 0;
     pending = false;
   }
-  return !pending;
+  return !pending && count == out.size();
 }
 
 }  // namespace
@@ -69,56 +81,70 @@ ObjectPtr IndexPath::initWithCoder(KeyedUnarchiver& coder) {
     coder.failWithError("NSIndexPath without NSIndexPathData");
     return nullptr;
   }
-  std::vector<uint64_t> indexes;
-  indexes.reserve(std::min(static_cast<std::size_t>(length), bytes.size()));
-  if (!decodeLeb128(bytes, indexes) || indexes.size() != static_cast<uint64_t>(length)) {
+  // Every index takes at least a byte: a longer length cannot be right, and
+  // is refused before anything is allocated for it.
+  if (static_cast<uint64_t>(length) > bytes.size()) {
     coder.failWithError("NSIndexPathData does not hold NSIndexPathLength indexes");
     return nullptr;
   }
-  return make(std::move(indexes));
+  auto count = static_cast<std::size_t>(length);
+  std::array<uint64_t, 16> local;
+  std::vector<uint64_t> large;
+  std::span<uint64_t> indexes;
+  if (count <= local.size()) {
+    indexes = std::span<uint64_t>(local.data(), count);
+  } else {
+    large.resize(count);
+    indexes = large;
+  }
+  if (!decodeLeb128(bytes, indexes)) {
+    coder.failWithError("NSIndexPathData does not hold NSIndexPathLength indexes");
+    return nullptr;
+  }
+  return make(std::span<const uint64_t>(indexes));
 }
 
 std::shared_ptr<IndexPath> IndexPath::indexPathByAddingIndex(uint64_t index) const {
-  auto indexes = indexes_;
+  std::vector<uint64_t> indexes = this->indexes();
   indexes.push_back(index);
-  return make(std::move(indexes));
+  return make(indexes);
 }
 
 bool IndexPath::isEqual(const Object& other) const {
   auto* that = dynamic_cast<const IndexPath*>(&other);
-  return that != nullptr && that->indexes_ == indexes_;
+  return that != nullptr && std::ranges::equal(that->span(), span());
 }
 
 std::size_t IndexPath::hash() const {
-  std::size_t h = indexes_.size();
-  for (uint64_t i : indexes_) h = h * 31 + i;
+  std::size_t h = length_;
+  for (uint64_t i : span()) h = h * 31 + i;
   return h;
 }
 
 std::string IndexPath::description() const {
-  std::string text = "{length = " + std::to_string(indexes_.size()) + ", path = ";
-  for (std::size_t i = 0; i < indexes_.size(); ++i) {
+  std::string text = "{length = " + std::to_string(length_) + ", path = ";
+  for (std::size_t i = 0; i < length_; ++i) {
     if (i > 0) text += " - ";
-    text += std::to_string(indexes_[i]);
+    text += std::to_string(data()[i]);
   }
   return text + "}";
 }
 
 void IndexPath::encodeWithCoder(KeyedArchiver& coder) const {
-  coder.encodeInteger(static_cast<int64_t>(indexes_.size()), "NSIndexPathLength");
-  if (indexes_.size() == 1) {
-    coder.encodeInteger(static_cast<int64_t>(indexes_[0]), "NSIndexPathValue");
-  } else if (indexes_.size() >= 2) {
+  coder.encodeInteger(static_cast<int64_t>(length_), "NSIndexPathLength");
+  if (length_ == 1) {
+    coder.encodeInteger(static_cast<int64_t>(data()[0]), "NSIndexPathValue");
+  } else if (length_ >= 2) {
     // Paths of a tree are short: their bytes are built on the stack.
     std::array<uint8_t, 16 * kMaxLeb128Bytes> local;
     std::vector<uint8_t> large;
     uint8_t* begin = local.data();
-    if (indexes_.size() * kMaxLeb128Bytes > local.size()) {
-      large.resize(indexes_.size() * kMaxLeb128Bytes);
+    if (length_ * kMaxLeb128Bytes > local.size()) {
+      large.resize(length_ * kMaxLeb128Bytes);
       begin = large.data();
     }
     uint8_t* end = begin;
-    for (uint64_t index : indexes_) end = writeLeb128(index, end);
+    for (uint64_t index : span()) end = writeLeb128(index, end);
     coder.encodeDataObject({begin, end}, "NSIndexPathData");
   }
 }

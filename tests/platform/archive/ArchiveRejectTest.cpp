@@ -132,6 +132,8 @@ TEST_F(ArchiveRejects, EveryKindOfDamageAReaderMustRefuse) {
        "NSIndexPathData"},
       {indexPath(4, {0x01, 0xac, 0x02, 0x02}), "NSIndexPathData"},
       {indexPath(2, {0x01, 0xac, 0x02, 0x02}), "NSIndexPathData"},
+      {indexPath(int64_t{1} << 60, {0x01, 0x02}), "NSIndexPathData"},
+      {indexPath(17, std::vector<uint8_t>(16, 0x05)), "NSIndexPathData"},
       {indexPath(-1, {}), "negative"},
       // Not a keyed archive.
       {edited("$archiver", "Other"), "$archiver"},
@@ -152,6 +154,16 @@ TEST_F(ArchiveRejects, EveryKindOfDamageAReaderMustRefuse) {
       writeJson(indexPath(3, {0x01, 0xac, 0x02, 0x02})), &error));
   ASSERT_TRUE(path) << describe(error);
   EXPECT_EQ(path->indexes(), (std::vector<uint64_t>{1, 300, 2}));
+  // Paths longer than what an index path or the decoder holds in place.
+  for (std::size_t length : {5, 17}) {
+    std::vector<uint64_t> indexes(length);
+    for (std::size_t i = 0; i < length; ++i) indexes[i] = i * 1000;
+    auto back = cast<IndexPath>(KeyedUnarchiver::unarchiveObjectWithData(
+        *KeyedArchiver::archivedDataWithRootObject(IndexPath::make(indexes)), &error));
+    ASSERT_TRUE(back) << describe(error);
+    EXPECT_EQ(back->indexes(), indexes);
+    EXPECT_TRUE(back->isEqual(*IndexPath::make(indexes)));
+  }
 }
 
 TEST_F(ArchiveRejects, EveryTruncationAndByteFlipOfARealArchive) {
