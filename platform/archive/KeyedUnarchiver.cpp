@@ -362,6 +362,28 @@ struct KeyedUnarchiver::State {
     return decodeUidWith(plist.uid(element), allowed, key, custom);
   }
 
+  // For reading an object's plain value in place: the archived value of the
+  // UID under `key` when it is a plist value of `type` (the null string
+  // excepted). Else kNoRef, with `uid` set for decodeUidOfClass, which refuses
+  // it, decodes a subclass (kept alive in its slot) or answers nil.
+  Ref plainObjectForKey(std::string_view key, Type type, uint32_t& uid) {
+    uid = 0;
+    Ref value = typedValue(key, Type::Uid, "a UID");
+    if (value == BinaryPlist::kNoRef) return value;
+    uid = plist.uid(value);
+    if (uid == 0 || uid >= objectCount) return BinaryPlist::kNoRef;
+    Ref object = plist.element(objects, uid);
+    if (plist.type(object) != type) return BinaryPlist::kNoRef;
+    if (type == Type::String && plist.string(object) == "$null") return BinaryPlist::kNoRef;
+    return object;
+  }
+
+  ObjectPtr decodeUidOfClass(uint32_t uid, const ClassInfo& cls, std::string_view key) {
+    Allowed allowed;
+    allowed.single = &cls;
+    return decodeUid(uid, allowed, key);
+  }
+
   // Decodes the value under `key` of the current object, which must be a UID.
   ObjectPtr decodeKey(std::string_view key, Allowed allowed) {
     Ref value = typedValue(key, Type::Uid, "a UID");
@@ -759,40 +781,26 @@ std::optional<std::vector<uint8_t>> KeyedUnarchiver::decodeBytesForKey(std::stri
 
 bool KeyedUnarchiver::decodeDataObjectForKey(std::string_view key,
                                              std::span<const uint8_t>& bytes) {
-  Ref value = state_.typedValue(key, Type::Uid, "a UID");
-  if (value == BinaryPlist::kNoRef) return false;
-  uint32_t uid = state_.plist.uid(value);
-  if (uid != 0 && uid < state_.objectCount) {
-    Ref object = state_.plist.element(state_.objects, uid);
-    if (state_.plist.type(object) == Type::Data) {
-      bytes = state_.plist.data(object);
-      return true;
-    }
+  uint32_t uid = 0;
+  Ref plain = state_.plainObjectForKey(key, Type::Data, uid);
+  if (plain != BinaryPlist::kNoRef) {
+    bytes = state_.plist.data(plain);
+    return true;
   }
-  // Anything else takes the general path, which refuses it or decodes an
-  // NSData subclass; the decoded object stays alive in its slot.
-  State::Allowed allowed;
-  allowed.single = &Data::classInfo();
-  auto data = cast<Data>(state_.decodeUid(uid, allowed, key));
+  auto data = cast<Data>(state_.decodeUidOfClass(uid, Data::classInfo(), key));
   if (!data) return false;
   bytes = data->span();
   return true;
 }
 
 bool KeyedUnarchiver::decodeStringObjectForKey(std::string_view key, std::string_view& text) {
-  Ref value = state_.typedValue(key, Type::Uid, "a UID");
-  if (value == BinaryPlist::kNoRef) return false;
-  uint32_t uid = state_.plist.uid(value);
-  if (uid != 0 && uid < state_.objectCount) {
-    Ref object = state_.plist.element(state_.objects, uid);
-    if (state_.plist.type(object) == Type::String && state_.plist.string(object) != "$null") {
-      text = state_.plist.string(object);
-      return true;
-    }
+  uint32_t uid = 0;
+  Ref plain = state_.plainObjectForKey(key, Type::String, uid);
+  if (plain != BinaryPlist::kNoRef) {
+    text = state_.plist.string(plain);
+    return true;
   }
-  State::Allowed allowed;
-  allowed.single = &String::classInfo();
-  auto string = cast<String>(state_.decodeUid(uid, allowed, key));
+  auto string = cast<String>(state_.decodeUidOfClass(uid, String::classInfo(), key));
   if (!string) return false;
   text = string->str();
   return true;
