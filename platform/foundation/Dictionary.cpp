@@ -20,29 +20,27 @@ bool keyEquals(const ObjectPtr& key, std::string_view text) {
 
 std::shared_ptr<Dictionary> Dictionary::withStringKeys(
     std::initializer_list<std::pair<std::string_view, ObjectPtr>> entries) {
-  std::vector<Entry> pairs;
-  pairs.reserve(entries.size());
-  for (const auto& [key, value] : entries) pairs.emplace_back(str(std::string(key)), value);
+  DictionaryEntries pairs;
+  for (const auto& [key, value] : entries) pairs.push_back({str(std::string(key)), value});
   return make(std::move(pairs));
 }
 
-std::optional<std::vector<Dictionary::Entry>> Dictionary::decodeEntries(KeyedUnarchiver& coder) {
-  // An absent key counts as empty.
-  std::size_t keys = coder.countOfArrayForKey("NS.keys").value_or(0);
-  std::size_t objects = coder.countOfArrayForKey("NS.objects").value_or(0);
-  if (coder.hasFailed()) return std::nullopt;
-  if (keys != objects) {
+std::optional<DictionaryEntries> Dictionary::decodeEntries(KeyedUnarchiver& coder) {
+  // Decoded straight into the pairs, each array looked up once: the keys make
+  // the pairs, the values fill them in. An absent key counts as empty.
+  DictionaryEntries entries;
+  std::size_t values = 0;
+  bool decoded = coder.decodeArrayOfObjectsForKey("NS.keys", [&](std::size_t, ObjectPtr key) {
+    entries.push_back({std::move(key), nullptr});
+  }) && coder.decodeArrayOfObjectsForKey("NS.objects", [&](std::size_t i, ObjectPtr value) {
+    if (i < entries.size()) entries[i].second = std::move(value);
+    values = i + 1;
+  });
+  if (!decoded) return std::nullopt;
+  if (values != entries.size()) {
     coder.failWithError("NS.keys and NS.objects of a dictionary differ in length");
     return std::nullopt;
   }
-  // Decoded straight into the pairs: no vectors of keys and values in between.
-  std::vector<Entry> entries(keys);
-  bool decoded = coder.decodeArrayOfObjectsForKey("NS.keys", [&](std::size_t i, ObjectPtr key) {
-    entries[i].first = std::move(key);
-  }) && coder.decodeArrayOfObjectsForKey("NS.objects", [&](std::size_t i, ObjectPtr value) {
-    entries[i].second = std::move(value);
-  });
-  if (!decoded) return std::nullopt;
   return entries;
 }
 

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/foundation/DictionaryEntries.h"
 #include "platform/foundation/Object.h"
 
 namespace qx {
@@ -19,12 +20,12 @@ class Dictionary : public Object {
   QX_DECLARE_CLASS()
 
  public:
-  using Entry = std::pair<ObjectPtr, ObjectPtr>;
+  using Entry = DictionaryEntries::Entry;
 
   Dictionary() = default;
-  explicit Dictionary(std::vector<Entry> entries) : entries_(std::move(entries)) {}
+  explicit Dictionary(DictionaryEntries entries) : entries_(std::move(entries)) {}
 
-  static std::shared_ptr<Dictionary> make(std::vector<Entry> entries = {}) {
+  static std::shared_ptr<Dictionary> make(DictionaryEntries entries = {}) {
     return std::make_shared<Dictionary>(std::move(entries));
   }
   // Builds from string keys: Dictionary::withStringKeys({{"a", value}, ...}).
@@ -33,7 +34,7 @@ class Dictionary : public Object {
   static ObjectPtr initWithCoder(KeyedUnarchiver& coder);
 
   std::size_t count() const { return entries_.size(); }
-  const std::vector<Entry>& entries() const { return entries_; }
+  const DictionaryEntries& entries() const { return entries_; }
   ObjectPtr objectForKey(const Object& key) const;
   ObjectPtr objectForKey(std::string_view key) const;
   template <class T>
@@ -51,9 +52,9 @@ class Dictionary : public Object {
 
  protected:
   // Reads NS.keys and NS.objects; nil (and a failed coder) when they disagree.
-  static std::optional<std::vector<Entry>> decodeEntries(KeyedUnarchiver& coder);
+  static std::optional<DictionaryEntries> decodeEntries(KeyedUnarchiver& coder);
 
-  std::vector<Entry> entries_;
+  DictionaryEntries entries_;
 };
 
 using DictionaryPtr = std::shared_ptr<Dictionary>;

@@ -23,7 +23,7 @@ void MutableDictionary::setObject(ObjectPtr object, ObjectPtr key) {
       return;
     }
   }
-  entries_.emplace_back(std::move(key), std::move(object));
+  entries_.push_back({std::move(key), std::move(object)});
 }
 
 void MutableDictionary::setObject(ObjectPtr object, std::string_view key) {
@@ -31,7 +31,7 @@ void MutableDictionary::setObject(ObjectPtr object, std::string_view key) {
 }
 
 void MutableDictionary::removeObjectForKey(std::string_view key) {
-  std::erase_if(entries_, [&](const Entry& entry) {
+  entries_.eraseIf([&](const Entry& entry) {
     auto* string = dynamic_cast<const String*>(entry.first.get());
     return string != nullptr && string->str() == key;
   });

@@ -10,7 +10,7 @@ class MutableDictionary final : public Dictionary {
 
  public:
   MutableDictionary() = default;
-  explicit MutableDictionary(std::vector<Entry> entries) : Dictionary(std::move(entries)) {}
+  explicit MutableDictionary(DictionaryEntries entries) : Dictionary(std::move(entries)) {}
 
   static std::shared_ptr<MutableDictionary> make() { return std::make_shared<MutableDictionary>(); }
   static ObjectPtr initWithCoder(KeyedUnarchiver& coder);

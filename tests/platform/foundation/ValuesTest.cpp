@@ -76,5 +76,31 @@ TEST(FoundationValues, EqualityFollowsContents) {
   EXPECT_TRUE(Array::make({str("x"), nullptr})->isEqual(*Array::make({str("x"), nullptr})));
 }
 
+// Up to two pairs live in the dictionary itself, more in a vector: growing
+// past two, shrinking back and copying must keep every pair and the order.
+TEST(FoundationValues, DictionaryKeepsPairsInOrderAcrossItsStorage) {
+  auto keysOf = [](const Dictionary& dict) {
+    std::string keys;
+    for (const auto& [key, value] : dict.entries())
+      keys += key->description() + value->description();
+    return keys;
+  };
+  auto dict = MutableDictionary::make();
+  for (const char* key : {"a", "b", "c", "d"}) dict->setObject(str(std::string(key) + "1"), key);
+  EXPECT_EQ(keysOf(*dict), "aa1bb1cc1dd1");
+  auto copy = dict->copy();
+  dict->removeObjectForKey("b");
+  dict->removeObjectForKey("d");
+  EXPECT_EQ(keysOf(*dict), "aa1cc1");
+  dict->setObject(str("e1"), "e");
+  dict->removeObjectForKey("a");
+  EXPECT_EQ(keysOf(*dict), "cc1ee1");
+  EXPECT_EQ(keysOf(*copy), "aa1bb1cc1dd1");
+  DictionaryEntries pairs = copy->entries();
+  DictionaryEntries moved = std::move(pairs);
+  EXPECT_EQ(pairs.size(), 0u);
+  EXPECT_EQ(Dictionary::make(std::move(moved))->objectForKey("d")->description(), "d1");
+}
+
 }  // namespace
 }  // namespace qx
