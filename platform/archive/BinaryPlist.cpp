@@ -66,44 +66,6 @@ inline uint8_t* writeBigEndian(uint8_t* p, uint64_t value, unsigned width) {
   }
 }
 
-// Reads `count` references of `width` bytes; false when one is not below `limit`.
-template <unsigned Width>
-bool readRefsOf(const uint8_t* p, std::size_t count, uint64_t limit, uint32_t* out) {
-  for (std::size_t i = 0; i < count; ++i, p += Width) {
-    uint64_t ref;
-    if constexpr (Width == 1) {
-      ref = p[0];
-    } else if constexpr (Width == 2) {
-      ref = uint64_t(p[0]) << 8 | p[1];
-    } else {
-      uint32_t v;
-      std::memcpy(&v, p, 4);
-      ref = __builtin_bswap32(v);
-    }
-    if (ref >= limit) return false;
-    out[i] = static_cast<uint32_t>(ref);
-  }
-  return true;
-}
-
-bool readRefs(const uint8_t* p, unsigned width, std::size_t count, uint64_t limit, uint32_t* out) {
-  switch (width) {
-    case 1:
-      return readRefsOf<1>(p, count, limit, out);
-    case 2:
-      return readRefsOf<2>(p, count, limit, out);
-    case 4:
-      return readRefsOf<4>(p, count, limit, out);
-    default:
-      for (std::size_t i = 0; i < count; ++i, p += width) {
-        uint64_t ref = readBigEndian(p, width);
-        if (ref >= limit) return false;
-        out[i] = static_cast<uint32_t>(ref);
-      }
-      return true;
-  }
-}
-
 template <unsigned Width>
 uint8_t* writeRefsOf(uint8_t* p, const uint32_t* refs, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) p = writeBigEndian(p, refs[i], Width);
@@ -297,7 +259,7 @@ class BinaryPlistParser {
     if (!readTrailer()) return false;
     plist_.counted_ = false;
     plist_.nodes_.resize(objectCount_);
-    plist_.refs_.reserve(std::min<uint64_t>(objectCount_ * 2, tableOffset_ / refSize_));
+    plist_.refs_.resize(std::min<uint64_t>(objectCount_ * 2, tableOffset_ / refSize_));
     plist_.top_ = static_cast<BinaryPlist::Ref>(top_);
     // Every object once, in table order. When every container names only
     // objects before it (as this project's writer lays them out), the graph
@@ -305,6 +267,7 @@ class BinaryPlistParser {
     for (uint64_t i = 0; i < objectCount_; ++i) {
       if (!parseObject(static_cast<Ref>(i))) return false;
     }
+    plist_.refs_.resize(refsUsed_);
     return backwardOnly_ || checkGraph();
   }
 
@@ -525,37 +488,69 @@ class BinaryPlistParser {
     uint64_t room = static_cast<uint64_t>(end - p) / refSize_ / slots;
     if (count > room) return fail("container references beyond the buffer");
     if (!consume(static_cast<std::size_t>(p - start + count * slots * refSize_))) return false;
-    std::vector<Ref>& refs = plist_.refs_;
-    std::size_t first = refs.size();
-    std::size_t total = static_cast<std::size_t>(count * slots);
-    refs.resize(first + total);
-    if (!readRefs(p, refSize_, total, objectCount_, refs.data() + first)) {
-      return fail("object reference beyond the object table");
-    }
+    auto total = static_cast<std::size_t>(count * slots);
+    Ref* out = claimRefs(total);
     node.type = isDictionary ? Type::Dictionary : Type::Array;
     node.length = static_cast<uint32_t>(count);
-    node.offset = first;
+    node.offset = static_cast<uint64_t>(out - plist_.refs_.data());
     node.flags = BinaryPlist::kParsed;
-    return !backwardOnly_ || checkBackward(ref, node);
+    std::size_t keys = isDictionary ? node.length : 0;
+    switch (refSize_) {
+      case 1:
+        return readContainerRefs<1>(ref, node, p, total, keys, out);
+      case 2:
+        return readContainerRefs<2>(ref, node, p, total, keys, out);
+      case 4:
+        return readContainerRefs<4>(ref, node, p, total, keys, out);
+      default:
+        return readContainerRefs<0>(ref, node, p, total, keys, out);
+    }
   }
 
-  // For a container whose elements all come before it (parsed already): its
-  // keys must be strings and its height is one more than its highest element.
-  bool checkBackward(Ref ref, Node& node) {
-    const Ref* refs = plist_.refs_.data() + node.offset;
-    std::size_t total = BinaryPlist::referenceCount(node);
-    std::size_t keys = node.type == Type::Dictionary ? node.length : 0;
-    const auto& nodes = plist_.nodes_;
+  // Room for `count` more references in the plist's table. The table grows
+  // by doubling: resizing it per container would cost a check and a fill for
+  // each of them.
+  Ref* claimRefs(std::size_t count) {
+    std::vector<Ref>& refs = plist_.refs_;
+    if (refsUsed_ + count > refs.size()) refs.resize(std::max(refs.size() * 2, refsUsed_ + count));
+    Ref* claimed = refs.data() + refsUsed_;
+    refsUsed_ += count;
+    return claimed;
+  }
+
+  // Reads a container's references (Width bytes each, 0 for any other width)
+  // and, while every element seen comes before the container and so is
+  // parsed already, checks its keys are strings and works out its height.
+  template <unsigned Width>
+  bool readContainerRefs(Ref ref, Node& node, const uint8_t* p, std::size_t total, std::size_t keys,
+                         Ref* out) {
+    const Node* nodes = plist_.nodes_.data();
     uint16_t highest = 0;
     for (std::size_t i = 0; i < total; ++i) {
-      if (refs[i] >= ref) {
-        backwardOnly_ = false;
-        return true;
+      uint64_t element;
+      if constexpr (Width == 1) {
+        element = p[i];
+      } else if constexpr (Width == 2) {
+        element = uint64_t(p[2 * i]) << 8 | p[2 * i + 1];
+      } else if constexpr (Width == 4) {
+        uint32_t v;
+        std::memcpy(&v, p + 4 * i, 4);
+        element = __builtin_bswap32(v);
+      } else {
+        element = readBigEndian(p + i * refSize_, refSize_);
       }
-      const Node& element = nodes[refs[i]];
-      if (i < keys && element.type != Type::String) return fail("dictionary key is not a string");
-      if (element.height > highest) highest = element.height;
+      if (element >= objectCount_) return fail("object reference beyond the object table");
+      out[i] = static_cast<Ref>(element);
+      if (!backwardOnly_) continue;
+      if (element >= ref) {
+        backwardOnly_ = false;
+        continue;
+      }
+      const Node& found = nodes[element];
+      if (i < keys && found.type != Type::String) return fail("dictionary key is not a string");
+      if (found.height > highest) highest = found.height;
     }
+    if (!backwardOnly_) return true;
     if (highest > BinaryPlist::kMaxDepth) return fail("containers nested too deeply");
     node.height = static_cast<uint16_t>(highest + 1);
     return true;
@@ -617,6 +612,7 @@ class BinaryPlistParser {
   uint64_t top_ = 0;
   uint64_t tableOffset_ = 0;
   uint64_t consumed_ = 0;
+  std::size_t refsUsed_ = 0;
   bool backwardOnly_ = true;
 };
 
