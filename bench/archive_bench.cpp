@@ -114,6 +114,20 @@ void BM_DecodeSizeReportRestricted(benchmark::State& state) {
 }
 BENCHMARK(BM_DecodeSizeReportRestricted)->Arg(1)->Arg(3)->Unit(benchmark::kMicrosecond);
 
+// Encode, restricted decode and freeing in turn, as one report costs the
+// worker and its client together (and as compare-codec times it).
+void BM_RoundTripSizeReport(benchmark::State& state) {
+  setUp();
+  auto report = sizeReport(static_cast<std::size_t>(state.range(0)));
+  for (auto _ : state) {
+    DataPtr data = KeyedArchiver::archivedDataWithRootObject(report);
+    ObjectPtr object = KeyedUnarchiver::unarchivedObjectOfClasses(reportClasses(), *data);
+    if (!object) state.SkipWithError("decoding failed");
+    benchmark::DoNotOptimize(object);
+  }
+}
+BENCHMARK(BM_RoundTripSizeReport)->Arg(3)->Unit(benchmark::kMicrosecond);
+
 // The same decode with the decoded objects freed outside the timed region, in
 // batches of 64: how much of the decode is the making of the objects alone.
 void BM_DecodeSizeReportWithoutFreeing(benchmark::State& state) {

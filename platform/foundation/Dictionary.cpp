@@ -25,10 +25,9 @@ std::shared_ptr<Dictionary> Dictionary::withStringKeys(
   return make(std::move(pairs));
 }
 
-std::optional<DictionaryEntries> Dictionary::decodeEntries(KeyedUnarchiver& coder) {
+bool Dictionary::decodeEntries(KeyedUnarchiver& coder, DictionaryEntries& entries) {
   // Decoded straight into the pairs, each array looked up once: the keys make
   // the pairs, the values fill them in. An absent key counts as empty.
-  DictionaryEntries entries;
   std::size_t values = 0;
   bool decoded = coder.decodeArrayOfObjectsForKey("NS.keys", [&](std::size_t, ObjectPtr key) {
     entries.push_back({std::move(key), nullptr});
@@ -36,18 +35,18 @@ std::optional<DictionaryEntries> Dictionary::decodeEntries(KeyedUnarchiver& code
     if (i < entries.size()) entries[i].second = std::move(value);
     values = i + 1;
   });
-  if (!decoded) return std::nullopt;
+  if (!decoded) return false;
   if (values != entries.size()) {
     coder.failWithError("NS.keys and NS.objects of a dictionary differ in length");
-    return std::nullopt;
+    return false;
   }
-  return entries;
+  return true;
 }
 
 ObjectPtr Dictionary::initWithCoder(KeyedUnarchiver& coder) {
-  auto entries = decodeEntries(coder);
-  if (!entries) return nullptr;
-  return make(std::move(*entries));
+  auto dictionary = make();
+  if (!decodeEntries(coder, dictionary->entries_)) return nullptr;
+  return dictionary;
 }
 
 std::shared_ptr<MutableDictionary> Dictionary::mutableCopy() const {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -25,7 +24,8 @@ class Dictionary : public Object {
   Dictionary() = default;
   explicit Dictionary(DictionaryEntries entries) : entries_(std::move(entries)) {}
 
-  static std::shared_ptr<Dictionary> make(DictionaryEntries entries = {}) {
+  static std::shared_ptr<Dictionary> make() { return std::make_shared<Dictionary>(); }
+  static std::shared_ptr<Dictionary> make(DictionaryEntries entries) {
     return std::make_shared<Dictionary>(std::move(entries));
   }
   // Builds from string keys: Dictionary::withStringKeys({{"a", value}, ...}).
@@ -51,8 +51,9 @@ class Dictionary : public Object {
   void encodeWithCoder(KeyedArchiver& coder) const override;
 
  protected:
-  // Reads NS.keys and NS.objects; nil (and a failed coder) when they disagree.
-  static std::optional<DictionaryEntries> decodeEntries(KeyedUnarchiver& coder);
+  // Reads NS.keys and NS.objects into `entries`; false (and a failed coder)
+  // when they disagree.
+  static bool decodeEntries(KeyedUnarchiver& coder, DictionaryEntries& entries);
 
   DictionaryEntries entries_;
 };

@@ -42,11 +42,7 @@ DictionaryEntries& DictionaryEntries::operator=(DictionaryEntries other) noexcep
   return *this;
 }
 
-void DictionaryEntries::push_back(Entry entry) {
-  if (size_ < kInPlace) {
-    inPlace_[size_++] = std::move(entry);
-    return;
-  }
+void DictionaryEntries::pushSpilled(Entry entry) {
   if (size_ == kInPlace) {
     spilled_.reserve(2 * kInPlace);
     std::move(std::begin(inPlace_), std::end(inPlace_), std::back_inserter(spilled_));

@@ -39,7 +39,13 @@ class DictionaryEntries {
   const Entry& operator[](std::size_t i) const { return data()[i]; }
   std::span<const Entry> span() const { return {data(), size_}; }
 
-  void push_back(Entry entry);
+  void push_back(Entry entry) {
+    if (size_ < kInPlace) {
+      inPlace_[size_++] = std::move(entry);
+    } else {
+      pushSpilled(std::move(entry));
+    }
+  }
   // Removes the pairs for which `remove(pair)` is true, keeping the order.
   template <class Predicate>
   void eraseIf(Predicate&& remove) {
@@ -59,6 +65,7 @@ class DictionaryEntries {
   bool inPlace() const { return size_ <= kInPlace; }
   Entry* data() { return inPlace() ? inPlace_ : spilled_.data(); }
   const Entry* data() const { return inPlace() ? inPlace_ : spilled_.data(); }
+  void pushSpilled(Entry entry);
   void truncate(std::size_t size);
 
   // The pairs when there are at most kInPlace, else all of them in spilled_.

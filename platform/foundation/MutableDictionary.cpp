@@ -1,7 +1,6 @@
 #include "platform/foundation/MutableDictionary.h"
 
 #include <algorithm>
-#include <optional>
 
 #include "platform/archive/KeyedUnarchiver.h"
 #include "platform/foundation/String.h"
@@ -11,9 +10,9 @@ namespace qx {
 QX_DEFINE_CLASS(MutableDictionary, "NSMutableDictionary", Dictionary)
 
 ObjectPtr MutableDictionary::initWithCoder(KeyedUnarchiver& coder) {
-  auto entries = decodeEntries(coder);
-  if (!entries) return nullptr;
-  return std::make_shared<MutableDictionary>(std::move(*entries));
+  auto dictionary = make();
+  if (!decodeEntries(coder, dictionary->entries_)) return nullptr;
+  return dictionary;
 }
 
 void MutableDictionary::setObject(ObjectPtr object, ObjectPtr key) {
