@@ -19,6 +19,7 @@
 
 #include "BenchLink.h"
 #include "model/QXFileSizeItem.h"
+#include "sizes/QXSizeCalculation.h"
 
 using namespace qx;
 using namespace qx::bench;
@@ -107,6 +108,17 @@ int memoryRun(const std::string& root, long entries) {
   return 0;
 }
 
+// The calculation in this process with reports answered at once: the walk and
+// the size tree alone, without the connection.
+double inProcessSeconds(const std::string& root) {
+  auto urls = Array::make({Url::fileURLWithPath(root)});
+  return secondsOf([&] {
+    QXSizeCalculation calculation(urls, [](const ArrayPtr&) { return true; });
+    ErrorPtr error;
+    calculation.run(&error);
+  });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -156,11 +168,12 @@ int main(int argc, char** argv) {
   std::vector<std::string> du = {"du", "-s", "-b", root};
   timeCommand(du);  // warm the caches
   link.sizes({root});
-  std::vector<double> ours, theirs;
+  std::vector<double> ours, theirs, local;
   Reply reply;
   for (int run = 0; run < runs; ++run) {
     theirs.push_back(timeCommand(du));
     ours.push_back(secondsOf([&] { reply = link.sizes({root}); }));
+    local.push_back(inProcessSeconds(root));
   }
   int status = 0;
   if (reply.error || totalOf(reply) != tree.bytes) {
@@ -170,6 +183,7 @@ int main(int argc, char** argv) {
     status = 1;
   }
   std::printf("reports: %zu for %ld entries\n", reply.reports, tree.entries);
+  std::printf("without the connection: qxfile_s=%.3f\n", median(local));
   if (keep.empty()) removeTree(base);
   double a = median(ours);
   double b = median(theirs);
