@@ -103,11 +103,7 @@ TEST(AclEntries, TagsQualifiersPermissionsAndFlags) {
   ASSERT_EQ(acl_get_permset(entry, &permsAgain), 0);
   ASSERT_EQ(acl_get_flagset_np(entry, &flagset), 0);
   ASSERT_EQ(acl_get_flagset_np(entry, &flagsAgain), 0);
-  for (acl_perm_t perm :
-       {ACL_READ_DATA, ACL_LIST_DIRECTORY, ACL_EXECUTE, ACL_SEARCH, ACL_READ_ATTRIBUTES,
-        ACL_READ_EXTATTRIBUTES, ACL_READ_SECURITY, ACL_WRITE_DATA, ACL_ADD_FILE, ACL_APPEND_DATA,
-        ACL_ADD_SUBDIRECTORY, ACL_DELETE, ACL_DELETE_CHILD, ACL_WRITE_ATTRIBUTES,
-        ACL_WRITE_EXTATTRIBUTES, ACL_WRITE_SECURITY, ACL_CHANGE_OWNER}) {
+  for (acl_perm_t perm = ACL_READ_DATA; perm <= ACL_CHANGE_OWNER; perm <<= 1) {
     ASSERT_EQ(acl_clear_perms(permset), 0);
     EXPECT_EQ(acl_get_perm_np(permsAgain, perm), 0) << perm;
     ASSERT_EQ(acl_add_perm(permset, perm), 0) << perm;

@@ -5,7 +5,6 @@
 
 #include "XaclTestSupport.h"
 #include "platform/xacl/AclText.h"
-#include "tests/support/TempTree.h"
 
 namespace qx::xacl {
 namespace {
@@ -50,9 +49,8 @@ TEST(AclTextTest, EntriesReadAsOneLineEachWithNamesOrUuids) {
             "group:ABCDEFAB-CDEF-ABCD-EFAB-CDEF0000270F");
   EXPECT_EQ(AclText::identity(uuidOf("12345678-9abc-def0-1234-56789abcdef0").data()),
             "12345678-9ABC-DEF0-1234-56789ABCDEF0");
-}
 
-TEST(AclTextTest, EveryPermissionAndFlagHasAName) {
+  // Every permission and flag by name, in table order, file and folder names alike.
   EXPECT_EQ(AclText::permissions(ACL_PERM_MASK, false),
             "read_data,execute,read_attributes,read_extattributes,read_security,write_data,"
             "append_data,delete,delete_child,write_attributes,write_extattributes,"
@@ -61,29 +59,8 @@ TEST(AclTextTest, EveryPermissionAndFlagHasAName) {
             "list_directory,search,read_attributes,read_extattributes,read_security,add_file,"
             "add_subdirectory,delete,delete_child,write_attributes,write_extattributes,"
             "write_security,change_owner");
-  EXPECT_EQ(AclText::permissions(0, false), "none");
   EXPECT_EQ(AclText::flags(ACL_ENTRY_FLAG_MASK),
             "inherited,file_inherit,directory_inherit,limit_inherit,only_inherit");
-  EXPECT_EQ(AclText::flags(0), "");
-}
-
-TEST(AclTextTest, ReadsTheAclOfAPath) {
-  qx::test::TempTree tree("qx-xacl");
-  tree.folder("folder");
-  std::string folder = tree.path("folder");
-  EXPECT_EQ(AclText::forPath(folder.c_str()), "");
-  AclHandle acl = buildAcl({{ACL_EXTENDED_ALLOW, "FFFFEEEE-DDDD-CCCC-BBBB-AAAA000007D2",
-                             ACL_ADD_FILE | ACL_SEARCH, ACL_ENTRY_DIRECTORY_INHERIT}});
-  ASSERT_EQ(acl_set_link_np(folder.c_str(), ACL_TYPE_EXTENDED, acl.get()), 0);
-  EXPECT_EQ(AclText::forPath(folder.c_str()),
-            "allow user:qxbob search,add_file directory_inherit\n");
-  errno = 0;
-  EXPECT_FALSE(AclText::forPath(tree.path("missing").c_str()).has_value());
-  EXPECT_EQ(errno, ENOENT);
-  ASSERT_TRUE(test::writeRaw(folder, {1, 2, 3}));
-  errno = 0;
-  EXPECT_FALSE(AclText::forPath(folder.c_str()).has_value());
-  EXPECT_EQ(errno, EINVAL);
 }
 
 }  // namespace
