@@ -27,23 +27,19 @@ class AclInspection : public ::testing::Test {
   // The listing, with the error out-parameter primed so that a missing write shows.
   qx::ArrayPtr list(const std::string& path) {
     error_ = qx::Error::errorWithDomain("primed", 1);
-    return QXFileAcl::entriesForUrl(urlOf(path), &error_);
-  }
-  // The records between the markers, checking the markers and the three pseudo-entries.
-  std::vector<QXAclEntryPtr> aclEntries(const qx::ArrayPtr& listing) {
-    std::vector<QXAclEntryPtr> entries;
-    EXPECT_FALSE(error_);
-    EXPECT_EQ(qx::cast<qx::String>(listing->objectAtIndex(0))->str(), "ACL");
-    size_t i = 1;
-    for (; qx::cast<QXAclEntry>(listing->objectAtIndex(i)); ++i) {
-      entries.push_back(qx::cast<QXAclEntry>(listing->objectAtIndex(i)));
+    qx::ArrayPtr listing = QXFileAcl::entriesForUrl(urlOf(path), &error_);
+    if (listing) {
+      EXPECT_FALSE(error_) << "a success clears the error";
     }
-    EXPECT_EQ(qx::cast<qx::String>(listing->objectAtIndex(i))->str(), "POSIX");
-    EXPECT_EQ(listing->count(), i + 4);
-    return entries;
+    return listing;
   }
-  static QXAclEntryPtr posix(const qx::ArrayPtr& listing, size_t which) {
-    return qx::cast<QXAclEntry>(listing->objectAtIndex(listing->count() - 3 + which));
+  // The listing as text next to the one expected from `aces` and the mode.
+  std::string listed(const std::string& path) { return listingText(list(path)); }
+  static std::string expected(const std::vector<Ace>& aces, mode_t mode, bool folder,
+                              uid_t owner = kOwner, gid_t group = kTeam) {
+    std::vector<qx::ObjectPtr> records;
+    for (const Ace& ace : aces) records.push_back(aclEntry(ace, folder));
+    return listingText(listing(records, pseudoEntries(mode, owner, group, folder)));
   }
 
   // "yes", "no", or the failure's description.
@@ -81,11 +77,10 @@ class AclInspection : public ::testing::Test {
 // rows and the "Applies to" node pinned, whatever those records say.
 TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   std::string bare = tree_.ownedFile("bare");
-  ASSERT_TRUE(list(bare));
-  EXPECT_TRUE(aclEntries(list(bare)).empty());
+  EXPECT_EQ(listed(bare), expected({}, 0644, false));
   EXPECT_TRUE(QXFileAcl::entriesForUrl(urlOf(bare), nullptr)) << "the error may be null";
   ASSERT_TRUE(setAcl(bare, {}));
-  EXPECT_TRUE(aclEntries(list(bare)).empty()) << "an ACL without entries";
+  EXPECT_EQ(listed(bare), expected({}, 0644, false)) << "an ACL without entries";
 
   std::string file = tree_.ownedFile("f");
   const uint32_t allRead = ACL_READ_DATA | ACL_EXECUTE | ACL_READ_ATTRIBUTES |
@@ -94,24 +89,20 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
       allow(userUuid(kMember), allRead | ACL_WRITE_DATA),
       deny(groupUuid(kTeam), ACL_CHANGE_OWNER, ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT)};
   ASSERT_TRUE(setAcl(file, fileAces));
-  EXPECT_EQ(listingText(list(file)),
-            listingText(listing({aclEntry(fileAces[0], false), aclEntry(fileAces[1], false)},
-                                pseudoEntries(0644, kOwner, kTeam))));
-  std::vector<QXAclEntryPtr> entries = aclEntries(list(file));
-  ASSERT_EQ(entries.size(), 2u);
-  EXPECT_TRUE(entries[0]->isAcl());
-  EXPECT_TRUE(entries[1]->inherited());
-  const auto& groups = *entries[0]->permissions();
-  ASSERT_EQ(groups.count(), 3u) << "a file has no \"Applies to\"";
-  EXPECT_EQ(nodeText(groups[0]),
+  EXPECT_EQ(listed(file), expected(fileAces, 0644, false));
+  // The rows pinned, whatever the records built from the tables say; a file has no "Applies to".
+  const qx::ArrayPtr groups = list(file)->objectAs<QXAclEntry>(1)->permissions();
+  ASSERT_EQ(groups->count(), 3u);
+  EXPECT_EQ(nodeText(groups->objectAtIndex(0)),
             "Read:0x2=1, Read Data:0x2=1, Execute File:0x8=1, Read Attributes:0x80=1, "
             "Read Extended Attributes:0x200=1, Read Permissions:0x800=1");
-  EXPECT_EQ(nodeText(groups[1]),
+  EXPECT_EQ(nodeText(groups->objectAtIndex(1)),
             "Write:0x2=-1, Write Data:0x4=1, Append Data:0x20=0, Delete:0x10=0, "
             "Write Attributes:0x100=0, Write Extended Attributes:0x400=0");
-  EXPECT_EQ(nodeText(groups[2]),
+  EXPECT_EQ(nodeText(groups->objectAtIndex(2)),
             "Administration:0x2=0, Change Permissions:0x1000=0, Change Owner:0x2000=0");
 
+  // "Applies to" from every flag combination.
   std::string folder = tree_.ownedFolder("d");
   std::vector<Ace> aces;
   for (uint32_t combo = 0; combo < 16; ++combo) {
@@ -122,11 +113,8 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
     aces.push_back(allow(userUuid(kOwner + combo), ACL_SEARCH, flags));
   }
   ASSERT_TRUE(setAcl(folder, aces));
-  std::vector<qx::ObjectPtr> records;
-  for (const Ace& ace : aces) records.push_back(aclEntry(ace, true));
-  EXPECT_EQ(listingText(list(folder)),
-            listingText(listing(records, pseudoEntries(0755, kOwner, kTeam, true))));
-  const qx::ArrayPtr seventh = aclEntries(list(folder)).at(7)->permissions();
+  EXPECT_EQ(listed(folder), expected(aces, 0755, true));
+  const qx::ArrayPtr seventh = list(folder)->objectAs<QXAclEntry>(8)->permissions();
   ASSERT_EQ(seventh->count(), 4u);
   EXPECT_EQ(nodeText(seventh->objectAtIndex(0)),
             "Read:0x2=-1, List Folder Contents:0x2=0, Traverse Folder:0x8=1, "
@@ -144,16 +132,9 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   std::string link = tree_.path("link");
   ASSERT_EQ(symlink(folder.c_str(), link.c_str()), 0);
   ASSERT_EQ(lchown(link.c_str(), kOther, kDenied), 0);
-  EXPECT_EQ(listingText(list(tree_.ownedFile("f754", 0754))),
-            listingText(listing({}, pseudoEntries(0754, kOwner, kTeam))));
-  EXPECT_EQ(listingText(list(tree_.ownedFolder("d754", 0754))),
-            listingText(listing({}, pseudoEntries(0754, kOwner, kTeam, true))));
-  EXPECT_EQ(listingText(list(link)),
-            listingText(listing({}, pseudoEntries(0777, kOther, kDenied))));
-  QXAclEntryPtr everyone = posix(list(tree_.path("d754")), 2);
-  EXPECT_FALSE(everyone->isAcl());
-  EXPECT_EQ(everyone->tag(), 1);
-  EXPECT_EQ(nodeText(everyone->permissions()->objectAtIndex(2)), "Traverse Folder:0x1000=0");
+  EXPECT_EQ(listed(tree_.ownedFile("f754", 0754)), expected({}, 0754, false));
+  EXPECT_EQ(listed(tree_.ownedFolder("d754", 0754)), expected({}, 0754, true));
+  EXPECT_EQ(listed(link), expected({}, 0777, false, kOther, kDenied));
 }
 
 TEST_F(AclInspection, ListingFailuresCarryTheStepTheNumberAndTheTitle) {

@@ -10,6 +10,8 @@
 #include "model/QXTreeNode.h"
 #include "platform/membership/IdentityUuid.h"
 #include "platform/xacl/AclHandle.h"
+#include "platform/xacl/AclText.h"
+#include "tests/platform/xacl/XaclTestSupport.h"
 
 namespace qxacltest {
 
@@ -37,61 +39,30 @@ std::string AclTree::ownedFolder(const std::string& name, mode_t mode, uid_t uid
   return path(name);
 }
 
-bool Ace::operator==(const Ace& other) const {
-  return tag == other.tag && qx::isEqual(who, other.who) && perms == other.perms &&
-         flags == other.flags;
+AclHandle aclOf(const std::vector<Ace>& entries) {
+  AclHandle acl(acl_init(static_cast<int>(entries.size())));
+  for (const Ace& ace : entries) {
+    qx::xacl::test::addEntry(acl.get(), ace.tag, ace.who ? ace.who->bytes().data() : nullptr,
+                             ace.perms, ace.flags);
+  }
+  return acl;
 }
 
-std::ostream& operator<<(std::ostream& out, const Ace& ace) {
-  return out << "{tag " << ace.tag << " " << (ace.who ? ace.who->UUIDString() : "nil") << std::hex
-             << " perms 0x" << ace.perms << " flags 0x" << ace.flags << std::dec << "}";
+std::string aclText(const std::vector<Ace>& entries) {
+  return aclText(aclOf(entries).get());
+}
+
+std::string aclText(acl_t acl) {
+  return AclText::format(acl).value_or("not an ACL");
 }
 
 bool setAcl(const std::string& path, const std::vector<Ace>& entries) {
-  AclHandle acl(acl_init(static_cast<int>(entries.size())));
-  for (const Ace& ace : entries) {
-    acl_t raw = acl.get();
-    acl_entry_t entry = nullptr;
-    acl_permset_t permset = nullptr;
-    acl_flagset_t flagset = nullptr;
-    if (acl_create_entry(&raw, &entry) != 0 || acl_set_tag_type(entry, ace.tag) != 0 ||
-        acl_set_qualifier(entry, ace.who->bytes().data()) != 0 ||
-        acl_get_permset(entry, &permset) != 0 || acl_get_flagset_np(entry, &flagset) != 0 ||
-        (ace.perms != 0 && acl_add_perm(permset, ace.perms) != 0) ||
-        (ace.flags != 0 && acl_add_flag_np(flagset, ace.flags) != 0)) {
-      return false;
-    }
-  }
-  return acl_set_link_np(path.c_str(), ACL_TYPE_EXTENDED, acl.get()) == 0;
+  return acl_set_link_np(path.c_str(), ACL_TYPE_EXTENDED, aclOf(entries).get()) == 0;
 }
 
-std::optional<std::vector<Ace>> storedAcl(const std::string& path) {
+std::string storedAcl(const std::string& path) {
   AclHandle acl(acl_get_link_np(path.c_str(), ACL_TYPE_EXTENDED));
-  if (!acl) return std::nullopt;
-  return entriesOf(acl.get());
-}
-
-std::vector<Ace> entriesOf(acl_t acl) {
-  std::vector<Ace> entries;
-  acl_entry_t entry = nullptr;
-  for (int id = ACL_FIRST_ENTRY; acl_get_entry(acl, id, &entry) == 0; id = ACL_NEXT_ENTRY) {
-    Ace ace{};
-    acl_get_tag_type(entry, &ace.tag);
-    QualifierHandle qualifier(acl_get_qualifier(entry));
-    if (qualifier) ace.who = qx::Uuid::withBytes(static_cast<const uint8_t*>(qualifier.get()));
-    acl_permset_t permset = nullptr;
-    acl_get_permset(entry, &permset);
-    for (acl_perm_t bit = 1; bit <= ACL_CHANGE_OWNER; bit <<= 1) {
-      if ((bit & ACL_PERM_MASK) && acl_get_perm_np(permset, bit) == 1) ace.perms |= bit;
-    }
-    acl_flagset_t flagset = nullptr;
-    acl_get_flagset_np(entry, &flagset);
-    for (acl_flag_t bit = ACL_ENTRY_INHERITED; bit <= ACL_ENTRY_ONLY_INHERIT; bit <<= 1) {
-      if (acl_get_flag_np(flagset, bit) == 1) ace.flags |= bit;
-    }
-    entries.push_back(ace);
-  }
-  return entries;
+  return acl ? aclText(acl.get()) : "no ACL";
 }
 
 bool hasAclAttribute(const std::string& path) {

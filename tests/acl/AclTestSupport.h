@@ -5,13 +5,13 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "model/QXAclEntry.h"
 #include "model/QXAclPermission.h"
 #include "platform/foundation/Foundation.h"
+#include "platform/xacl/AclHandle.h"
 #include "platform/xacl/xacl.h"
 #include "tests/support/TempTree.h"
 
@@ -51,9 +51,7 @@ struct Ace {
   qx::UuidPtr who;
   uint32_t perms;
   uint32_t flags = 0;  // inheritance flags and ACL_ENTRY_INHERITED
-  bool operator==(const Ace& other) const;
 };
-std::ostream& operator<<(std::ostream& out, const Ace& ace);
 inline Ace allow(qx::UuidPtr who, uint32_t perms, uint32_t flags = 0) {
   return {ACL_EXTENDED_ALLOW, std::move(who), perms, flags};
 }
@@ -61,11 +59,15 @@ inline Ace deny(qx::UuidPtr who, uint32_t perms, uint32_t flags = 0) {
   return {ACL_EXTENDED_DENY, std::move(who), perms, flags};
 }
 
+// The ACL of `entries`, built through the extended ACL interface.
+AclHandle aclOf(const std::vector<Ace>& entries);
+// ACLs are compared in the interface's text form, one entry a line.
+std::string aclText(const std::vector<Ace>& entries);
+std::string aclText(acl_t acl);
 // Stores `entries` as the item's ACL through the extended ACL interface.
 bool setAcl(const std::string& path, const std::vector<Ace>& entries);
-// The item's stored ACL; nullopt when it has none.
-std::optional<std::vector<Ace>> storedAcl(const std::string& path);
-std::vector<Ace> entriesOf(acl_t acl);
+// The item's stored ACL as text; "no ACL" when it has none.
+std::string storedAcl(const std::string& path);
 bool hasAclAttribute(const std::string& path);
 bool setDamagedAcl(const std::string& path);
 
