@@ -177,12 +177,6 @@ TEST(QXFileClientAlone, RequestsWithoutAConnectionAreAnsweredWithAnError) {
   qx::ErrorPtr error;
   EXPECT_FALSE(QXFileClientSync(client).getSizesWithUrls(urlsOf({"/"}), &error));
   EXPECT_EQ(error ? error->code() : 0, kConnectionInvalid);
-
-  // The service is found through the environment, else beside the library.
-  setenv("QXFILE_SERVICE_PATH", "/opt/elsewhere/qxfile-service", 1);
-  EXPECT_EQ(QXFileClient::servicePath(), "/opt/elsewhere/qxfile-service");
-  unsetenv("QXFILE_SERVICE_PATH");
-  EXPECT_EQ(QXFileClient::servicePath(), QX_SERVICE_EXECUTABLE);
 }
 
 TEST_F(ClientLibrary, ClientsOfOneUserShareOneServiceAndEveryReplyComesOnce) {
