@@ -12,6 +12,7 @@ namespace qx::xacl {
 namespace {
 
 using test::addEntry;
+using test::errnoOf;
 using test::textOf;
 using test::uuidOf;
 
@@ -30,11 +31,8 @@ int freeError(void* object) {
 }
 
 TEST(AclEntries, IterationInOrderUpTo128Entries) {
-  errno = 0;
-  EXPECT_EQ(acl_init(-1), nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(acl_init(ACL_MAX_ENTRIES + 1), nullptr);
-  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(errnoOf([] { return acl_init(-1) == nullptr; }), EINVAL);
+  EXPECT_EQ(errnoOf([] { return acl_init(ACL_MAX_ENTRIES + 1) == nullptr; }), ENOMEM);
   EXPECT_TRUE(AclHandle(acl_init(ACL_MAX_ENTRIES)));
 
   AclHandle acl(acl_init(0));  // the count is a hint only
@@ -63,9 +61,7 @@ TEST(AclEntries, IterationInOrderUpTo128Entries) {
   acl_t raw = acl.get();
   for (int i = 3; i < ACL_MAX_ENTRIES; ++i) ASSERT_EQ(acl_create_entry(&raw, &entry), 0) << i;
   acl_entry_t extra = nullptr;
-  errno = 0;
-  EXPECT_EQ(acl_create_entry(&raw, &extra), -1);
-  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(errnoOf([&] { return acl_create_entry(&raw, &extra) == -1; }), ENOMEM);
   EXPECT_EQ(extra, nullptr);
   EXPECT_EQ(raw, acl.get()) << "ACLs do not move";
   acl_tag_t tag = ACL_UNDEFINED_TAG;
@@ -79,14 +75,9 @@ TEST(AclEntries, TagsQualifiersPermissionsAndFlags) {
   acl_tag_t tag = -1;
   ASSERT_EQ(acl_get_tag_type(entry, &tag), 0);
   EXPECT_EQ(tag, ACL_UNDEFINED_TAG);
-  for (acl_tag_t bad : {ACL_UNDEFINED_TAG, 3, -1, 0x101}) {
-    errno = 0;
-    EXPECT_EQ(acl_set_tag_type(entry, bad), -1) << bad;
-    EXPECT_EQ(errno, EINVAL) << bad;
-  }
-  errno = 0;
-  EXPECT_EQ(acl_get_qualifier(entry), nullptr) << "never set";
-  EXPECT_EQ(errno, EINVAL);
+  for (acl_tag_t bad : {ACL_UNDEFINED_TAG, 3, -1, 0x101})
+    EXPECT_EQ(errnoOf([&] { return acl_set_tag_type(entry, bad) == -1; }), EINVAL) << bad;
+  EXPECT_EQ(errnoOf([&] { return acl_get_qualifier(entry) == nullptr; }), EINVAL) << "never set";
   test::Uuid source = uuidOf(kAlice);
   ASSERT_EQ(acl_set_qualifier(entry, source.data()), 0);
   source.fill(0);
@@ -123,12 +114,10 @@ TEST(AclEntries, TagsQualifiersPermissionsAndFlags) {
   EXPECT_EQ(acl_get_perm_np(permsAgain, ACL_READ_DATA), 0);
   // Values outside both tables, alone or beside known bits.
   for (uint32_t bad : {0u, 0x1u, 0x3u, 0x11u, 0x201u, 0x4000u, 0x80000000u}) {
-    errno = 0;
-    EXPECT_EQ(acl_add_perm(permset, bad), -1) << bad;
-    EXPECT_EQ(acl_get_perm_np(permset, bad), -1) << bad;
-    EXPECT_EQ(acl_add_flag_np(flagset, bad), -1) << bad;
-    EXPECT_EQ(acl_get_flag_np(flagset, bad), -1) << bad;
-    EXPECT_EQ(errno, EINVAL) << bad;
+    EXPECT_EQ(errnoOf([&] { return acl_add_perm(permset, bad) == -1; }), EINVAL) << bad;
+    EXPECT_EQ(errnoOf([&] { return acl_get_perm_np(permset, bad) == -1; }), EINVAL) << bad;
+    EXPECT_EQ(errnoOf([&] { return acl_add_flag_np(flagset, bad) == -1; }), EINVAL) << bad;
+    EXPECT_EQ(errnoOf([&] { return acl_get_flag_np(flagset, bad) == -1; }), EINVAL) << bad;
   }
   EXPECT_EQ(acl_get_perm_np(permsAgain, ACL_CHANGE_OWNER), 1) << "refused calls changed nothing";
 

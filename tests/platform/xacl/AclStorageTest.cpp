@@ -18,6 +18,7 @@ namespace {
 
 using test::buildAcl;
 using test::EntryFields;
+using test::errnoOf;
 using test::rawAcl;
 using test::RawEntry;
 using test::readRaw;
@@ -68,21 +69,13 @@ TEST_F(AclStorageTest, NoAclMissingItemsAndBadArguments) {
   EXPECT_EQ(getError(folder_), ENOENT);
   EXPECT_EQ(AclText::forPath(folder_.c_str()), "") << "no ACL reads as no text";
   EXPECT_EQ(getError(tree_.path("missing")), ENOENT);
-  errno = 0;
-  EXPECT_FALSE(AclText::forPath(tree_.path("missing").c_str()).has_value());
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(errnoOf([&] { return !AclText::forPath(tree_.path("missing").c_str()); }), ENOENT);
   EXPECT_EQ(getError(file_ + "/below"), ENOTDIR);
   EXPECT_EQ(setError(tree_.path("missing"), one_.get()), ENOENT);
   EXPECT_EQ(setError(file_ + "/below", one_.get()), ENOTDIR);
-  errno = 0;
-  EXPECT_EQ(acl_get_link_np(file_.c_str(), 0x101), nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  errno = 0;
-  EXPECT_EQ(acl_get_link_np(nullptr, ACL_TYPE_EXTENDED), nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  errno = 0;
-  EXPECT_EQ(acl_set_link_np(file_.c_str(), 0, one_.get()), -1);
-  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(errnoOf([&] { return !acl_get_link_np(file_.c_str(), 0x101); }), EINVAL);
+  EXPECT_EQ(errnoOf([] { return !acl_get_link_np(nullptr, ACL_TYPE_EXTENDED); }), EINVAL);
+  EXPECT_EQ(errnoOf([&] { return acl_set_link_np(file_.c_str(), 0, one_.get()) == -1; }), EINVAL);
   EXPECT_EQ(setError(file_, nullptr), EINVAL);
   // Entries without a tag or a qualifier are not written, and the old ACL stays.
   AclHandle noTag = buildAcl({{ACL_UNDEFINED_TAG, kAlice}});
@@ -148,9 +141,7 @@ TEST_F(AclStorageTest, AclsRoundTripInTheStoredLayoutUpTo128Entries) {
   EXPECT_EQ(AclText::format(back.get()), AclText::format(fullAcl.get()));
   acl_t raw = back.get();
   acl_entry_t extra = nullptr;
-  errno = 0;
-  EXPECT_EQ(acl_create_entry(&raw, &extra), -1);
-  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(errnoOf([&] { return acl_create_entry(&raw, &extra) == -1; }), ENOMEM);
 }
 
 TEST_F(AclStorageTest, DamagedAttributesAreErrorsNeverEmptyAcls) {
@@ -191,9 +182,7 @@ TEST_F(AclStorageTest, DamagedAttributesAreErrorsNeverEmptyAcls) {
     ASSERT_TRUE(writeRaw(file_, bytes)) << what << ": " << strerror(errno);
     EXPECT_EQ(getError(file_), EINVAL) << what;
   }
-  errno = 0;
-  EXPECT_FALSE(AclText::forPath(file_.c_str()).has_value()) << "no text for a damaged ACL";
-  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(errnoOf([&] { return !AclText::forPath(file_.c_str()); }), EINVAL) << "no text";
 }
 
 TEST_F(AclStorageTest, LinksAndOtherSpecialFilesTakeOnlyAnEmptyAcl) {

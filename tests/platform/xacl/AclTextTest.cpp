@@ -38,9 +38,7 @@ TEST(AclTextTest, EntriesReadAsOneLineEachWithNamesOrUuids) {
   AclHandle incomplete(acl_init(1));
   EXPECT_EQ(AclText::formatEntry(addEntry(incomplete.get(), {ACL_UNDEFINED_TAG, nullptr, 0x10})),
             "undefined unset delete");
-  errno = 0;
-  EXPECT_FALSE(AclText::format(nullptr).has_value());
-  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(test::errnoOf([] { return !AclText::format(nullptr); }), EINVAL);
   EXPECT_FALSE(AclText::formatEntry(nullptr).has_value());
 
   EXPECT_EQ(AclText::identity(uuidOf("FFFFEEEE-DDDD-CCCC-BBBB-AAAA00000BB7").data()),

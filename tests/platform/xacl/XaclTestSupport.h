@@ -5,6 +5,7 @@
 #include <uuid/uuid.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -20,6 +21,14 @@ inline Uuid uuidOf(const char* text) {
   Uuid u{};
   uuid_parse(text, u.data());
   return u;
+}
+
+// The errno that `failed` leaves when it reports a failure, else 0: whether a call was
+// refused and why, as one value.
+template <typename Call>
+int errnoOf(Call failed) {
+  errno = 0;
+  return failed() ? errno : 0;
 }
 
 inline std::string textOf(const void* uuid) {
