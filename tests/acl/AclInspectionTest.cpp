@@ -376,12 +376,9 @@ TEST_F(AclInspection, EffectiveAccessFailuresAreWrappedAndHiddenItemsGetNothing)
   std::string file = tree_.ownedFile("f");
   qx::ErrorPtr error;
   EXPECT_FALSE(QXFileAcl::accessForUrl(urlOf(file), nullptr, &error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), static_cast<int>(0x80000002u));
-  EXPECT_EQ(error->localizedDescription(), title);
-  EXPECT_EQ(error->localizedRecoverySuggestion(),
-            "Couldn't retrieve selected user identifier. " +
-                std::string(std::strerror(static_cast<int>(0x80000002u))));
+  expectError(error, static_cast<int>(0x80000002u), title,
+              "Couldn't retrieve selected user identifier. " +
+                  std::string(std::strerror(static_cast<int>(0x80000002u))));
 
   // The item's own ACL, and the traversal check's failure, wrapped once.
   std::string folder = tree_.ownedFolder("d");
