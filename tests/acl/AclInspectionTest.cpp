@@ -308,7 +308,6 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
        "Read Permissions=1, Write Data=1, Append Data=1, Delete=1, Write Attributes=1, "
        "Write Extended Attributes=1, Change Permissions=1, Change Owner=0"},
       {0644, {}, other, everyoneElse},
-      {0644, {}, member, everyoneElse},
       // Group bits for the group, a member and a primary member; the owner's own bits.
       {0070, {}, team, "Read Data=1, Write Data=1, Execute File=1, Write Attributes=0"},
       {0070, {}, member, "Read Data=1, Write Data=1"},

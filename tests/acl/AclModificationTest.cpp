@@ -284,15 +284,12 @@ TEST_F(AclModification, GetEditSetGetKeepsEveryEntryInOrder) {
   const Aces fileAcl = {
       deny(userUuid(kOther), ACL_WRITE_DATA | ACL_APPEND_DATA, ACL_ENTRY_INHERITED),
       allow(groupUuid(kTeam), ACL_READ_DATA | ACL_EXECUTE | ACL_READ_ATTRIBUTES)};
-  ASSERT_TRUE(save(listing({aclEntry(fileAcl[0], false), aclEntry(fileAcl[1], false)},
-                           pseudoEntries(0604, getuid(), getgid())),
-                   file));
+  ASSERT_TRUE(setAcl(file, fileAcl));
   listed = QXFileAcl::entriesForUrl(urlOf(file), &error_);
   ASSERT_TRUE(save(listed, file));
   EXPECT_EQ(listingText(QXFileAcl::entriesForUrl(urlOf(file), &error_)), listingText(listed));
   EXPECT_EQ(storedAcl(file), aclText(fileAcl));
-  EXPECT_EQ(modeOf(file), 0604u);
-  EXPECT_TRUE(save(listing({}, pseudoEntries(0604, getuid(), getgid())), file));
+  EXPECT_TRUE(save(listing({}, pseudoEntries(0644, getuid(), getgid())), file));
   EXPECT_EQ(error_, nullptr);
   EXPECT_FALSE(hasAclAttribute(file));
 }
