@@ -139,18 +139,15 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
 
 TEST_F(AclInspection, ListingFailuresCarryTheStepTheNumberAndTheTitle) {
   const std::string title = "Error retrieving file Access Control List entries";
-  auto step = [](const std::string& what, const std::string& path, int number) {
-    return what + " for file at path \"" + path + "\". " + std::strerror(number);
-  };
   std::string damaged = tree_.ownedFile("damaged");
   ASSERT_TRUE(setDamagedAcl(damaged));
   EXPECT_FALSE(list(damaged));
-  expectError(error_, EINVAL, title,
-              step("Couldn't retrieve file Acces Control List", damaged, EINVAL));
+  expectError(error_, EINVAL, title, step(kRetrieveAcl, damaged, EINVAL));
   EXPECT_EQ(error_->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey)->path(), damaged);
   std::string missing = tree_.path("missing");
   EXPECT_FALSE(list(missing));
-  expectError(error_, ENOENT, title, step("Couldn't retrieve file stat", missing, ENOENT));
+  expectError(error_, ENOENT, title,
+              step("Couldn't retrieve file stat for file at path \"%s\".", missing, ENOENT));
 
   tree_.ownedFolder("private", 0700);
   std::string hidden = tree_.ownedFile("private/f");
@@ -165,10 +162,9 @@ TEST_F(AclInspection, ListingFailuresCarryTheStepTheNumberAndTheTitle) {
     });
   };
   EXPECT_EQ(inspectAs(kOther, kOtherGroup),
-            "13\n" + title + "\n" +
-                step("Couldn't retrieve file Acces Control List", hidden, EACCES) + "\n13\n" +
+            "13\n" + title + "\n" + step(kRetrieveAcl, hidden, EACCES) + "\n13\n" +
                 "Error retrieving effective file access permissions\n" +
-                step("Couldn't retrieve file Acces Control List", hidden, EACCES));
+                step(kRetrieveAcl, hidden, EACCES));
   EXPECT_EQ(inspectAs(kOwner, kOwnerGroup), "ok\nok");
 
   // A release cannot fail for real; the interface's test hook makes one fail.
@@ -179,15 +175,16 @@ TEST_F(AclInspection, ListingFailuresCarryTheStepTheNumberAndTheTitle) {
   {
     xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
     EXPECT_FALSE(list(file));
-    expectError(error_, EIO, title,
-                step("Couldn't release file Acces Control List storage", file, EIO));
+    expectError(error_, EIO, title, step(kRelease, file, EIO));
   }
   {
     // The second entry's qualifier: the walk stops there and the ACL is still released.
     xtesting::ScopedFreeFailure failure(EBUSY, xtesting::FreeTarget::Qualifier, 1);
     EXPECT_FALSE(list(file));
-    expectError(error_, EBUSY, title,
-                step("Couldn't release file Acces Control List entry qualifier", file, EBUSY));
+    expectError(
+        error_, EBUSY, title,
+        step("Couldn't release file Acces Control List entry qualifier for file at path \"%s\".",
+             file, EBUSY));
   }
   EXPECT_EQ(xtesting::LiveAcls(), acls);
   EXPECT_EQ(xtesting::LiveQualifiers(), qualifiers);
@@ -258,9 +255,7 @@ TEST_F(AclInspection, TraversalFailuresNameTheFolderAndAreNotWrapped) {
   };
   ASSERT_TRUE(setDamagedAcl(folder));
   check(userUuid(kOther), true);
-  expectError(error_, EINVAL,
-              "Couldn't retrieve file Acces Control List for file at path \"" + folder + "\".",
-              "Invalid argument");
+  expectError(error_, EINVAL, step(kRetrieveAcl, folder), "Invalid argument");
   EXPECT_EQ(error_->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey)->path(), folder);
 
   // An entry naming neither a user nor a group cannot be matched, and a user
@@ -278,9 +273,7 @@ TEST_F(AclInspection, TraversalFailuresNameTheFolderAndAreNotWrapped) {
   ASSERT_TRUE(setAcl(folder, {deny(userUuid(kOther), ACL_SEARCH)}));
   xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
   check(userUuid(kOther), false);
-  expectError(
-      error_, EIO,
-      "Couldn't release file Acces Control List storage for file at path \"" + folder + "\".");
+  expectError(error_, EIO, step(kRelease, folder));
 }
 
 // Leaves of the effective access, item by item (all twelve of a file where
@@ -385,9 +378,7 @@ TEST_F(AclInspection, EffectiveAccessFailuresAreWrappedAndHiddenItemsGetNothing)
   for (const std::string& damaged : {file, folder}) {
     ASSERT_TRUE(setDamagedAcl(damaged));
     EXPECT_TRUE(access(damaged == file ? file : inner, userUuid(kOwner)).empty());
-    expectError(error_, EINVAL, title,
-                "Couldn't retrieve file Acces Control List for file at path \"" + damaged +
-                    "\". Invalid argument");
+    expectError(error_, EINVAL, title, step(kRetrieveAcl, damaged, EINVAL));
   }
   EXPECT_TRUE(access(tree_.ownedFile("plain"), userUuid(kUnknown)).empty());
   expectError(error_, ENOENT, title,

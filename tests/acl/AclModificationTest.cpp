@@ -36,16 +36,8 @@ const std::string kSetType =
     "Couldn't set file Acces Control List entry type for file at path \"%s\".";
 const std::string kSetEntries =
     "Couldn't set file Acces Control List entries for file at path \"%s\".";
-const std::string kRelease =
-    "Couldn't release file Acces Control List storage for file at path \"%s\".";
 const std::string kSetMode = "Couldn't set file POSIX permissions for file at path \"%s\".";
 const std::string kOwnerId = "Couldn't retrieve file owner identifier for file at path \"%s\".";
-
-std::string step(const std::string& format, const std::string& path, int number = 0) {
-  std::string text = format;
-  text.replace(text.find("%s"), 2, path);
-  return number ? text + " " + std::strerror(number) : text;
-}
 
 // ---- Building an ACL from entry records ----
 

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <string>
@@ -264,6 +265,18 @@ inline std::string listingText(const qx::ArrayPtr& entries) {
 }
 
 // ---- Errors and other users ----
+
+// Step messages; "%s" stands for the item's path.
+inline const std::string kRetrieveAcl =
+    "Couldn't retrieve file Acces Control List for file at path \"%s\".";
+inline const std::string kRelease =
+    "Couldn't release file Acces Control List storage for file at path \"%s\".";
+// A step's message for `path`, followed by strerror(`number`) when one is given.
+inline std::string step(const std::string& format, const std::string& path, int number = 0) {
+  std::string text = format;
+  text.replace(text.find("%s"), 2, path);
+  return number ? text + " " + std::strerror(number) : text;
+}
 
 // Checks an error: the POSIX domain, `code`, the description and, when given,
 // the recovery suggestion.
