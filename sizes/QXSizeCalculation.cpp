@@ -76,9 +76,8 @@ bool QXSizeCalculation::openWalk() {
 }
 
 void QXSizeCalculation::makeArtificialRoot() {
-  Placed root = place(QXFileSizeItem::make(0));
-  stack_.push_back(root);
-  appendRecord(root);
+  stack_.push_back(place(QXFileSizeItem::make(0)));
+  appendRecord(stack_.back());
 }
 
 QXSizeCalculation::Next QXSizeCalculation::handle(const qx::WalkEntry& entry) {
@@ -117,9 +116,8 @@ QXSizeCalculation::Next QXSizeCalculation::skipCycle(const qx::WalkEntry& entry)
 }
 
 void QXSizeCalculation::enterFolder() {
-  Placed folder = place(QXFileSizeItem::make(0));
-  stack_.push_back(folder);
-  appendRecord(folder);
+  stack_.push_back(place(QXFileSizeItem::make(0)));
+  appendRecord(stack_.back());
 }
 
 void QXSizeCalculation::leaveFolder() {
@@ -138,10 +136,11 @@ QXSizeCalculation::Next QXSizeCalculation::addItem(const qx::WalkEntry& entry) {
     return applyErrorRule(errno, "Couldn't retrieve file size for item at path \"%s\".",
                           entry.path());
   }
-  Placed placed = place(item);
-  item->setBusy(false);
-  for (const Placed& open : stack_) open.item->setSize(open.item->size() + item->size());
-  appendRecord(placed);
+  Placed placed = place(std::move(item));
+  placed.item->setBusy(false);
+  int64_t size = placed.item->size();
+  for (const Placed& open : stack_) open.item->setSize(open.item->size() + size);
+  appendRecord(std::move(placed.indexPath), std::move(placed.item));
   ++counter_;
   return Next::Check;
 }
@@ -182,12 +181,15 @@ QXSizeCalculation::Placed QXSizeCalculation::place(std::shared_ptr<QXFileSizeIte
   const Placed& folder = stack_.back();
   folder.node->mutableChildNodes().addObject(node);
   auto indexPath = folder.indexPath->indexPathByAddingIndex(folder.node->childNodes().size() - 1);
-  return {node, std::move(item), std::move(indexPath)};
+  return {std::move(node), std::move(item), std::move(indexPath)};
 }
 
-void QXSizeCalculation::appendRecord(const Placed& placed) {
-  batch_->addObject(
-      qx::Dictionary::make({{indexPathKey(), placed.indexPath}, {itemKey(), placed.item}}));
+void QXSizeCalculation::appendRecord(qx::IndexPathPtr indexPath,
+                                     std::shared_ptr<QXFileSizeItem> item) {
+  qx::DictionaryEntries pairs;
+  pairs.push_back({indexPathKey(), std::move(indexPath)});
+  pairs.push_back({itemKey(), std::move(item)});
+  batch_->addObject(qx::Dictionary::make(std::move(pairs)));
 }
 
 void QXSizeCalculation::finish() {

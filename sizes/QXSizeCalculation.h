@@ -51,7 +51,8 @@ class QXSizeCalculation {
     qx::IndexPathPtr indexPath;
   };
   Placed place(std::shared_ptr<QXFileSizeItem> item);
-  void appendRecord(const Placed& placed);
+  void appendRecord(qx::IndexPathPtr indexPath, std::shared_ptr<QXFileSizeItem> item);
+  void appendRecord(const Placed& placed) { appendRecord(placed.indexPath, placed.item); }
   void finish();
   qx::ArrayPtr result();
 
