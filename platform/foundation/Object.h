@@ -38,7 +38,7 @@ class ClassInfo {
 // The base of everything that can cross a connection. Objects have reference
 // semantics through std::shared_ptr; an empty pointer is nil. An object is
 // used by one thread at a time.
-class Object : public std::enable_shared_from_this<Object> {
+class Object {
  public:
   virtual ~Object() = default;
 
@@ -73,14 +73,16 @@ std::shared_ptr<T> cast(const ObjectPtr& object) {
 }  // namespace qx
 
 // Declares the class-info accessors inside an archivable class.
-#define QX_DECLARE_CLASS()                 \
- public:                                   \
-  static const ::qx::ClassInfo& classInfo(); \
-  const ::qx::ClassInfo& objectClass() const override { return classInfo(); }
+#define QX_DECLARE_CLASS()                              \
+ public:                                                \
+  static const ::qx::ClassInfo& classInfo();            \
+  const ::qx::ClassInfo& objectClass() const override { \
+    return classInfo();                                 \
+  }
 
 // Defines the class info of `Cls` with wire name `wireName` and superclass `Super`.
-#define QX_DEFINE_CLASS(Cls, wireName, Super)                       \
-  const ::qx::ClassInfo& Cls::classInfo() {                         \
+#define QX_DEFINE_CLASS(Cls, wireName, Super)                         \
+  const ::qx::ClassInfo& Cls::classInfo() {                           \
     static const ::qx::ClassInfo info(wireName, &Super::classInfo()); \
-    return info;                                                    \
+    return info;                                                      \
   }

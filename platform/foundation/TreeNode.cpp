@@ -28,7 +28,7 @@ void TreeNode::ChildNodes::insertObject(const TreeNodePtr& child, std::size_t in
   keep->detachFromParent();
   index = std::min(index, owner_.children_.size());
   owner_.children_.insert(owner_.children_.begin() + static_cast<std::ptrdiff_t>(index), keep);
-  keep->parent_ = std::static_pointer_cast<TreeNode>(owner_.shared_from_this());
+  keep->parent_ = owner_.shared_from_this();
   owner_.renumberFrom(index);
 }
 

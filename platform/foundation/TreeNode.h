@@ -15,7 +15,7 @@ using TreeNodePtr = std::shared_ptr<TreeNode>;
 // of children and a weak link to the parent. Changing the children through
 // mutableChildNodes() keeps every child's parent link and position up to date,
 // so indexPath() costs one step per level.
-class TreeNode : public Object {
+class TreeNode : public Object, public std::enable_shared_from_this<TreeNode> {
   QX_DECLARE_CLASS()
 
  public:

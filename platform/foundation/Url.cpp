@@ -132,7 +132,7 @@ ObjectPtr Url::initWithCoder(KeyedUnarchiver& coder) {
 
 std::shared_ptr<Url> Url::fileReferenceURL() const {
   if (isFileReferenceURL()) {
-    return std::static_pointer_cast<Url>(std::const_pointer_cast<Object>(shared_from_this()));
+    return std::const_pointer_cast<Url>(shared_from_this());
   }
   if (!isFileURL()) {
     errno = EINVAL;

@@ -19,7 +19,7 @@ inline constexpr std::string_view kURLParentDirectoryURLKey = "NSURLParentDirect
 // A URL (NSURL). File URLs carry their path exactly, as bytes, in the
 // percent-encoded string "file:///...". Resource values are read from the item
 // itself: symbolic links are never followed.
-class Url : public Object {
+class Url : public Object, public std::enable_shared_from_this<Url> {
   QX_DECLARE_CLASS()
 
  public:
