@@ -19,12 +19,11 @@ std::vector<std::string_view> ClassInfo::chain() const {
   return names;
 }
 
-const ClassInfo& Object::classInfo() {
-  static const ClassInfo info("NSObject", nullptr);
-  return info;
-}
+constinit const ClassInfo Object::qxClassInfo{"NSObject", nullptr};
 
-std::size_t Object::hash() const { return std::hash<const void*>()(this); }
+std::size_t Object::hash() const {
+  return std::hash<const void*>()(this);
+}
 
 std::string Object::description() const {
   char address[32];

@@ -42,8 +42,10 @@ class Object {
  public:
   virtual ~Object() = default;
 
-  static const ClassInfo& classInfo();
-  virtual const ClassInfo& objectClass() const { return classInfo(); }
+  // Class descriptions are constants: asking for one is a load, not a call.
+  static const ClassInfo qxClassInfo;
+  static const ClassInfo& classInfo() { return qxClassInfo; }
+  virtual const ClassInfo& objectClass() const { return qxClassInfo; }
   bool isKindOfClass(const ClassInfo& cls) const { return objectClass().isSubclassOf(cls); }
 
   // Identity by default; value classes compare their contents.
@@ -75,14 +77,14 @@ std::shared_ptr<T> cast(const ObjectPtr& object) {
 // Declares the class-info accessors inside an archivable class.
 #define QX_DECLARE_CLASS()                              \
  public:                                                \
-  static const ::qx::ClassInfo& classInfo();            \
+  static const ::qx::ClassInfo qxClassInfo;             \
+  static const ::qx::ClassInfo& classInfo() {           \
+    return qxClassInfo;                                 \
+  }                                                     \
   const ::qx::ClassInfo& objectClass() const override { \
-    return classInfo();                                 \
+    return qxClassInfo;                                 \
   }
 
 // Defines the class info of `Cls` with wire name `wireName` and superclass `Super`.
-#define QX_DEFINE_CLASS(Cls, wireName, Super)                         \
-  const ::qx::ClassInfo& Cls::classInfo() {                           \
-    static const ::qx::ClassInfo info(wireName, &Super::classInfo()); \
-    return info;                                                      \
-  }
+#define QX_DEFINE_CLASS(Cls, wireName, Super) \
+  constinit const ::qx::ClassInfo Cls::qxClassInfo{wireName, &Super::qxClassInfo};
