@@ -384,6 +384,24 @@ struct KeyedUnarchiver::State {
     return decodeUid(uid, allowed, key);
   }
 
+  // The plain value of the object under `key`: read in place when it is
+  // archived as a plist value of `type`, else taken from the decoded object
+  // of class `Cls` (a subclass, which stays alive in its slot).
+  template <class Cls, class Value, class FromPlist, class FromObject>
+  bool readPlainObject(std::string_view key, Type type, Value& value, FromPlist&& fromPlist,
+                       FromObject&& fromObject) {
+    uint32_t uid = 0;
+    Ref plain = plainObjectForKey(key, type, uid);
+    if (plain != BinaryPlist::kNoRef) {
+      value = fromPlist(plain);
+      return true;
+    }
+    auto object = cast<Cls>(decodeUidOfClass(uid, Cls::classInfo(), key));
+    if (!object) return false;
+    value = fromObject(*object);
+    return true;
+  }
+
   // Decodes the value under `key` of the current object, which must be a UID.
   ObjectPtr decodeKey(std::string_view key, Allowed allowed) {
     Ref value = typedValue(key, Type::Uid, "a UID");
@@ -781,29 +799,15 @@ std::optional<std::vector<uint8_t>> KeyedUnarchiver::decodeBytesForKey(std::stri
 
 bool KeyedUnarchiver::decodeDataObjectForKey(std::string_view key,
                                              std::span<const uint8_t>& bytes) {
-  uint32_t uid = 0;
-  Ref plain = state_.plainObjectForKey(key, Type::Data, uid);
-  if (plain != BinaryPlist::kNoRef) {
-    bytes = state_.plist.data(plain);
-    return true;
-  }
-  auto data = cast<Data>(state_.decodeUidOfClass(uid, Data::classInfo(), key));
-  if (!data) return false;
-  bytes = data->span();
-  return true;
+  return state_.readPlainObject<Data>(
+      key, Type::Data, bytes, [&](Ref plain) { return state_.plist.data(plain); },
+      [](const Data& data) { return data.span(); });
 }
 
 bool KeyedUnarchiver::decodeStringObjectForKey(std::string_view key, std::string_view& text) {
-  uint32_t uid = 0;
-  Ref plain = state_.plainObjectForKey(key, Type::String, uid);
-  if (plain != BinaryPlist::kNoRef) {
-    text = state_.plist.string(plain);
-    return true;
-  }
-  auto string = cast<String>(state_.decodeUidOfClass(uid, String::classInfo(), key));
-  if (!string) return false;
-  text = string->str();
-  return true;
+  return state_.readPlainObject<String>(
+      key, Type::String, text, [&](Ref plain) { return state_.plist.string(plain); },
+      [](const String& string) { return std::string_view(string.str()); });
 }
 
 ObjectPtr KeyedUnarchiver::decodeObjectForKey(std::string_view key) {
