@@ -8,7 +8,15 @@
 // skip) for the memory run, made in a child process. With --keep the trees
 // are made under DIR and kept for later runs. The last line reads
 //   sizes: ratio=R qxfile_s=A du_s=B
+//
+// Before it, a "floor" line adds up what any implementation of the exchange
+// has to spend, each part measured alone on the same tree: the walk with
+// nothing built, encoding every report and decoding it as the client does
+// (and the same for the answers), and one bare socket round trip per report
+// with the same byte counts, where the thread that writes also reads the
+// answer, so no thread hands anything to another.
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,9 +24,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "BenchLink.h"
 #include "model/QXFileSizeItem.h"
+#include "platform/walk/TreeWalk.h"
+#include "platform/xpc/UniqueFd.h"
+#include "platform/xpc/XpcMessage.h"
+#include "sizes/QXFileSizes.h"
 #include "sizes/QXSizeCalculation.h"
 
 using namespace qx;
@@ -119,6 +134,102 @@ double inProcessSeconds(const std::string& root) {
   });
 }
 
+// The walk the calculation makes, with nothing built from it.
+double walkSeconds(const std::string& root) {
+  return secondsOf([&] {
+    auto walk = TreeWalk::open({root}, TreeWalk::NoChdir | TreeWalk::Physical | TreeWalk::XDev,
+                               &QXFileSizes::compare);
+    while (walk && walk->read()) {
+    }
+    if (walk) walk->close();
+  });
+}
+
+// The class sets of the client's side: the records of a report, the answer's
+// boolean.
+class ClientSets final : public XpcArgumentSets {
+ public:
+  std::optional<std::vector<ClassSet>> forInvocation(std::string_view) override {
+    return std::vector<ClassSet>{{&Array::classInfo(), &Dictionary::classInfo(),
+                                  &String::classInfo(), &IndexPath::classInfo(),
+                                  &QXFileSizeItem::classInfo()}};
+  }
+  std::optional<std::vector<ClassSet>> forReply(uint64_t) override {
+    return std::vector<ClassSet>{{&Number::classInfo()}};
+  }
+};
+
+// What the reports of one calculation cost to encode and decode, and the
+// frame sizes they make: each report and its answer.
+struct Traffic {
+  double codecSeconds = 0;
+  std::vector<std::pair<std::size_t, std::size_t>> frames;
+};
+
+Traffic reportTraffic(const std::string& root) {
+  Traffic traffic;
+  ClientSets sets;
+  uint64_t sequence = 0;
+  auto urls = Array::make({Url::fileURLWithPath(root)});
+  QXSizeCalculation calculation(urls, [&](const ArrayPtr& batch) {
+    ++sequence;
+    std::size_t reportBytes = 0, answerBytes = 0;
+    bool decoded = false;
+    traffic.codecSeconds += secondsOf([&] {
+      auto report = XpcMessage::invocation("updateFileSizes:reply:", {batch}, sequence).encode();
+      XpcIncoming received = XpcIncoming::decode(report, sets);
+      auto answer = XpcMessage::reply(sequence, {Number::numberWithBool(true)}).encode();
+      XpcIncoming answered = XpcIncoming::decode(answer, sets);
+      decoded = received.status == XpcIncoming::Status::Message &&
+                answered.status == XpcIncoming::Status::Message;
+      reportBytes = report.size();
+      answerBytes = answer.size();
+    });
+    traffic.frames.emplace_back(reportBytes, answerBytes);
+    return decoded;
+  });
+  ErrorPtr error;
+  calculation.run(&error);
+  return traffic;
+}
+
+bool transfer(int fd, std::vector<char>& buffer, std::size_t bytes, bool sending) {
+  if (buffer.size() < bytes) buffer.resize(bytes);
+  for (std::size_t done = 0; done < bytes;) {
+    ssize_t moved = sending ? ::send(fd, buffer.data() + done, bytes - done, MSG_NOSIGNAL)
+                            : ::recv(fd, buffer.data() + done, bytes - done, 0);
+    if (moved <= 0) return false;
+    done += static_cast<std::size_t>(moved);
+  }
+  return true;
+}
+
+// One round trip per report over a socket pair, with the frames' sizes: the
+// writing thread reads the answer itself, and the peer answers as soon as it
+// has read a report.
+double roundTripSeconds(const Traffic& traffic) {
+  int fds[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) std::abort();
+  UniqueFd near(fds[0]), far(fds[1]);
+  std::thread peer([&] {
+    std::vector<char> buffer;
+    for (const auto& [report, answer] : traffic.frames) {
+      if (!transfer(far.get(), buffer, report, false) || !transfer(far.get(), buffer, answer, true))
+        return;
+    }
+  });
+  std::vector<char> buffer;
+  double seconds = secondsOf([&] {
+    for (const auto& [report, answer] : traffic.frames) {
+      if (!transfer(near.get(), buffer, report, true) ||
+          !transfer(near.get(), buffer, answer, false))
+        std::abort();
+    }
+  });
+  peer.join();
+  return seconds;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -168,12 +279,16 @@ int main(int argc, char** argv) {
   std::vector<std::string> du = {"du", "-s", "-b", root};
   timeCommand(du);  // warm the caches
   link.sizes({root});
-  std::vector<double> ours, theirs, local;
+  std::vector<double> ours, theirs, local, walks, codecs, roundTrips;
   Reply reply;
   for (int run = 0; run < runs; ++run) {
     theirs.push_back(timeCommand(du));
     ours.push_back(secondsOf([&] { reply = link.sizes({root}); }));
     local.push_back(inProcessSeconds(root));
+    walks.push_back(walkSeconds(root));
+    Traffic traffic = reportTraffic(root);
+    codecs.push_back(traffic.codecSeconds);
+    roundTrips.push_back(roundTripSeconds(traffic));
   }
   int status = 0;
   if (reply.error || totalOf(reply) != tree.bytes) {
@@ -187,6 +302,9 @@ int main(int argc, char** argv) {
   if (keep.empty()) removeTree(base);
   double a = median(ours);
   double b = median(theirs);
+  double floor = median(walks) + median(codecs) + median(roundTrips);
+  std::printf("floor: walk_s=%.3f codec_s=%.3f round_trips_s=%.3f sum_s=%.3f ratio=%.2f\n",
+              median(walks), median(codecs), median(roundTrips), floor, floor / b);
   std::printf("sizes: ratio=%.2f qxfile_s=%.3f du_s=%.3f\n", a / b, a, b);
   return status;
 }
