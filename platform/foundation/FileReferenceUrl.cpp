@@ -147,7 +147,11 @@ std::string FileReferenceUrl::findInKeptFolder() const {
 
 void FileReferenceUrl::encodeWithCoder(KeyedArchiver& coder) const {
   Url::encodeWithCoder(coder);
-  coder.encodeStringObject("file://" + percentEncodePath(keptPath_), kPathKey);
+  // A reference decoded without a kept path has none to write: "file://"
+  // alone is not a file URL, and the decoder would refuse it.
+  if (!keptPath_.empty()) {
+    coder.encodeStringObject("file://" + percentEncodePath(keptPath_), kPathKey);
+  }
 }
 
 }  // namespace qx
