@@ -88,10 +88,12 @@ class Qxfile : public ::testing::Test {
   }
 
   // Runs qxfile with `args`, its output going to files; `whileRunning` is
-  // called with its pid once it has started.
-  Outcome qxfile(std::vector<std::string> args,
-                 const std::function<void(pid_t)>& whileRunning = {}) {
-    const std::string out = output_.path("out"), err = output_.path("err");
+  // called with its pid once it has started. With `outTo`, standard output
+  // goes there instead and is not read back.
+  Outcome qxfile(std::vector<std::string> args, const std::function<void(pid_t)>& whileRunning = {},
+                 const std::string& outTo = "") {
+    const std::string out = outTo.empty() ? output_.path("out") : outTo;
+    const std::string err = output_.path("err");
     std::vector<char*> argv = argvOf(args);
     pid_t pid = fork();
     if (pid == 0) {  // only async-signal-safe calls until exec: the test may have threads
@@ -107,7 +109,7 @@ class Qxfile : public ::testing::Test {
     }
     if (whileRunning) whileRunning(pid);
     int status = statusOf(pid);
-    return {status, contentOf(out), contentOf(err)};
+    return {status, outTo.empty() ? contentOf(out) : "", contentOf(err)};
   }
 
   // Runs qxfile with its standard output and error on a terminal; `out` is
@@ -311,6 +313,21 @@ TEST_F(Qxfile, OperationErrorsExitWithOneAndPrintDescriptionAndSuggestion) {
   unsetenv("QXFILE_SERVICE_PATH");
   EXPECT_EQ(noService.status, 1) << noService;
   EXPECT_EQ(noService.err.rfind("qxfile: ", 0), 0u) << noService;
+}
+
+// Output that cannot be written is a failure, also for a command that has
+// nothing else to report.
+TEST_F(Qxfile, OutputThatCannotBeWrittenFailsTheCommand) {
+  const std::string item = file("item");
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"--help"}, {"acl", "show", item}, {"size", item, "--json"}}) {
+    Outcome run = qxfile(args, {}, "/dev/full");
+    EXPECT_EQ(run.status, 1) << args.front() << "\n" << run;
+    EXPECT_TRUE(contains(run.err, "qxfile: couldn't write the output")) << run;
+  }
+  // A command that failed already keeps its status.
+  Outcome wrong = qxfile({"bogus"}, {}, "/dev/full");
+  EXPECT_EQ(wrong.status, 2) << wrong;
 }
 
 TEST_F(Qxfile, AclEntriesRoundTripThroughAddAndRemove) {
