@@ -86,7 +86,10 @@ std::optional<std::string> Url::pathOfFileURLString(std::string_view string) {
   auto slash = rest.find('/');
   if (slash == std::string_view::npos) return std::nullopt;
   auto decoded = percentDecode(rest.substr(slash));
-  if (!decoded) return std::nullopt;
+  // An encoded NUL byte would cut the path short at every system call, which
+  // would then act on another item than the one named: such a string names
+  // no file.
+  if (!decoded || decoded->find('\0') != std::string::npos) return std::nullopt;
   return normalisePath(*decoded);
 }
 

@@ -69,7 +69,8 @@ class Url : public Object, public std::enable_shared_from_this<Url> {
   static std::string percentEncodePath(std::string_view path);
   static std::optional<std::string> percentDecode(std::string_view text);
   // The path a "file://..." string names, as a file URL made from it would
-  // answer it; nullopt for any other string.
+  // answer it; nullopt for any other string, and for one whose path holds a
+  // NUL byte.
   static std::optional<std::string> pathOfFileURLString(std::string_view string);
 
  protected:

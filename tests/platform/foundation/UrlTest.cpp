@@ -54,6 +54,14 @@ TEST(FoundationUrl, ResourceValuesComeFromTheItemWithoutFollowingLinks) {
   EXPECT_EQ(url("link")->parentDirectory()->path(), tree.root());
   EXPECT_EQ(url("missing")->name(), nullptr);
   EXPECT_EQ(url("missing")->parentDirectory(), nullptr);
+  // An encoded NUL byte names no file: cut short there, the path would name
+  // the folder instead.
+  auto cut = Url::URLWithString("file://" + tree.path("folder") + "%00/file.txt");
+  ASSERT_TRUE(cut);
+  EXPECT_FALSE(cut->isFileURL());
+  EXPECT_EQ(cut->fileSystemRepresentation(), "");
+  EXPECT_EQ(cut->isDirectory(), std::nullopt);
+  EXPECT_EQ(cut->name(), nullptr);
 
   ObjectPtr value;
   ErrorPtr error;
