@@ -103,6 +103,8 @@ QXFileClient::QXFileClient() : state_(std::make_shared<State>()) {
 
 QXFileClient::~QXFileClient() {
   invalidate();
+  // The handlers may hold what goes with this client: none may run past here.
+  state_->responder->detachHandlers();
 }
 
 void QXFileClient::setProgressHandler(ProgressHandler handler) {

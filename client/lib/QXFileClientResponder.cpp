@@ -1,5 +1,7 @@
 #include "client/lib/QXFileClientResponder.h"
 
+#include <utility>
+
 void QXFileClientResponder::setProgressHandler(QXFileClient::ProgressHandler handler) {
   std::lock_guard lock(mutex_);
   progress_ = std::move(handler);
@@ -8,6 +10,19 @@ void QXFileClientResponder::setProgressHandler(QXFileClient::ProgressHandler han
 void QXFileClientResponder::setSizeUpdateHandler(QXFileClient::SizeUpdateHandler handler) {
   std::lock_guard lock(mutex_);
   sizeUpdates_ = std::move(handler);
+}
+
+void QXFileClientResponder::detachHandlers() {
+  QXFileClient::ProgressHandler progress;
+  QXFileClient::SizeUpdateHandler sizeUpdates;
+  {
+    std::lock_guard lock(mutex_);
+    progress = std::exchange(progress_, nullptr);
+    sizeUpdates = std::exchange(sizeUpdates_, nullptr);
+  }
+  // Handlers run on the queue, one at a time: on it, the caller is that handler.
+  if (queue_.isCurrent()) return;
+  std::lock_guard running(callMutex_);
 }
 
 void QXFileClientResponder::progressWithReply(AnswerReply reply) {
@@ -23,6 +38,7 @@ void QXFileClientResponder::updateFileSizes(qx::ArrayPtr sizes, AnswerReply repl
 
 // A handler that throws asks to stop: nothing it threw crosses the connection.
 bool QXFileClientResponder::askProgress() {
+  std::lock_guard running(callMutex_);
   QXFileClient::ProgressHandler handler;
   {
     std::lock_guard lock(mutex_);
@@ -37,6 +53,7 @@ bool QXFileClientResponder::askProgress() {
 }
 
 bool QXFileClientResponder::deliverSizes(const qx::ArrayPtr& sizes) {
+  std::lock_guard running(callMutex_);
   QXFileClient::SizeUpdateHandler handler;
   {
     std::lock_guard lock(mutex_);

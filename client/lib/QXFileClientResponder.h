@@ -19,6 +19,10 @@ class QXFileClientResponder final : public QXFileResponse,
   void setProgressHandler(QXFileClient::ProgressHandler handler);
   void setSizeUpdateHandler(QXFileClient::SizeUpdateHandler handler);
 
+  // Forgets both handlers. Once it returns, none of them is running or will
+  // run, unless it is called from a handler, which then runs to its end.
+  void detachHandlers();
+
   // Without a handler, the answer is "go on" (false here: true would stop).
   void progressWithReply(AnswerReply reply) override;
   // Without a handler, the answer is "go on" (true).
@@ -28,6 +32,8 @@ class QXFileClientResponder final : public QXFileResponse,
   bool askProgress();
   bool deliverSizes(const qx::ArrayPtr& sizes);
 
+  // Held while a handler runs: detachHandlers() waits on it.
+  std::mutex callMutex_;
   std::mutex mutex_;
   QXFileClient::ProgressHandler progress_;
   QXFileClient::SizeUpdateHandler sizeUpdates_;

@@ -357,6 +357,42 @@ TEST_F(ClientLibrary, SizeReportsAndTheirAnswers) {
   }
 }
 
+// A handler may use what lives no longer than its client: once the client is
+// destroyed, no handler is running any more, not even one that was under way.
+// A handler may destroy its own client.
+TEST_F(ClientLibrary, NoHandlerRunsOnceTheClientIsGone) {
+  files("big", 150);
+  const qx::ArrayPtr big = urlsOf({tree_.path("big")});
+  struct Calls {
+    qx::Semaphore started;
+    std::atomic<int> running{0};
+  };
+  auto calls = std::make_shared<Calls>();
+  auto client = std::make_unique<QXFileClient>();
+  ASSERT_TRUE(client->connect());
+  client->setSizeUpdateHandler([calls](const qx::ArrayPtr&) {
+    ++calls->running;
+    calls->started.signal();
+    std::this_thread::sleep_for(300ms);
+    --calls->running;
+    return true;
+  });
+  client->getSizesWithUrls(big, [](qx::ArrayPtr, qx::ErrorPtr) {});
+  ASSERT_TRUE(calls->started.waitFor(10s));
+  client.reset();
+  EXPECT_EQ(calls->running.load(), 0) << "a handler ran on after its client was destroyed";
+
+  auto own = std::make_shared<std::unique_ptr<QXFileClient>>(std::make_unique<QXFileClient>());
+  ASSERT_TRUE((*own)->connect());
+  (*own)->setSizeUpdateHandler([own, calls](const qx::ArrayPtr&) {
+    own->reset();
+    calls->started.signal();
+    return false;
+  });
+  (*own)->getSizesWithUrls(big, [](qx::ArrayPtr, qx::ErrorPtr) {});
+  EXPECT_TRUE(calls->started.waitFor(10s)) << "a handler that destroys its client never ended";
+}
+
 // One size calculation at a time per connection, listings (levels of file
 // reference URLs) beside it, and each client with a service object and a
 // queue of its own.

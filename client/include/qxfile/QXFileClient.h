@@ -47,6 +47,8 @@ class QXFileClient {
 
   QXFileClient();
   // Closes the connection; replies still awaited are called with an error.
+  // Once it has returned, no handler is running or runs again: it waits for
+  // one under way to finish (unless called from that handler).
   ~QXFileClient();
   QXFileClient(const QXFileClient&) = delete;
   QXFileClient& operator=(const QXFileClient&) = delete;
