@@ -16,6 +16,14 @@ namespace qx {
 
 using Clock = std::chrono::steady_clock;
 
+namespace {
+
+// How long the listener waits before accepting again when the process ran out
+// of descriptors.
+constexpr int kResourceRetryMilliseconds = 100;
+
+}  // namespace
+
 // What the listener shares with the close observers of its connections, which
 // may outlive it.
 struct XpcListener::Shared {
@@ -116,9 +124,17 @@ void XpcListener::resume() {
       return;
     }
     if (fds[1].revents) shared_->drain();
-    if (fds[0].revents & POLLIN) acceptOne();
+    if ((fds[0].revents & POLLIN) && !acceptOne()) waitForResources();
     if (fds[0].revents & (POLLERR | POLLNVAL)) return;
   }
+}
+
+// The connection that could not be accepted keeps the socket readable: polling
+// it again at once would spin until a descriptor frees up. A short pause, cut
+// short by invalidate(), lets the process catch up first.
+void XpcListener::waitForResources() {
+  pollfd wake{shared_->wake.get(), POLLIN, 0};
+  if (::poll(&wake, 1, kResourceRetryMilliseconds) > 0) shared_->drain();
 }
 
 bool XpcListener::stopWhenIdle() {
@@ -135,14 +151,16 @@ bool XpcListener::stopWhenIdle() {
   return true;
 }
 
-void XpcListener::acceptOne() {
+bool XpcListener::acceptOne() {
   UniqueFd socket(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  if (!socket) return;
+  if (!socket) {
+    return errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM;
+  }
   ucred peer{};
   socklen_t length = sizeof peer;
   if (::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 ||
       peer.uid != ::geteuid())
-    return;  // another user's peer: closed at once
+    return true;  // another user's peer: closed at once
 
   auto connection = XpcConnection::withSocket(std::move(socket));
   {
@@ -159,6 +177,7 @@ void XpcListener::acceptOne() {
   auto delegate = this->delegate();
   bool accepted = delegate && delegate->shouldAcceptNewConnection(*this, connection);
   if (!accepted) connection->invalidate();
+  return true;
 }
 
 }  // namespace qx

@@ -50,7 +50,10 @@ class XpcListener {
  private:
   struct Shared;
 
-  void acceptOne();
+  // False when the system had no descriptor (or memory) for the connection,
+  // which then stays in the backlog.
+  bool acceptOne();
+  void waitForResources();
   bool stopWhenIdle();
 
   UniqueFd listening_;
