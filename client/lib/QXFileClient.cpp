@@ -102,9 +102,12 @@ QXFileClient::QXFileClient() : state_(std::make_shared<State>()) {
 }
 
 QXFileClient::~QXFileClient() {
+  // A handler under way may be waiting for a reply, which only the reply
+  // thread can hand over: there, it is not waited for.
+  const bool mayWait = !isReplyThread();
   invalidate();
   // The handlers may hold what goes with this client: none may run past here.
-  state_->responder->detachHandlers();
+  state_->responder->detachHandlers(mayWait);
 }
 
 void QXFileClient::setProgressHandler(ProgressHandler handler) {

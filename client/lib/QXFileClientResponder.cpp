@@ -12,7 +12,7 @@ void QXFileClientResponder::setSizeUpdateHandler(QXFileClient::SizeUpdateHandler
   sizeUpdates_ = std::move(handler);
 }
 
-void QXFileClientResponder::detachHandlers() {
+void QXFileClientResponder::detachHandlers(bool waitForRunning) {
   QXFileClient::ProgressHandler progress;
   QXFileClient::SizeUpdateHandler sizeUpdates;
   {
@@ -21,7 +21,7 @@ void QXFileClientResponder::detachHandlers() {
     sizeUpdates = std::exchange(sizeUpdates_, nullptr);
   }
   // Handlers run on the queue, one at a time: on it, the caller is that handler.
-  if (queue_.isCurrent()) return;
+  if (!waitForRunning || queue_.isCurrent()) return;
   std::lock_guard running(callMutex_);
 }
 

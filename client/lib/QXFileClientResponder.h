@@ -19,9 +19,10 @@ class QXFileClientResponder final : public QXFileResponse,
   void setProgressHandler(QXFileClient::ProgressHandler handler);
   void setSizeUpdateHandler(QXFileClient::SizeUpdateHandler handler);
 
-  // Forgets both handlers. Once it returns, none of them is running or will
-  // run, unless it is called from a handler, which then runs to its end.
-  void detachHandlers();
+  // Forgets both handlers. Once it returns, none of them will run again and,
+  // with `waitForRunning`, none is running: a handler under way is waited for,
+  // unless this is called from that handler.
+  void detachHandlers(bool waitForRunning);
 
   // Without a handler, the answer is "go on" (false here: true would stop).
   void progressWithReply(AnswerReply reply) override;

@@ -393,6 +393,40 @@ TEST_F(ClientLibrary, NoHandlerRunsOnceTheClientIsGone) {
   EXPECT_TRUE(calls->started.waitFor(10s)) << "a handler that destroys its client never ended";
 }
 
+// Destroyed by a reply callback, the client does not wait for a handler that
+// waits for a reply itself: that reply could only come on the thread that is
+// destroying the client.
+TEST_F(ClientLibrary, DestroyedOnTheReplyThreadItLeavesAHandlerWaitingForAReply) {
+  files("big", 150);
+  struct Steps {
+    qx::Semaphore inHandler, sendNow, destroyNow, destroyed, handlerDone;
+  };
+  auto steps = std::make_shared<Steps>();
+  auto client = std::make_shared<std::unique_ptr<QXFileClient>>(std::make_unique<QXFileClient>());
+  ASSERT_TRUE((*client)->connect());
+  QXFileClient* raw = client->get();
+  const qx::UrlPtr folder = urlOf(tree_.path("big"));
+  raw->setSizeUpdateHandler([steps, raw, folder](const qx::ArrayPtr&) {
+    steps->inHandler.signal();
+    steps->sendNow.wait();
+    QXFileClientSync(*raw).getContentsOfDirectory(folder, qx::IndexPath::make(), nullptr);
+    steps->handlerDone.signal();
+    return true;
+  });
+  raw->getSizesWithUrls(urlsOf({tree_.path("big")}), [](qx::ArrayPtr, qx::ErrorPtr) {});
+  ASSERT_TRUE(steps->inHandler.waitFor(10s));
+  raw->getAclEntriesWithUrl(folder, [steps, client](qx::ArrayPtr, qx::ErrorPtr) {
+    steps->destroyNow.wait();
+    client->reset();
+    steps->destroyed.signal();
+  });
+  steps->sendNow.signal();
+  std::this_thread::sleep_for(100ms);  // the handler's request is on its way by now
+  steps->destroyNow.signal();
+  EXPECT_TRUE(steps->destroyed.waitFor(10s)) << "the client waited for the handler";
+  EXPECT_TRUE(steps->handlerDone.waitFor(10s));
+}
+
 // One size calculation at a time per connection, listings (levels of file
 // reference URLs) beside it, and each client with a service object and a
 // queue of its own.

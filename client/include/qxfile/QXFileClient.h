@@ -47,8 +47,9 @@ class QXFileClient {
 
   QXFileClient();
   // Closes the connection; replies still awaited are called with an error.
-  // Once it has returned, no handler is running or runs again: it waits for
-  // one under way to finish (unless called from that handler).
+  // Once it has returned, no handler runs again, and none is running: it
+  // waits for one under way to finish (unless called from that handler or on
+  // the reply thread, where the handler may be waiting for a reply).
   ~QXFileClient();
   QXFileClient(const QXFileClient&) = delete;
   QXFileClient& operator=(const QXFileClient&) = delete;
