@@ -141,7 +141,9 @@ bool XpcListener::stopWhenIdle() {
   std::string path = XpcServiceSocket::boundPath(listening_.get());
   std::optional<XpcLockFile> lock;
   if (!path.empty()) lock.emplace(XpcServiceSocket::lockPathForSocket(path));
-  // A client may have connected just now: serve it rather than leave.
+  // Clients connect under the shared lock: with the exclusive one held, a
+  // connection is either waiting now or will find the socket closed. One that
+  // is waiting is served rather than left.
   pollfd pending{listening_.get(), POLLIN, 0};
   if (::poll(&pending, 1, 0) > 0) {
     acceptOne();

@@ -85,12 +85,12 @@ void writeDecimal(char* out, long value) {
 
 }  // namespace
 
-XpcLockFile::XpcLockFile(const std::string& path)
+XpcLockFile::XpcLockFile(const std::string& path, Mode mode)
     : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
   if (!fd_) return;
   int result;
   do {
-    result = ::flock(fd_.get(), LOCK_EX);
+    result = ::flock(fd_.get(), mode == Mode::Shared ? LOCK_SH : LOCK_EX);
   } while (result != 0 && errno == EINTR);
   if (result != 0) fd_.reset();
 }
@@ -173,9 +173,16 @@ UniqueFd XpcServiceSocket::connectStartingService(const std::string& servicePath
                                                   std::string* error) {
   auto path = socketPath(error);
   if (!path) return UniqueFd();
-  if (UniqueFd fd = connectTo(*path)) return fd;
-
   std::string lockPath = lockPathForSocket(*path);
+  {
+    XpcLockFile shared(lockPath, XpcLockFile::Mode::Shared);
+    if (!shared.locked()) {
+      setError(error, withErrno("Couldn't lock \"" + lockPath + "\"", errno));
+      return UniqueFd();
+    }
+    if (UniqueFd fd = connectTo(*path)) return fd;
+  }
+
   XpcLockFile lock(lockPath);
   if (!lock.locked()) {
     setError(error, withErrno("Couldn't lock \"" + lockPath + "\"", errno));

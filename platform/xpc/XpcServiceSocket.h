@@ -32,11 +32,15 @@ class XpcServiceSocket {
   // nothing answers on. Invalid when a live listener owns the path.
   static UniqueFd bindListening(const std::string& path, std::string* error = nullptr);
 
-  // The client's way in: connects to the service; when nothing answers, takes
-  // the lock file, tries again (another client may have started it), else
-  // binds the listening socket itself, starts `servicePath` detached with that
-  // socket, and connects. Several clients starting at once end with one
-  // service.
+  // The client's way in: connects to the service under a shared lock on the
+  // lock file; when nothing answers, takes the lock exclusively, tries again
+  // (another client may have started it), else binds the listening socket
+  // itself, starts `servicePath` detached with that socket, and connects.
+  // Several clients starting at once end with one service. A service leaving
+  // when idle holds the lock exclusively while it makes its last check for
+  // waiting connections and closes its socket, so a connection either waits
+  // in its backlog before that check or finds the socket closed: it is never
+  // accepted by the kernel and then dropped.
   static UniqueFd connectStartingService(const std::string& servicePath,
                                          std::string* error = nullptr);
   // $QXFILE_SERVICE_PATH when set, else the installed service executable.
@@ -60,10 +64,12 @@ class XpcServiceSocket {
   static std::chrono::milliseconds idleExitDelay();
 };
 
-// Holds an exclusive flock on a lock file for its lifetime.
+// Holds a flock on a lock file for its lifetime, exclusive unless asked for a
+// shared one.
 class XpcLockFile {
  public:
-  explicit XpcLockFile(const std::string& path);
+  enum class Mode { Exclusive, Shared };
+  explicit XpcLockFile(const std::string& path, Mode mode = Mode::Exclusive);
   bool locked() const { return fd_.valid(); }
 
  private:

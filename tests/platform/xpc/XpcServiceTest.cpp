@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <set>
 
 #include "platform/xpc/XpcMessage.h"
@@ -150,6 +151,28 @@ TEST_F(ServiceProcess, EightClientsStartedAtOnceShareOneService) {
   }
   ASSERT_EQ(answers.size(), 1u);
   EXPECT_GT(std::atoi(answers.begin()->c_str()), 0);
+}
+
+// A service leaving when idle makes its last check for waiting connections
+// and closes its socket under the exclusive lock. Clients connect only under
+// the shared lock, so none can slip in between that check and the closing,
+// where the kernel would take the connection and the closing then drop it.
+TEST_F(ServiceProcess, ClientsConnectOnlyWhileNoServiceMakesItsLastCheck) {
+  auto first = connectClient();
+  ASSERT_TRUE(first);
+  pid_t pid = pidOf(first);
+  std::future<std::shared_ptr<XpcConnection>> second;
+  {
+    XpcLockFile leaving(XpcServiceSocket::lockPathForSocket(socketPath()));
+    ASSERT_TRUE(leaving.locked());
+    second = std::async(std::launch::async, [&] { return connectClient(); });
+    EXPECT_EQ(second.wait_for(kIdle), std::future_status::timeout);
+  }
+  auto connection = second.get();
+  ASSERT_TRUE(connection);
+  EXPECT_EQ(pidOf(connection), pid);
+  first->invalidate();
+  connection->invalidate();
 }
 
 TEST_F(ServiceProcess, BrokenStreamsCloseOnlyTheirOwnConnection) {
