@@ -90,8 +90,9 @@ int changeMode(int folderFd, const char* name, mode_t mode) {
 // One walk over the tree below a folder, with the settings it hands down.
 class TreeUpdate {
  public:
-  TreeUpdate(std::string top, acl_t folderAcl, acl_t fileAcl)
-      : top_(std::move(top)), folderAcl_(folderAcl), fileAcl_(fileAcl) {}
+  TreeUpdate(std::string top, acl_t folderAcl, acl_t fileAcl,
+             const std::function<bool()>& shouldStop)
+      : top_(std::move(top)), folderAcl_(folderAcl), fileAcl_(fileAcl), shouldStop_(shouldStop) {}
 
   ErrorPtr run() {
     auto walk = qx::TreeWalk::open({top_}, qx::TreeWalk::Physical | qx::TreeWalk::NoChdir);
@@ -106,6 +107,9 @@ class TreeUpdate {
  private:
   ErrorPtr visitAll(qx::TreeWalk& walk) {
     while (const WalkEntry* entry = walk.read()) {
+      if (shouldStop_ && shouldStop_()) {
+        return QXAclStep::error(ECANCELED, W::kWalkFailed, top_.c_str());
+      }
       if (ErrorPtr failure = visit(*entry)) return failure;
     }
     // A walk that ends normally leaves errno at 0.
@@ -166,6 +170,7 @@ class TreeUpdate {
   std::string top_;
   acl_t folderAcl_;
   acl_t fileAcl_;
+  const std::function<bool()>& shouldStop_;
   mode_t mode_ = 0;
   uid_t owner_ = 0;
   gid_t group_ = 0;
@@ -178,7 +183,8 @@ void releaseAcl(qx::xacl::AclHandle& acl, const char* path, ErrorPtr& failure) {
   }
 }
 
-ErrorPtr propagate(const qx::ArrayPtr& entries, const std::string& top) {
+ErrorPtr propagate(const qx::ArrayPtr& entries, const std::string& top,
+                   const std::function<bool()>& shouldStop) {
   qx::MutableArrayPtr aclEntries = collectAclEntries(entries);
   qx::MutableArrayPtr fileEntries;
   if (ErrorPtr failure = makeFileEntries(aclEntries, &fileEntries)) return failure;
@@ -193,7 +199,7 @@ ErrorPtr propagate(const qx::ArrayPtr& entries, const std::string& top) {
   }
   qx::xacl::AclHandle fileAcl(acl);
 
-  failure = TreeUpdate(top, folderAcl.get(), fileAcl.get()).run();
+  failure = TreeUpdate(top, folderAcl.get(), fileAcl.get(), shouldStop).run();
   releaseAcl(fileAcl, top.c_str(), failure);
   releaseAcl(folderAcl, top.c_str(), failure);
   return failure;
@@ -201,9 +207,10 @@ ErrorPtr propagate(const qx::ArrayPtr& entries, const std::string& top) {
 
 }  // namespace
 
-bool QXAclPropagation::run(const qx::ArrayPtr& entries, const qx::UrlPtr& url, ErrorPtr* error) {
+bool QXAclPropagation::run(const qx::ArrayPtr& entries, const qx::UrlPtr& url, ErrorPtr* error,
+                           const std::function<bool()>& shouldStop) {
   const std::string top = url ? url->fileSystemRepresentation() : std::string();
-  ErrorPtr failure = propagate(entries, top);
+  ErrorPtr failure = propagate(entries, top, shouldStop);
   if (failure) failure = QXOperation::errorWithError(failure, W::kPropagateTitle);
   QXAclStep::setOut(error, failure);
   return !failure;

@@ -290,6 +290,6 @@ bool QXAclWriter::setEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url,
 }
 
 bool QXAclWriter::propagateEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url,
-                                   ErrorPtr* error) {
-  return QXAclPropagation::run(entries, url, error);
+                                   ErrorPtr* error, const std::function<bool()>& shouldStop) {
+  return QXAclPropagation::run(entries, url, error, shouldStop);
 }

@@ -576,6 +576,6 @@ bool QXFileAcl::setEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url, E
 }
 
 bool QXFileAcl::propagateEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url,
-                                 ErrorPtr* error) {
-  return QXAclWriter::propagateEntries(entries, url, error);
+                                 ErrorPtr* error, const std::function<bool()>& shouldStop) {
+  return QXAclWriter::propagateEntries(entries, url, error, shouldStop);
 }

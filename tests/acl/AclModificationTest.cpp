@@ -583,6 +583,24 @@ TEST_F(Propagation, FailuresEndTheWalkWithTheStepsMessage) {
   EXPECT_EQ(snapshot(at("box")), boxBefore);
 }
 
+// The walk asks before each item; the first yes ends it, the items visited
+// before stay changed and none after is touched.
+TEST_F(Propagation, StopRequestEndsTheWalkWithCanceled) {
+  tree_.file("top/a.txt");
+  tree_.file("top/b.txt");
+  for (const char* name : {"a.txt", "b.txt"}) ASSERT_EQ(chmod(at(name).c_str(), 0600), 0);
+  int asked = 0;
+  auto stopAtThird = [&asked] { return ++asked == 3; };  // top's D, one file, then stop
+  qx::ErrorPtr error;
+  EXPECT_FALSE(QXFileAcl::propagateEntries(request(), urlOf(top), &error, stopAtThird));
+  expectError(
+      error, ECANCELED, kPropagateTitle,
+      step("Couldn't retrieve folder hierarchy item for folder at path \"%s\".", top, ECANCELED));
+  EXPECT_EQ(asked, 3);
+  EXPECT_EQ(modeOf(at("a.txt")) + modeOf(at("b.txt")), 0750u + 0600u)
+      << "exactly one file was changed before the stop";
+}
+
 // Root reads every folder, so the unreadable folder is met by another user.
 TEST_F(Propagation, UnreadableSubfolderEndsTheWalkWithItsMessage) {
   if (!isRoot()) GTEST_SKIP() << "needs root to act as another user";
