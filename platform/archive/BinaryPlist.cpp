@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <limits>
 
 namespace qx {
@@ -47,6 +48,11 @@ inline uint8_t* writeBigEndian(uint8_t* p, uint64_t value, unsigned width) {
       p[0] = static_cast<uint8_t>(value >> 8);
       p[1] = static_cast<uint8_t>(value);
       return p + 2;
+    case 3:
+      p[0] = static_cast<uint8_t>(value >> 16);
+      p[1] = static_cast<uint8_t>(value >> 8);
+      p[2] = static_cast<uint8_t>(value);
+      return p + 3;
     case 4: {
       uint32_t v = __builtin_bswap32(static_cast<uint32_t>(value));
       std::memcpy(p, &v, 4);
@@ -72,12 +78,21 @@ uint8_t* writeRefsOf(uint8_t* p, const uint32_t* refs, std::size_t count) {
   return p;
 }
 
-// The width that the offsets and references of a table of `count` use.
+// The width of an integer or UID that holds `largest`.
 unsigned widthFor(uint64_t largest) {
   if (largest <= 0xff) return 1;
   if (largest <= 0xffff) return 2;
   if (largest <= 0xffffffffULL) return 4;
   return 8;
+}
+
+// The width of the offsets and object references of a table whose largest is
+// `largest`: any number of bytes will do, and 3 keeps archives of up to 16M
+// objects or bytes a quarter smaller than 4 would.
+unsigned tableWidthFor(uint64_t largest) {
+  unsigned width = 1;
+  while (width < 8 && (largest >> (8 * width)) != 0) ++width;
+  return width;
 }
 
 bool isAscii(const uint8_t* p, std::size_t length) {
@@ -500,6 +515,8 @@ class BinaryPlistParser {
         return readContainerRefs<1>(ref, node, p, total, keys, out);
       case 2:
         return readContainerRefs<2>(ref, node, p, total, keys, out);
+      case 3:
+        return readContainerRefs<3>(ref, node, p, total, keys, out);
       case 4:
         return readContainerRefs<4>(ref, node, p, total, keys, out);
       default:
@@ -532,6 +549,8 @@ class BinaryPlistParser {
         element = p[i];
       } else if constexpr (Width == 2) {
         element = uint64_t(p[2 * i]) << 8 | p[2 * i + 1];
+      } else if constexpr (Width == 3) {
+        element = uint64_t(p[3 * i]) << 16 | uint64_t(p[3 * i + 1]) << 8 | p[3 * i + 2];
       } else if constexpr (Width == 4) {
         uint32_t v;
         std::memcpy(&v, p + 4 * i, 4);
@@ -643,6 +662,7 @@ void BinaryPlist::clear() {
   if (stringCount_ > 0) std::fill(stringTable_.begin(), stringTable_.end(), kNoRef);
   stringCount_ = 0;
   boolRefs_[0] = boolRefs_[1] = kNoRef;
+  std::fill(std::begin(recentIntegers_), std::end(recentIntegers_), kNoRef);
 }
 
 std::size_t BinaryPlist::memoryUse() const {
@@ -760,9 +780,14 @@ BinaryPlist::Ref BinaryPlist::addBool(bool value) {
 }
 
 BinaryPlist::Ref BinaryPlist::addInteger(int64_t value) {
+  // Recent values are shared: a length or a device number that recurs in
+  // every record of an archive is written once.
+  Ref& recent = recentIntegers_[static_cast<uint64_t>(value) * 0x9E3779B97F4A7C15ULL >> 59];
+  if (recent != kNoRef && nodes_[recent].integer == value) return recent;
   Ref ref;
   push(Type::Integer, ref).integer = value;
   fixedBytes_ += 1 + integerWidth(value);
+  recent = ref;
   return ref;
 }
 
@@ -910,7 +935,7 @@ class BinaryPlistWriter {
   std::vector<uint8_t> write(BinaryPlist::Ref top) {
     const auto& nodes = plist_.nodes_;
     std::size_t count = nodes.size();
-    refSize_ = widthFor(count - 1);
+    refSize_ = tableWidthFor(count - 1);
     uint64_t fixedBytes = plist_.fixedBytes_;
     uint64_t references = plist_.refCount_;
     if (!plist_.counted_) {
@@ -921,7 +946,7 @@ class BinaryPlistWriter {
       }
     }
     uint64_t tableOffset = kHeaderSize + fixedBytes + references * refSize_;
-    unsigned offsetSize = widthFor(tableOffset);
+    unsigned offsetSize = tableWidthFor(tableOffset);
     std::vector<uint8_t> out(tableOffset + count * offsetSize + kTrailerSize);
     uint8_t* base = out.data();
     std::memcpy(base, kMagic, sizeof kMagic);
@@ -970,6 +995,8 @@ class BinaryPlistWriter {
         return writeRefsOf<1>(p, refs, count);
       case 2:
         return writeRefsOf<2>(p, refs, count);
+      case 3:
+        return writeRefsOf<3>(p, refs, count);
       default:
         return writeRefsOf<4>(p, refs, count);
     }

@@ -65,7 +65,8 @@ class BinaryPlist {
 
   // Building. Strings are UTF-8 and written as ASCII when every byte is below
   // 0x80, else as UTF-16BE with each invalid UTF-8 sequence replaced by U+FFFD.
-  // Equal ASCII strings and equal booleans share one value.
+  // Equal ASCII strings and equal booleans share one value, and so do equal
+  // integers added close together.
   // Room for this many values, container references and string or data bytes.
   void reserve(std::size_t values, std::size_t references, std::size_t bytes);
   Ref addNull();
@@ -175,6 +176,11 @@ class BinaryPlist {
   std::vector<Ref> stringTable_;
   std::size_t stringCount_ = 0;
   Ref boolRefs_[2] = {kNoRef, kNoRef};
+  // Recently added integers, by a hash of their value.
+  Ref recentIntegers_[32] = {kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef,
+                             kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef,
+                             kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef,
+                             kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef, kNoRef};
 };
 
 }  // namespace qx
