@@ -279,9 +279,25 @@ class BinaryPlistParser {
     // Every object once, in table order. When every container names only
     // objects before it (as this project's writer lays them out), the graph
     // cannot have a cycle and was checked on the way; else it is walked.
-    for (uint64_t i = 0; i < objectCount_; ++i) {
-      if (!parseObject(static_cast<Ref>(i))) return false;
+    bool parsed;
+    switch (offsetSize_) {
+      case 1:
+        parsed = parseObjects<1>();
+        break;
+      case 2:
+        parsed = parseObjects<2>();
+        break;
+      case 3:
+        parsed = parseObjects<3>();
+        break;
+      case 4:
+        parsed = parseObjects<4>();
+        break;
+      default:
+        parsed = parseObjects<0>();
+        break;
     }
+    if (!parsed) return false;
     plist_.refs_.resize(refsUsed_);
     return backwardOnly_ || checkGraph();
   }
@@ -353,10 +369,20 @@ class BinaryPlistParser {
     return true;
   }
 
-  bool parseObject(Ref ref) {
+  // The objects in table order, their offsets read Width bytes at a time.
+  template <unsigned Width>
+  bool parseObjects() {
+    const uint8_t* table = bytes_ + tableOffset_;
+    const auto count = static_cast<Ref>(objectCount_);
+    const unsigned width = offsetSize_;
+    for (Ref i = 0; i < count; ++i) {
+      if (!parseObject(i, readReference<Width>(table, i, width))) return false;
+    }
+    return true;
+  }
+
+  bool parseObject(Ref ref, uint64_t offset) {
     Node& node = plist_.nodes_[ref];
-    uint64_t offset =
-        readBigEndian(bytes_ + tableOffset_ + uint64_t(ref) * offsetSize_, offsetSize_);
     if (offset < kHeaderSize || offset >= tableOffset_) {
       return fail("offset of object ", ref, " outside the object area");
     }
@@ -538,41 +564,54 @@ class BinaryPlistParser {
   // Reads a container's references (Width bytes each, 0 for any other width)
   // and, while every element seen comes before the container and so is
   // parsed already, checks its keys are strings and works out its height.
+  // (Members are copied to locals: stores through `out` could otherwise alias
+  // them and force a reload on every reference.)
   template <unsigned Width>
   bool readContainerRefs(Ref ref, Node& node, const uint8_t* p, std::size_t total, std::size_t keys,
                          Ref* out) {
     const Node* nodes = plist_.nodes_.data();
-    uint16_t highest = 0;
+    const uint64_t objectCount = objectCount_;
+    const unsigned refSize = refSize_;
+    uint64_t largest = 0;
     for (std::size_t i = 0; i < total; ++i) {
-      uint64_t element;
-      if constexpr (Width == 1) {
-        element = p[i];
-      } else if constexpr (Width == 2) {
-        element = uint64_t(p[2 * i]) << 8 | p[2 * i + 1];
-      } else if constexpr (Width == 3) {
-        element = uint64_t(p[3 * i]) << 16 | uint64_t(p[3 * i + 1]) << 8 | p[3 * i + 2];
-      } else if constexpr (Width == 4) {
-        uint32_t v;
-        std::memcpy(&v, p + 4 * i, 4);
-        element = __builtin_bswap32(v);
-      } else {
-        element = readBigEndian(p + i * refSize_, refSize_);
-      }
-      if (element >= objectCount_) return fail("object reference beyond the object table");
+      uint64_t element = readReference<Width>(p, i, refSize);
+      largest = element > largest ? element : largest;
       out[i] = static_cast<Ref>(element);
-      if (!backwardOnly_) continue;
-      if (element >= ref) {
-        backwardOnly_ = false;
-        continue;
-      }
-      const Node& found = nodes[element];
-      if (i < keys && found.type != Type::String) return fail("dictionary key is not a string");
-      if (found.height > highest) highest = found.height;
     }
+    if (largest >= objectCount) return fail("object reference beyond the object table");
     if (!backwardOnly_) return true;
+    if (total > 0 && largest >= ref) {
+      backwardOnly_ = false;
+      return true;
+    }
+    uint16_t highest = 0;
+    for (std::size_t i = 0; i < keys; ++i) {
+      if (nodes[out[i]].type != Type::String) return fail("dictionary key is not a string");
+    }
+    for (std::size_t i = keys; i < total; ++i) {
+      uint16_t height = nodes[out[i]].height;
+      highest = height > highest ? height : highest;
+    }
     if (highest > BinaryPlist::kMaxDepth) return fail("containers nested too deeply");
     node.height = static_cast<uint16_t>(highest + 1);
     return true;
+  }
+
+  template <unsigned Width>
+  static uint64_t readReference(const uint8_t* p, std::size_t i, unsigned refSize) {
+    if constexpr (Width == 1) {
+      return p[i];
+    } else if constexpr (Width == 2) {
+      return uint64_t(p[2 * i]) << 8 | p[2 * i + 1];
+    } else if constexpr (Width == 3) {
+      return uint64_t(p[3 * i]) << 16 | uint64_t(p[3 * i + 1]) << 8 | p[3 * i + 2];
+    } else if constexpr (Width == 4) {
+      uint32_t v;
+      std::memcpy(&v, p + 4 * i, 4);
+      return __builtin_bswap32(v);
+    } else {
+      return readBigEndian(p + i * refSize, refSize);
+    }
   }
 
   static bool isContainer(const Node& node) {
