@@ -18,7 +18,8 @@ using Ref = BinaryPlist::Ref;
 
 // Object identity -> UID. Open addressing on the object's address: archives
 // hold a few hundred objects and a node-based map would cost more than the
-// rest of the encoding.
+// rest of the encoding. Slots carry the number of the archive that filled
+// them, so emptying the table for the next archive touches none of them.
 class IdentityTable {
  public:
   static constexpr uint32_t kAbsent = 0xffffffffU;
@@ -26,14 +27,17 @@ class IdentityTable {
   uint32_t find(const Object* object) const {
     if (slots_.empty()) return kAbsent;
     for (std::size_t i = indexOf(object);; i = (i + 1) & mask()) {
+      if (slots_[i].epoch != epoch_) return kAbsent;
       if (slots_[i].object == object) return slots_[i].uid;
-      if (slots_[i].object == nullptr) return kAbsent;
     }
   }
 
   // Empties the table; false when it has grown too large to keep.
   bool clear() {
-    if (count_ > 0) std::fill(slots_.begin(), slots_.end(), Slot{});
+    if (count_ > 0 && ++epoch_ == 0) {
+      std::fill(slots_.begin(), slots_.end(), Slot{});
+      epoch_ = 1;
+    }
     count_ = 0;
     return slots_.size() <= kKeepSlots;
   }
@@ -41,8 +45,8 @@ class IdentityTable {
   void insert(const Object* object, uint32_t uid) {
     if ((count_ + 1) * 4 > slots_.size() * 3) grow();
     std::size_t i = indexOf(object);
-    while (slots_[i].object != nullptr) i = (i + 1) & mask();
-    slots_[i] = {object, uid};
+    while (slots_[i].epoch == epoch_) i = (i + 1) & mask();
+    slots_[i] = {object, uid, epoch_};
     ++count_;
   }
 
@@ -50,6 +54,7 @@ class IdentityTable {
   struct Slot {
     const Object* object = nullptr;
     uint32_t uid = 0;
+    uint32_t epoch = 0;  // 0: never filled
   };
 
   static constexpr std::size_t kKeepSlots = 1 << 16;
@@ -65,12 +70,13 @@ class IdentityTable {
     slots_.assign(old.empty() ? 512 : old.size() * 2, Slot{});
     count_ = 0;
     for (const Slot& slot : old) {
-      if (slot.object) insert(slot.object, slot.uid);
+      if (slot.epoch == epoch_) insert(slot.object, slot.uid);
     }
   }
 
   std::vector<Slot> slots_;
   std::size_t count_ = 0;
+  uint32_t epoch_ = 1;
 };
 
 }  // namespace

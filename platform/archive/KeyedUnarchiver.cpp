@@ -197,6 +197,7 @@ struct KeyedUnarchiver::State {
     Ref key = BinaryPlist::kNoRef;
   };
   static constexpr std::size_t kKeyHints = 64;
+  static constexpr std::size_t kHintProbes = 4;
   KeyHint keyHints[kKeyHints];
 
   // (Refs with kNoRef rather than std::optional: these run for every key of
@@ -214,17 +215,30 @@ struct KeyedUnarchiver::State {
     return static_cast<std::size_t>((bits * 0x9E3779B97F4A7C15ULL) >> 58);
   }
 
-  // The value under the stored key `key` of `dictionary`, or kNoRef.
+  // The value under the stored key `key` of `dictionary`, or kNoRef. Hints
+  // are probed from the key's slot on, a few at most, so that keys whose
+  // addresses meet in one slot do not push each other out.
   Ref hintedLookup(Ref dictionary, std::string_view key) {
-    KeyHint& hint = keyHints[hintIndex(key)];
-    if (hint.text == key.data() && hint.length == key.size()) {
-      Ref value = plist.lookupByKeyRef(dictionary, hint.key);
-      if (value != BinaryPlist::kNoRef && plist.textEquals(hint.key, key)) return value;
+    std::size_t first = hintIndex(key);
+    KeyHint* free = nullptr;
+    for (std::size_t probe = 0; probe < kHintProbes; ++probe) {
+      KeyHint& hint = keyHints[(first + probe) % kKeyHints];
+      if (hint.text == key.data() && hint.length == key.size()) {
+        Ref value = plist.lookupByKeyRef(dictionary, hint.key);
+        if (value != BinaryPlist::kNoRef && plist.textEquals(hint.key, key)) return value;
+        free = &hint;
+        break;
+      }
+      if (hint.text == nullptr) {
+        free = &hint;
+        break;
+      }
     }
     Ref keyRef = BinaryPlist::kNoRef;
     Ref value = plist.lookup(dictionary, key, &keyRef);
     if (value == BinaryPlist::kNoRef) return value;
-    hint = {key.data(), key.size(), keyRef};
+    if (!free) free = &keyHints[first];
+    *free = {key.data(), key.size(), keyRef};
     return value;
   }
 
