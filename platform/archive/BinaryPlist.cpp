@@ -526,8 +526,12 @@ class BinaryPlistParser {
     uint64_t count = 0;
     if (!readLength(p, end, count)) return false;
     uint64_t slots = isDictionary ? 2 : 1;
-    uint64_t room = static_cast<uint64_t>(end - p) / refSize_ / slots;
-    if (count > room) return fail("container references beyond the buffer");
+    // Every reference takes a byte at least, so once `count` is known to fit
+    // the bytes left, the product cannot overflow (and no division is needed).
+    auto left = static_cast<uint64_t>(end - p);
+    if (count > left || count * slots * refSize_ > left) {
+      return fail("container references beyond the buffer");
+    }
     if (!consume(static_cast<std::size_t>(p - start + count * slots * refSize_))) return false;
     auto total = static_cast<std::size_t>(count * slots);
     Ref* out = claimRefs(total);
