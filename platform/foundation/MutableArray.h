@@ -1,7 +1,6 @@
 #pragma once
 
 #include "platform/foundation/Array.h"
-#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -14,7 +13,7 @@ class MutableArray final : public Array {
   explicit MutableArray(std::vector<ObjectPtr> objects) : Array(std::move(objects)) {}
 
   static std::shared_ptr<MutableArray> make(std::size_t capacity = 0) {
-    auto array = ObjectArena::make<MutableArray>();
+    auto array = std::make_shared<MutableArray>();
     array->objects_.reserve(capacity);
     return array;
   }
