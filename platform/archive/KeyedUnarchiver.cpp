@@ -15,6 +15,7 @@
 #include "platform/foundation/MutableArray.h"
 #include "platform/foundation/MutableDictionary.h"
 #include "platform/foundation/Number.h"
+#include "platform/foundation/ObjectArena.h"
 #include "platform/foundation/String.h"
 
 namespace qx {
@@ -702,6 +703,8 @@ struct KeyedUnarchiver::State {
 ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassSet* classes,
                                      ErrorPtr* error, const DecodeFunction* decode) {
   try {
+    // The decoded objects share one arena, which outlives the working state.
+    ObjectArena::Scope arena;
     ScratchPool<State>::Lease lease;
     State& state = *lease;
     ActiveDepth active(state.depth, data.size());

@@ -13,6 +13,7 @@
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "platform/foundation/LinuxDirent64.h"
+#include "platform/foundation/ObjectArena.h"
 #include "platform/foundation/String.h"
 
 namespace qx {
@@ -104,7 +105,7 @@ ObjectPtr FileReferenceUrl::initWithCoder(KeyedUnarchiver& coder, std::string_vi
     }
     kept = std::move(*path);
   }
-  return std::make_shared<FileReferenceUrl>(device, inode, std::move(kept));
+  return ObjectArena::make<FileReferenceUrl>(device, inode, std::move(kept));
 }
 
 bool FileReferenceUrl::hasIdentityKeys(const KeyedUnarchiver& coder) {
@@ -120,7 +121,7 @@ ObjectPtr FileReferenceUrl::initWithCoder(KeyedUnarchiver& coder, std::string ke
   auto device = static_cast<std::uint64_t>(coder.decodeIntegerForKey(kDeviceKey));
   auto inode = static_cast<std::uint64_t>(coder.decodeIntegerForKey(kInodeKey));
   if (coder.hasFailed()) return nullptr;
-  return std::make_shared<FileReferenceUrl>(device, inode, std::move(keptPath));
+  return ObjectArena::make<FileReferenceUrl>(device, inode, std::move(keptPath));
 }
 
 std::string FileReferenceUrl::path() const {

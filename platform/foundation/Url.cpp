@@ -12,6 +12,7 @@
 #include "platform/foundation/FileReferenceUrl.h"
 #include "platform/foundation/MutableDictionary.h"
 #include "platform/foundation/Number.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -99,12 +100,12 @@ std::shared_ptr<Url> Url::fileURLWithPath(std::string_view path) {
                              : currentFolder() + "/" + std::string(path);
   std::string normal = normalisePath(absolute);
   std::string string = std::string(kFileScheme) + percentEncodePath(normal);
-  return std::make_shared<Url>(MadeFromPath{}, std::move(string), std::move(normal));
+  return ObjectArena::make<Url>(MadeFromPath{}, std::move(string), std::move(normal));
 }
 
 std::shared_ptr<Url> Url::URLWithString(std::string_view string) {
   if (!hasScheme(string)) return nullptr;
-  return std::make_shared<Url>(std::string(string));
+  return ObjectArena::make<Url>(std::string(string));
 }
 
 ObjectPtr Url::initWithCoder(KeyedUnarchiver& coder) {
