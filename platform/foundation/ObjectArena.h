@@ -10,10 +10,10 @@ namespace qx {
 // The objects made while a message is decoded are carved from one arena
 // instead of taking a heap block each: a report of a hundred records makes a
 // few hundred objects, and their malloc and free calls (with the heap's
-// consolidation when the next message's larger blocks are asked for) cost a
-// fifth of the decoding. The arena gives its memory back when the last object
-// made from it is destroyed, on whatever thread that happens; until then one
-// live object keeps the whole arena.
+// consolidation when the next message's larger blocks are asked for) cost
+// about a sixth of the decoding's instructions. The arena gives its memory
+// back when the last object made from it is destroyed, on whatever thread
+// that happens; until then one live object keeps the whole arena.
 //
 // Outside a Scope, make() is std::make_shared.
 class ObjectArena {
