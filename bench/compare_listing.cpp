@@ -5,7 +5,8 @@
 //
 //   bench_compare_listing [--entries N] [--runs R] [--keep DIR]
 //
-// The last line reads
+// Before the last line, the bytes of the listing's archive (the levels the
+// reply carries, archived alone) are printed. The last line reads
 //   listing: ratio=R qxfile_s=A ls_s=B
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 #include <string>
 
 #include "BenchLink.h"
+#include "platform/archive/KeyedArchiver.h"
 
 using namespace qx;
 using namespace qx::bench;
@@ -88,6 +90,11 @@ int main(int argc, char** argv) {
     std::printf("listing: wrong answer: %zu entries%s\n", countOf(reply),
                 reply.error ? (" error: " + reply.error->description()).c_str() : "");
     status = 1;
+  }
+  if (reply.result) {
+    DataPtr archive = KeyedArchiver::archivedDataWithRootObject(reply.result);
+    std::printf("archive: bytes=%zu for %zu entries\n", archive ? archive->length() : 0,
+                countOf(reply));
   }
   if (keep.empty()) removeTree(base);
   double a = median(ours);

@@ -2,7 +2,7 @@
 // over a real connection and answers YES to every report; the worker walks on
 // the other side. The same tree is measured with `du -s -b`.
 //
-//   bench_compare_sizes [--files N] [--memory-entries M] [--runs R] [--keep DIR]
+//   bench_compare_sizes [--files N] [--memory-entries M] [--runs R] [--keep DIR] [--cold]
 //
 // N files (default 200000) in folders of 100; M entries (default 1000000, 0 to
 // skip) for the memory run, made in a child process. With --keep the trees
@@ -15,11 +15,18 @@
 // (and the same for the answers), and one bare socket round trip per report
 // with the same byte counts, where the thread that writes also reads the
 // answer, so no thread hands anything to another.
+//
+// With --cold, the page cache, dentries and inodes are dropped before every
+// timed run of either side (which needs root), as a user meets a folder the
+// first time its size is asked; the last line then reads
+//   sizes-cold: ratio=R qxfile_s=A du_s=B
+// and the warm runs and the floor are left out.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -230,6 +237,66 @@ double roundTripSeconds(const Traffic& traffic) {
   return seconds;
 }
 
+// Writes back dirty pages and drops the clean ones, with dentries and inodes.
+// False, with the reason in `why`, when this process may not.
+bool dropCaches(std::string& why) {
+  if (geteuid() != 0) {
+    why = "dropping the page cache needs root";
+    return false;
+  }
+  sync();
+  UniqueFd fd(open("/proc/sys/vm/drop_caches", O_WRONLY | O_CLOEXEC));
+  if (!fd || write(fd.get(), "3", 1) != 1) {
+    why = std::string("cannot write /proc/sys/vm/drop_caches: ") + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+// du and the service, each run after the caches are dropped, in turns that
+// alternate which side goes first.
+int coldRuns(BenchLink& link, const std::string& root, const Tree& tree, int runs) {
+  std::string why;
+  if (!dropCaches(why)) {
+    std::printf("sizes-cold: skipped: %s\n", why.c_str());
+    return 0;
+  }
+  std::vector<std::string> du = {"du", "-s", "-b", root};
+  std::vector<double> ours, theirs;
+  Reply reply;
+  auto timeDu = [&] {
+    if (dropCaches(why)) theirs.push_back(timeCommand(du));
+  };
+  auto timeOurs = [&] {
+    if (dropCaches(why)) ours.push_back(secondsOf([&] { reply = link.sizes({root}); }));
+  };
+  for (int run = 0; run < runs; ++run) {
+    if (run % 2 == 0) {
+      timeDu();
+      timeOurs();
+    } else {
+      timeOurs();
+      timeDu();
+    }
+    if (!ours.empty() && !theirs.empty()) {
+      std::printf("cold run %d: qxfile_s=%.3f du_s=%.3f\n", run + 1, ours.back(), theirs.back());
+    }
+  }
+  if (ours.empty() || theirs.empty()) {
+    std::printf("sizes-cold: skipped: %s\n", why.c_str());
+    return 0;
+  }
+  if (reply.error || totalOf(reply) != tree.bytes) {
+    std::printf("sizes-cold: wrong answer: total %lld, expected %lld\n",
+                static_cast<long long>(totalOf(reply)), tree.bytes);
+    return 1;
+  }
+  double a = median(ours);
+  double b = median(theirs);
+  std::printf("sizes-cold: ratio=%.2f qxfile_s=%.3f du_s=%.3f\n", a / b, a, b);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -237,6 +304,7 @@ int main(int argc, char** argv) {
   long memoryEntries = 1000000;
   int runs = 3;
   std::string keep;
+  bool cold = false;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     auto next = [&] { return i + 1 < argc ? std::string(argv[++i]) : std::string(); };
@@ -248,6 +316,8 @@ int main(int argc, char** argv) {
       runs = std::atoi(next().c_str());
     else if (arg == "--keep")
       keep = next();
+    else if (arg == "--cold")
+      cold = true;
     else if (arg == "--memory-run") {
       std::string root = next();
       return memoryRun(root, std::atol(next().c_str()));
@@ -276,6 +346,11 @@ int main(int argc, char** argv) {
   }
 
   BenchLink link;
+  if (cold) {
+    int status = coldRuns(link, root, tree, runs);
+    if (keep.empty()) removeTree(base);
+    return status;
+  }
   std::vector<std::string> du = {"du", "-s", "-b", root};
   timeCommand(du);  // warm the caches
   link.sizes({root});

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/archive/KeyedArchiver.h"
+#include "platform/foundation/FileReferenceUrl.h"
 #include "tests/platform/archive/ArchiveTestClasses.h"
 
 using namespace qx;
@@ -80,6 +81,13 @@ std::vector<std::pair<std::string, ObjectPtr>> seeds() {
       {"everything", everything},
       {"size-report", report},
       {"nested-arrays", deep},
+      // A listing's level: references into one folder share its URL; the
+      // root and a reference without a kept path take the other forms.
+      {"file-references",
+       Array::make({std::make_shared<FileReferenceUrl>(2049, 131075, "/home/user/Documents/a b"),
+                    std::make_shared<FileReferenceUrl>(2049, 131076, "/home/user/Documents/c:d"),
+                    std::make_shared<FileReferenceUrl>(2049, 2, "/"),
+                    std::make_shared<FileReferenceUrl>(2050, 12, "")})},
   };
 }
 

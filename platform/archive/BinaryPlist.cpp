@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <limits>
 
 namespace qx {
@@ -47,6 +48,11 @@ inline uint8_t* writeBigEndian(uint8_t* p, uint64_t value, unsigned width) {
       p[0] = static_cast<uint8_t>(value >> 8);
       p[1] = static_cast<uint8_t>(value);
       return p + 2;
+    case 3:
+      p[0] = static_cast<uint8_t>(value >> 16);
+      p[1] = static_cast<uint8_t>(value >> 8);
+      p[2] = static_cast<uint8_t>(value);
+      return p + 3;
     case 4: {
       uint32_t v = __builtin_bswap32(static_cast<uint32_t>(value));
       std::memcpy(p, &v, 4);
@@ -72,12 +78,21 @@ uint8_t* writeRefsOf(uint8_t* p, const uint32_t* refs, std::size_t count) {
   return p;
 }
 
-// The width that the offsets and references of a table of `count` use.
+// The width of an integer or UID that holds `largest`.
 unsigned widthFor(uint64_t largest) {
   if (largest <= 0xff) return 1;
   if (largest <= 0xffff) return 2;
   if (largest <= 0xffffffffULL) return 4;
   return 8;
+}
+
+// The width of the offsets and object references of a table whose largest is
+// `largest`: any number of bytes will do, and 3 keeps archives of up to 16M
+// objects or bytes a quarter smaller than 4 would.
+unsigned tableWidthFor(uint64_t largest) {
+  unsigned width = 1;
+  while (width < 8 && (largest >> (8 * width)) != 0) ++width;
+  return width;
 }
 
 bool isAscii(const uint8_t* p, std::size_t length) {
@@ -264,9 +279,25 @@ class BinaryPlistParser {
     // Every object once, in table order. When every container names only
     // objects before it (as this project's writer lays them out), the graph
     // cannot have a cycle and was checked on the way; else it is walked.
-    for (uint64_t i = 0; i < objectCount_; ++i) {
-      if (!parseObject(static_cast<Ref>(i))) return false;
+    bool parsed;
+    switch (offsetSize_) {
+      case 1:
+        parsed = parseObjects<1>();
+        break;
+      case 2:
+        parsed = parseObjects<2>();
+        break;
+      case 3:
+        parsed = parseObjects<3>();
+        break;
+      case 4:
+        parsed = parseObjects<4>();
+        break;
+      default:
+        parsed = parseObjects<0>();
+        break;
     }
+    if (!parsed) return false;
     plist_.refs_.resize(refsUsed_);
     return backwardOnly_ || checkGraph();
   }
@@ -338,10 +369,20 @@ class BinaryPlistParser {
     return true;
   }
 
-  bool parseObject(Ref ref) {
+  // The objects in table order, their offsets read Width bytes at a time.
+  template <unsigned Width>
+  bool parseObjects() {
+    const uint8_t* table = bytes_ + tableOffset_;
+    const auto count = static_cast<Ref>(objectCount_);
+    const unsigned width = offsetSize_;
+    for (Ref i = 0; i < count; ++i) {
+      if (!parseObject(i, readReference<Width>(table, i, width))) return false;
+    }
+    return true;
+  }
+
+  bool parseObject(Ref ref, uint64_t offset) {
     Node& node = plist_.nodes_[ref];
-    uint64_t offset =
-        readBigEndian(bytes_ + tableOffset_ + uint64_t(ref) * offsetSize_, offsetSize_);
     if (offset < kHeaderSize || offset >= tableOffset_) {
       return fail("offset of object ", ref, " outside the object area");
     }
@@ -485,8 +526,12 @@ class BinaryPlistParser {
     uint64_t count = 0;
     if (!readLength(p, end, count)) return false;
     uint64_t slots = isDictionary ? 2 : 1;
-    uint64_t room = static_cast<uint64_t>(end - p) / refSize_ / slots;
-    if (count > room) return fail("container references beyond the buffer");
+    // Every reference takes a byte at least, so once `count` is known to fit
+    // the bytes left, the product cannot overflow (and no division is needed).
+    auto left = static_cast<uint64_t>(end - p);
+    if (count > left || count * slots * refSize_ > left) {
+      return fail("container references beyond the buffer");
+    }
     if (!consume(static_cast<std::size_t>(p - start + count * slots * refSize_))) return false;
     auto total = static_cast<std::size_t>(count * slots);
     Ref* out = claimRefs(total);
@@ -500,6 +545,8 @@ class BinaryPlistParser {
         return readContainerRefs<1>(ref, node, p, total, keys, out);
       case 2:
         return readContainerRefs<2>(ref, node, p, total, keys, out);
+      case 3:
+        return readContainerRefs<3>(ref, node, p, total, keys, out);
       case 4:
         return readContainerRefs<4>(ref, node, p, total, keys, out);
       default:
@@ -521,39 +568,54 @@ class BinaryPlistParser {
   // Reads a container's references (Width bytes each, 0 for any other width)
   // and, while every element seen comes before the container and so is
   // parsed already, checks its keys are strings and works out its height.
+  // (Members are copied to locals: stores through `out` could otherwise alias
+  // them and force a reload on every reference.)
   template <unsigned Width>
   bool readContainerRefs(Ref ref, Node& node, const uint8_t* p, std::size_t total, std::size_t keys,
                          Ref* out) {
     const Node* nodes = plist_.nodes_.data();
-    uint16_t highest = 0;
+    const uint64_t objectCount = objectCount_;
+    const unsigned refSize = refSize_;
+    uint64_t largest = 0;
     for (std::size_t i = 0; i < total; ++i) {
-      uint64_t element;
-      if constexpr (Width == 1) {
-        element = p[i];
-      } else if constexpr (Width == 2) {
-        element = uint64_t(p[2 * i]) << 8 | p[2 * i + 1];
-      } else if constexpr (Width == 4) {
-        uint32_t v;
-        std::memcpy(&v, p + 4 * i, 4);
-        element = __builtin_bswap32(v);
-      } else {
-        element = readBigEndian(p + i * refSize_, refSize_);
-      }
-      if (element >= objectCount_) return fail("object reference beyond the object table");
+      uint64_t element = readReference<Width>(p, i, refSize);
+      largest = element > largest ? element : largest;
       out[i] = static_cast<Ref>(element);
-      if (!backwardOnly_) continue;
-      if (element >= ref) {
-        backwardOnly_ = false;
-        continue;
-      }
-      const Node& found = nodes[element];
-      if (i < keys && found.type != Type::String) return fail("dictionary key is not a string");
-      if (found.height > highest) highest = found.height;
     }
+    if (largest >= objectCount) return fail("object reference beyond the object table");
     if (!backwardOnly_) return true;
+    if (total > 0 && largest >= ref) {
+      backwardOnly_ = false;
+      return true;
+    }
+    uint16_t highest = 0;
+    for (std::size_t i = 0; i < keys; ++i) {
+      if (nodes[out[i]].type != Type::String) return fail("dictionary key is not a string");
+    }
+    for (std::size_t i = keys; i < total; ++i) {
+      uint16_t height = nodes[out[i]].height;
+      highest = height > highest ? height : highest;
+    }
     if (highest > BinaryPlist::kMaxDepth) return fail("containers nested too deeply");
     node.height = static_cast<uint16_t>(highest + 1);
     return true;
+  }
+
+  template <unsigned Width>
+  static uint64_t readReference(const uint8_t* p, std::size_t i, unsigned refSize) {
+    if constexpr (Width == 1) {
+      return p[i];
+    } else if constexpr (Width == 2) {
+      return uint64_t(p[2 * i]) << 8 | p[2 * i + 1];
+    } else if constexpr (Width == 3) {
+      return uint64_t(p[3 * i]) << 16 | uint64_t(p[3 * i + 1]) << 8 | p[3 * i + 2];
+    } else if constexpr (Width == 4) {
+      uint32_t v;
+      std::memcpy(&v, p + 4 * i, 4);
+      return __builtin_bswap32(v);
+    } else {
+      return readBigEndian(p + i * refSize, refSize);
+    }
   }
 
   static bool isContainer(const Node& node) {
@@ -643,6 +705,7 @@ void BinaryPlist::clear() {
   if (stringCount_ > 0) std::fill(stringTable_.begin(), stringTable_.end(), kNoRef);
   stringCount_ = 0;
   boolRefs_[0] = boolRefs_[1] = kNoRef;
+  std::fill(std::begin(recentIntegers_), std::end(recentIntegers_), kNoRef);
 }
 
 std::size_t BinaryPlist::memoryUse() const {
@@ -760,9 +823,14 @@ BinaryPlist::Ref BinaryPlist::addBool(bool value) {
 }
 
 BinaryPlist::Ref BinaryPlist::addInteger(int64_t value) {
+  // Recent values are shared: a length or a device number that recurs in
+  // every record of an archive is written once.
+  Ref& recent = recentIntegers_[static_cast<uint64_t>(value) * 0x9E3779B97F4A7C15ULL >> 59];
+  if (recent != kNoRef && nodes_[recent].integer == value) return recent;
   Ref ref;
   push(Type::Integer, ref).integer = value;
   fixedBytes_ += 1 + integerWidth(value);
+  recent = ref;
   return ref;
 }
 
@@ -910,7 +978,7 @@ class BinaryPlistWriter {
   std::vector<uint8_t> write(BinaryPlist::Ref top) {
     const auto& nodes = plist_.nodes_;
     std::size_t count = nodes.size();
-    refSize_ = widthFor(count - 1);
+    refSize_ = tableWidthFor(count - 1);
     uint64_t fixedBytes = plist_.fixedBytes_;
     uint64_t references = plist_.refCount_;
     if (!plist_.counted_) {
@@ -921,7 +989,7 @@ class BinaryPlistWriter {
       }
     }
     uint64_t tableOffset = kHeaderSize + fixedBytes + references * refSize_;
-    unsigned offsetSize = widthFor(tableOffset);
+    unsigned offsetSize = tableWidthFor(tableOffset);
     std::vector<uint8_t> out(tableOffset + count * offsetSize + kTrailerSize);
     uint8_t* base = out.data();
     std::memcpy(base, kMagic, sizeof kMagic);
@@ -970,6 +1038,8 @@ class BinaryPlistWriter {
         return writeRefsOf<1>(p, refs, count);
       case 2:
         return writeRefsOf<2>(p, refs, count);
+      case 3:
+        return writeRefsOf<3>(p, refs, count);
       default:
         return writeRefsOf<4>(p, refs, count);
     }

@@ -4,6 +4,7 @@
 #include <exception>
 #include <iterator>
 #include <string>
+#include <unordered_map>
 
 #include "platform/archive/BinaryPlist.h"
 #include "platform/archive/ScratchPool.h"
@@ -17,7 +18,8 @@ using Ref = BinaryPlist::Ref;
 
 // Object identity -> UID. Open addressing on the object's address: archives
 // hold a few hundred objects and a node-based map would cost more than the
-// rest of the encoding.
+// rest of the encoding. Slots carry the number of the archive that filled
+// them, so emptying the table for the next archive touches none of them.
 class IdentityTable {
  public:
   static constexpr uint32_t kAbsent = 0xffffffffU;
@@ -25,14 +27,17 @@ class IdentityTable {
   uint32_t find(const Object* object) const {
     if (slots_.empty()) return kAbsent;
     for (std::size_t i = indexOf(object);; i = (i + 1) & mask()) {
+      if (slots_[i].epoch != epoch_) return kAbsent;
       if (slots_[i].object == object) return slots_[i].uid;
-      if (slots_[i].object == nullptr) return kAbsent;
     }
   }
 
   // Empties the table; false when it has grown too large to keep.
   bool clear() {
-    if (count_ > 0) std::fill(slots_.begin(), slots_.end(), Slot{});
+    if (count_ > 0 && ++epoch_ == 0) {
+      std::fill(slots_.begin(), slots_.end(), Slot{});
+      epoch_ = 1;
+    }
     count_ = 0;
     return slots_.size() <= kKeepSlots;
   }
@@ -40,8 +45,8 @@ class IdentityTable {
   void insert(const Object* object, uint32_t uid) {
     if ((count_ + 1) * 4 > slots_.size() * 3) grow();
     std::size_t i = indexOf(object);
-    while (slots_[i].object != nullptr) i = (i + 1) & mask();
-    slots_[i] = {object, uid};
+    while (slots_[i].epoch == epoch_) i = (i + 1) & mask();
+    slots_[i] = {object, uid, epoch_};
     ++count_;
   }
 
@@ -49,6 +54,7 @@ class IdentityTable {
   struct Slot {
     const Object* object = nullptr;
     uint32_t uid = 0;
+    uint32_t epoch = 0;  // 0: never filled
   };
 
   static constexpr std::size_t kKeepSlots = 1 << 16;
@@ -64,12 +70,13 @@ class IdentityTable {
     slots_.assign(old.empty() ? 512 : old.size() * 2, Slot{});
     count_ = 0;
     for (const Slot& slot : old) {
-      if (slot.object) insert(slot.object, slot.uid);
+      if (slot.epoch == epoch_) insert(slot.object, slot.uid);
     }
   }
 
   std::vector<Slot> slots_;
   std::size_t count_ = 0;
+  uint32_t epoch_ = 1;
 };
 
 }  // namespace
@@ -85,6 +92,16 @@ struct KeyedArchiver::State {
   std::vector<ObjectPtr> kept;
   IdentityTable uids;
   std::vector<std::pair<const ClassInfo*, uint32_t>> classUids;
+  // Objects shared by content (encodeSharedObjectOfClass): identity -> class
+  // and UID.
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const {
+      return std::hash<std::string_view>()(text);
+    }
+  };
+  std::unordered_map<std::string, std::pair<const ClassInfo*, uint32_t>, TextHash, std::equal_to<>>
+      shared;
   // One plist UID value per UID number, made on first use.
   std::vector<Ref> uidValues;
   // Alternating key and value Refs of the objects being encoded, innermost
@@ -110,6 +127,7 @@ struct KeyedArchiver::State {
     objects.clear();
     kept.clear();
     classUids.clear();
+    shared.clear();
     uidValues.clear();
     stack.clear();
     classKey = 0;
@@ -202,22 +220,47 @@ uint32_t KeyedArchiver::uidFor(const ObjectPtr& object) {
     state_.objects[uid] = plainValue(state_.plist, *object, cls);
     return uid;
   }
-  std::size_t start = state_.stack.size();
+  OpenObject open{uid, state_.stack.size()};
   object->encodeWithCoder(*this);
-  uint32_t classRef = classUid(cls);
-  state_.stack.push_back(state_.classKey);
-  state_.stack.push_back(uidValue(state_, classRef));
-  std::span<const Ref> pairs(state_.stack.data() + start, state_.stack.size() - start);
-  state_.objects[uid] = state_.plist.addDictionaryOfPairs(pairs);
-  state_.stack.resize(start);
+  closeObject(open, cls);
   return uid;
 }
 
-void KeyedArchiver::encodeObject(const ObjectPtr& object, std::string_view key) {
-  uint32_t uid = uidFor(object);
+KeyedArchiver::OpenObject KeyedArchiver::openObject() {
+  auto uid = static_cast<uint32_t>(state_.objects.size());
+  state_.objects.push_back(State::kNoValue);
+  state_.uidValues.push_back(State::kNoValue);
+  return {uid, state_.stack.size()};
+}
+
+// The keys written since `open`, with $class, become the object's dictionary.
+void KeyedArchiver::closeObject(const OpenObject& open, const ClassInfo& cls) {
+  uint32_t classRef = classUid(cls);
+  state_.stack.push_back(state_.classKey);
+  state_.stack.push_back(uidValue(state_, classRef));
+  std::span<const Ref> pairs(state_.stack.data() + open.start, state_.stack.size() - open.start);
+  state_.objects[open.uid] = state_.plist.addDictionaryOfPairs(pairs);
+  state_.stack.resize(open.start);
+}
+
+void KeyedArchiver::encodeUid(uint32_t uid, std::string_view key) {
   Ref k = keyValue(state_, key);
   state_.stack.push_back(k);
   state_.stack.push_back(uidValue(state_, uid));
+}
+
+uint32_t KeyedArchiver::sharedUid(const ClassInfo& cls, std::string_view identity) const {
+  auto found = state_.shared.find(identity);
+  if (found == state_.shared.end() || found->second.first != &cls) return 0;
+  return found->second.second;
+}
+
+void KeyedArchiver::rememberShared(const ClassInfo& cls, std::string_view identity, uint32_t uid) {
+  state_.shared.insert_or_assign(std::string(identity), std::make_pair(&cls, uid));
+}
+
+void KeyedArchiver::encodeObject(const ObjectPtr& object, std::string_view key) {
+  encodeUid(uidFor(object), key);
 }
 
 void KeyedArchiver::encodeInt(int32_t value, std::string_view key) {
@@ -262,9 +305,7 @@ void KeyedArchiver::encodeNewObject(uint32_t value, std::string_view key) {
   auto uid = static_cast<uint32_t>(state_.objects.size());
   state_.objects.push_back(value);
   state_.uidValues.push_back(State::kNoValue);
-  Ref k = keyValue(state_, key);
-  state_.stack.push_back(k);
-  state_.stack.push_back(uidValue(state_, uid));
+  encodeUid(uid, key);
 }
 
 // Array elements go on the stack above the current object's pairs; encoding

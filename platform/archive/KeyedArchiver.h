@@ -49,6 +49,34 @@ class KeyedArchiver {
     endArray(start, key);
   }
 
+  // An object of class `cls` written from its keys alone, with no instance
+  // behind it: `encode(coder)` writes the keys, as an encodeWithCoder would.
+  // A new UID every time.
+  template <class Encode>
+  void encodeObjectOfClass(const ClassInfo& cls, std::string_view key, Encode&& encode) {
+    OpenObject open = openObject();
+    encode(*this);
+    closeObject(open, cls);
+    encodeUid(open.uid, key);
+  }
+  // The same for objects shared by content: the first call with a given
+  // class and `identity` in an archive writes the object; later ones refer to
+  // it by the same UID without calling `encode` (the folder of many file
+  // references, written once).
+  template <class Encode>
+  void encodeSharedObjectOfClass(const ClassInfo& cls, std::string_view identity,
+                                 std::string_view key, Encode&& encode) {
+    uint32_t uid = sharedUid(cls, identity);
+    if (uid == 0) {
+      OpenObject open = openObject();
+      rememberShared(cls, identity, open.uid);
+      encode(*this);
+      closeObject(open, cls);
+      uid = open.uid;
+    }
+    encodeUid(uid, key);
+  }
+
   ~KeyedArchiver();
   KeyedArchiver(const KeyedArchiver&) = delete;
   KeyedArchiver& operator=(const KeyedArchiver&) = delete;
@@ -60,6 +88,18 @@ class KeyedArchiver {
   std::size_t beginArray();
   void addArrayElement(const ObjectPtr& object);
   void endArray(std::size_t start, std::string_view key);
+  // An object's slot, reserved before its keys are written, and where its
+  // keys begin on the stack.
+  struct OpenObject {
+    uint32_t uid;
+    std::size_t start;
+  };
+  OpenObject openObject();
+  void closeObject(const OpenObject& open, const ClassInfo& cls);
+  void encodeUid(uint32_t uid, std::string_view key);
+  // The UID of the shared object of `cls` named `identity`, or 0.
+  uint32_t sharedUid(const ClassInfo& cls, std::string_view identity) const;
+  void rememberShared(const ClassInfo& cls, std::string_view identity, uint32_t uid);
   // The UID of `object`, encoding it first when it is met for the first time.
   uint32_t uidFor(const ObjectPtr& object);
   // Archives the plist value `value` as an object of its own under `key`.

@@ -15,6 +15,7 @@
 #include "platform/foundation/MutableArray.h"
 #include "platform/foundation/MutableDictionary.h"
 #include "platform/foundation/Number.h"
+#include "platform/foundation/ObjectArena.h"
 #include "platform/foundation/String.h"
 
 namespace qx {
@@ -185,19 +186,19 @@ struct KeyedUnarchiver::State {
     return " in " + std::string(frame.className) + " under key " + quoted(frame.key);
   }
 
-  // Recently asked keys by the address of their text, with the key value that
+  // Keys asked for, by the address of their text, with the key value that
   // matched: archives share one key value among all their dictionaries, so a
   // hit is a comparison of Refs (confirmed by content) instead of a scan of
-  // key texts. The few keys of a message's classes fit, so a short scan finds
-  // them without the collisions of a hashed table.
+  // key texts. Keys are nearly always literals: each is looked up by content
+  // once per archive, and after that found by its address in one probe.
   struct KeyHint {
     const char* text = nullptr;
     std::size_t length = 0;
     Ref key = BinaryPlist::kNoRef;
   };
-  static constexpr std::size_t kKeyHints = 16;
+  static constexpr std::size_t kKeyHints = 64;
+  static constexpr std::size_t kHintProbes = 4;
   KeyHint keyHints[kKeyHints];
-  std::size_t nextKeyHint = 0;
 
   // (Refs with kNoRef rather than std::optional: these run for every key of
   // every object, and a returned optional travels through memory.)
@@ -208,25 +209,36 @@ struct KeyedUnarchiver::State {
     return hintedLookup(frame.dictionary, key);
   }
 
-  KeyHint* hintFor(std::string_view key) {
-    for (KeyHint& hint : keyHints) {
-      if (hint.text == key.data() && hint.length == key.size()) return &hint;
-    }
-    return nullptr;
+  static std::size_t hintIndex(std::string_view key) {
+    // Literals lie a few bytes apart: the address is mixed before it picks a slot.
+    auto bits = reinterpret_cast<uintptr_t>(key.data()) ^ key.size();
+    return static_cast<std::size_t>((bits * 0x9E3779B97F4A7C15ULL) >> 58);
   }
 
-  // The value under the stored key `key` of `dictionary`, or kNoRef.
+  // The value under the stored key `key` of `dictionary`, or kNoRef. Hints
+  // are probed from the key's slot on, a few at most, so that keys whose
+  // addresses meet in one slot do not push each other out.
   Ref hintedLookup(Ref dictionary, std::string_view key) {
-    KeyHint* hint = hintFor(key);
-    if (hint) {
-      Ref value = plist.lookupByKeyRef(dictionary, hint->key);
-      if (value != BinaryPlist::kNoRef && plist.textEquals(hint->key, key)) return value;
+    std::size_t first = hintIndex(key);
+    KeyHint* free = nullptr;
+    for (std::size_t probe = 0; probe < kHintProbes; ++probe) {
+      KeyHint& hint = keyHints[(first + probe) % kKeyHints];
+      if (hint.text == key.data() && hint.length == key.size()) {
+        Ref value = plist.lookupByKeyRef(dictionary, hint.key);
+        if (value != BinaryPlist::kNoRef && plist.textEquals(hint.key, key)) return value;
+        free = &hint;
+        break;
+      }
+      if (hint.text == nullptr) {
+        free = &hint;
+        break;
+      }
     }
     Ref keyRef = BinaryPlist::kNoRef;
     Ref value = plist.lookup(dictionary, key, &keyRef);
     if (value == BinaryPlist::kNoRef) return value;
-    if (!hint) hint = &keyHints[nextKeyHint++ % kKeyHints];
-    *hint = {key.data(), key.size(), keyRef};
+    if (!free) free = &keyHints[first];
+    *free = {key.data(), key.size(), keyRef};
     return value;
   }
 
@@ -273,7 +285,6 @@ struct KeyedUnarchiver::State {
     depth = 0;
     customDecode = nullptr;
     std::fill(std::begin(keyHints), std::end(keyHints), KeyHint{});
-    nextKeyHint = 0;
     return plist.memoryUse() + slotOfValue.capacity() * sizeof(uint32_t) +
                slots.capacity() * sizeof(Slot) <=
            kKeepBytes;
@@ -692,6 +703,8 @@ struct KeyedUnarchiver::State {
 ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassSet* classes,
                                      ErrorPtr* error, const DecodeFunction* decode) {
   try {
+    // The decoded objects share one arena, which outlives the working state.
+    ObjectArena::Scope arena;
     ScratchPool<State>::Lease lease;
     State& state = *lease;
     ActiveDepth active(state.depth, data.size());

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/foundation/Object.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -19,7 +20,7 @@ class Array : public Object {
   explicit Array(std::vector<ObjectPtr> objects) : objects_(std::move(objects)) {}
 
   static std::shared_ptr<Array> make(std::vector<ObjectPtr> objects = {}) {
-    return std::make_shared<Array>(std::move(objects));
+    return ObjectArena::make<Array>(std::move(objects));
   }
   static ObjectPtr initWithCoder(KeyedUnarchiver& coder);
 

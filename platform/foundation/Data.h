@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/foundation/Object.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -20,7 +21,7 @@ class Data final : public Object {
       : bytes_(static_cast<const uint8_t*>(bytes), static_cast<const uint8_t*>(bytes) + length) {}
 
   static std::shared_ptr<Data> make(std::vector<uint8_t> bytes) {
-    return std::make_shared<Data>(std::move(bytes));
+    return ObjectArena::make<Data>(std::move(bytes));
   }
 
   const std::vector<uint8_t>& bytes() const { return bytes_; }

@@ -7,6 +7,7 @@
 
 #include "platform/foundation/DictionaryEntries.h"
 #include "platform/foundation/Object.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -24,9 +25,9 @@ class Dictionary : public Object {
   Dictionary() = default;
   explicit Dictionary(DictionaryEntries entries) : entries_(std::move(entries)) {}
 
-  static std::shared_ptr<Dictionary> make() { return std::make_shared<Dictionary>(); }
+  static std::shared_ptr<Dictionary> make() { return ObjectArena::make<Dictionary>(); }
   static std::shared_ptr<Dictionary> make(DictionaryEntries entries) {
-    return std::make_shared<Dictionary>(std::move(entries));
+    return ObjectArena::make<Dictionary>(std::move(entries));
   }
   // Builds from string keys: Dictionary::withStringKeys({{"a", value}, ...}).
   static std::shared_ptr<Dictionary> withStringKeys(

@@ -13,6 +13,7 @@
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "platform/foundation/LinuxDirent64.h"
+#include "platform/foundation/ObjectArena.h"
 #include "platform/foundation/String.h"
 
 namespace qx {
@@ -21,6 +22,8 @@ namespace {
 
 constexpr std::string_view kReferencePrefix = "file:///.file/id=";
 constexpr std::string_view kPathKey = "qx.path";
+constexpr std::string_view kDeviceKey = "qx.device";
+constexpr std::string_view kInodeKey = "qx.inode";
 
 std::string referenceString(std::uint64_t device, std::uint64_t inode) {
   std::string text(kReferencePrefix);
@@ -35,6 +38,20 @@ bool parseNumber(std::string_view text, std::uint64_t& value) {
   if (text.empty()) return false;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   return error == std::errc() && end == text.data() + text.size();
+}
+
+// A name as a relative URL string: percent-encoded like a path, and with ':'
+// escaped too, so that no name reads as a scheme.
+std::string relativeStringOfName(std::string_view name) {
+  std::string encoded;
+  for (char c : Url::percentEncodePath(name)) {
+    if (c == ':') {
+      encoded += "%3A";
+    } else {
+      encoded += c;
+    }
+  }
+  return encoded;
 }
 
 }  // namespace
@@ -88,7 +105,23 @@ ObjectPtr FileReferenceUrl::initWithCoder(KeyedUnarchiver& coder, std::string_vi
     }
     kept = std::move(*path);
   }
-  return std::make_shared<FileReferenceUrl>(device, inode, std::move(kept));
+  return ObjectArena::make<FileReferenceUrl>(device, inode, std::move(kept));
+}
+
+bool FileReferenceUrl::hasIdentityKeys(const KeyedUnarchiver& coder) {
+  return coder.containsValueForKey(kInodeKey) || coder.containsValueForKey(kDeviceKey);
+}
+
+ObjectPtr FileReferenceUrl::initWithCoder(KeyedUnarchiver& coder, std::string keptPath) {
+  if (!coder.containsValueForKey(kDeviceKey) || !coder.containsValueForKey(kInodeKey)) {
+    coder.failWithError("NSURL file reference without both qx.device and qx.inode");
+    return nullptr;
+  }
+  // Both are unsigned 64-bit numbers, stored as the plist's signed integers.
+  auto device = static_cast<std::uint64_t>(coder.decodeIntegerForKey(kDeviceKey));
+  auto inode = static_cast<std::uint64_t>(coder.decodeIntegerForKey(kInodeKey));
+  if (coder.hasFailed()) return nullptr;
+  return ObjectArena::make<FileReferenceUrl>(device, inode, std::move(keptPath));
 }
 
 std::string FileReferenceUrl::path() const {
@@ -146,12 +179,27 @@ std::string FileReferenceUrl::findInKeptFolder() const {
 }
 
 void FileReferenceUrl::encodeWithCoder(KeyedArchiver& coder) const {
-  Url::encodeWithCoder(coder);
-  // A reference decoded without a kept path has none to write: "file://"
-  // alone is not a file URL, and the decoder would refuse it.
-  if (!keptPath_.empty()) {
-    coder.encodeStringObject("file://" + percentEncodePath(keptPath_), kPathKey);
+  if (keptPath_.empty() || keptPath_.front() != '/') {
+    // Without a kept path there is no URL to write but the identity's own.
+    Url::encodeWithCoder(coder);
+    return;
   }
+  if (keptPath_ == "/") {
+    coder.encodeObject(nullptr, "NS.base");
+    coder.encodeStringObject("file:///", "NS.relative");
+  } else {
+    // The folder's URL ends with '/', so that the name resolves inside it.
+    auto slash = keptPath_.rfind('/');
+    std::string_view folder = std::string_view(keptPath_).substr(0, slash + 1);
+    coder.encodeSharedObjectOfClass(Url::classInfo(), folder, "NS.base", [&](KeyedArchiver& base) {
+      base.encodeObject(nullptr, "NS.base");
+      base.encodeStringObject("file://" + percentEncodePath(folder), "NS.relative");
+    });
+    coder.encodeStringObject(relativeStringOfName(std::string_view(keptPath_).substr(slash + 1)),
+                             "NS.relative");
+  }
+  coder.encodeInteger(static_cast<int64_t>(device_), kDeviceKey);
+  coder.encodeInteger(static_cast<int64_t>(inode_), kInodeKey);
 }
 
 }  // namespace qx

@@ -18,9 +18,15 @@ namespace qx {
 // item, else the entry of the kept path's folder that is the item (a rename in
 // place), else "" (the item is gone or was moved elsewhere).
 //
-// On the wire it is an NSURL whose NS.relative is "file:///.file/id=<dev>.<ino>"
-// (decimal), with the extra key "qx.path" holding the plain file URL string of
-// the kept path.
+// On the wire it is an NSURL whose NS.base and NS.relative make the file URL
+// of the kept path: NS.base is the URL of the item's folder, ending in '/' (one
+// object, shared by every reference into that folder within an archive), and
+// NS.relative is the item's percent-encoded name; the identity is under two
+// more keys, the integers "qx.device" and "qx.inode". The root, with no folder,
+// has no NS.base and NS.relative "file:///". A reference without a kept path
+// is written in the older form, which decoding also takes: NS.relative is
+// "file:///.file/id=<dev>.<ino>" (decimal), with the kept path, when there is
+// one, as the plain string of its file URL under "qx.path".
 class FileReferenceUrl final : public Url {
  public:
   FileReferenceUrl(std::uint64_t device, std::uint64_t inode, std::string keptPath);
@@ -37,9 +43,14 @@ class FileReferenceUrl final : public Url {
 
   // True for "file:///.file/id=..." strings.
   static bool isReferenceString(std::string_view string);
-  // Decodes the reference whose NS.relative is `relative`; nil (and the coder
-  // failed) when the identity or the "qx.path" value is malformed.
+  // Decodes the older form, whose NS.relative is `relative`; nil (and the
+  // coder failed) when the identity or the "qx.path" value is malformed.
   static ObjectPtr initWithCoder(KeyedUnarchiver& coder, std::string_view relative);
+  // Whether the NSURL being decoded carries an identity under its own keys.
+  static bool hasIdentityKeys(const KeyedUnarchiver& coder);
+  // Decodes that identity for the kept path its NS.base and NS.relative name;
+  // nil (and the coder failed) when a key is missing or not an integer.
+  static ObjectPtr initWithCoder(KeyedUnarchiver& coder, std::string keptPath);
 
   bool isFileReferenceURL() const override { return true; }
   std::string path() const override;

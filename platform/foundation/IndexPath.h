@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/foundation/Object.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -24,7 +25,7 @@ class IndexPath final : public Object {
   explicit IndexPath(std::span<const uint64_t> indexes);
 
   static std::shared_ptr<IndexPath> make(std::span<const uint64_t> indexes = {}) {
-    return std::make_shared<IndexPath>(indexes);
+    return ObjectArena::make<IndexPath>(indexes);
   }
   static std::shared_ptr<IndexPath> make(const std::vector<uint64_t>& indexes) {
     return make(std::span<const uint64_t>(indexes));

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "platform/archive/KeyedUnarchiver.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -11,7 +12,7 @@ QX_DEFINE_CLASS(MutableArray, "NSMutableArray", Array)
 ObjectPtr MutableArray::initWithCoder(KeyedUnarchiver& coder) {
   auto objects = coder.decodeArrayOfObjectsForKey("NS.objects");
   if (!objects) return nullptr;
-  return std::make_shared<MutableArray>(std::move(*objects));
+  return ObjectArena::make<MutableArray>(std::move(*objects));
 }
 
 void MutableArray::insertObject(ObjectPtr object, std::size_t index) {

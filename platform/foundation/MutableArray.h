@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/foundation/Array.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -13,7 +14,7 @@ class MutableArray final : public Array {
   explicit MutableArray(std::vector<ObjectPtr> objects) : Array(std::move(objects)) {}
 
   static std::shared_ptr<MutableArray> make(std::size_t capacity = 0) {
-    auto array = std::make_shared<MutableArray>();
+    auto array = ObjectArena::make<MutableArray>();
     array->objects_.reserve(capacity);
     return array;
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/foundation/Dictionary.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -12,7 +13,9 @@ class MutableDictionary final : public Dictionary {
   MutableDictionary() = default;
   explicit MutableDictionary(DictionaryEntries entries) : Dictionary(std::move(entries)) {}
 
-  static std::shared_ptr<MutableDictionary> make() { return std::make_shared<MutableDictionary>(); }
+  static std::shared_ptr<MutableDictionary> make() {
+    return ObjectArena::make<MutableDictionary>();
+  }
   static ObjectPtr initWithCoder(KeyedUnarchiver& coder);
 
   // Replaces the value of an equal key, else appends the pair.

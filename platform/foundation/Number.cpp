@@ -4,16 +4,18 @@
 #include <functional>
 #include <string>
 
+#include "platform/foundation/ObjectArena.h"
+
 namespace qx {
 
 QX_DEFINE_CLASS(Number, "NSNumber", Object)
 
 std::shared_ptr<Number> Number::numberWithBool(bool value) {
-  return std::make_shared<Number>(Kind::Bool, value ? 1 : 0, value ? 1.0 : 0.0);
+  return ObjectArena::make<Number>(Kind::Bool, value ? 1 : 0, value ? 1.0 : 0.0);
 }
 
 std::shared_ptr<Number> Number::numberWithInteger(int64_t value) {
-  return std::make_shared<Number>(Kind::Integer, value, static_cast<double>(value));
+  return ObjectArena::make<Number>(Kind::Integer, value, static_cast<double>(value));
 }
 
 std::shared_ptr<Number> Number::numberWithDouble(double value) {
@@ -22,14 +24,20 @@ std::shared_ptr<Number> Number::numberWithDouble(double value) {
   if (std::isfinite(value) && value > -9.2e18 && value < 9.2e18) {
     integer = static_cast<int64_t>(value);
   }
-  return std::make_shared<Number>(Kind::Real, integer, value);
+  return ObjectArena::make<Number>(Kind::Real, integer, value);
 }
 
-bool Number::boolValue() const { return kind_ == Kind::Real ? real_ != 0.0 : integer_ != 0; }
+bool Number::boolValue() const {
+  return kind_ == Kind::Real ? real_ != 0.0 : integer_ != 0;
+}
 
-int64_t Number::integerValue() const { return integer_; }
+int64_t Number::integerValue() const {
+  return integer_;
+}
 
-double Number::doubleValue() const { return real_; }
+double Number::doubleValue() const {
+  return real_;
+}
 
 bool Number::isEqual(const Object& other) const {
   auto* that = dynamic_cast<const Number*>(&other);
@@ -38,7 +46,9 @@ bool Number::isEqual(const Object& other) const {
   return integer_ == that->integer_;
 }
 
-std::size_t Number::hash() const { return std::hash<double>()(real_); }
+std::size_t Number::hash() const {
+  return std::hash<double>()(real_);
+}
 
 std::string Number::description() const {
   switch (kind_) {

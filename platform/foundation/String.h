@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "platform/foundation/Object.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -18,10 +19,11 @@ class String final : public Object {
   explicit String(std::string value) : value_(std::move(value)) {}
 
   static std::shared_ptr<String> make(std::string value) {
-    return std::make_shared<String>(std::move(value));
+    return ObjectArena::make<String>(std::move(value));
   }
   // `stringWithFileSystemRepresentation:length:`: never fails on Linux.
-  static std::shared_ptr<String> withFileSystemRepresentation(const char* bytes, std::size_t length);
+  static std::shared_ptr<String> withFileSystemRepresentation(const char* bytes,
+                                                              std::size_t length);
 
   const std::string& str() const { return value_; }
   const char* UTF8String() const { return value_.c_str(); }
@@ -37,6 +39,8 @@ class String final : public Object {
 
 using StringPtr = std::shared_ptr<String>;
 
-inline StringPtr str(std::string value) { return String::make(std::move(value)); }
+inline StringPtr str(std::string value) {
+  return String::make(std::move(value));
+}
 
 }  // namespace qx

@@ -12,6 +12,7 @@
 #include "platform/foundation/FileReferenceUrl.h"
 #include "platform/foundation/MutableDictionary.h"
 #include "platform/foundation/Number.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -99,12 +100,12 @@ std::shared_ptr<Url> Url::fileURLWithPath(std::string_view path) {
                              : currentFolder() + "/" + std::string(path);
   std::string normal = normalisePath(absolute);
   std::string string = std::string(kFileScheme) + percentEncodePath(normal);
-  return std::make_shared<Url>(MadeFromPath{}, std::move(string), std::move(normal));
+  return ObjectArena::make<Url>(MadeFromPath{}, std::move(string), std::move(normal));
 }
 
 std::shared_ptr<Url> Url::URLWithString(std::string_view string) {
   if (!hasScheme(string)) return nullptr;
-  return std::make_shared<Url>(std::string(string));
+  return ObjectArena::make<Url>(std::string(string));
 }
 
 ObjectPtr Url::initWithCoder(KeyedUnarchiver& coder) {
@@ -119,18 +120,31 @@ ObjectPtr Url::initWithCoder(KeyedUnarchiver& coder) {
   if (FileReferenceUrl::isReferenceString(relative)) {
     return FileReferenceUrl::initWithCoder(coder, relative);
   }
+  bool reference = FileReferenceUrl::hasIdentityKeys(coder);
   if (base && !hasScheme(relative)) {
-    // A path relative to a file URL base.
+    // A path relative to a file URL base, which names a folder. A file
+    // reference as the base would be looked up on disk while decoding.
     auto decoded = percentDecode(relative);
-    if (!decoded || !base->isFileURL()) {
+    if (!decoded || decoded->find('\0') != std::string::npos || !base->isFileURL() ||
+        base->isFileReferenceURL()) {
       coder.failWithError("NSURL with a relative string that does not resolve");
       return nullptr;
     }
-    return fileURLWithPath(base->path() + "/" + *decoded);
+    std::string path = normalisePath(base->path() + "/" + *decoded);
+    if (reference) return FileReferenceUrl::initWithCoder(coder, std::move(path));
+    return fileURLWithPath(path);
   }
   auto url = URLWithString(relative);
-  if (!url) coder.failWithError("NSURL string without a scheme");
-  return url;
+  if (!url) {
+    coder.failWithError("NSURL string without a scheme");
+    return nullptr;
+  }
+  if (!reference) return url;
+  if (!url->isFileURL()) {
+    coder.failWithError("NSURL file reference that names no file");
+    return nullptr;
+  }
+  return FileReferenceUrl::initWithCoder(coder, url->path());
 }
 
 std::shared_ptr<Url> Url::fileReferenceURL() const {

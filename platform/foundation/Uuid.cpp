@@ -7,6 +7,7 @@
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
+#include "platform/foundation/ObjectArena.h"
 
 namespace qx {
 
@@ -15,13 +16,13 @@ QX_DEFINE_CLASS(Uuid, "NSUUID", Object)
 std::shared_ptr<Uuid> Uuid::make() {
   Bytes bytes;
   uuid_generate(bytes.data());
-  return std::make_shared<Uuid>(bytes);
+  return ObjectArena::make<Uuid>(bytes);
 }
 
 std::shared_ptr<Uuid> Uuid::withBytes(const uint8_t bytes[16]) {
   Bytes copy;
   std::copy_n(bytes, 16, copy.begin());
-  return std::make_shared<Uuid>(copy);
+  return ObjectArena::make<Uuid>(copy);
 }
 
 std::shared_ptr<Uuid> Uuid::withString(std::string_view text) {
@@ -31,7 +32,7 @@ std::shared_ptr<Uuid> Uuid::withString(std::string_view text) {
   buffer[36] = '\0';
   Bytes bytes;
   if (uuid_parse(buffer, bytes.data()) != 0) return nullptr;
-  return std::make_shared<Uuid>(bytes);
+  return ObjectArena::make<Uuid>(bytes);
 }
 
 ObjectPtr Uuid::initWithCoder(KeyedUnarchiver& coder) {
@@ -44,7 +45,9 @@ ObjectPtr Uuid::initWithCoder(KeyedUnarchiver& coder) {
   return withBytes(bytes->data());
 }
 
-void Uuid::getUUIDBytes(uint8_t out[16]) const { std::copy(bytes_.begin(), bytes_.end(), out); }
+void Uuid::getUUIDBytes(uint8_t out[16]) const {
+  std::copy(bytes_.begin(), bytes_.end(), out);
+}
 
 std::string Uuid::UUIDString() const {
   char text[37];

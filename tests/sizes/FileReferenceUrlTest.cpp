@@ -1,5 +1,7 @@
 // File reference URLs: made from items, resolved to present paths, and
-// carried through keyed archives with their "qx.path" key.
+// carried through keyed archives: their kept path as a folder URL shared by
+// the references into that folder plus the item's name, or (as older writers
+// made them) an identity string with the whole kept path under "qx.path".
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -13,22 +15,30 @@
 
 namespace qx {
 
-// An NSURL archive with whatever keys a hostile peer may write.
+// An NSURL archive with whatever keys a hostile peer may write: objects, and
+// integers for the keys named in `integers`.
 class ForgedUrl final : public Object {
   QX_DECLARE_CLASS()
 
  public:
-  ForgedUrl(ObjectPtr relative, ObjectPtr kept)
-      : relative_(std::move(relative)), kept_(std::move(kept)) {}
+  using Integers = std::vector<std::pair<std::string, int64_t>>;
+  ForgedUrl(ObjectPtr base, ObjectPtr relative, ObjectPtr kept, Integers integers = {})
+      : base_(std::move(base)),
+        relative_(std::move(relative)),
+        kept_(std::move(kept)),
+        integers_(std::move(integers)) {}
   void encodeWithCoder(KeyedArchiver& coder) const override {
-    coder.encodeObject(nullptr, "NS.base");
+    coder.encodeObject(base_, "NS.base");
     coder.encodeObject(relative_, "NS.relative");
     if (kept_) coder.encodeObject(kept_, "qx.path");
+    for (const auto& [key, value] : integers_) coder.encodeInteger(value, key);
   }
 
  private:
+  ObjectPtr base_;
   ObjectPtr relative_;
   ObjectPtr kept_;
+  Integers integers_;
 };
 
 QX_DEFINE_CLASS(ForgedUrl, "NSURL", Object)
@@ -46,7 +56,20 @@ ObjectPtr roundTrip(const ObjectPtr& object) {
 }
 
 UrlPtr forged(const std::string& relative, ObjectPtr kept) {
-  return cast<Url>(roundTrip(std::make_shared<ForgedUrl>(str(relative), std::move(kept))));
+  return cast<Url>(roundTrip(std::make_shared<ForgedUrl>(nullptr, str(relative), std::move(kept))));
+}
+
+// The newer form: a folder URL and a name, with the identity as integers.
+UrlPtr forgedInFolder(const std::string& folder, ObjectPtr name, ForgedUrl::Integers identity) {
+  ObjectPtr base = folder.empty() ? nullptr : Url::URLWithString(folder);
+  return cast<Url>(
+      roundTrip(std::make_shared<ForgedUrl>(base, std::move(name), nullptr, std::move(identity))));
+}
+
+std::size_t occurrences(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
 }
 
 TEST(FileReferenceUrl, IsMadeFromAnItemAndCrossesAnArchiveWithItsKeptPath) {
@@ -66,10 +89,25 @@ TEST(FileReferenceUrl, IsMadeFromAnItemAndCrossesAnArchiveWithItsKeptPath) {
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(Url::URLWithString("https://example.invalid/x")->fileReferenceURL(), nullptr);
 
-  DataPtr data = KeyedArchiver::archivedDataWithRootObject(reference);
+  // Two references into one folder write the folder's URL once, and each
+  // name as a relative URL.
+  tree.file("a:b");
+  auto other = Url::fileURLWithPath(tree.path("a:b"))->fileReferenceURL();
+  DataPtr data = KeyedArchiver::archivedDataWithRootObject(Array::make({reference, other}));
   std::string bytes(reinterpret_cast<const char*>(data->bytes().data()), data->bytes().size());
-  EXPECT_NE(bytes.find("file://" + Url::percentEncodePath(tree.path("with space%"))),
-            std::string::npos);
+  EXPECT_EQ(occurrences(bytes, "file://" + Url::percentEncodePath(tree.root()) + "/"), 1u);
+  EXPECT_EQ(occurrences(bytes, "with%20space%25"), 1u);
+  EXPECT_EQ(occurrences(bytes, "a%3Ab"), 1u) << "no name reads as a scheme";
+  registerFoundationClasses();
+  ErrorPtr error;
+  auto both = cast<Array>(KeyedUnarchiver::unarchivedObjectOfClasses(
+      {&Array::classInfo(), &Url::classInfo()}, *data, &error));
+  ASSERT_NE(both, nullptr) << (error ? error->description() : "");
+  ASSERT_NE(both->objectAs<FileReferenceUrl>(1), nullptr);
+  EXPECT_EQ(both->objectAs<FileReferenceUrl>(1)->keptPath(), tree.path("a:b"));
+  auto root = cast<FileReferenceUrl>(roundTrip(Url::fileURLWithPath("/")->fileReferenceURL()));
+  ASSERT_NE(root, nullptr);
+  EXPECT_EQ(root->keptPath(), "/");
   auto decoded = cast<FileReferenceUrl>(roundTrip(reference));
   ASSERT_NE(decoded, nullptr);
   EXPECT_TRUE(decoded->isEqual(*reference));
@@ -78,6 +116,13 @@ TEST(FileReferenceUrl, IsMadeFromAnItemAndCrossesAnArchiveWithItsKeptPath) {
   auto plain = cast<Url>(roundTrip(Url::fileURLWithPath(tree.path("moved"))));
   ASSERT_NE(plain, nullptr);
   EXPECT_FALSE(plain->isFileReferenceURL());
+
+  // The older form: the identity in the string, the kept path beside it.
+  auto older = forged(reference->absoluteString(),
+                      str("file://" + Url::percentEncodePath(tree.path("moved"))));
+  ASSERT_NE(older, nullptr);
+  EXPECT_TRUE(older->isEqual(*reference));
+  EXPECT_EQ(older->path(), tree.path("moved"));
 
   // Without a kept path, or with one that names another item: no present path.
   for (ObjectPtr kept : {ObjectPtr(), ObjectPtr(str("file://" + tree.root()))}) {
@@ -100,6 +145,28 @@ TEST(FileReferenceUrl, MalformedReferencesAreRefused) {
        {ObjectPtr(Number::numberWithInteger(4)), ObjectPtr(str("https://host/x")),
         ObjectPtr(str("file:///.file/id=3.4")), ObjectPtr(str("file:///bad%zz"))}) {
     EXPECT_EQ(forged("file:///.file/id=1.2", badKept), nullptr) << badKept->description();
+  }
+  const ForgedUrl::Integers identity = {{"qx.device", 1}, {"qx.inode", 2}};
+  ASSERT_NE(forgedInFolder("file:///tmp/", str("x"), identity), nullptr);
+  struct Case {
+    const char* what;
+    std::string folder;
+    ObjectPtr name;
+    ForgedUrl::Integers identity;
+  };
+  const Case cases[] = {
+      {"no device", "file:///tmp/", str("x"), {{"qx.inode", 2}}},
+      {"no inode", "file:///tmp/", str("x"), {{"qx.device", 1}}},
+      {"a name holding NUL", "file:///tmp/", str("x%00y"), identity},
+      {"a malformed escape", "file:///tmp/", str("x%z"), identity},
+      {"a folder that is no file", "https://host/", str("x"), identity},
+      {"a reference as the folder", "file:///.file/id=3.4", str("x"), identity},
+      {"no folder and no scheme", "", str("x"), identity},
+      {"another scheme", "", str("https://host/x"), identity},
+      {"a name that is no string", "file:///tmp/", Number::numberWithInteger(3), identity},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(forgedInFolder(c.folder, c.name, c.identity), nullptr) << c.what;
   }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <thread>
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
@@ -189,6 +190,33 @@ TEST_F(KeyedArchive, ExceptionsInCodingBecomeNilAndAnError) {
   EXPECT_NE(describe(error).find("no memory"), std::string::npos) << describe(error);
   // The thread's nesting count is back at zero afterwards.
   EXPECT_TRUE(roundTrip(nestedArrays(kMaxArchiveDepth), &error)) << describe(error);
+}
+
+}  // namespace
+}  // namespace qx::testing
+
+namespace qx::testing {
+namespace {
+
+// The objects of one message share memory: each must stay whole while any
+// other of them is alive, whichever thread lets the others go (ASan and TSan
+// builds catch an early or racing release).
+TEST_F(KeyedArchive, DecodedObjectsOutliveTheDecodingAndEachOtherOnAnyThread) {
+  auto records = MutableArray::make();
+  for (int i = 0; i < 300; ++i) {
+    records->addObject(
+        Dictionary::withStringKeys({{"path", IndexPath::make({1, static_cast<uint64_t>(i)})},
+                                    {"name", str("n" + std::to_string(i))}}));
+  }
+  auto decoded = cast<Array>(roundTrip(records));
+  ASSERT_NE(decoded, nullptr);
+  auto kept = decoded->objectAs<Dictionary>(123);
+  auto other = decoded->objectAs<Dictionary>(7);
+  ASSERT_NE(kept, nullptr);
+  std::thread([moved = std::move(decoded)]() mutable { moved.reset(); }).join();
+  std::thread([moved = std::move(other)]() mutable { moved.reset(); }).join();
+  EXPECT_TRUE(kept->objectForKeyAs<IndexPath>("path")->isEqual(*IndexPath::make({1, 123})));
+  EXPECT_EQ(kept->objectForKeyAs<String>("name")->str(), "n123");
 }
 
 }  // namespace
