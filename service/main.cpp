@@ -4,11 +4,22 @@
 #include <memory>
 
 #include "model/ModelClasses.h"
+#include <cstdio>
+
+#include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcListener.h"
+#include "protocol/QXFileRequest.h"
 #include "service/QXFileServiceDelegate.h"
 
 int main() {
   registerModelClasses();
+  // A class rule for a method the protocol lacks would leave an argument with
+  // wider classes than meant: such a service does not start.
+  auto rules = qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol());
+  if (!QXFileRequest::restrictArguments(*rules)) {
+    std::fputs("qxfile-service: a class rule names a method the protocol lacks\n", stderr);
+    return 1;
+  }
   std::shared_ptr<qx::XpcListener> listener = qx::XpcListener::serviceListener();
   if (!listener) return 1;  // no socket to listen on
   auto delegate = std::make_shared<QXFileServiceDelegate>();

@@ -5,7 +5,7 @@
 
 #include "platform/dispatch/SerialQueue.h"
 #include "qxfile/QXFileClient.h"
-#include "service/QXFileResponse.h"
+#include "protocol/QXFileResponse.h"
 
 // The client's exported object: answers the service's callbacks with the
 // application's handlers. Each callback is handed to a serial queue of its

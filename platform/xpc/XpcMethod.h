@@ -2,9 +2,11 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -26,14 +28,34 @@ struct XpcMethod {
   using Invoker =
       std::function<bool(void* target, std::vector<ObjectPtr>& arguments, XpcReplySender reply)>;
 
+  // True when given (the type of a member function pointer, a pointer to one)
+  // naming the C++ method this entry describes.
+  using Matcher = bool (*)(const std::type_info& type, const void* function, const void* own);
+
   std::string selector;
   std::vector<XpcArgumentKind> arguments;
   std::vector<XpcArgumentKind> replyArguments;
   bool hasReply = false;
   Invoker invoke;
+  // The described member function pointer, kept for `matches`.
+  std::shared_ptr<const void> function;
+  Matcher matcher = nullptr;
+
+  template <class F>
+  bool describes(F fn) const {
+    return matcher && matcher(typeid(F), &fn, function.get());
+  }
 };
 
 namespace xpc_detail {
+
+template <class F>
+void remember(XpcMethod& method, F fn) {
+  method.function = std::make_shared<const F>(fn);
+  method.matcher = [](const std::type_info& type, const void* function, const void* own) {
+    return type == typeid(F) && *static_cast<const F*>(function) == *static_cast<const F*>(own);
+  };
+}
 
 template <class T>
 struct ReplyBlock : std::false_type {};
@@ -73,6 +95,7 @@ XpcMethod describeWithReply(std::string selector, void (P::*fn)(Params...),
   method.arguments = kindsOf<std::tuple_element_t<I, All>...>();
   method.replyArguments = ReplyBlock<Block>::kinds();
   method.hasReply = true;
+  remember(method, fn);
   method.invoke = [fn](void* target, std::vector<ObjectPtr>& objects, XpcReplySender reply) {
     Arguments values;
     if (objects.size() != sizeof...(I) ||
@@ -92,6 +115,7 @@ XpcMethod describeWithoutReply(std::string selector, void (P::*fn)(Params...),
   XpcMethod method;
   method.selector = std::move(selector);
   method.arguments = kindsOf<Params...>();
+  remember(method, fn);
   method.invoke = [fn](void* target, std::vector<ObjectPtr>& objects, XpcReplySender) {
     Arguments values;
     if (objects.size() != sizeof...(I) ||

@@ -11,8 +11,8 @@
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcListener.h"
-#include "platform/xpc/XpcReplyWaiter.h"
-#include "service/QXFileRequest.h"
+#include "platform/dispatch/ReplyWaiter.h"
+#include "protocol/QXFileRequest.h"
 #include "service/QXFileService.h"
 #include "service/QXFileServiceDelegate.h"
 #include "tests/support/Eventually.h"
@@ -92,7 +92,7 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   ASSERT_FALSE(exported.expired());
   // Resumed: a request is answered by the service's worker, with its error.
   auto proxy = clientProxy();
-  auto reply = qx::XpcReplyWaiter<qx::ErrorPtr>::wait([&](auto done) {
+  auto reply = qx::ReplyWaiter<qx::ErrorPtr>::wait([&](auto done) {
     proxy->setAclEntries(qx::Array::make(), qx::Url::fileURLWithPath(files.path("missing")),
                          std::move(done));
   });

@@ -12,7 +12,7 @@
 #include "platform/dispatch/Semaphore.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
-#include "service/QXFileRequest.h"
+#include "protocol/QXFileRequest.h"
 #include "tests/support/ServiceSandbox.h"
 #include "tests/support/TempTree.h"
 

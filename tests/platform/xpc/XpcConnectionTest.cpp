@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "platform/dispatch/Semaphore.h"
-#include "platform/xpc/XpcReplyWaiter.h"
+#include "platform/dispatch/ReplyWaiter.h"
 #include "tests/platform/xpc/XpcTestSupport.h"
 
 namespace qx::xpctest {
@@ -122,7 +122,7 @@ TEST_F(ConnectionPair, EveryInvocationGetsExactlyOneReplyWithItsObjectsIntact) {
 
 TEST_F(ConnectionPair, AWorkerAsksTheClientAndWaitsForEachAnswer) {
   connect();
-  auto answers = XpcReplyWaiter<ArrayPtr>::wait(
+  auto answers = ReplyWaiter<ArrayPtr>::wait(
       [&](auto done) { proxy->askClient(Number::numberWithInteger(4), nullptr, std::move(done)); });
   ASSERT_TRUE(answers && *answers);
   auto yes = Number::numberWithBool(true), no = Number::numberWithBool(false);
@@ -179,14 +179,14 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
                   .allows(Number::classInfo()))
       << "setting an argument's set leaves the reply's alone";
   EXPECT_TRUE(service->isValid() && client->isValid());
-  auto count = XpcReplyWaiter<NumberPtr>::wait([&](auto done) {
+  auto count = ReplyWaiter<NumberPtr>::wait([&](auto done) {
     proxy->countUrls(Array::make({url, Url::fileURLWithPath("/b")}), std::move(done));
   });
   ASSERT_TRUE(count && *count);
   EXPECT_EQ((*count)->integerValue(), 2);
   // Nil arguments cross; invocations without a reply block arrive in order.
   auto nils =
-      XpcReplyWaiter<UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr>::wait([&](auto done) {
+      ReplyWaiter<UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr>::wait([&](auto done) {
         proxy->echoObjects(nullptr, nullptr, nullptr, nullptr, nullptr, std::move(done));
       });
   ASSERT_TRUE(nils);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <cassert>
 #include <memory>
 #include <vector>
 
@@ -14,7 +15,7 @@
 #include "platform/xpc/XpcListenerDelegate.h"
 #include "platform/xpc/XpcProtocol.h"
 #include "platform/xpc/XpcRemoteProxy.h"
-#include "platform/xpc/XpcReplyWaiter.h"
+#include "platform/dispatch/ReplyWaiter.h"
 
 namespace qx::xpctest {
 
@@ -55,29 +56,29 @@ class TestRequestProxy final : public TestRequest, XpcRemoteProxy {
   using XpcRemoteProxy::XpcRemoteProxy;
   void echoObjects(UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string,
                    ErrorPtr error, EchoObjectsReply reply) override {
-    send("echoUrl:uuid:indexPath:string:error:reply:", std::move(reply), url, uuid, indexPath,
+    send(&TestRequest::echoObjects, std::move(reply), url, uuid, indexPath,
          string, error);
   }
   void echoCollections(ArrayPtr array, DictionaryPtr dictionary, DataPtr data, NumberPtr number,
                        bool flag, EchoCollectionsReply reply) override {
-    send("echoArray:dictionary:data:number:flag:reply:", std::move(reply), array, dictionary, data,
+    send(&TestRequest::echoCollections, std::move(reply), array, dictionary, data,
          number, flag);
   }
   void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) override {
-    send("countUrls:reply:", std::move(reply), urls);
+    send(&TestRequest::countUrls, std::move(reply), urls);
   }
   void incrementWithReply(OnceCallback<void(NumberPtr)> reply) override {
-    send("incrementWithReply:", std::move(reply));
+    send(&TestRequest::incrementWithReply, std::move(reply));
   }
   void processIdWithReply(OnceCallback<void(NumberPtr)> reply) override {
-    send("processIdWithReply:", std::move(reply));
+    send(&TestRequest::processIdWithReply, std::move(reply));
   }
   void askClient(NumberPtr count, StringPtr marker, OnceCallback<void(ArrayPtr)> reply) override {
-    send("askClient:marker:reply:", std::move(reply), count, marker);
+    send(&TestRequest::askClient, std::move(reply), count, marker);
   }
-  void note(StringPtr text) override { sendWithoutReply("note:", text); }
+  void note(StringPtr text) override { sendWithoutReply(&TestRequest::note, text); }
   void notesWithReply(OnceCallback<void(ArrayPtr)> reply) override {
-    send("notesWithReply:", std::move(reply));
+    send(&TestRequest::notesWithReply, std::move(reply));
   }
 };
 
@@ -85,7 +86,7 @@ class TestResponseProxy final : public TestResponse, XpcRemoteProxy {
  public:
   using XpcRemoteProxy::XpcRemoteProxy;
   void question(NumberPtr index, OnceCallback<void(bool)> reply) override {
-    send("question:reply:", std::move(reply), index);
+    send(&TestResponse::question, std::move(reply), index);
   }
 };
 
@@ -119,7 +120,9 @@ class TestService final : public TestRequest, public std::enable_shared_from_thi
   explicit TestService(std::shared_ptr<XpcConnection> connection)
       : connection_(std::move(connection)) {
     ClassSet urls{&Array::classInfo(), &Url::classInfo()};
-    connection_->exportedInterface()->setClasses(urls, "countUrls:reply:", 0, false);
+    [[maybe_unused]] bool known =
+        connection_->exportedInterface()->setClasses(urls, &TestRequest::countUrls, 0, false);
+    assert(known);
   }
   ~TestService() override { connection_->invalidate(); }
 
@@ -146,7 +149,7 @@ class TestService final : public TestRequest, public std::enable_shared_from_thi
       bool released = false;
       for (int64_t i = 0; count && i < count->integerValue() && !released; ++i) {
         auto proxy = self->connection_->remoteObjectProxy<TestResponse>();
-        auto answer = XpcReplyWaiter<bool>::wait([&](OnceCallback<void(bool)> answered) {
+        auto answer = ReplyWaiter<bool>::wait([&](OnceCallback<void(bool)> answered) {
           proxy->question(Number::numberWithInteger(i), std::move(answered));
         });
         released = !answer;
