@@ -23,8 +23,8 @@ std::string withPath(const char* format, const char* path) {
 
 }  // namespace
 
-QXSizeCalculation::QXSizeCalculation(const qx::ArrayPtr& urls, const QXFileSizes::Report& report)
-    : report_(report) {
+QXSizeCalculation::QXSizeCalculation(const qx::ArrayPtr& urls, QXFileSizes::Report report)
+    : report_(std::move(report)) {
   batch_.reserve(kItemsPerReport + 16);
   if (!urls) return;
   paths_.reserve(urls->count());

@@ -23,7 +23,7 @@ class QXSizeCalculation {
  public:
   static constexpr int kItemsPerReport = 100;
 
-  QXSizeCalculation(const qx::ArrayPtr& urls, const QXFileSizes::Report& report);
+  QXSizeCalculation(const qx::ArrayPtr& urls, QXFileSizes::Report report);
 
   // The last batch of updates, or nullopt; `error` as the calculation
   // defines it.
@@ -55,7 +55,7 @@ class QXSizeCalculation {
   std::optional<QXSizeUpdates> result();
 
   std::vector<std::string> paths_;
-  const QXFileSizes::Report& report_;
+  QXFileSizes::Report report_;
   std::unique_ptr<qx::TreeWalk> walk_;
   std::vector<Placed> stack_;  // the open folders, outermost first
   QXSizeUpdates batch_;

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <mutex>
 #include <tuple>
+#include <type_traits>
 
 #include "client/lib/QXFileClientResponder.h"
 #include "model/ModelClasses.h"
@@ -188,7 +189,8 @@ namespace {
 // runs before the unanswered reply block is dropped.
 template <class... Values, class Send>
 void sendRequest(const std::shared_ptr<qx::XpcConnection>& connection,
-                 qx::OnceCallback<void(Values..., qx::ErrorPtr)> reply, Send send) {
+                 std::type_identity_t<qx::OnceCallback<void(Values..., qx::ErrorPtr)>> reply,
+                 Send send) {
   if (!connection) {
     reply(Values{}..., notConnectedError());
     return;

@@ -168,7 +168,7 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
     EXPECT_NE(refusal(row.selector, row.arguments).find(row.reason), std::string::npos)
         << row.selector << " should be refused for " << row.reason;
   }
-  EXPECT_FALSE(client->sendInvocationAndWait("noSuchSelector:reply:", {}));
+  EXPECT_FALSE(waitForReply(*client, "noSuchSelector:reply:", {}));
   // Sets for selectors or arguments the protocol lacks are not taken.
   ClassSet only{&Array::classInfo(), &Url::classInfo()};
   EXPECT_FALSE(service->exportedInterface()->setClasses(only, "noSuchSelector:", 0, false));
@@ -194,7 +194,7 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
   proxy->note(str("one"));
   proxy->note(nullptr);
   proxy->note(str("three"));
-  auto notes = client->sendInvocationAndWait("notesWithReply:", {});
+  auto notes = waitForReply(*client, "notesWithReply:", {});
   ASSERT_TRUE(notes && notes->size() == 1);
   EXPECT_TRUE(isEqual((*notes)[0], Array::make({str("one"), nullptr, str("three")})));
   EXPECT_EQ(counters->service.load(), 0);
@@ -229,7 +229,7 @@ TEST_F(ConnectionPair, InvalidationEndsPendingWorkAndRunsEachHandlerOnce) {
       "incrementWithReply:", {}, [&](std::vector<ObjectPtr>) { replied = true; },
       [&](ErrorPtr error) { code = error->code(); });
   EXPECT_TRUE(eventually([&] { return code == kXpcConnectionInvalidError; }));
-  EXPECT_FALSE(client->sendInvocationAndWait("incrementWithReply:", {}));
+  EXPECT_FALSE(waitForReply(*client, "incrementWithReply:", {}));
   responder->answerHeld(false);  // answering after the end goes nowhere
   std::this_thread::sleep_for(20ms);
   EXPECT_EQ(counters->client.load(), 1);
@@ -239,12 +239,12 @@ TEST_F(ConnectionPair, InvalidationEndsPendingWorkAndRunsEachHandlerOnce) {
 
 TEST_F(ConnectionPair, ACallerWaitingForAReplyIsReleasedWhenThePeerGoesAway) {
   connect(/*holdQuestions=*/true);
-  auto reply = client->sendInvocationAndWait("incrementWithReply:", {});
+  auto reply = waitForReply(*client, "incrementWithReply:", {});
   ASSERT_TRUE(reply && reply->size() == 1);
   EXPECT_TRUE(isEqual((*reply)[0], Number::numberWithInteger(1)));
   std::optional<std::vector<ObjectPtr>> waited = std::vector<ObjectPtr>{};
   std::thread waiter([&] {
-    waited = client->sendInvocationAndWait("askClient:marker:reply:",
+    waited = waitForReply(*client, "askClient:marker:reply:",
                                            {Number::numberWithInteger(1), nullptr});
   });
   EXPECT_TRUE(eventually([&] { return responder->questions().size() == 1; }));

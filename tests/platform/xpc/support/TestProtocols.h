@@ -19,6 +19,16 @@
 
 namespace qx::xpctest {
 
+// Sends an invocation and waits for its reply arguments; nullopt when no
+// reply comes (refused, or the connection ends first).
+inline std::optional<std::vector<ObjectPtr>> waitForReply(XpcConnection& connection,
+                                                          std::string selector,
+                                                          std::vector<ObjectPtr> arguments) {
+  return ReplyWaiter<std::vector<ObjectPtr>>::wait([&](XpcReplyHandler reply) {
+    connection.sendInvocation(std::move(selector), std::move(arguments), std::move(reply));
+  });
+}
+
 using EchoObjectsReply = OnceCallback<void(UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr)>;
 using EchoCollectionsReply = OnceCallback<void(ArrayPtr, DictionaryPtr, DataPtr, NumberPtr, bool)>;
 
