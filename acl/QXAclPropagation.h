@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "platform/foundation/Array.h"
 #include "platform/foundation/Error.h"
 #include "platform/foundation/Url.h"
@@ -13,5 +15,8 @@ class QXAclPropagation {
  public:
   QXAclPropagation() = delete;
 
-  static bool run(const qx::ArrayPtr& entries, const qx::UrlPtr& url, qx::ErrorPtr* error);
+  // `shouldStop`, when given, is asked before each item; when it answers true
+  // the walk ends with ECANCELED (the items changed so far stay changed).
+  static bool run(const qx::ArrayPtr& entries, const qx::UrlPtr& url, qx::ErrorPtr* error,
+                  const std::function<bool()>& shouldStop = {});
 };

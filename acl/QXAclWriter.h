@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "platform/foundation/Array.h"
 #include "platform/foundation/Error.h"
 #include "platform/foundation/Url.h"
@@ -34,6 +36,8 @@ class QXAclWriter {
   // alone, and so are the mode and ACL of symbolic links. A top item that is
   // not a folder changes nothing and fails with ENOTDIR. The first failure
   // ends the walk; nothing is rolled back.
+  // `shouldStop`, when given, is asked before each item; true ends the walk
+  // with ECANCELED.
   static bool propagateEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url,
-                               qx::ErrorPtr* error);
+                               qx::ErrorPtr* error, const std::function<bool()>& shouldStop = {});
 };

@@ -2,6 +2,8 @@
 
 #include <uuid/uuid.h>
 
+#include <functional>
+
 #include "platform/foundation/Array.h"
 #include "platform/foundation/Error.h"
 #include "platform/foundation/Url.h"
@@ -36,6 +38,8 @@ class QXFileAcl {
   static bool getAcl(qx::xacl::acl_t* acl, const qx::ArrayPtr& entries, const char* path,
                      qx::ErrorPtr* error);
   static bool setEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url, qx::ErrorPtr* error);
+  // `shouldStop` is asked before each item; when it answers true the walk
+  // ends with ECANCELED.
   static bool propagateEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url,
-                               qx::ErrorPtr* error);
+                               qx::ErrorPtr* error, const std::function<bool()>& shouldStop = {});
 };
