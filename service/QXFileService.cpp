@@ -55,7 +55,9 @@ void QXFileService::setAclEntries(qx::ArrayPtr entries, qx::UrlPtr url, ErrorRep
 void QXFileService::propagateAclEntries(qx::ArrayPtr entries, qx::UrlPtr url, ErrorReply reply) {
   QX_CHECK_SEQUENCE(delivery_);
   qx::ErrorPtr error;
-  QXFileAcl::propagateEntries(entries, url, &error);
+  // A connection that ends stops the walk: nobody is left to hear the answer.
+  QXFileAcl::propagateEntries(entries, url, &error,
+                              QXClientCallbacks::connectionEnded(connection_));
   reply(error);
 }
 
