@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/Semaphore.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
@@ -23,7 +24,6 @@
 #include "platform/xpc/XpcMessage.h"
 #include "platform/xpc/XpcProtocol.h"
 #include "platform/xpc/XpcRemoteProxy.h"
-#include "platform/dispatch/ReplyWaiter.h"
 
 namespace {
 

@@ -28,13 +28,13 @@
 #include <string>
 #include <vector>
 
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
-#include "platform/dispatch/ReplyWaiter.h"
+#include "protocol/QXFileResponse.h"
 #include "rename/QXFileRename.h"
 #include "service/QXClientCallbacks.h"
-#include "protocol/QXFileResponse.h"
 
 namespace {
 

@@ -33,8 +33,8 @@
 #include "platform/walk/TreeWalk.h"
 #include "platform/xpc/UniqueFd.h"
 #include "platform/xpc/XpcMessage.h"
-#include "sizes/QXFileSizes.h"
 #include "service/QXClientCallbacks.h"
+#include "sizes/QXFileSizes.h"
 #include "sizes/QXSizeCalculation.h"
 
 using namespace qx;

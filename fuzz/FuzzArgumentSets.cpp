@@ -58,8 +58,7 @@ std::optional<std::vector<ClassSet>> FuzzArgumentSets::forReply(uint64_t replyTo
 
 std::string FuzzArgumentSets::replySelector(uint64_t replyTo) {
   const std::size_t slot = replyTo % 10;
-  return slot == 0 || slot > kReplySelectors().size() ? std::string()
-                                                      : kReplySelectors()[slot - 1];
+  return slot == 0 || slot > kReplySelectors().size() ? std::string() : kReplySelectors()[slot - 1];
 }
 
 uint64_t FuzzArgumentSets::replyToFor(std::string_view selector) {

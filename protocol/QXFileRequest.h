@@ -2,11 +2,11 @@
 
 #include "platform/dispatch/OnceCallback.h"
 #include "platform/foundation/Array.h"
+#include "platform/foundation/ClassSet.h"
 #include "platform/foundation/Error.h"
 #include "platform/foundation/IndexPath.h"
 #include "platform/foundation/Url.h"
 #include "platform/foundation/Uuid.h"
-#include "platform/foundation/ClassSet.h"
 #include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcProtocol.h"
 

@@ -36,13 +36,12 @@ qx::ArrayPtr QXClientCallbacks::wireRecords(const QXSizeUpdates& updates) {
 }
 
 QXFileSizes::Report QXClientCallbacks::sizeReport(std::shared_ptr<qx::XpcConnection> connection) {
-  return [client = connection ? connection->remoteObjectProxy<QXFileResponse>() : nullptr](
-             const QXSizeUpdates& batch) {
+  return [client = connection ? connection->remoteObjectProxy<QXFileResponse>()
+                              : nullptr](const QXSizeUpdates& batch) {
     if (!client) return false;
-    std::optional<bool> goOn =
-        qx::ReplyWaiter<bool>::wait([&](QXFileResponse::AnswerReply reply) {
-          client->updateFileSizes(wireRecords(batch), std::move(reply));
-        });
+    std::optional<bool> goOn = qx::ReplyWaiter<bool>::wait([&](QXFileResponse::AnswerReply reply) {
+      client->updateFileSizes(wireRecords(batch), std::move(reply));
+    });
     return goOn.value_or(false);
   };
 }

@@ -1,11 +1,10 @@
 // qxfile-service: the per-user file service. Started on demand by its
 // clients (or by socket activation); no arguments, no configuration, no log.
 // It stops by itself once no client has been connected for a while.
+#include <cstdio>
 #include <memory>
 
 #include "model/ModelClasses.h"
-#include <cstdio>
-
 #include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcListener.h"
 #include "protocol/QXFileRequest.h"

@@ -22,7 +22,9 @@ std::tuple<Values..., qx::ErrorPtr> waitForReply(QXFileClient& client, Send send
                                         nullptr)};
   }
   auto answer = qx::ReplyWaiter<Values..., qx::ErrorPtr>::wait(send);
-  if (!answer) return {Values{}..., QXOperation::errorWithErrno(ENOTCONN, "The service did not answer.", nullptr)};
+  if (!answer)
+    return {Values{}...,
+            QXOperation::errorWithErrno(ENOTCONN, "The service did not answer.", nullptr)};
   if constexpr (sizeof...(Values) == 0) {
     return {std::move(*answer)};
   } else {

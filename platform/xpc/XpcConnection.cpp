@@ -337,11 +337,10 @@ bool XpcConnection::handleFrame(std::span<const uint8_t> payload, Delivery& deli
       break;
     case XpcMessage::Kind::Reply:
       if (auto pending = takePending(sequence)) {
-        delivery = {[reply = std::move(pending->reply),
-                     arguments = std::move(message.arguments)]() mutable {
-                      reply(std::move(arguments));
-                    },
-                    &replyQueue_};
+        delivery = {
+            [reply = std::move(pending->reply),
+             arguments = std::move(message.arguments)]() mutable { reply(std::move(arguments)); },
+            &replyQueue_};
       }
       break;
     case XpcMessage::Kind::Refusal:

@@ -124,8 +124,9 @@ TEST_F(ListingTest, FailuresPastTheEndAndInAnUnreadableFolder) {
 
 TEST_F(ListingTest, ReferencesAnswerThePresentPathAfterARename) {
   ErrorPtr error;
-  auto level = cast<Array>(
-      QXFileListing::getContentsOfDirectory(url("top"), IndexPath::make(), &error)->objectAtIndex(0));
+  auto level =
+      cast<Array>(QXFileListing::getContentsOfDirectory(url("top"), IndexPath::make(), &error)
+                      ->objectAtIndex(0));
   auto folder = cast<Url>(level->objectAtIndex(2));
   auto file = cast<Url>(level->objectAtIndex(3));
   ASSERT_EQ(rename(tree.path("top/a").c_str(), tree.path("top/renamed").c_str()), 0);

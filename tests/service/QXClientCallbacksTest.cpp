@@ -74,8 +74,8 @@ TEST(QXClientCallbacks, SizeUpdatesCrossAsRecordsOfTheirState) {
 TEST(QXClientCallbacks, ACallWithoutAnAnswerStops) {
   enum class Cut { ClientDuringCall, WorkerDuringCall, ClientBefore, NoConnection };
   for (const Kind& kind : kKinds) {
-    for (Cut cut : {Cut::ClientDuringCall, Cut::WorkerDuringCall, Cut::ClientBefore,
-                    Cut::NoConnection}) {
+    for (Cut cut :
+         {Cut::ClientDuringCall, Cut::WorkerDuringCall, Cut::ClientBefore, Cut::NoConnection}) {
       SCOPED_TRACE(std::string(kind.name) + " cut " + std::to_string(static_cast<int>(cut)));
       test::ResponseLink holding;  // holds every call
       if (cut == Cut::ClientBefore) holding.clientEnd->invalidate();

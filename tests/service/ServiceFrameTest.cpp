@@ -2,20 +2,19 @@
 // of a socket pair, a plain connection on the other.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-
-#include <atomic>
-#include <thread>
-
-#include "model/ModelClasses.h"
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
 #include <optional>
 #include <string>
+#include <thread>
+
+#include "model/ModelClasses.h"
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcListener.h"
-#include "platform/dispatch/ReplyWaiter.h"
 #include "protocol/QXFileRequest.h"
 #include "service/QXFileService.h"
 #include "service/QXFileServiceDelegate.h"
@@ -135,7 +134,8 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
   for (int folder = 0; folder < kFolders; ++folder) {
     const std::string name = "deep/" + std::to_string(folder);
     files.folder(name, 0755);
-    for (int file = 0; file < kFilesPerFolder; ++file) files.file(name + "/" + std::to_string(file));
+    for (int file = 0; file < kFilesPerFolder; ++file)
+      files.file(name + "/" + std::to_string(file));
   }
   files.folder("counted");
   for (int i = 0; i < 2000; ++i) files.file("counted/" + std::to_string(i), "x");
@@ -164,8 +164,7 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
   proxy->getSizesWithUrls(qx::Array::make({qx::Url::fileURLWithPath(files.path("counted"))}),
                           [&](qx::ArrayPtr, qx::ErrorPtr) { answered = true; });
   ASSERT_TRUE(responder->waitForCalls(1));
-  proxy->propagateAclEntries(std::get<0>(*entries), deep,
-                             [&](qx::ErrorPtr) { answered = true; });
+  proxy->propagateAclEntries(std::get<0>(*entries), deep, [&](qx::ErrorPtr) { answered = true; });
   ASSERT_TRUE(eventually([&] { return touchedFolders() > 0; })) << "the propagation runs";
 
   // Each answer is read while the propagation works, and the next report comes.

@@ -5,8 +5,8 @@
 #include <atomic>
 #include <thread>
 
-#include "platform/dispatch/Semaphore.h"
 #include "platform/dispatch/ReplyWaiter.h"
+#include "platform/dispatch/Semaphore.h"
 #include "tests/platform/xpc/XpcTestSupport.h"
 
 namespace qx::xpctest {
@@ -185,10 +185,9 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
   ASSERT_TRUE(count && *count);
   EXPECT_EQ((*count)->integerValue(), 2);
   // Nil arguments cross; invocations without a reply block arrive in order.
-  auto nils =
-      ReplyWaiter<UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr>::wait([&](auto done) {
-        proxy->echoObjects(nullptr, nullptr, nullptr, nullptr, nullptr, std::move(done));
-      });
+  auto nils = ReplyWaiter<UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr>::wait([&](auto done) {
+    proxy->echoObjects(nullptr, nullptr, nullptr, nullptr, nullptr, std::move(done));
+  });
   ASSERT_TRUE(nils);
   EXPECT_FALSE(std::get<0>(*nils) || std::get<4>(*nils));
   proxy->note(str("one"));
@@ -244,8 +243,8 @@ TEST_F(ConnectionPair, ACallerWaitingForAReplyIsReleasedWhenThePeerGoesAway) {
   EXPECT_TRUE(isEqual((*reply)[0], Number::numberWithInteger(1)));
   std::optional<std::vector<ObjectPtr>> waited = std::vector<ObjectPtr>{};
   std::thread waiter([&] {
-    waited = waitForReply(*client, "askClient:marker:reply:",
-                                           {Number::numberWithInteger(1), nullptr});
+    waited =
+        waitForReply(*client, "askClient:marker:reply:", {Number::numberWithInteger(1), nullptr});
   });
   EXPECT_TRUE(eventually([&] { return responder->questions().size() == 1; }));
   service->invalidate();

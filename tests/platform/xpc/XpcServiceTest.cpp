@@ -14,8 +14,8 @@
 #include <future>
 #include <set>
 
-#include "platform/xpc/XpcMessage.h"
 #include "platform/dispatch/ReplyWaiter.h"
+#include "platform/xpc/XpcMessage.h"
 #include "platform/xpc/XpcServiceSocket.h"
 #include "tests/platform/xpc/XpcTestSupport.h"
 #include "tests/support/ChildProcess.h"

@@ -2,12 +2,13 @@
 
 #include <unistd.h>
 
-#include <fstream>
 #include <cassert>
+#include <fstream>
 #include <memory>
 #include <vector>
 
 #include "platform/dispatch/OnceCallback.h"
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/SerialQueue.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
@@ -15,7 +16,6 @@
 #include "platform/xpc/XpcListenerDelegate.h"
 #include "platform/xpc/XpcProtocol.h"
 #include "platform/xpc/XpcRemoteProxy.h"
-#include "platform/dispatch/ReplyWaiter.h"
 
 namespace qx::xpctest {
 
@@ -66,13 +66,11 @@ class TestRequestProxy final : public TestRequest, XpcRemoteProxy {
   using XpcRemoteProxy::XpcRemoteProxy;
   void echoObjects(UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string,
                    ErrorPtr error, EchoObjectsReply reply) override {
-    send(&TestRequest::echoObjects, std::move(reply), url, uuid, indexPath,
-         string, error);
+    send(&TestRequest::echoObjects, std::move(reply), url, uuid, indexPath, string, error);
   }
   void echoCollections(ArrayPtr array, DictionaryPtr dictionary, DataPtr data, NumberPtr number,
                        bool flag, EchoCollectionsReply reply) override {
-    send(&TestRequest::echoCollections, std::move(reply), array, dictionary, data,
-         number, flag);
+    send(&TestRequest::echoCollections, std::move(reply), array, dictionary, data, number, flag);
   }
   void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) override {
     send(&TestRequest::countUrls, std::move(reply), urls);
