@@ -8,19 +8,19 @@
 #include "protocol/QXFileRequestProxy.h"
 
 const qx::XpcProtocol& QXFileRequest::protocol() {
-  static const qx::XpcProtocol protocol =
-      qx::XpcProtocol::describe<QXFileRequest, QXFileRequestProxy>(
-          "QXFileRequest",
-          {
-              qx::xpcMethod("getAclEntriesWithUrl:reply:", &QXFileRequest::getAclEntriesWithUrl),
-              qx::xpcMethod("getAclAccessWithUrl:uuid:reply:", &QXFileRequest::getAclAccessWithUrl),
-              qx::xpcMethod("setAclEntries:url:reply:", &QXFileRequest::setAclEntries),
-              qx::xpcMethod("propagateAclEntries:url:reply:", &QXFileRequest::propagateAclEntries),
-              qx::xpcMethod("renameUrls:names:reply:", &QXFileRequest::renameUrls),
-              qx::xpcMethod("getSizesWithUrls:reply:", &QXFileRequest::getSizesWithUrls),
-              qx::xpcMethod("getContentsOfDirectory:indexPath:reply:",
-                            &QXFileRequest::getContentsOfDirectory),
-          });
+  static const qx::XpcProtocol protocol = qx::XpcProtocol::describe<QXFileRequest,
+                                                                    QXFileRequestProxy>(
+      "QXFileRequest",
+      {
+          qx::xpcLongMethod("getAclEntriesWithUrl:reply:", &QXFileRequest::getAclEntriesWithUrl),
+          qx::xpcLongMethod("getAclAccessWithUrl:uuid:reply:", &QXFileRequest::getAclAccessWithUrl),
+          qx::xpcLongMethod("setAclEntries:url:reply:", &QXFileRequest::setAclEntries),
+          qx::xpcLongMethod("propagateAclEntries:url:reply:", &QXFileRequest::propagateAclEntries),
+          qx::xpcMethod("renameUrls:names:reply:", &QXFileRequest::renameUrls),
+          qx::xpcMethod("getSizesWithUrls:reply:", &QXFileRequest::getSizesWithUrls),
+          qx::xpcMethod("getContentsOfDirectory:indexPath:reply:",
+                        &QXFileRequest::getContentsOfDirectory),
+      });
   return protocol;
 }
 

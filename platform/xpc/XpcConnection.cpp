@@ -241,11 +241,11 @@ bool XpcConnection::takeFrames(std::span<const uint8_t> bytes, Delivery& mine) {
 }
 
 bool XpcConnection::deliverInline(Delivery& delivery) {
-  if (delivery.queue == &deliveryQueue_) {
-    // An invocation may work for long: the other reader reads meanwhile.
+  if (delivery.worksLong) {
+    // The other reader reads while this one works.
     passReadingTurn();
     delivery.task();
-    deliveryQueue_.releaseClaim();
+    delivery.queue->releaseClaim();
     return false;
   }
   struct Turn {
@@ -262,7 +262,7 @@ bool XpcConnection::deliverInline(Delivery& delivery) {
         &turn);
     delivery.task();
   }
-  replyQueue_.releaseClaim();
+  delivery.queue->releaseClaim();
   return !turn.passed;
 }
 
@@ -329,12 +329,16 @@ bool XpcConnection::handleFrame(std::span<const uint8_t> payload, Delivery& deli
   }
   XpcMessage& message = incoming.message;
   switch (message.kind) {
-    case XpcMessage::Kind::Invocation:
+    case XpcMessage::Kind::Invocation: {
+      auto interface = exportedInterface();
+      const XpcMethod* method =
+          interface ? interface->protocol().method(message.selector) : nullptr;
       delivery = {[self, message = std::move(message)]() mutable {
                     self->deliverInvocation(std::move(message));
                   },
-                  &deliveryQueue_};
+                  &deliveryQueue_, method && method->worksLong};
       break;
+    }
     case XpcMessage::Kind::Reply:
       if (auto pending = takePending(sequence)) {
         delivery = {

@@ -48,10 +48,10 @@ inline constexpr int64_t kXpcConnectionRefusedError = 4864;
 // still read and replies still reach whoever waits for them.
 //
 // When a queue is idle, the reader that read a message may run its delivery
-// itself, which saves a thread switch: a reply, after which it reads on
-// (should the reply handler block, the other reader takes over the reading
-// first); or an invocation, for which it hands the reading to the other
-// reader before it starts. Sends may come from any thread: each message is
+// itself, which saves a thread switch, and then reads on; should the delivery
+// block, the other reader takes over the reading first. Before it runs an
+// invocation of a method that may work for long (XpcMethod::worksLong), it
+// hands the reading over at once. Sends may come from any thread: each message is
 // encoded on the sending thread and written whole under the connection's
 // send lock, so frames never interleave.
 //
@@ -147,6 +147,7 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   struct Delivery {
     Task task;
     SerialQueue* queue = nullptr;
+    bool worksLong = false;  // an invocation of a method that may work for long
   };
   // Decodes the complete frames in `bytes`: the first delivery goes to `mine`
   // when its queue could be claimed, the rest onto their queues. False for a

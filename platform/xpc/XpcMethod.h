@@ -36,6 +36,10 @@ struct XpcMethod {
   std::vector<XpcArgumentKind> arguments;
   std::vector<XpcArgumentKind> replyArguments;
   bool hasReply = false;
+  // The method may work for long where it is delivered (on the file system,
+  // say): a reader hands the reading over before it runs one itself, so the
+  // connection is read meanwhile. Quick methods run without that hand-over.
+  bool worksLong = false;
   Invoker invoke;
   // The described member function pointer, kept for `matches`.
   std::shared_ptr<const void> function;
@@ -148,6 +152,14 @@ XpcMethod xpcMethod(std::string selector, void (P::*fn)(Params...)) {
   } else {
     return xpc_detail::describeWithoutReply(std::move(selector), fn, std::index_sequence<>{});
   }
+}
+
+// The same, for a method that may work for long where it is delivered.
+template <class P, class... Params>
+XpcMethod xpcLongMethod(std::string selector, void (P::*fn)(Params...)) {
+  XpcMethod method = xpcMethod(std::move(selector), fn);
+  method.worksLong = true;
+  return method;
 }
 
 }  // namespace qx
