@@ -333,10 +333,12 @@ bool XpcConnection::handleFrame(std::span<const uint8_t> payload, Delivery& deli
       auto interface = exportedInterface();
       const XpcMethod* method =
           interface ? interface->protocol().method(message.selector) : nullptr;
-      delivery = {[self, message = std::move(message)]() mutable {
-                    self->deliverInvocation(std::move(message));
-                  },
-                  &deliveryQueue_, method && method->worksLong};
+      const bool worksLong = method && method->worksLong;
+      delivery = {
+          [self, message = std::move(message), interface = std::move(interface), method]() mutable {
+            self->deliverInvocation(std::move(message), std::move(interface), method);
+          },
+          &deliveryQueue_, worksLong};
       break;
     }
     case XpcMessage::Kind::Reply:
@@ -358,21 +360,20 @@ bool XpcConnection::handleFrame(std::span<const uint8_t> payload, Delivery& deli
   return true;
 }
 
-void XpcConnection::deliverInvocation(XpcMessage message) {
+void XpcConnection::deliverInvocation(XpcMessage message, std::shared_ptr<XpcInterface> interface,
+                                      const XpcMethod* method) {
   std::shared_ptr<void> target;
-  std::shared_ptr<XpcInterface> interface;
   {
     std::lock_guard lock(mutex_);
     if (invalidated_) return;
     target = exportedObject_;  // held until the method returns
-    interface = exportedInterface_;
   }
   uint64_t sequence = message.sequence;
   auto refuse = [&](std::string reason) {
     if (sequence > 0) sendMessage(XpcMessage::refusal(sequence, std::move(reason)));
   };
-  const XpcMethod* method = interface ? interface->protocol().method(message.selector) : nullptr;
-  if (!method || !target) return refuse("no object answers \"" + message.selector + "\"");
+  if (!interface || !method || !target)
+    return refuse("no object answers \"" + message.selector + "\"");
   if (sequence > 0 && !method->hasReply)
     return refuse("\"" + message.selector + "\" takes no reply block");
 

@@ -167,7 +167,10 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   // task for the reply queue that drops the reply handler after it; without
   // one, the reply handler is dropped now and there is no task.
   static Task noReplyTask(Pending pending, int64_t code, std::string reason);
-  void deliverInvocation(XpcMessage message);
+  // Runs an invocation of `method` (nil: none of the exported interface's
+  // protocol) on the exported object.
+  void deliverInvocation(XpcMessage message, std::shared_ptr<XpcInterface> interface,
+                         const XpcMethod* method);
   void sendMessage(const XpcMessage& message);
   bool writeFrame(std::span<const uint8_t> payload);
   std::optional<Pending> takePending(uint64_t sequence);
