@@ -20,7 +20,7 @@ using qx::UrlPtr;
 namespace {
 
 constexpr std::string_view kRenameTitle = "Error renaming files";
-// The client is asked after the 31st rename, and again every 31 renames.
+// The question comes after the 31st rename, and again every 31 renames.
 constexpr int kRenamesBeforeQuestion = 30;
 
 // What one item came to: the errno of the failing step, or its new URL and the
