@@ -14,11 +14,10 @@
 #include <future>
 
 #include "model/ModelClasses.h"
-#include "model/QXFileSizeItem.h"
 #include "platform/xpc/UniqueFd.h"
 #include "platform/xpc/XpcInterface.h"
-#include "service/QXFileRequest.h"
-#include "service/QXFileResponse.h"
+#include "protocol/QXFileRequest.h"
+#include "protocol/QXFileResponse.h"
 #include "service/QXFileService.h"
 
 extern char** environ;
@@ -62,16 +61,13 @@ BenchLink::BenchLink() : parts_(std::make_unique<Parts>()) {
   parts_->worker->setExportedObject<QXFileRequest>(parts_->service);
   parts_->worker->resume();
 
+  // The client's end, with the rules of the client library.
   parts_->client = XpcConnection::withSocket(UniqueFd(fds[1]));
-  ClassSet records{&Array::classInfo(), &Dictionary::classInfo(), &String::classInfo(),
-                   &IndexPath::classInfo(), &QXFileSizeItem::classInfo()};
   auto callbacks = XpcInterface::interfaceWithProtocol(QXFileResponse::protocol());
-  callbacks->setClasses(records, "updateFileSizes:reply:", 0, false);
-  parts_->client->setExportedInterface(callbacks);
   auto requests = XpcInterface::interfaceWithProtocol(QXFileRequest::protocol());
-  requests->setClasses(records, "getSizesWithUrls:reply:", 0, true);
-  requests->setClasses({&Array::classInfo(), &Url::classInfo()},
-                       "getContentsOfDirectory:indexPath:reply:", 0, true);
+  if (!QXFileResponse::restrictArguments(*callbacks) || !QXFileRequest::restrictReplies(*requests))
+    std::abort();
+  parts_->client->setExportedInterface(callbacks);
   parts_->client->setRemoteObjectInterface(requests);
   parts_->answers = std::make_shared<BenchClient>();
   parts_->client->setExportedObject<QXFileResponse>(parts_->answers);

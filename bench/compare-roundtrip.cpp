@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/Semaphore.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
@@ -23,7 +24,6 @@
 #include "platform/xpc/XpcMessage.h"
 #include "platform/xpc/XpcProtocol.h"
 #include "platform/xpc/XpcRemoteProxy.h"
-#include "platform/xpc/XpcReplyWaiter.h"
 
 namespace {
 
@@ -39,7 +39,7 @@ class PingProxy final : public Ping, qx::XpcRemoteProxy {
  public:
   using XpcRemoteProxy::XpcRemoteProxy;
   void ping(qx::NumberPtr value, qx::OnceCallback<void(qx::NumberPtr)> reply) override {
-    send("ping:reply:", std::move(reply), value);
+    send(&Ping::ping, std::move(reply), value);
   }
 };
 
@@ -80,7 +80,7 @@ double layerWaiting(const std::shared_ptr<Ping>& proxy, int count) {
   auto start = Clock::now();
   for (int i = 0; i < count; ++i) {
     auto answer =
-        qx::XpcReplyWaiter<qx::NumberPtr>::wait([&](qx::OnceCallback<void(qx::NumberPtr)> reply) {
+        qx::ReplyWaiter<qx::NumberPtr>::wait([&](qx::OnceCallback<void(qx::NumberPtr)> reply) {
           proxy->ping(qx::Number::numberWithInteger(i), std::move(reply));
         });
     if (!answer || !*answer) std::abort();

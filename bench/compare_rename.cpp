@@ -28,12 +28,13 @@
 #include <string>
 #include <vector>
 
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
-#include "platform/xpc/XpcReplyWaiter.h"
+#include "protocol/QXFileResponse.h"
 #include "rename/QXFileRename.h"
-#include "service/QXFileResponse.h"
+#include "service/QXClientCallbacks.h"
 
 namespace {
 
@@ -122,11 +123,11 @@ double timeQxfile(Link& link, const std::string& folder, const std::vector<std::
   auto nameArray = qx::Array::make(std::move(names));
   qx::ErrorPtr error;
   auto start = Clock::now();
-  qx::DictionaryPtr result = QXFileRename::renameUrls(urlArray, nameArray, link.worker, &error);
+  QXFileRename::Result result = QXFileRename::renameUrls(
+      urlArray, nameArray, QXClientCallbacks::renameQuestion(link.worker), &error);
   double elapsed = seconds(Clock::now() - start);
   if (error) fail("rename failed: " + error->localizedRecoverySuggestion().value_or(""));
-  auto renamed = result->objectForKeyAs<qx::Array>("urls");
-  if (!renamed || renamed->count() != from.size()) fail("the batch stopped early");
+  if (!result.urls || result.urls->count() != from.size()) fail("the batch stopped early");
   return elapsed;
 }
 
@@ -151,7 +152,7 @@ double timeQuestions(Link& link, int questions) {
   auto client = link.worker->remoteObjectProxy<QXFileResponse>();
   auto start = Clock::now();
   for (int i = 0; i < questions; ++i) {
-    auto stop = qx::XpcReplyWaiter<bool>::wait(
+    auto stop = qx::ReplyWaiter<bool>::wait(
         [&](QXFileResponse::AnswerReply reply) { client->progressWithReply(std::move(reply)); });
     if (!stop || *stop) fail("the client did not answer NO");
   }

@@ -40,6 +40,7 @@
 #include "platform/walk/TreeWalk.h"
 #include "platform/xpc/UniqueFd.h"
 #include "platform/xpc/XpcMessage.h"
+#include "service/QXClientCallbacks.h"
 #include "sizes/QXFileSizes.h"
 #include "sizes/QXSizeCalculation.h"
 
@@ -135,7 +136,7 @@ int memoryRun(const std::string& root, long entries) {
 double inProcessSeconds(const std::string& root) {
   auto urls = Array::make({Url::fileURLWithPath(root)});
   return secondsOf([&] {
-    QXSizeCalculation calculation(urls, [](const ArrayPtr&) { return true; });
+    QXSizeCalculation calculation(urls, [](const QXSizeUpdates&) { return true; });
     ErrorPtr error;
     calculation.run(&error);
   });
@@ -178,7 +179,8 @@ Traffic reportTraffic(const std::string& root) {
   ClientSets sets;
   uint64_t sequence = 0;
   auto urls = Array::make({Url::fileURLWithPath(root)});
-  QXSizeCalculation calculation(urls, [&](const ArrayPtr& batch) {
+  QXSizeCalculation calculation(urls, [&](const QXSizeUpdates& updates) {
+    ArrayPtr batch = QXClientCallbacks::wireRecords(updates);
     ++sequence;
     std::size_t reportBytes = 0, answerBytes = 0;
     bool decoded = false;

@@ -47,3 +47,32 @@ function(qx_test name)
     DISCOVERY_TIMEOUT 60
     PROPERTIES ${properties})
 endfunction()
+
+# qx_worker(NAME [DEPS targets...])
+#   A worker library: a qx_module that knows nothing of connections. Its
+#   sources include nothing from service/, protocol/ or platform/xpc/ (checked
+#   when configuring, QxWorkerIncludes.cmake), and a program linking the whole
+#   library with its own DEPS alone must resolve every symbol (checked when
+#   building), so a worker that reaches for the connection layer or the
+#   protocols fails the build.
+include(${CMAKE_CURRENT_LIST_DIR}/QxWorkerIncludes.cmake)
+
+# The link half of the rule, for any library: NAME_linkcheck links it whole.
+function(qx_worker_linkcheck name)
+  add_executable(${name}_linkcheck ${ARGN} ${PROJECT_SOURCE_DIR}/cmake/LinkCheck.cpp)
+  target_link_libraries(${name}_linkcheck PRIVATE "$<LINK_LIBRARY:WHOLE_ARCHIVE,${name}>")
+endfunction()
+
+function(qx_worker name)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  foreach(dep IN LISTS ARG_DEPS)
+    if(dep MATCHES "^qx_(xpc|protocol|service)$")
+      message(FATAL_ERROR "${name}: a worker does not link ${dep}")
+    endif()
+  endforeach()
+  qx_module(${name} DEPS ${ARG_DEPS})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp
+       ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
+  qx_check_worker_includes(${name} ${sources})
+  qx_worker_linkcheck(${name})
+endfunction()

@@ -19,8 +19,8 @@
 // - replies: a pending invocation is chosen by `replyTo` modulo 10: 0 is
 //   nothing pending, 1 to 7 are the request methods with the client's answer
 //   sets, 8 and 9 the response methods with the service's default sets.
-// The rules are copied from QXFileService::restrictIncomingClasses and the
-// client library's requestInterface/responseInterface; keep them in step.
+// The rules are the protocols' own (QXFileRequest::restrictArguments and
+// restrictReplies, QXFileResponse::restrictArguments).
 class FuzzArgumentSets final : public qx::XpcArgumentSets {
  public:
   FuzzArgumentSets();

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "platform/xacl/xacl.h"
+
 // The permission table and the "Applies to" table from which every permission
 // tree is built and read back. Both are constant data in two levels, walked
 // until a row whose name is null.
@@ -12,27 +14,28 @@ inline constexpr uint32_t kQXAclKindFolder = 1;
 inline constexpr uint32_t kQXAclKindFile = 2;
 inline constexpr uint32_t kQXAclKindBoth = 3;
 
-// Permission values of the table rows (the extended ACL's permission bits).
-inline constexpr uint32_t kQXAclReadData = 0x2;   // also "List Folder Contents"
-inline constexpr uint32_t kQXAclWriteData = 0x4;  // also "Create Files"
-inline constexpr uint32_t kQXAclExecute = 0x8;    // also "Traverse Folder"
-inline constexpr uint32_t kQXAclDelete = 0x10;
-inline constexpr uint32_t kQXAclAppendData = 0x20;  // also "Create Folder"
-inline constexpr uint32_t kQXAclDeleteChild = 0x40;
-inline constexpr uint32_t kQXAclReadAttributes = 0x80;
-inline constexpr uint32_t kQXAclWriteAttributes = 0x100;
-inline constexpr uint32_t kQXAclReadExtAttributes = 0x200;
-inline constexpr uint32_t kQXAclWriteExtAttributes = 0x400;
-inline constexpr uint32_t kQXAclReadSecurity = 0x800;
-inline constexpr uint32_t kQXAclWriteSecurity = 0x1000;
-inline constexpr uint32_t kQXAclChangeOwner = 0x2000;
+// Permission values of the table rows: the extended ACL's permission bits,
+// under the names the tables and their readers use.
+inline constexpr uint32_t kQXAclReadData = qx::xacl::ACL_READ_DATA;  // also "List Folder Contents"
+inline constexpr uint32_t kQXAclWriteData = qx::xacl::ACL_WRITE_DATA;  // also "Create Files"
+inline constexpr uint32_t kQXAclExecute = qx::xacl::ACL_EXECUTE;       // also "Traverse Folder"
+inline constexpr uint32_t kQXAclDelete = qx::xacl::ACL_DELETE;
+inline constexpr uint32_t kQXAclAppendData = qx::xacl::ACL_APPEND_DATA;  // also "Create Folder"
+inline constexpr uint32_t kQXAclDeleteChild = qx::xacl::ACL_DELETE_CHILD;
+inline constexpr uint32_t kQXAclReadAttributes = qx::xacl::ACL_READ_ATTRIBUTES;
+inline constexpr uint32_t kQXAclWriteAttributes = qx::xacl::ACL_WRITE_ATTRIBUTES;
+inline constexpr uint32_t kQXAclReadExtAttributes = qx::xacl::ACL_READ_EXTATTRIBUTES;
+inline constexpr uint32_t kQXAclWriteExtAttributes = qx::xacl::ACL_WRITE_EXTATTRIBUTES;
+inline constexpr uint32_t kQXAclReadSecurity = qx::xacl::ACL_READ_SECURITY;
+inline constexpr uint32_t kQXAclWriteSecurity = qx::xacl::ACL_WRITE_SECURITY;
+inline constexpr uint32_t kQXAclChangeOwner = qx::xacl::ACL_CHANGE_OWNER;
 
 // Entry flags of the "Applies to" rows and the inherited mark.
-inline constexpr uint32_t kQXAclEntryInherited = 0x10;
-inline constexpr uint32_t kQXAclEntryFileInherit = 0x20;
-inline constexpr uint32_t kQXAclEntryDirectoryInherit = 0x40;
-inline constexpr uint32_t kQXAclEntryLimitInherit = 0x80;
-inline constexpr uint32_t kQXAclEntryOnlyInherit = 0x100;
+inline constexpr uint32_t kQXAclEntryInherited = qx::xacl::ACL_ENTRY_INHERITED;
+inline constexpr uint32_t kQXAclEntryFileInherit = qx::xacl::ACL_ENTRY_FILE_INHERIT;
+inline constexpr uint32_t kQXAclEntryDirectoryInherit = qx::xacl::ACL_ENTRY_DIRECTORY_INHERIT;
+inline constexpr uint32_t kQXAclEntryLimitInherit = qx::xacl::ACL_ENTRY_LIMIT_INHERIT;
+inline constexpr uint32_t kQXAclEntryOnlyInherit = qx::xacl::ACL_ENTRY_ONLY_INHERIT;
 
 // The `permission` of a group node and of the "Applies to" node.
 inline constexpr int32_t kQXGroupNodePermission = 2;

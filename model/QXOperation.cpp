@@ -80,3 +80,13 @@ qx::ErrorPtr QXOperation::errorWithError(const qx::ErrorPtr& error,
   DomainAndCode mapped = mappedDomainAndCode(*error);
   return qx::Error::errorWithDomain(mapped.domain, mapped.code, userInfo->copy());
 }
+
+std::string QXOperation::stepDescription(std::string_view format, std::string_view path) {
+  std::string text(format);
+  std::size_t at = text.find('%');
+  while (at != std::string::npos && at + 1 < text.size() && text[at + 1] != 's' &&
+         text[at + 1] != '@')
+    at = text.find('%', at + 1);
+  if (at != std::string::npos && at + 1 < text.size()) text.replace(at, 2, path);
+  return text;
+}

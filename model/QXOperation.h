@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "platform/foundation/Error.h"
 
@@ -20,4 +21,8 @@ class QXOperation {
   // suggestion become the recovery suggestion, every other inner key is kept,
   // and permission failures are mapped to POSIX 13.
   static qx::ErrorPtr errorWithError(const qx::ErrorPtr& error, const std::string& description);
+
+  // A step's sentence: `format` with its first "%s" or "%@" replaced by
+  // `path` (unchanged when it has neither).
+  static std::string stepDescription(std::string_view format, std::string_view path);
 };

@@ -4,7 +4,6 @@
 #include <stdio.h>
 
 #include <cerrno>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,20 +11,16 @@
 #include "platform/foundation/MutableArray.h"
 #include "platform/foundation/String.h"
 #include "platform/foundation/Url.h"
-#include "platform/xpc/XpcReplyWaiter.h"
-#include "service/QXFileResponse.h"
 
 using qx::ArrayPtr;
-using qx::DictionaryPtr;
 using qx::ErrorPtr;
 using qx::StringPtr;
 using qx::UrlPtr;
-using qx::XpcConnection;
 
 namespace {
 
 constexpr std::string_view kRenameTitle = "Error renaming files";
-// The client is asked after the 31st rename, and again every 31 renames.
+// The question comes after the 31st rename, and again every 31 renames.
 constexpr int kRenamesBeforeQuestion = 30;
 
 // What one item came to: the errno of the failing step, or its new URL and the
@@ -103,26 +98,14 @@ ErrorPtr renameError(int errnum, const UrlPtr& url) {
   const std::string path = url ? url->fileSystemRepresentation() : std::string();
   const char* bytes = path.c_str();
   ErrorPtr step = QXOperation::errorWithErrno(
-      errnum, "Couldn't rename file at path \"" + std::string(bytes) + "\".", bytes);
+      errnum, QXOperation::stepDescription("Couldn't rename file at path \"%s\".", bytes), bytes);
   return QXOperation::errorWithError(step, std::string(kRenameTitle));
-}
-
-// Asks the client whether to stop and waits for the answer; YES stops. A
-// question that gets no answer (no connection, or one invalidated before the
-// client replied) stops as well: nobody is left to say go on.
-bool clientAsksToStop(const std::shared_ptr<XpcConnection>& connection) {
-  auto client = connection ? connection->remoteObjectProxy<QXFileResponse>() : nullptr;
-  if (!client) return true;
-  std::optional<bool> stop = qx::XpcReplyWaiter<bool>::wait(
-      [&](QXFileResponse::AnswerReply reply) { client->progressWithReply(std::move(reply)); });
-  return stop.value_or(true);
 }
 
 }  // namespace
 
-DictionaryPtr QXFileRename::renameUrls(const ArrayPtr& urls, const ArrayPtr& names,
-                                       const std::shared_ptr<XpcConnection>& connection,
-                                       ErrorPtr* error) {
+QXFileRename::Result QXFileRename::renameUrls(const ArrayPtr& urls, const ArrayPtr& names,
+                                              const ShouldStop& shouldStop, ErrorPtr* error) {
   const std::size_t count = urls ? urls->count() : 0;
   auto renamedUrls = qx::MutableArray::make(count);
   auto previousNames = qx::MutableArray::make(count);
@@ -144,9 +127,9 @@ DictionaryPtr QXFileRename::renameUrls(const ArrayPtr& urls, const ArrayPtr& nam
       continue;
     }
     renamesSinceQuestion = 0;
-    if (clientAsksToStop(connection)) break;
+    if (!shouldStop || shouldStop()) break;
   }
 
   if (error) *error = failure;
-  return qx::Dictionary::withStringKeys({{"urls", renamedUrls}, {"names", previousNames}});
+  return {std::move(renamedUrls), std::move(previousNames)};
 }

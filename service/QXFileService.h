@@ -2,9 +2,10 @@
 
 #include <memory>
 
+#include "platform/dispatch/SequenceChecker.h"
 #include "platform/dispatch/SerialQueue.h"
 #include "platform/xpc/XpcConnection.h"
-#include "service/QXFileRequest.h"
+#include "protocol/QXFileRequest.h"
 
 // The exported object of one client connection: carries out the requests of
 // QXFileRequest by calling one worker class method each and handing the
@@ -12,7 +13,9 @@
 //
 // Where each request runs:
 // - the four ACL requests synchronously on the connection's delivery queue,
-//   so no other request of the connection starts while one works;
+//   so no other request of the connection starts while one works (the
+//   connection reads on meanwhile: answers to this service's own callbacks
+//   and the connection's end reach the workers waiting for them);
 // - rename and size requests on this object's serial operation queue, one at
 //   a time in arrival order (the queue is made by the first of them);
 // - listings on the global concurrent queue, beside anything else.
@@ -42,7 +45,8 @@ class QXFileService final : public QXFileRequest,
     connection_ = std::move(connection);
   }
   // The operation queue, made on first use. Called only from the connection's
-  // delivery queue, which is serial, so making it needs no lock.
+  // delivery queue, which is serial, so making it needs no lock (checked in
+  // debug builds).
   qx::SerialQueue& queue();
 
   void getAclEntriesWithUrl(qx::UrlPtr url, ArrayReply reply) override;
@@ -55,7 +59,8 @@ class QXFileService final : public QXFileRequest,
                               ArrayReply reply) override;
 
  private:
-  void restrictIncomingClasses();
+  // Every request starts on the connection's delivery queue.
+  qx::SequenceChecker delivery_;
 
   // Declared first so that it is released last, after the queue.
   std::shared_ptr<qx::XpcConnection> connection_;

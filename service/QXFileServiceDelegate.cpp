@@ -2,7 +2,7 @@
 
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
-#include "service/QXFileResponse.h"
+#include "protocol/QXFileResponse.h"
 #include "service/QXFileService.h"
 
 bool QXFileServiceDelegate::shouldAcceptNewConnection(

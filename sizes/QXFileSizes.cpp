@@ -9,9 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "sizes/QXFolderListing.h"
 #include "sizes/QXSizeCalculation.h"
-#include "sizes/QXSizeReport.h"
 
 namespace {
 
@@ -36,12 +34,10 @@ bool meansNoFork(int number) {
 
 }  // namespace
 
-qx::ArrayPtr QXFileSizes::getSizesWithUrls(const qx::ArrayPtr& urls,
-                                           const std::shared_ptr<qx::XpcConnection>& connection,
-                                           qx::ErrorPtr* error) {
-  QXSizeCalculation calculation(urls, [&connection](const qx::ArrayPtr& batch) {
-    return QXSizeReport::send(connection, batch);
-  });
+std::optional<QXSizeUpdates> QXFileSizes::getSizesWithUrls(const qx::ArrayPtr& urls,
+                                                           const Report& report,
+                                                           qx::ErrorPtr* error) {
+  QXSizeCalculation calculation(urls, report);
   return calculation.run(error);
 }
 
@@ -58,11 +54,4 @@ std::shared_ptr<QXFileSizeItem> QXFileSizes::itemWithNode(const qx::WalkEntry* e
 
 int QXFileSizes::compare(const qx::WalkEntry* a, const qx::WalkEntry* b) {
   return std::strcmp(a->name(), b->name());
-}
-
-qx::ArrayPtr QXFileSizes::getContentsOfDirectory(const qx::UrlPtr& url,
-                                                 const qx::IndexPathPtr& indexPath,
-                                                 qx::ErrorPtr* error) {
-  QXFolderListing listing(url, indexPath);
-  return listing.run(error);
 }

@@ -1,31 +1,31 @@
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <optional>
 
 #include "model/QXFileSizeItem.h"
 #include "platform/foundation/Array.h"
 #include "platform/foundation/Error.h"
-#include "platform/foundation/IndexPath.h"
 #include "platform/foundation/Url.h"
 #include "platform/walk/WalkEntry.h"
+#include "sizes/QXSizeUpdate.h"
 
-namespace qx {
-class XpcConnection;
-}
-
-// Sizes and listings: totals the sizes of files and folders with running
-// reports to the client, and lists folder contents level by level.
+// Totals the sizes of files and folders, reporting running totals while it
+// walks.
 class QXFileSizes {
  public:
   QXFileSizes() = delete;
 
-  // Totals the sizes of `urls` and of everything below them, reporting every
-  // 100 items to the client of `connection` with updateFileSizes:reply:, and
-  // returns the last batch of update records ("QXIndexPath",
-  // "QXFileSizeItem"). Nil on a failure other than a permission error.
-  static qx::ArrayPtr getSizesWithUrls(const qx::ArrayPtr& urls,
-                                       const std::shared_ptr<qx::XpcConnection>& connection,
-                                       qx::ErrorPtr* error);
+  // Hands over the updates gathered since the last report and answers
+  // whether to go on (true) or stop (false).
+  using Report = std::function<bool(const QXSizeUpdates& batch)>;
+
+  // Totals the sizes of `urls` and of everything below them, calling `report`
+  // every 100 items, and returns the last batch of updates. nullopt on a
+  // failure other than a permission error.
+  static std::optional<QXSizeUpdates> getSizesWithUrls(const qx::ArrayPtr& urls,
+                                                       const Report& report, qx::ErrorPtr* error);
 
   // The size of one walk entry: its logical size, plus the length of its
   // resource fork when its allocation exceeds its data by 4096 bytes or more.
@@ -34,10 +34,4 @@ class QXFileSizes {
 
   // The sibling order of the walk: strcmp of the names.
   static int compare(const qx::WalkEntry* a, const qx::WalkEntry* b);
-
-  // The contents of `url` as file reference URLs sorted by path, then of the
-  // entry at each position of `indexPath` in turn: one level per index.
-  static qx::ArrayPtr getContentsOfDirectory(const qx::UrlPtr& url,
-                                             const qx::IndexPathPtr& indexPath,
-                                             qx::ErrorPtr* error);
 };

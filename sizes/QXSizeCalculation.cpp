@@ -18,27 +18,14 @@ bool isPermissionError(int64_t code) {
 }
 
 std::string withPath(const char* format, const char* path) {
-  std::string text = format;
-  auto at = text.find("%s");
-  if (at != std::string::npos) text.replace(at, 2, path);
-  return text;
-}
-
-// The two keys of every update record, shared so that an archive writes each once.
-const qx::ObjectPtr& indexPathKey() {
-  static const qx::ObjectPtr key = qx::str("QXIndexPath");
-  return key;
-}
-
-const qx::ObjectPtr& itemKey() {
-  static const qx::ObjectPtr key = qx::str("QXFileSizeItem");
-  return key;
+  return QXOperation::stepDescription(format, path);
 }
 
 }  // namespace
 
-QXSizeCalculation::QXSizeCalculation(const qx::ArrayPtr& urls, Report report)
-    : report_(std::move(report)), batch_(qx::MutableArray::make(kItemsPerReport + 16)) {
+QXSizeCalculation::QXSizeCalculation(const qx::ArrayPtr& urls, QXFileSizes::Report report)
+    : report_(std::move(report)) {
+  batch_.reserve(kItemsPerReport + 16);
   if (!urls) return;
   paths_.reserve(urls->count());
   for (const qx::ObjectPtr& object : *urls) {
@@ -47,7 +34,7 @@ QXSizeCalculation::QXSizeCalculation(const qx::ArrayPtr& urls, Report report)
   }
 }
 
-qx::ArrayPtr QXSizeCalculation::run(qx::ErrorPtr* error) {
+std::optional<QXSizeUpdates> QXSizeCalculation::run(qx::ErrorPtr* error) {
   // errno is read after the walk; what the queue's thread left there before
   // this call must not count.
   errno = 0;
@@ -60,7 +47,7 @@ qx::ArrayPtr QXSizeCalculation::run(qx::ErrorPtr* error) {
     }
     finish();
   }
-  qx::ArrayPtr sizes = result();
+  std::optional<QXSizeUpdates> sizes = result();
   if (error) *error = recorded_;
   return sizes;
 }
@@ -166,7 +153,7 @@ bool QXSizeCalculation::reportAndGoOn() {
   bool goOn = report_ && report_(batch_);
   errno = saved;
   if (!goOn) return false;
-  batch_ = qx::MutableArray::make(kItemsPerReport + stack_.size() + 16);
+  batch_.clear();
   for (const Placed& open : stack_) appendRecord(open);
   counter_ = 0;
   return true;
@@ -186,10 +173,7 @@ QXSizeCalculation::Placed QXSizeCalculation::place(std::shared_ptr<QXFileSizeIte
 
 void QXSizeCalculation::appendRecord(qx::IndexPathPtr indexPath,
                                      std::shared_ptr<QXFileSizeItem> item) {
-  qx::DictionaryEntries pairs;
-  pairs.push_back({indexPathKey(), std::move(indexPath)});
-  pairs.push_back({itemKey(), std::move(item)});
-  batch_->addObject(qx::Dictionary::make(std::move(pairs)));
+  batch_.push_back({std::move(indexPath), std::move(item)});
 }
 
 void QXSizeCalculation::finish() {
@@ -211,16 +195,16 @@ void QXSizeCalculation::finish() {
   }
 }
 
-qx::ArrayPtr QXSizeCalculation::result() {
+std::optional<QXSizeUpdates> QXSizeCalculation::result() {
   if (!walk_) {
     // The walk never started: no result, and the error wrapped unless it is a
     // permission error.
     if (recorded_ && !isPermissionError(recorded_->code())) {
       recorded_ = QXOperation::errorWithError(recorded_, "Error calculating file sizes");
     }
-    return nullptr;
+    return std::nullopt;
   }
-  if (!recorded_ || isPermissionError(recorded_->code())) return batch_->copy();
+  if (!recorded_ || isPermissionError(recorded_->code())) return std::move(batch_);
   recorded_ = QXOperation::errorWithError(recorded_, "Error calculating file sizes");
-  return nullptr;
+  return std::nullopt;
 }

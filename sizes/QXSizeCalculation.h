@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,23 +14,20 @@
 #include "platform/foundation/MutableArray.h"
 #include "platform/foundation/TreeNode.h"
 #include "platform/walk/TreeWalk.h"
+#include "sizes/QXFileSizes.h"
 
 // One size calculation: walks the hierarchies below the given items, builds
 // the size tree, reports the totals gathered every 100 items and returns the
 // last batch. Used once, by QXFileSizes.
 class QXSizeCalculation {
  public:
-  // Sends a batch to the client and waits for its answer: true to go on,
-  // false to stop (a connection that can no longer answer counts as stop).
-  using Report = std::function<bool(const qx::ArrayPtr& batch)>;
-
   static constexpr int kItemsPerReport = 100;
 
-  QXSizeCalculation(const qx::ArrayPtr& urls, Report report);
+  QXSizeCalculation(const qx::ArrayPtr& urls, QXFileSizes::Report report);
 
-  // The last batch of update records, or nil; `error` as the calculation
+  // The last batch of updates, or nullopt; `error` as the calculation
   // defines it.
-  qx::ArrayPtr run(qx::ErrorPtr* error);
+  std::optional<QXSizeUpdates> run(qx::ErrorPtr* error);
 
  private:
   enum class Next { Read, Check, Leave };
@@ -54,13 +52,13 @@ class QXSizeCalculation {
   void appendRecord(qx::IndexPathPtr indexPath, std::shared_ptr<QXFileSizeItem> item);
   void appendRecord(const Placed& placed) { appendRecord(placed.indexPath, placed.item); }
   void finish();
-  qx::ArrayPtr result();
+  std::optional<QXSizeUpdates> result();
 
   std::vector<std::string> paths_;
-  Report report_;
+  QXFileSizes::Report report_;
   std::unique_ptr<qx::TreeWalk> walk_;
   std::vector<Placed> stack_;  // the open folders, outermost first
-  qx::MutableArrayPtr batch_;
+  QXSizeUpdates batch_;
   int counter_ = 0;
   qx::ErrorPtr recorded_;
 };

@@ -3,6 +3,7 @@
 #include "model/QXFileSizeItem.h"
 #include "platform/foundation/Dictionary.h"
 #include "platform/foundation/IndexPath.h"
+#include "protocol/QXFileResponse.h"
 
 namespace qxcli {
 
@@ -12,8 +13,10 @@ bool SizeTotals::add(const qx::ArrayPtr& batch) {
   std::lock_guard lock(mutex_);
   for (const auto& object : *batch) {
     auto record = qx::cast<qx::Dictionary>(object);
-    auto indexPath = record ? record->objectForKeyAs<qx::IndexPath>("QXIndexPath") : nullptr;
-    auto item = record ? record->objectForKeyAs<QXFileSizeItem>("QXFileSizeItem") : nullptr;
+    auto indexPath =
+        record ? record->objectForKeyAs<qx::IndexPath>(QXFileResponse::kIndexPathKey) : nullptr;
+    auto item =
+        record ? record->objectForKeyAs<QXFileSizeItem>(QXFileResponse::kFileSizeItemKey) : nullptr;
     if (!indexPath || !item) {
       wellFormed = false;
       continue;

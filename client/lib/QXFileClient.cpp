@@ -6,19 +6,17 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <tuple>
+#include <type_traits>
 
 #include "client/lib/QXFileClientResponder.h"
-#include "client/lib/QXReplyOnce.h"
 #include "model/ModelClasses.h"
-#include "model/QXAclEntry.h"
-#include "model/QXAclPermission.h"
-#include "model/QXFileSizeItem.h"
-#include "model/QXTreeNode.h"
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
-#include "service/QXFileRequest.h"
-#include "service/QXFileResponse.h"
+#include "protocol/QXFileRequest.h"
+#include "protocol/QXFileResponse.h"
 
 struct QXFileClient::State {
   mutable std::mutex mutex;
@@ -34,31 +32,16 @@ struct QXFileClient::State {
 
 namespace {
 
-// What the client accepts in the service's answers and size reports: the
-// property-list classes, the URLs of renames and listings, and the records.
-qx::ClassSet answerClasses() {
-  return {&qx::Array::classInfo(),     &qx::Dictionary::classInfo(), &qx::String::classInfo(),
-          &qx::Number::classInfo(),    &qx::Data::classInfo(),       &qx::Url::classInfo(),
-          &qx::IndexPath::classInfo(), &QXAclEntry::classInfo(),     &QXAclPermission::classInfo(),
-          &QXTreeNode::classInfo(),    &QXFileSizeItem::classInfo()};
-}
-
+// The interfaces with the client's class rules; nil when a rule names a
+// method the protocol lacks.
 std::shared_ptr<qx::XpcInterface> requestInterface() {
   auto interface = qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol());
-  const qx::ClassSet answers = answerClasses();
-  interface->setClasses(answers, "getAclEntriesWithUrl:reply:", 0, true);
-  interface->setClasses(answers, "getAclAccessWithUrl:uuid:reply:", 0, true);
-  interface->setClasses(answers, "renameUrls:names:reply:", 0, true);
-  interface->setClasses(answers, "renameUrls:names:reply:", 1, true);
-  interface->setClasses(answers, "getSizesWithUrls:reply:", 0, true);
-  interface->setClasses(answers, "getContentsOfDirectory:indexPath:reply:", 0, true);
-  return interface;
+  return QXFileRequest::restrictReplies(*interface) ? interface : nullptr;
 }
 
 std::shared_ptr<qx::XpcInterface> responseInterface() {
   auto interface = qx::XpcInterface::interfaceWithProtocol(QXFileResponse::protocol());
-  interface->setClasses(answerClasses(), "updateFileSizes:reply:", 0, false);
-  return interface;
+  return QXFileResponse::restrictArguments(*interface) ? interface : nullptr;
 }
 
 qx::ErrorPtr notConnectedError() {
@@ -66,6 +49,21 @@ qx::ErrorPtr notConnectedError() {
       qx::kCocoaErrorDomain, qx::kXpcConnectionInvalidError,
       qx::Dictionary::withStringKeys(
           {{qx::kLocalizedDescriptionKey, qx::str("Not connected to the qxfile service.")}}));
+}
+
+qx::ErrorPtr noAnswerError() {
+  return qx::Error::errorWithDomain(
+      qx::kCocoaErrorDomain, qx::kXpcConnectionInvalidError,
+      qx::Dictionary::withStringKeys(
+          {{qx::kLocalizedDescriptionKey, qx::str("The service did not answer.")}}));
+}
+
+qx::ErrorPtr brokenRulesError() {
+  return qx::Error::errorWithDomain(
+      qx::kCocoaErrorDomain, qx::kXpcConnectionInvalidError,
+      qx::Dictionary::withStringKeys(
+          {{qx::kLocalizedDescriptionKey,
+            qx::str("A class rule of the client names a method the protocol lacks.")}}));
 }
 
 // The folder this library was loaded from, or empty when it cannot be told.
@@ -137,10 +135,16 @@ bool QXFileClient::connect(qx::ErrorPtr* error) {
     if (error) *error = nullptr;
     return true;
   }
+  auto requests = requestInterface();
+  auto responses = responseInterface();
+  if (!requests || !responses) {
+    if (error) *error = brokenRulesError();
+    return false;
+  }
   auto connection = qx::XpcConnection::connectToService(servicePath(), error);
   if (!connection) return false;
-  connection->setRemoteObjectInterface(requestInterface());
-  connection->setExportedInterface(responseInterface());
+  connection->setRemoteObjectInterface(std::move(requests));
+  connection->setExportedInterface(std::move(responses));
   connection->setExportedObject<QXFileResponse>(state_->responder);
   connection->setInvalidationHandler([weak = std::weak_ptr<State>(state_)] {
     auto state = weak.lock();
@@ -174,26 +178,35 @@ void QXFileClient::invalidate() {
 
 bool QXFileClient::isReplyThread() const {
   std::lock_guard lock(state_->mutex);
-  return state_->connection && state_->connection->isDeliveryQueueCurrent();
+  return state_->connection && state_->connection->isReplyQueueCurrent();
 }
 
 namespace {
 
-// Sends one request through a fresh proxy whose error handler answers the
-// request's reply when the invocation is refused or the connection ends.
+// Sends one request through a fresh proxy. The reply is called exactly once:
+// with the service's answer, or, when none comes, with nil values and the
+// error the proxy's error handler saw (a refusal, the connection lost), which
+// runs before the unanswered reply block is dropped.
 template <class... Values, class Send>
 void sendRequest(const std::shared_ptr<qx::XpcConnection>& connection,
-                 typename QXReplyOnce<Values...>::Reply reply, Send send) {
-  auto once = std::make_shared<QXReplyOnce<Values...>>(std::move(reply));
+                 std::type_identity_t<qx::OnceCallback<void(Values..., qx::ErrorPtr)>> reply,
+                 Send send) {
   if (!connection) {
-    once->fail(notConnectedError());
+    reply(Values{}..., notConnectedError());
     return;
   }
+  auto why = std::make_shared<qx::ErrorPtr>();
+  auto answer = qx::ReplyWaiter<Values..., qx::ErrorPtr>::observe(
+      [reply = std::move(reply), why](auto values) mutable {
+        if (values) {
+          std::apply(reply, std::move(*values));
+        } else {
+          reply(Values{}..., *why ? *why : noAnswerError());
+        }
+      });
   auto proxy = connection->remoteObjectProxyWithErrorHandler<QXFileRequest>(
-      [once](qx::ErrorPtr error) { once->fail(std::move(error)); });
-  send(*proxy, [once](Values... values, qx::ErrorPtr error) {
-    once->answer(std::move(values)..., std::move(error));
-  });
+      [why](qx::ErrorPtr error) { *why = std::move(error); });
+  send(*proxy, std::move(answer));
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 #include <mutex>
 
 #include "platform/dispatch/SerialQueue.h"
+#include "protocol/QXFileResponse.h"
 #include "qxfile/QXFileClient.h"
-#include "service/QXFileResponse.h"
 
 // The client's exported object: answers the service's callbacks with the
 // application's handlers. Each callback is handed to a serial queue of its

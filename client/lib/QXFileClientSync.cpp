@@ -5,12 +5,13 @@
 #include <tuple>
 
 #include "model/QXOperation.h"
-#include "platform/dispatch/Semaphore.h"
+#include "platform/dispatch/ReplyWaiter.h"
 
 namespace {
 
-// Sends a request with `send` and blocks until its reply has run; the reply
-// runs exactly once whatever happens to the request, so the wait ends.
+// Sends a request with `send` and blocks until its reply has run. The client
+// calls every reply once, so "no answer" cannot come back here; it would read
+// as the service not answering.
 template <class... Values, class Send>
 std::tuple<Values..., qx::ErrorPtr> waitForReply(QXFileClient& client, Send send) {
   if (client.isReplyThread()) {
@@ -20,17 +21,15 @@ std::tuple<Values..., qx::ErrorPtr> waitForReply(QXFileClient& client, Send send
                                         "receives it.",
                                         nullptr)};
   }
-  struct Waiter {
-    qx::Semaphore done;
-    std::tuple<Values..., qx::ErrorPtr> answer;
-  };
-  auto waiter = std::make_shared<Waiter>();
-  send([waiter](Values... values, qx::ErrorPtr error) {
-    waiter->answer = {std::move(values)..., std::move(error)};
-    waiter->done.signal();
-  });
-  waiter->done.wait();
-  return std::move(waiter->answer);
+  auto answer = qx::ReplyWaiter<Values..., qx::ErrorPtr>::wait(send);
+  if (!answer)
+    return {Values{}...,
+            QXOperation::errorWithErrno(ENOTCONN, "The service did not answer.", nullptr)};
+  if constexpr (sizeof...(Values) == 0) {
+    return {std::move(*answer)};
+  } else {
+    return std::move(*answer);
+  }
 }
 
 template <class T>

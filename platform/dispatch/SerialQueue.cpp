@@ -6,8 +6,15 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace qx {
+namespace {
+
+// The queue whose task this thread runs, for currentToken().
+thread_local const void* tCurrentQueue = nullptr;
+
+}  // namespace
 
 struct SerialQueue::State {
   std::mutex mutex;
@@ -31,7 +38,9 @@ struct SerialQueue::State {
       self->busy = true;
       self->runningOn = std::this_thread::get_id();
       lock.unlock();
+      tCurrentQueue = self.get();
       task();
+      tCurrentQueue = nullptr;
       lock.lock();
       self->busy = false;
       self->runningOn = std::thread::id();
@@ -86,16 +95,22 @@ bool SerialQueue::tryClaim() {
   if (state_->busy || !state_->tasks.empty()) return false;
   state_->busy = true;
   state_->runningOn = std::this_thread::get_id();
+  claimedFrom_ = std::exchange(tCurrentQueue, state_.get());
   return true;
 }
 
 void SerialQueue::releaseClaim() {
+  tCurrentQueue = claimedFrom_;
   {
     std::lock_guard lock(state_->mutex);
     state_->busy = false;
     state_->runningOn = std::thread::id();
   }
   state_->wake.notify_one();
+}
+
+const void* SerialQueue::currentToken() {
+  return tCurrentQueue;
 }
 
 }  // namespace qx

@@ -40,11 +40,17 @@ class SerialQueue {
   bool tryClaim();
   void releaseClaim();
 
+  // Identifies the serial queue whose task the calling thread runs (on the
+  // queue's thread or a claiming one); nullptr outside any.
+  static const void* currentToken();
+
  private:
   struct State;
 
   std::string label_;
   std::shared_ptr<State> state_;
+  // What the claiming thread ran before its claim (set and read by it alone).
+  const void* claimedFrom_ = nullptr;
 };
 
 // Names the calling thread (truncated to the 15 characters Linux allows).

@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "platform/dispatch/BeforeBlocking.h"
-#include "platform/dispatch/Semaphore.h"
 #include "platform/foundation/Dictionary.h"
 #include "platform/foundation/String.h"
 #include "platform/xpc/XpcFrame.h"
@@ -75,7 +74,8 @@ std::shared_ptr<XpcConnection> XpcConnection::connectToService(const std::string
 XpcConnection::XpcConnection(UniqueFd socket)
     : socket_(std::move(socket)),
       peer_(readPeerCredentials(socket_.get())),
-      deliveryQueue_("qx.xpc.delivery") {}
+      deliveryQueue_("qx.xpc.delivery"),
+      replyQueue_("qx.xpc.replies") {}
 
 XpcConnection::~XpcConnection() {
   // A resumed connection is held by its reader until it is invalidated, so
@@ -95,10 +95,9 @@ XpcConnection::~XpcConnection() {
   if (wasValid) {
     if (socket_) ::shutdown(socket_.get(), SHUT_RDWR);
     for (auto& entry : dropped) {
-      entry.second.reply = nullptr;
-      if (entry.second.onError)
-        entry.second.onError(
-            connectionError(kXpcConnectionInvalidError, "The connection was invalidated."));
+      if (Task task = noReplyTask(std::move(entry.second), kXpcConnectionInvalidError,
+                                  "The connection was invalidated."))
+        task();
     }
     if (handler) handler();
   }
@@ -174,16 +173,16 @@ void XpcConnection::invalidate() {
     dropped.swap(pending_);
   }
   ::shutdown(socket_.get(), SHUT_RDWR);  // the peer sees the end; our reader wakes up
-  std::vector<XpcErrorHandler> errorHandlers;
+  // Calls without an error handler release whoever waits on them, now.
+  std::vector<Task> errorTasks;
   for (auto& entry : dropped) {
-    entry.second.reply = nullptr;  // releases whoever waits on it, now
-    if (entry.second.onError) errorHandlers.push_back(std::move(entry.second.onError));
+    if (Task task = noReplyTask(std::move(entry.second), kXpcConnectionInvalidError,
+                                "The connection was invalidated."))
+      errorTasks.push_back(std::move(task));
   }
   if (!self) return;
-  deliveryQueue_.async([self, errorHandlers = std::move(errorHandlers)]() mutable {
-    for (XpcErrorHandler& handler : errorHandlers) {
-      handler(connectionError(kXpcConnectionInvalidError, "The connection was invalidated."));
-    }
+  for (Task& task : errorTasks) replyQueue_.async(std::move(task));
+  deliveryQueue_.async([self] {
     std::shared_ptr<void> exported;
     std::function<void()> handler;
     {
@@ -212,36 +211,43 @@ void XpcConnection::readLoop(std::shared_ptr<XpcConnection> self) {
     while (holdingTurn) {
       ssize_t received = ::read(self->socket_.get(), buffer.data(), buffer.size());
       if (received < 0 && errno == EINTR) continue;
-      Task mine;
+      Delivery mine;
       bool healthy = received > 0 && self->takeFrames({buffer.data(), std::size_t(received)}, mine);
       if (!healthy) {
         self->endReading();
-        if (mine) self->deliverInline(mine);
+        if (mine.task) self->deliverInline(mine);
         self->invalidate();
         return;
       }
-      if (mine) holdingTurn = self->deliverInline(mine);
+      if (mine.task) holdingTurn = self->deliverInline(mine);
     }
   }
 }
 
-bool XpcConnection::takeFrames(std::span<const uint8_t> bytes, Task& mine) {
+bool XpcConnection::takeFrames(std::span<const uint8_t> bytes, Delivery& mine) {
   frames_.append(bytes);
   for (;;) {
     auto payload = frames_.next();
     if (!payload) return !frames_.failed();
-    Task delivery;
+    Delivery delivery;
     if (!handleFrame(*payload, delivery)) return false;
-    if (!delivery) continue;
-    if (!mine && deliveryQueue_.tryClaim()) {
+    if (!delivery.task) continue;
+    if (!mine.task && delivery.queue->tryClaim()) {
       mine = std::move(delivery);
     } else {
-      deliveryQueue_.async(std::move(delivery));
+      delivery.queue->async(std::move(delivery.task));
     }
   }
 }
 
-bool XpcConnection::deliverInline(Task& delivery) {
+bool XpcConnection::deliverInline(Delivery& delivery) {
+  if (delivery.worksLong) {
+    // The other reader reads while this one works.
+    passReadingTurn();
+    delivery.task();
+    delivery.queue->releaseClaim();
+    return false;
+  }
   struct Turn {
     XpcConnection* connection;
     bool passed = false;
@@ -254,9 +260,9 @@ bool XpcConnection::deliverInline(Task& delivery) {
           held->connection->passReadingTurn();
         },
         &turn);
-    delivery();
+    delivery.task();
   }
-  deliveryQueue_.releaseClaim();
+  delivery.queue->releaseClaim();
   return !turn.passed;
 }
 
@@ -293,7 +299,7 @@ std::optional<XpcConnection::Pending> XpcConnection::takePending(uint64_t sequen
   return pending;
 }
 
-bool XpcConnection::handleFrame(std::span<const uint8_t> payload, Task& delivery) {
+bool XpcConnection::handleFrame(std::span<const uint8_t> payload, Delivery& delivery) {
   IncomingSets sets(*this);
   XpcIncoming incoming = XpcIncoming::decode(payload, sets);
   auto self = shared_from_this();
@@ -304,17 +310,18 @@ bool XpcConnection::handleFrame(std::span<const uint8_t> payload, Task& delivery
     case XpcIncoming::Status::Ignore:
       return true;
     case XpcIncoming::Status::Refuse:
+      // Answered in turn with the invocations before it.
       if (sequence > 0) {
-        delivery = [self, sequence, reason = std::move(incoming.reason)]() mutable {
-          self->sendMessage(XpcMessage::refusal(sequence, std::move(reason)));
-        };
+        delivery = {[self, sequence, reason = std::move(incoming.reason)]() mutable {
+                      self->sendMessage(XpcMessage::refusal(sequence, std::move(reason)));
+                    },
+                    &deliveryQueue_};
       }
       return true;
     case XpcIncoming::Status::BadReply:
       if (auto pending = takePending(sequence)) {
-        pending->reply = nullptr;
-        delivery =
-            errorTask(std::move(pending->onError), kXpcConnectionRefusedError, incoming.reason);
+        delivery = {noReplyTask(std::move(*pending), kXpcConnectionRefusedError, incoming.reason),
+                    &replyQueue_};
       }
       return true;
     case XpcIncoming::Status::Message:
@@ -322,45 +329,51 @@ bool XpcConnection::handleFrame(std::span<const uint8_t> payload, Task& delivery
   }
   XpcMessage& message = incoming.message;
   switch (message.kind) {
-    case XpcMessage::Kind::Invocation:
-      delivery = [self, message = std::move(message)]() mutable {
-        self->deliverInvocation(std::move(message));
-      };
+    case XpcMessage::Kind::Invocation: {
+      auto interface = exportedInterface();
+      const XpcMethod* method =
+          interface ? interface->protocol().method(message.selector) : nullptr;
+      const bool worksLong = method && method->worksLong;
+      delivery = {
+          [self, message = std::move(message), interface = std::move(interface), method]() mutable {
+            self->deliverInvocation(std::move(message), std::move(interface), method);
+          },
+          &deliveryQueue_, worksLong};
       break;
+    }
     case XpcMessage::Kind::Reply:
       if (auto pending = takePending(sequence)) {
-        delivery = [reply = std::move(pending->reply),
-                    arguments = std::move(message.arguments)]() mutable {
-          reply(std::move(arguments));
-        };
+        delivery = {
+            [reply = std::move(pending->reply),
+             arguments = std::move(message.arguments)]() mutable { reply(std::move(arguments)); },
+            &replyQueue_};
       }
       break;
     case XpcMessage::Kind::Refusal:
       if (auto pending = takePending(sequence)) {
-        pending->reply = nullptr;
-        delivery = errorTask(std::move(pending->onError), kXpcConnectionRefusedError,
-                             "The invocation was refused: " + message.reason);
+        delivery = {noReplyTask(std::move(*pending), kXpcConnectionRefusedError,
+                                "The invocation was refused: " + message.reason),
+                    &replyQueue_};
       }
       break;
   }
   return true;
 }
 
-void XpcConnection::deliverInvocation(XpcMessage message) {
+void XpcConnection::deliverInvocation(XpcMessage message, std::shared_ptr<XpcInterface> interface,
+                                      const XpcMethod* method) {
   std::shared_ptr<void> target;
-  std::shared_ptr<XpcInterface> interface;
   {
     std::lock_guard lock(mutex_);
     if (invalidated_) return;
     target = exportedObject_;  // held until the method returns
-    interface = exportedInterface_;
   }
   uint64_t sequence = message.sequence;
   auto refuse = [&](std::string reason) {
     if (sequence > 0) sendMessage(XpcMessage::refusal(sequence, std::move(reason)));
   };
-  const XpcMethod* method = interface ? interface->protocol().method(message.selector) : nullptr;
-  if (!method || !target) return refuse("no object answers \"" + message.selector + "\"");
+  if (!interface || !method || !target)
+    return refuse("no object answers \"" + message.selector + "\"");
   if (sequence > 0 && !method->hasReply)
     return refuse("\"" + message.selector + "\" takes no reply block");
 
@@ -392,8 +405,8 @@ void XpcConnection::sendInvocation(std::string selector, std::vector<ObjectPtr> 
     std::unique_lock lock(mutex_);
     if (invalidated_) {
       lock.unlock();
-      reply = nullptr;
-      runErrorHandler(std::move(onError), kXpcConnectionInvalidError, "The connection is invalid.");
+      endWithoutReply(Pending{selector, {}, std::move(reply), std::move(onError)},
+                      kXpcConnectionInvalidError, "The connection is invalid.");
       return;
     }
     if (reply) {
@@ -406,8 +419,7 @@ void XpcConnection::sendInvocation(std::string selector, std::vector<ObjectPtr> 
       XpcMessage::invocation(std::move(selector), std::move(arguments), sequence).encode();
   if (payload.empty() || payload.size() > kMaxFramePayload) {
     if (auto pending = takePending(sequence)) {
-      pending->reply = nullptr;
-      runErrorHandler(std::move(pending->onError), kXpcConnectionRefusedError,
+      endWithoutReply(std::move(*pending), kXpcConnectionRefusedError,
                       "The invocation cannot be sent: its arguments do not fit in a frame.");
     }
     return;
@@ -462,59 +474,23 @@ bool XpcConnection::writeFrame(std::span<const uint8_t> payload) {
   return true;
 }
 
-Task XpcConnection::errorTask(XpcErrorHandler handler, int64_t code, std::string reason) {
-  if (!handler) return nullptr;
-  return [handler = std::move(handler), code, reason = std::move(reason)]() mutable {
-    handler(connectionError(code, reason));
+Task XpcConnection::noReplyTask(Pending pending, int64_t code, std::string reason) {
+  if (!pending.onError) return nullptr;  // `pending` goes, and its reply handler with it
+  return [onError = std::move(pending.onError), reply = std::move(pending.reply), code,
+          reason = std::move(reason)]() mutable {
+    onError(connectionError(code, reason));
+    reply = nullptr;
   };
 }
 
-void XpcConnection::runErrorHandler(XpcErrorHandler handler, int64_t code, std::string reason) {
-  Task task = errorTask(std::move(handler), code, std::move(reason));
+void XpcConnection::endWithoutReply(Pending pending, int64_t code, std::string reason) {
+  Task task = noReplyTask(std::move(pending), code, std::move(reason));
   if (!task) return;
   if (weak_from_this().expired()) {
     task();
   } else {
-    deliveryQueue_.async(std::move(task));
+    replyQueue_.async(std::move(task));
   }
-}
-
-std::optional<std::vector<ObjectPtr>> XpcConnection::sendInvocationAndWait(
-    std::string selector, std::vector<ObjectPtr> arguments) {
-  if (isDeliveryQueueCurrent()) {
-    assert(!"sendInvocationAndWait on the connection's own delivery queue would never return");
-    return std::nullopt;
-  }
-  struct State {
-    Semaphore answered;
-    std::optional<std::vector<ObjectPtr>> answer;
-  };
-  // Signals the waiter once: with the answer when called, without one when
-  // dropped (refusal, invalidation, a send on an invalid connection).
-  class Answer {
-   public:
-    explicit Answer(std::shared_ptr<State> state) : state_(std::move(state)) {}
-    Answer(Answer&& other) noexcept : state_(std::move(other.state_)) {}
-    Answer& operator=(Answer&&) = delete;
-    ~Answer() {
-      if (state_) state_->answered.signal();
-    }
-    void operator()(std::vector<ObjectPtr> arguments) {
-      state_->answer = std::move(arguments);
-      std::exchange(state_, nullptr)->answered.signal();
-    }
-
-   private:
-    std::shared_ptr<State> state_;
-  };
-
-  auto state = std::make_shared<State>();
-  sendInvocation(std::move(selector), std::move(arguments),
-                 [answer = Answer(state)](std::vector<ObjectPtr> arguments) mutable {
-                   answer(std::move(arguments));
-                 });
-  state->answered.wait();
-  return std::move(state->answer);
 }
 
 }  // namespace qx

@@ -41,20 +41,33 @@ inline constexpr int64_t kXpcConnectionRefusedError = 4864;
 // One end of a connection over a Unix stream socket.
 //
 // Threads: after resume(), two reader threads take turns reading and decoding
-// frames; invocations and replies are delivered, in arrival order, on the
-// connection's serial delivery queue. When the queue is idle, the reader that
-// read a message runs its delivery itself and then reads on, which saves a
-// thread switch; only if that delivery blocks does the other reader take over
-// the reading. Sends may come from any thread: each message is encoded on the
-// sending thread and written whole under the connection's send lock, so
-// frames never interleave.
+// frames. Invocations of the exported object are delivered, in arrival order,
+// on the connection's serial delivery queue; replies to this end's own calls
+// (and their error handlers) on its serial reply queue. The two never wait
+// for each other: while an invocation works, however long, the socket is
+// still read and replies still reach whoever waits for them.
+//
+// When a queue is idle, the reader that read a message may run its delivery
+// itself, which saves a thread switch, and then reads on; should the delivery
+// block, the other reader takes over the reading first. Before it runs an
+// invocation of a method that may work for long (XpcMethod::worksLong), it
+// hands the reading over at once. Sends may come from any thread: each message is
+// encoded on the sending thread and written whole under the connection's
+// send lock, so frames never interleave.
+//
+// A call that gets no reply (refused, its reply undecodable, the connection
+// invalidated first, or sent on an invalid connection) has its reply handler
+// dropped uncalled; when the call has an error handler, that runs first, on
+// the reply queue, and the reply handler is dropped right after it. Without
+// one, the reply handler is dropped at once, so whoever waits on it is
+// released at once.
 //
 // Lifetime: a resumed connection keeps itself alive until it is invalidated
 // (peer closed, protocol error, or invalidate()). Invalidation shuts the socket
-// down, drops the pending reply handlers (their error handlers, if any, run
-// with kXpcConnectionInvalidError), releases the exported object once the
-// deliveries holding it have finished, and runs the invalidation handler once.
-// Sends on an invalid connection are dropped.
+// down, ends the pending calls as above (kXpcConnectionInvalidError), releases
+// the exported object once the deliveries holding it have finished, and runs
+// the invalidation handler once, on the delivery queue. Sends on an invalid
+// connection are dropped.
 class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
  public:
   // A connection over a connected stream socket (an accepted peer, one end of
@@ -101,20 +114,16 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
 
   // Sends an invocation now, from the calling thread. With a reply handler,
   // the invocation carries a sequence number and the handler waits for the
-  // reply, then runs on the delivery queue; without one, no reply is expected.
-  // Exactly one of `reply` and `onError` runs, unless the handler is dropped
-  // at invalidation (then `onError` runs, when given).
+  // reply, then runs on the reply queue; without one, no reply is expected.
+  // Either `reply` runs, or (see above) `onError`, when given, runs and
+  // `reply` is dropped uncalled.
   void sendInvocation(std::string selector, std::vector<ObjectPtr> arguments,
                       XpcReplyHandler reply = nullptr, XpcErrorHandler onError = nullptr);
-  // Sends an invocation and blocks the calling thread until its reply
-  // arrives. nullopt, and the thread released, when the invocation is refused
-  // or the connection is invalidated first. Must not be called on this
-  // connection's delivery queue (the reply is delivered there).
-  std::optional<std::vector<ObjectPtr>> sendInvocationAndWait(std::string selector,
-                                                              std::vector<ObjectPtr> arguments);
 
   // True on the thread of this connection's delivery queue.
   bool isDeliveryQueueCurrent() const { return deliveryQueue_.isCurrent(); }
+  // True on the thread of this connection's reply queue.
+  bool isReplyQueueCurrent() const { return replyQueue_.isCurrent(); }
   // The peer's process credentials, read when the connection was made.
   std::optional<ucred> peerCredentials() const { return peer_; }
 
@@ -134,29 +143,43 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   void setClosedObserver(std::function<void()> observer);
 
   static void readLoop(std::shared_ptr<XpcConnection> self);
+  // One message's work and the queue it runs on.
+  struct Delivery {
+    Task task;
+    SerialQueue* queue = nullptr;
+    bool worksLong = false;  // an invocation of a method that may work for long
+  };
   // Decodes the complete frames in `bytes`: the first delivery goes to `mine`
-  // when the delivery queue could be claimed, the rest onto the queue. False
-  // for a protocol error.
-  bool takeFrames(std::span<const uint8_t> bytes, Task& mine);
-  // Runs a delivery on the reader thread that claimed the queue; false when
-  // the reading turn was passed on because the delivery blocked.
-  bool deliverInline(Task& delivery);
+  // when its queue could be claimed, the rest onto their queues. False for a
+  // protocol error.
+  bool takeFrames(std::span<const uint8_t> bytes, Delivery& mine);
+  // Runs a delivery on the reader thread that claimed its queue; false when
+  // the reading turn was passed on (before an invocation, or because a reply
+  // handler blocked).
+  bool deliverInline(Delivery& delivery);
   bool awaitReadingTurn();
   void passReadingTurn();
   void endReading();
   // Decodes one frame into the delivery it calls for (none for some); false
   // for a protocol error.
-  bool handleFrame(std::span<const uint8_t> payload, Task& delivery);
-  static Task errorTask(XpcErrorHandler handler, int64_t code, std::string reason);
-  void deliverInvocation(XpcMessage message);
+  bool handleFrame(std::span<const uint8_t> payload, Delivery& delivery);
+  // Ends a call that gets no reply: its error handler, when it has one, as a
+  // task for the reply queue that drops the reply handler after it; without
+  // one, the reply handler is dropped now and there is no task.
+  static Task noReplyTask(Pending pending, int64_t code, std::string reason);
+  // Runs an invocation of `method` (nil: none of the exported interface's
+  // protocol) on the exported object.
+  void deliverInvocation(XpcMessage message, std::shared_ptr<XpcInterface> interface,
+                         const XpcMethod* method);
   void sendMessage(const XpcMessage& message);
   bool writeFrame(std::span<const uint8_t> payload);
   std::optional<Pending> takePending(uint64_t sequence);
-  void runErrorHandler(XpcErrorHandler handler, int64_t code, std::string reason);
+  void endWithoutReply(Pending pending, int64_t code, std::string reason);
 
   UniqueFd socket_;
   std::optional<ucred> peer_;
   SerialQueue deliveryQueue_;
+  SerialQueue replyQueue_;
 
   mutable std::mutex mutex_;  // everything below except sendMutex_
   bool resumed_ = false;

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <type_traits>
 
 #include "platform/foundation/ClassSet.h"
 #include "platform/xpc/XpcProtocol.h"
@@ -31,9 +32,19 @@ class XpcInterface {
 
   // Restricts argument `argumentIndex` of `selector` (of its reply block when
   // `ofReply`) to `classes`. False, changing nothing, for a selector the
-  // protocol lacks or an index beyond its arguments.
-  bool setClasses(const ClassSet& classes, std::string_view selector, std::size_t argumentIndex,
-                  bool ofReply);
+  // protocol lacks or an index beyond its arguments: a rule that does not
+  // apply would leave the argument with its default classes, so every caller
+  // checks.
+  [[nodiscard]] bool setClasses(const ClassSet& classes, std::string_view selector,
+                                std::size_t argumentIndex, bool ofReply);
+  // The same for the protocol method `method` (&QXFileRequest::renameUrls).
+  template <class F>
+  requires std::is_member_function_pointer_v<F>
+  [[nodiscard]] bool setClasses(const ClassSet& classes, F method, std::size_t argumentIndex,
+                                bool ofReply) {
+    const XpcMethod* described = protocol_.method(method);
+    return described && setClasses(classes, described->selector, argumentIndex, ofReply);
+  }
   // The set that decodes that argument (empty for an unknown argument).
   ClassSet classes(std::string_view selector, std::size_t argumentIndex, bool ofReply) const;
   // The sets of every argument of `selector` (of its reply block when

@@ -2,9 +2,11 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -26,14 +28,38 @@ struct XpcMethod {
   using Invoker =
       std::function<bool(void* target, std::vector<ObjectPtr>& arguments, XpcReplySender reply)>;
 
+  // True when given (the type of a member function pointer, a pointer to one)
+  // naming the C++ method this entry describes.
+  using Matcher = bool (*)(const std::type_info& type, const void* function, const void* own);
+
   std::string selector;
   std::vector<XpcArgumentKind> arguments;
   std::vector<XpcArgumentKind> replyArguments;
   bool hasReply = false;
+  // The method may work for long where it is delivered (on the file system,
+  // say): a reader hands the reading over before it runs one itself, so the
+  // connection is read meanwhile. Quick methods run without that hand-over.
+  bool worksLong = false;
   Invoker invoke;
+  // The described member function pointer, kept for `matches`.
+  std::shared_ptr<const void> function;
+  Matcher matcher = nullptr;
+
+  template <class F>
+  bool describes(F fn) const {
+    return matcher && matcher(typeid(F), &fn, function.get());
+  }
 };
 
 namespace xpc_detail {
+
+template <class F>
+void remember(XpcMethod& method, F fn) {
+  method.function = std::make_shared<const F>(fn);
+  method.matcher = [](const std::type_info& type, const void* function, const void* own) {
+    return type == typeid(F) && *static_cast<const F*>(function) == *static_cast<const F*>(own);
+  };
+}
 
 template <class T>
 struct ReplyBlock : std::false_type {};
@@ -73,6 +99,7 @@ XpcMethod describeWithReply(std::string selector, void (P::*fn)(Params...),
   method.arguments = kindsOf<std::tuple_element_t<I, All>...>();
   method.replyArguments = ReplyBlock<Block>::kinds();
   method.hasReply = true;
+  remember(method, fn);
   method.invoke = [fn](void* target, std::vector<ObjectPtr>& objects, XpcReplySender reply) {
     Arguments values;
     if (objects.size() != sizeof...(I) ||
@@ -92,6 +119,7 @@ XpcMethod describeWithoutReply(std::string selector, void (P::*fn)(Params...),
   XpcMethod method;
   method.selector = std::move(selector);
   method.arguments = kindsOf<Params...>();
+  remember(method, fn);
   method.invoke = [fn](void* target, std::vector<ObjectPtr>& objects, XpcReplySender) {
     Arguments values;
     if (objects.size() != sizeof...(I) ||
@@ -124,6 +152,14 @@ XpcMethod xpcMethod(std::string selector, void (P::*fn)(Params...)) {
   } else {
     return xpc_detail::describeWithoutReply(std::move(selector), fn, std::index_sequence<>{});
   }
+}
+
+// The same, for a method that may work for long where it is delivered.
+template <class P, class... Params>
+XpcMethod xpcLongMethod(std::string selector, void (P::*fn)(Params...)) {
+  XpcMethod method = xpcMethod(std::move(selector), fn);
+  method.worksLong = true;
+  return method;
 }
 
 }  // namespace qx

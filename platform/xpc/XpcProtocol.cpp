@@ -12,7 +12,7 @@ const XpcMethod* XpcProtocol::method(std::string_view selector) const {
 std::shared_ptr<void> XpcProtocol::makeProxy(std::shared_ptr<XpcConnection> connection,
                                              ErrorHandler errorHandler) const {
   if (!proxyFactory_) return nullptr;
-  return proxyFactory_(std::move(connection), std::move(errorHandler));
+  return proxyFactory_(*this, std::move(connection), std::move(errorHandler));
 }
 
 }  // namespace qx

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <typeindex>
 #include <vector>
 
@@ -25,8 +26,8 @@ class XpcConnection;
 class XpcProtocol {
  public:
   using ErrorHandler = std::function<void(ErrorPtr)>;
-  using ProxyFactory =
-      std::function<std::shared_ptr<void>(std::shared_ptr<XpcConnection>, ErrorHandler)>;
+  using ProxyFactory = std::function<std::shared_ptr<void>(
+      const XpcProtocol&, std::shared_ptr<XpcConnection>, ErrorHandler)>;
 
   // `Proxy` derives from P and is constructible from (connection, error
   // handler); void when the protocol is never called remotely.
@@ -35,9 +36,10 @@ class XpcProtocol {
     ProxyFactory factory;
     if constexpr (!std::is_void_v<Proxy>) {
       static_assert(std::is_base_of_v<P, Proxy>, "a proxy implements its protocol");
-      factory = [](std::shared_ptr<XpcConnection> connection, ErrorHandler errorHandler) {
+      factory = [](const XpcProtocol& protocol, std::shared_ptr<XpcConnection> connection,
+                   ErrorHandler errorHandler) {
         std::shared_ptr<P> proxy =
-            std::make_shared<Proxy>(std::move(connection), std::move(errorHandler));
+            std::make_shared<Proxy>(protocol, std::move(connection), std::move(errorHandler));
         return std::shared_ptr<void>(proxy, static_cast<void*>(proxy.get()));
       };
     }
@@ -49,6 +51,15 @@ class XpcProtocol {
   const std::vector<XpcMethod>& methods() const { return methods_; }
   // The method of `selector`, or nullptr.
   const XpcMethod* method(std::string_view selector) const;
+  // The method describing the C++ method `fn`, or nullptr.
+  template <class F>
+  requires std::is_member_function_pointer_v<F>
+  const XpcMethod* method(F fn) const {
+    for (const XpcMethod& method : methods_) {
+      if (method.describes(fn)) return &method;
+    }
+    return nullptr;
+  }
   // A proxy (pointing at a P) sending through `connection`; nil when the
   // protocol has no proxy class.
   std::shared_ptr<void> makeProxy(std::shared_ptr<XpcConnection> connection,

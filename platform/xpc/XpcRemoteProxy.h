@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <functional>
 #include <memory>
 #include <string>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "platform/xpc/XpcConnection.h"
+#include "platform/xpc/XpcProtocol.h"
 #include "platform/xpc/XpcValue.h"
 
 namespace qx {
@@ -20,25 +22,30 @@ namespace qx {
 //    public:
 //     using XpcRemoteProxy::XpcRemoteProxy;
 //     void progressWithReply(OnceCallback<void(bool)> reply) override {
-//       send("progressWithReply:", std::move(reply));
+//       send(&QXFileResponse::progressWithReply, std::move(reply));
 //     }
 //   };
+//
+// Calls name the method, never its selector: the selector comes from the
+// protocol's description, so a proxy cannot send one the protocol lacks.
 //
 // A reply whose arguments do not convert to the reply block's parameter types
 // is dropped, like a refused one; the error handler, when set, runs instead.
 class XpcRemoteProxy {
  public:
-  XpcRemoteProxy(std::shared_ptr<XpcConnection> connection,
+  XpcRemoteProxy(const XpcProtocol& protocol, std::shared_ptr<XpcConnection> connection,
                  std::function<void(ErrorPtr)> errorHandler)
-      : connection_(std::move(connection)), errorHandler_(std::move(errorHandler)) {}
+      : protocol_(protocol),
+        connection_(std::move(connection)),
+        errorHandler_(std::move(errorHandler)) {}
 
   const std::shared_ptr<XpcConnection>& connection() const { return connection_; }
 
  protected:
-  template <class... R, class... A>
-  void send(std::string selector, OnceCallback<void(R...)> reply, const A&... arguments) {
+  template <class F, class... R, class... A>
+  void send(F method, OnceCallback<void(R...)> reply, const A&... arguments) {
     connection_->sendInvocation(
-        std::move(selector), {XpcValue<std::remove_cvref_t<A>>::toObject(arguments)...},
+        selectorOf(method), {XpcValue<std::remove_cvref_t<A>>::toObject(arguments)...},
         [reply = std::move(reply),
          onError = errorHandler_](std::vector<ObjectPtr> objects) mutable {
           if (!deliver(reply, objects, std::index_sequence_for<R...>{}) && onError)
@@ -47,13 +54,20 @@ class XpcRemoteProxy {
         errorHandlerForCall());
   }
 
-  template <class... A>
-  void sendWithoutReply(std::string selector, const A&... arguments) {
-    connection_->sendInvocation(std::move(selector),
+  template <class F, class... A>
+  void sendWithoutReply(F method, const A&... arguments) {
+    connection_->sendInvocation(selectorOf(method),
                                 {XpcValue<std::remove_cvref_t<A>>::toObject(arguments)...});
   }
 
  private:
+  template <class F>
+  std::string selectorOf(F method) const {
+    const XpcMethod* described = protocol_.method(method);
+    assert(described && "a proxy sends only methods of its protocol");
+    return described ? described->selector : std::string();
+  }
+
   template <class... R, std::size_t... I>
   static bool deliver(OnceCallback<void(R...)>& reply, std::vector<ObjectPtr>& objects,
                       std::index_sequence<I...>) {
@@ -70,6 +84,7 @@ class XpcRemoteProxy {
     return [handler = errorHandler_](ErrorPtr error) { handler(std::move(error)); };
   }
 
+  const XpcProtocol& protocol_;
   std::shared_ptr<XpcConnection> connection_;
   std::function<void(ErrorPtr)> errorHandler_;
 };

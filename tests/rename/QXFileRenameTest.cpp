@@ -1,5 +1,5 @@
-// Batch renames through a real connection to a client in the test that
-// answers the progress questions as each case needs.
+// Batch renames on real trees, with a question that answers as each case
+// needs.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,11 +8,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <future>
 
 #include "platform/foundation/Foundation.h"
 #include "rename/QXFileRename.h"
-#include "tests/support/ResponseLink.h"
 #include "tests/support/TempTree.h"
 
 namespace {
@@ -84,22 +82,23 @@ class QXFileRenameTest : public ::testing::Test {
     return found;
   }
 
-  Outcome rename(const ArrayPtr& urls, const ArrayPtr& newNames,
-                 const std::shared_ptr<XpcConnection>& through) {
+  static Outcome rename(const ArrayPtr& urls, const ArrayPtr& newNames,
+                        const QXFileRename::ShouldStop& shouldStop) {
     ErrorPtr error = Error::errorWithDomain(kPOSIXErrorDomain, 1);
-    DictionaryPtr result = QXFileRename::renameUrls(urls, newNames, through, &error);
+    QXFileRename::Result result = QXFileRename::renameUrls(urls, newNames, shouldStop, &error);
     Outcome outcome{{}, {}, error};
-    EXPECT_TRUE(result && result->count() == 2);
-    auto renamed = result ? result->objectForKeyAs<MutableArray>("urls") : nullptr;
-    auto previous = result ? result->objectForKeyAs<MutableArray>("names") : nullptr;
-    EXPECT_TRUE(renamed && previous) << "both are mutable arrays on every path";
-    if (!renamed || !previous) return outcome;
-    for (const auto& object : *renamed) outcome.paths.push_back(cast<Url>(object)->path());
-    for (const auto& object : *previous) outcome.names.push_back(cast<String>(object)->str());
+    EXPECT_TRUE(result.urls && result.names) << "both arrays on every path";
+    if (!result.urls || !result.names) return outcome;
+    for (const auto& object : *result.urls) outcome.paths.push_back(cast<Url>(object)->path());
+    for (const auto& object : *result.names) outcome.names.push_back(cast<String>(object)->str());
     return outcome;
   }
+  // Every question counted and answered NO.
   Outcome rename(const ArrayPtr& urls, const ArrayPtr& newNames) {
-    return rename(urls, newNames, link.worker);
+    return rename(urls, newNames, [this] {
+      ++questions;
+      return false;
+    });
   }
 
   // The error of a batch whose item at `path` failed with `errnum`.
@@ -115,7 +114,7 @@ class QXFileRenameTest : public ::testing::Test {
   }
 
   test::TempTree tree{"qx-rename"};
-  test::ResponseLink link{nullptr, [](int) { return false; }};
+  int questions = 0;
 };
 
 TEST_F(QXFileRenameTest, EmptyListsGiveEmptyResultsWithoutAQuestion) {
@@ -124,7 +123,7 @@ TEST_F(QXFileRenameTest, EmptyListsGiveEmptyResultsWithoutAQuestion) {
     EXPECT_TRUE(outcome.paths.empty() && outcome.names.empty());
     EXPECT_FALSE(outcome.error);
   }
-  EXPECT_EQ(link.client->questions(), 0);
+  EXPECT_EQ(questions, 0);
 }
 
 // Only "/" (to ":"), line feed and carriage return (to " ") change; folders
@@ -184,11 +183,10 @@ TEST_F(QXFileRenameTest, ClientIsAskedEveryThirtyOneRenamesAndYesStops) {
     const std::string to = from + "new-";
     SCOPED_TRACE(from);
     std::vector<int> seen;
-    test::ResponseLink asking(nullptr, [&](int n) {
+    Outcome outcome = rename(items(from, row.items), names(to, row.items), [&] {
       seen.push_back(existing(to, row.items));
-      return n == row.yesAt;
+      return static_cast<int>(seen.size()) == row.yesAt;
     });
-    Outcome outcome = rename(items(from, row.items), names(to, row.items), asking.worker);
     EXPECT_FALSE(outcome.error);
     EXPECT_EQ(seen, row.renamedAtQuestions);
     ASSERT_EQ(outcome.names.size(), static_cast<size_t>(row.renamed));
@@ -205,7 +203,7 @@ TEST_F(QXFileRenameTest, FirstFailureEndsTheBatchAndKeepsTheRenamesBefore) {
   EXPECT_EQ(taken.names, (std::vector<std::string>{"old-000", "old-001"}));
   EXPECT_EQ(taken.paths, (std::vector<std::string>{tree.path("new-0"), tree.path("new-1")}));
   EXPECT_TRUE(exists("old-002") && exists("old-003") && !exists("new-3"));
-  EXPECT_EQ(link.client->questions(), 0);
+  EXPECT_EQ(questions, 0);
 
   // Fewer names than URLs: the first URL without one fails.
   ArrayPtr urls = Array::make({url("old-002"), url("old-003")});
@@ -261,31 +259,12 @@ TEST_F(QXFileRenameTest, WithoutNoReplaceSupportAPlainRenameFollows) {
   }
 }
 
-// A question without an answer counts as a stop: the batch ends after the
-// 31 renames done, with no error, and the worker is not left waiting.
-TEST_F(QXFileRenameTest, QuestionWithoutAnAnswerStops) {
-  enum class Cut { ClientDuringQuestion, WorkerDuringQuestion, ClientBefore, NoConnection };
-  for (Cut cut : {Cut::ClientDuringQuestion, Cut::WorkerDuringQuestion, Cut::ClientBefore,
-                  Cut::NoConnection}) {
-    const std::string from = "c" + std::to_string(static_cast<int>(cut)) + "-";
-    SCOPED_TRACE(from);
-    test::ResponseLink holding;  // holds every question
-    if (cut == Cut::ClientBefore) holding.clientEnd->invalidate();
-    auto worker = cut == Cut::NoConnection ? nullptr : holding.worker;
-    auto running = std::async(std::launch::async, [&] {
-      return rename(items(from, 40), names(from + "new-", 40), worker);
-    });
-    if (cut == Cut::ClientDuringQuestion || cut == Cut::WorkerDuringQuestion) {
-      ASSERT_TRUE(holding.client->waitForCalls(1));
-      EXPECT_EQ(running.wait_for(100ms), std::future_status::timeout) << "the worker waits";
-      (cut == Cut::ClientDuringQuestion ? holding.clientEnd : holding.worker)->invalidate();
-    }
-    ASSERT_EQ(running.wait_for(10s), std::future_status::ready);
-    Outcome outcome = running.get();
-    EXPECT_FALSE(outcome.error);
-    EXPECT_EQ(outcome.names.size(), 31u);
-    EXPECT_EQ(existing(from, 40), 9);
-  }
+// Without a question to ask, the batch stops where it would ask.
+TEST_F(QXFileRenameTest, WithoutAQuestionTheBatchStopsAtTheFirst) {
+  Outcome outcome = rename(items("c-", 40), names("c-new-", 40), nullptr);
+  EXPECT_FALSE(outcome.error);
+  EXPECT_EQ(outcome.names.size(), 31u);
+  EXPECT_EQ(existing("c-", 40), 9);
 }
 
 }  // namespace

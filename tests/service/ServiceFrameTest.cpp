@@ -2,17 +2,20 @@
 // of a socket pair, a plain connection on the other.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <atomic>
+#include <chrono>
+#include <optional>
+#include <string>
 #include <thread>
 
 #include "model/ModelClasses.h"
-#include "model/QXFileSizeItem.h"
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcListener.h"
-#include "platform/xpc/XpcReplyWaiter.h"
-#include "service/QXFileRequest.h"
+#include "protocol/QXFileRequest.h"
 #include "service/QXFileService.h"
 #include "service/QXFileServiceDelegate.h"
 #include "tests/support/Eventually.h"
@@ -46,13 +49,11 @@ class ServiceFrame : public ::testing::Test {
 
   // The client end, exporting `responder` when given.
   std::shared_ptr<QXFileRequest> clientProxy(std::shared_ptr<QXFileResponse> responder = nullptr) {
-    clientEnd->setRemoteObjectInterface(
-        qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol()));
+    auto requests = qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol());
     auto callbacks = qx::XpcInterface::interfaceWithProtocol(QXFileResponse::protocol());
-    callbacks->setClasses(
-        {&qx::Array::classInfo(), &qx::Dictionary::classInfo(), &qx::String::classInfo(),
-         &qx::IndexPath::classInfo(), &QXFileSizeItem::classInfo()},
-        "updateFileSizes:reply:", 0, false);
+    EXPECT_TRUE(QXFileRequest::restrictReplies(*requests));
+    EXPECT_TRUE(QXFileResponse::restrictArguments(*callbacks));
+    clientEnd->setRemoteObjectInterface(requests);
     clientEnd->setExportedInterface(callbacks);
     if (responder) clientEnd->setExportedObject<QXFileResponse>(responder);
     clientEnd->resume();
@@ -92,7 +93,7 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   ASSERT_FALSE(exported.expired());
   // Resumed: a request is answered by the service's worker, with its error.
   auto proxy = clientProxy();
-  auto reply = qx::XpcReplyWaiter<qx::ErrorPtr>::wait([&](auto done) {
+  auto reply = qx::ReplyWaiter<qx::ErrorPtr>::wait([&](auto done) {
     proxy->setAclEntries(qx::Array::make(), qx::Url::fileURLWithPath(files.path("missing")),
                          std::move(done));
   });
@@ -121,6 +122,68 @@ TEST_F(ServiceFrame, AWaitingCalculationKeepsItsServiceUntilItEnds) {
   EXPECT_TRUE(eventually([&] { return exported.expired(); }));
   EXPECT_FALSE(serviceEnd->isValid());
   EXPECT_EQ(replies.load(), 0);  // its reply had nowhere to go
+}
+
+// A propagation over a large tree works on the connection's delivery queue
+// while a size calculation of the same connection waits for its client: the
+// client's answers to the size reports are still read, each one bringing the
+// next report, and the end of the connection stops both at once.
+TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
+  constexpr int kFolders = 100, kFilesPerFolder = 1000;  // 100,100 items to propagate
+  files.folder("deep", 0750);
+  for (int folder = 0; folder < kFolders; ++folder) {
+    const std::string name = "deep/" + std::to_string(folder);
+    files.folder(name, 0755);
+    for (int file = 0; file < kFilesPerFolder; ++file)
+      files.file(name + "/" + std::to_string(file));
+  }
+  files.folder("counted");
+  for (int i = 0; i < 2000; ++i) files.file("counted/" + std::to_string(i), "x");
+  auto modeOf = [&](const std::string& relative) {
+    struct stat st {};
+    return ::lstat(files.path(relative).c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+  };
+  auto touchedFolders = [&] {
+    int touched = 0;
+    for (int folder = 0; folder < kFolders; ++folder)
+      touched += modeOf("deep/" + std::to_string(folder)) != 0755 ? 1 : 0;
+    return touched;
+  };
+
+  ASSERT_TRUE(accept());
+  std::weak_ptr<void> exported = serviceEnd->exportedObject();
+  auto responder = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
+  auto proxy = clientProxy(responder);
+  auto deep = qx::Url::fileURLWithPath(files.path("deep"));
+  auto entries = qx::ReplyWaiter<qx::ArrayPtr, qx::ErrorPtr>::wait(
+      [&](auto done) { proxy->getAclEntriesWithUrl(deep, std::move(done)); });
+  ASSERT_TRUE(entries && std::get<0>(*entries)) << "the folder's own settings to propagate";
+
+  // The calculation first: it reaches its first report and waits there.
+  std::atomic<bool> answered{false};
+  proxy->getSizesWithUrls(qx::Array::make({qx::Url::fileURLWithPath(files.path("counted"))}),
+                          [&](qx::ArrayPtr, qx::ErrorPtr) { answered = true; });
+  ASSERT_TRUE(responder->waitForCalls(1));
+  proxy->propagateAclEntries(std::get<0>(*entries), deep, [&](qx::ErrorPtr) { answered = true; });
+  ASSERT_TRUE(eventually([&] { return touchedFolders() > 0; })) << "the propagation runs";
+
+  // Each answer is read while the propagation works, and the next report comes.
+  for (std::size_t report = 2; report <= 6; ++report) {
+    responder->answerHeld(true);
+    ASSERT_TRUE(responder->waitForCalls(report)) << "report " << report;
+  }
+  ASSERT_LT(touchedFolders(), kFolders) << "the tree is too small to outlast the reports";
+  EXPECT_FALSE(answered.load());
+
+  auto closed = std::chrono::steady_clock::now();
+  clientEnd->invalidate();
+  EXPECT_TRUE(eventually([&] { return exported.expired(); }, std::chrono::seconds(1)))
+      << "both workers let their service go within a second";
+  EXPECT_LT(std::chrono::steady_clock::now() - closed, std::chrono::seconds(1));
+  const int touched = touchedFolders();
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(touchedFolders(), touched) << "the propagation stopped";
+  EXPECT_LT(touched, kFolders);
 }
 
 }  // namespace

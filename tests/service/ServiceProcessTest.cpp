@@ -8,11 +8,10 @@
 
 #include "model/ModelClasses.h"
 #include "model/QXAclEntry.h"
-#include "model/QXFileSizeItem.h"
 #include "platform/dispatch/Semaphore.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
-#include "service/QXFileRequest.h"
+#include "protocol/QXFileRequest.h"
 #include "tests/support/ServiceSandbox.h"
 #include "tests/support/TempTree.h"
 
@@ -49,12 +48,7 @@ TEST(ServiceProcess, ArgumentsOutsideTheAllowedClassesAreRefusedBeforeAnyWork) {
   ASSERT_TRUE(connection) << error->description();
   // Replies may hold URLs and size records, as the client library allows.
   auto requests = qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol());
-  const qx::ClassSet answers{&Array::classInfo(),         &qx::Dictionary::classInfo(),
-                             &qx::String::classInfo(),    &qx::Url::classInfo(),
-                             &qx::IndexPath::classInfo(), &QXFileSizeItem::classInfo()};
-  requests->setClasses(answers, "getSizesWithUrls:reply:", 0, true);
-  requests->setClasses(answers, "renameUrls:names:reply:", 0, true);
-  requests->setClasses(answers, "renameUrls:names:reply:", 1, true);
+  ASSERT_TRUE(QXFileRequest::restrictReplies(*requests));
   connection->setRemoteObjectInterface(requests);
   connection->resume();
   files.file("item", "x");

@@ -7,7 +7,6 @@
 #include <stdexcept>
 
 #include "model/ModelClasses.h"
-#include "model/QXFileSizeItem.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/UniqueFd.h"
 #include "platform/xpc/XpcInterface.h"
@@ -27,9 +26,8 @@ ResponseLink::ResponseLink(ScriptedResponder::Script sizes, ScriptedResponder::S
   worker->resume();
   clientEnd = XpcConnection::withSocket(UniqueFd(fds[1]));
   auto exported = XpcInterface::interfaceWithProtocol(QXFileResponse::protocol());
-  exported->setClasses({&Array::classInfo(), &Dictionary::classInfo(), &String::classInfo(),
-                        &IndexPath::classInfo(), &QXFileSizeItem::classInfo()},
-                       "updateFileSizes:reply:", 0, false);
+  if (!QXFileResponse::restrictArguments(*exported))
+    throw std::runtime_error("the client's class rule names no method");
   clientEnd->setExportedInterface(exported);
   clientEnd->setExportedObject<QXFileResponse>(client);
   clientEnd->resume();

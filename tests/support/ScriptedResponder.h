@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/foundation/Array.h"
-#include "service/QXFileResponse.h"
+#include "protocol/QXFileResponse.h"
 
 namespace qx::test {
 

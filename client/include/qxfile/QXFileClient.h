@@ -17,8 +17,8 @@
 // request takes a one-shot reply callback that is called exactly once: with
 // the service's result and error, or, when the request gets no answer (not
 // connected, refused by the service, connection lost), with a nil result and
-// an error saying why. Reply callbacks run on the connection's delivery
-// queue, one at a time, in the order the answers arrive; do not wait there for
+// an error saying why. Reply callbacks run on the connection's reply thread,
+// one at a time, in the order the answers arrive; do not wait there for
 // another reply (QXFileClientSync refuses to).
 //
 // During a rename or a size calculation the service asks the application
@@ -57,7 +57,7 @@ class QXFileClient {
   void setProgressHandler(ProgressHandler handler);
   void setSizeUpdateHandler(SizeUpdateHandler handler);
   // Runs once when the connection ends (the service went away, or
-  // invalidate()), on the delivery queue.
+  // invalidate()), on the connection's delivery queue (not the reply thread).
   void setInvalidationHandler(std::function<void()> handler);
 
   // Connects to the service, starting the executable at servicePath() when

@@ -13,6 +13,7 @@
 #include "platform/dispatch/ConcurrentQueue.h"
 #include "platform/dispatch/OnceCallback.h"
 #include "platform/dispatch/Semaphore.h"
+#include "platform/dispatch/SequenceChecker.h"
 #include "platform/dispatch/SerialQueue.h"
 
 namespace qx {
@@ -132,6 +133,36 @@ TEST(SerialQueue, AClaimRunsOneTaskOnTheCallerAndKeepsTheOrder) {
   }
   ASSERT_TRUE(claimed);
   queue.releaseClaim();
+}
+
+// A checker binds to the queue of its first check, whichever thread runs
+// that queue's task (its own or a claiming one); any other queue or a plain
+// thread is off its sequence.
+TEST(SequenceChecker, HoldsOnTheQueueOfItsFirstCheckAndNowhereElse) {
+  SequenceChecker checker;
+  SerialQueue owner("qx.test.owner");
+  SerialQueue other("qx.test.other");
+  auto on = [](SerialQueue& queue, const SequenceChecker& checker) {
+    bool valid = false;
+    Semaphore done;
+    queue.async([&] {
+      valid = checker.calledOnValidSequence();
+      done.signal();
+    });
+    done.wait();
+    return valid;
+  };
+  EXPECT_TRUE(on(owner, checker));
+  EXPECT_TRUE(on(owner, checker));
+  EXPECT_FALSE(on(other, checker));
+  EXPECT_FALSE(checker.calledOnValidSequence()) << "a plain thread";
+  while (!owner.tryClaim()) std::this_thread::yield();  // its last task may be ending
+  EXPECT_TRUE(checker.calledOnValidSequence()) << "this thread runs the owner's task";
+  owner.releaseClaim();
+  EXPECT_FALSE(checker.calledOnValidSequence());
+  checker.detach();
+  EXPECT_TRUE(checker.calledOnValidSequence()) << "bound anew, to this thread";
+  EXPECT_FALSE(on(owner, checker));
 }
 
 TEST(ConcurrentQueue, TheGlobalPoolRunsTasksAtOnceAndAPoolDrainsOnDestruction) {

@@ -28,8 +28,8 @@ class Peer {
 class PeerProxy final : public Peer, XpcRemoteProxy {
  public:
   using XpcRemoteProxy::XpcRemoteProxy;
-  void kick() override { sendWithoutReply("kick"); }
-  void take(DataPtr bytes) override { sendWithoutReply("take:", bytes); }
+  void kick() override { sendWithoutReply(&Peer::kick); }
+  void take(DataPtr bytes) override { sendWithoutReply(&Peer::take, bytes); }
 };
 
 const XpcProtocol& peerProtocol() {

@@ -5,8 +5,8 @@
 #include <atomic>
 #include <thread>
 
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/Semaphore.h"
-#include "platform/xpc/XpcReplyWaiter.h"
 #include "tests/platform/xpc/XpcTestSupport.h"
 
 namespace qx::xpctest {
@@ -122,7 +122,7 @@ TEST_F(ConnectionPair, EveryInvocationGetsExactlyOneReplyWithItsObjectsIntact) {
 
 TEST_F(ConnectionPair, AWorkerAsksTheClientAndWaitsForEachAnswer) {
   connect();
-  auto answers = XpcReplyWaiter<ArrayPtr>::wait(
+  auto answers = ReplyWaiter<ArrayPtr>::wait(
       [&](auto done) { proxy->askClient(Number::numberWithInteger(4), nullptr, std::move(done)); });
   ASSERT_TRUE(answers && *answers);
   auto yes = Number::numberWithBool(true), no = Number::numberWithBool(false);
@@ -168,7 +168,7 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
     EXPECT_NE(refusal(row.selector, row.arguments).find(row.reason), std::string::npos)
         << row.selector << " should be refused for " << row.reason;
   }
-  EXPECT_FALSE(client->sendInvocationAndWait("noSuchSelector:reply:", {}));
+  EXPECT_FALSE(waitForReply(*client, "noSuchSelector:reply:", {}));
   // Sets for selectors or arguments the protocol lacks are not taken.
   ClassSet only{&Array::classInfo(), &Url::classInfo()};
   EXPECT_FALSE(service->exportedInterface()->setClasses(only, "noSuchSelector:", 0, false));
@@ -179,22 +179,21 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
                   .allows(Number::classInfo()))
       << "setting an argument's set leaves the reply's alone";
   EXPECT_TRUE(service->isValid() && client->isValid());
-  auto count = XpcReplyWaiter<NumberPtr>::wait([&](auto done) {
+  auto count = ReplyWaiter<NumberPtr>::wait([&](auto done) {
     proxy->countUrls(Array::make({url, Url::fileURLWithPath("/b")}), std::move(done));
   });
   ASSERT_TRUE(count && *count);
   EXPECT_EQ((*count)->integerValue(), 2);
   // Nil arguments cross; invocations without a reply block arrive in order.
-  auto nils =
-      XpcReplyWaiter<UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr>::wait([&](auto done) {
-        proxy->echoObjects(nullptr, nullptr, nullptr, nullptr, nullptr, std::move(done));
-      });
+  auto nils = ReplyWaiter<UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr>::wait([&](auto done) {
+    proxy->echoObjects(nullptr, nullptr, nullptr, nullptr, nullptr, std::move(done));
+  });
   ASSERT_TRUE(nils);
   EXPECT_FALSE(std::get<0>(*nils) || std::get<4>(*nils));
   proxy->note(str("one"));
   proxy->note(nullptr);
   proxy->note(str("three"));
-  auto notes = client->sendInvocationAndWait("notesWithReply:", {});
+  auto notes = waitForReply(*client, "notesWithReply:", {});
   ASSERT_TRUE(notes && notes->size() == 1);
   EXPECT_TRUE(isEqual((*notes)[0], Array::make({str("one"), nullptr, str("three")})));
   EXPECT_EQ(counters->service.load(), 0);
@@ -229,7 +228,7 @@ TEST_F(ConnectionPair, InvalidationEndsPendingWorkAndRunsEachHandlerOnce) {
       "incrementWithReply:", {}, [&](std::vector<ObjectPtr>) { replied = true; },
       [&](ErrorPtr error) { code = error->code(); });
   EXPECT_TRUE(eventually([&] { return code == kXpcConnectionInvalidError; }));
-  EXPECT_FALSE(client->sendInvocationAndWait("incrementWithReply:", {}));
+  EXPECT_FALSE(waitForReply(*client, "incrementWithReply:", {}));
   responder->answerHeld(false);  // answering after the end goes nowhere
   std::this_thread::sleep_for(20ms);
   EXPECT_EQ(counters->client.load(), 1);
@@ -239,13 +238,13 @@ TEST_F(ConnectionPair, InvalidationEndsPendingWorkAndRunsEachHandlerOnce) {
 
 TEST_F(ConnectionPair, ACallerWaitingForAReplyIsReleasedWhenThePeerGoesAway) {
   connect(/*holdQuestions=*/true);
-  auto reply = client->sendInvocationAndWait("incrementWithReply:", {});
+  auto reply = waitForReply(*client, "incrementWithReply:", {});
   ASSERT_TRUE(reply && reply->size() == 1);
   EXPECT_TRUE(isEqual((*reply)[0], Number::numberWithInteger(1)));
   std::optional<std::vector<ObjectPtr>> waited = std::vector<ObjectPtr>{};
   std::thread waiter([&] {
-    waited = client->sendInvocationAndWait("askClient:marker:reply:",
-                                           {Number::numberWithInteger(1), nullptr});
+    waited =
+        waitForReply(*client, "askClient:marker:reply:", {Number::numberWithInteger(1), nullptr});
   });
   EXPECT_TRUE(eventually([&] { return responder->questions().size() == 1; }));
   service->invalidate();

@@ -14,8 +14,8 @@
 #include <future>
 #include <set>
 
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/xpc/XpcMessage.h"
-#include "platform/xpc/XpcReplyWaiter.h"
 #include "platform/xpc/XpcServiceSocket.h"
 #include "tests/platform/xpc/XpcTestSupport.h"
 #include "tests/support/ChildProcess.h"
@@ -55,7 +55,7 @@ class ServiceProcess : public ::testing::Test {
   static int64_t ask(const std::shared_ptr<XpcConnection>& connection,
                      void (TestRequest::*method)(OnceCallback<void(NumberPtr)>)) {
     auto proxy = connection->remoteObjectProxy<TestRequest>();
-    auto reply = XpcReplyWaiter<NumberPtr>::wait(
+    auto reply = ReplyWaiter<NumberPtr>::wait(
         [&](OnceCallback<void(NumberPtr)> done) { ((*proxy).*method)(std::move(done)); });
     return reply && *reply ? (*reply)->integerValue() : -1;
   }

@@ -19,7 +19,7 @@ int runClient(const char* self) {
   connection->setRemoteObjectInterface(
       qx::XpcInterface::interfaceWithProtocol(qx::xpctest::testRequestProtocol()));
   connection->resume();
-  auto reply = connection->sendInvocationAndWait("processIdWithReply:", {});
+  auto reply = qx::xpctest::waitForReply(*connection, "processIdWithReply:", {});
   connection->invalidate();
   auto pid = reply && reply->size() == 1 ? qx::cast<qx::Number>((*reply)[0]) : nullptr;
   if (!pid) return 1;

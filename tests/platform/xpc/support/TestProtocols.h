@@ -2,11 +2,13 @@
 
 #include <unistd.h>
 
+#include <cassert>
 #include <fstream>
 #include <memory>
 #include <vector>
 
 #include "platform/dispatch/OnceCallback.h"
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/SerialQueue.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
@@ -14,9 +16,18 @@
 #include "platform/xpc/XpcListenerDelegate.h"
 #include "platform/xpc/XpcProtocol.h"
 #include "platform/xpc/XpcRemoteProxy.h"
-#include "platform/xpc/XpcReplyWaiter.h"
 
 namespace qx::xpctest {
+
+// Sends an invocation and waits for its reply arguments; nullopt when no
+// reply comes (refused, or the connection ends first).
+inline std::optional<std::vector<ObjectPtr>> waitForReply(XpcConnection& connection,
+                                                          std::string selector,
+                                                          std::vector<ObjectPtr> arguments) {
+  return ReplyWaiter<std::vector<ObjectPtr>>::wait([&](XpcReplyHandler reply) {
+    connection.sendInvocation(std::move(selector), std::move(arguments), std::move(reply));
+  });
+}
 
 using EchoObjectsReply = OnceCallback<void(UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr)>;
 using EchoCollectionsReply = OnceCallback<void(ArrayPtr, DictionaryPtr, DataPtr, NumberPtr, bool)>;
@@ -55,29 +66,27 @@ class TestRequestProxy final : public TestRequest, XpcRemoteProxy {
   using XpcRemoteProxy::XpcRemoteProxy;
   void echoObjects(UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string,
                    ErrorPtr error, EchoObjectsReply reply) override {
-    send("echoUrl:uuid:indexPath:string:error:reply:", std::move(reply), url, uuid, indexPath,
-         string, error);
+    send(&TestRequest::echoObjects, std::move(reply), url, uuid, indexPath, string, error);
   }
   void echoCollections(ArrayPtr array, DictionaryPtr dictionary, DataPtr data, NumberPtr number,
                        bool flag, EchoCollectionsReply reply) override {
-    send("echoArray:dictionary:data:number:flag:reply:", std::move(reply), array, dictionary, data,
-         number, flag);
+    send(&TestRequest::echoCollections, std::move(reply), array, dictionary, data, number, flag);
   }
   void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) override {
-    send("countUrls:reply:", std::move(reply), urls);
+    send(&TestRequest::countUrls, std::move(reply), urls);
   }
   void incrementWithReply(OnceCallback<void(NumberPtr)> reply) override {
-    send("incrementWithReply:", std::move(reply));
+    send(&TestRequest::incrementWithReply, std::move(reply));
   }
   void processIdWithReply(OnceCallback<void(NumberPtr)> reply) override {
-    send("processIdWithReply:", std::move(reply));
+    send(&TestRequest::processIdWithReply, std::move(reply));
   }
   void askClient(NumberPtr count, StringPtr marker, OnceCallback<void(ArrayPtr)> reply) override {
-    send("askClient:marker:reply:", std::move(reply), count, marker);
+    send(&TestRequest::askClient, std::move(reply), count, marker);
   }
-  void note(StringPtr text) override { sendWithoutReply("note:", text); }
+  void note(StringPtr text) override { sendWithoutReply(&TestRequest::note, text); }
   void notesWithReply(OnceCallback<void(ArrayPtr)> reply) override {
-    send("notesWithReply:", std::move(reply));
+    send(&TestRequest::notesWithReply, std::move(reply));
   }
 };
 
@@ -85,7 +94,7 @@ class TestResponseProxy final : public TestResponse, XpcRemoteProxy {
  public:
   using XpcRemoteProxy::XpcRemoteProxy;
   void question(NumberPtr index, OnceCallback<void(bool)> reply) override {
-    send("question:reply:", std::move(reply), index);
+    send(&TestResponse::question, std::move(reply), index);
   }
 };
 
@@ -119,7 +128,9 @@ class TestService final : public TestRequest, public std::enable_shared_from_thi
   explicit TestService(std::shared_ptr<XpcConnection> connection)
       : connection_(std::move(connection)) {
     ClassSet urls{&Array::classInfo(), &Url::classInfo()};
-    connection_->exportedInterface()->setClasses(urls, "countUrls:reply:", 0, false);
+    [[maybe_unused]] bool known =
+        connection_->exportedInterface()->setClasses(urls, &TestRequest::countUrls, 0, false);
+    assert(known);
   }
   ~TestService() override { connection_->invalidate(); }
 
@@ -146,7 +157,7 @@ class TestService final : public TestRequest, public std::enable_shared_from_thi
       bool released = false;
       for (int64_t i = 0; count && i < count->integerValue() && !released; ++i) {
         auto proxy = self->connection_->remoteObjectProxy<TestResponse>();
-        auto answer = XpcReplyWaiter<bool>::wait([&](OnceCallback<void(bool)> answered) {
+        auto answer = ReplyWaiter<bool>::wait([&](OnceCallback<void(bool)> answered) {
           proxy->question(Number::numberWithInteger(i), std::move(answered));
         });
         released = !answer;

@@ -12,7 +12,7 @@
 
 // One listing request: the contents of a folder and, following an index path,
 // of the folders below it, one level per index, each level an array of file
-// reference URLs sorted by path. Used once, by QXFileSizes.
+// reference URLs sorted by path. Used once, by QXFileListing.
 class QXFolderListing {
  public:
   QXFolderListing(qx::UrlPtr url, qx::IndexPathPtr indexPath);

@@ -1,4 +1,4 @@
-#include "sizes/QXFolderListing.h"
+#include "listing/QXFolderListing.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,9 +20,7 @@ bool isPermissionError(int64_t code) {
 }
 
 std::string quoted(const char* format, const std::string& path) {
-  std::string text = format;
-  text.replace(text.find("%@"), 2, path);
-  return text;
+  return QXOperation::stepDescription(format, path);
 }
 
 // stringByAppendingPathComponent: for the folder paths a URL answers ("" gives

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "platform/xpc/XpcRemoteProxy.h"
-#include "service/QXFileResponse.h"
+#include "protocol/QXFileResponse.h"
 
 // The service's side of QXFileResponse: each callback is sent to the client
 // at once; its reply block runs on the connection's delivery queue when the

@@ -2,6 +2,7 @@
 
 #include "platform/dispatch/OnceCallback.h"
 #include "platform/foundation/Array.h"
+#include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcProtocol.h"
 
 // The callbacks the service sends to its client while a rename or a size
@@ -26,7 +27,15 @@ class QXFileResponse {
   // "QXFileSizeItem"). true: go on; false: stop.
   virtual void updateFileSizes(qx::ArrayPtr sizes, AnswerReply reply) = 0;
 
+  // The keys of a size update record.
+  static constexpr const char* kIndexPathKey = "QXIndexPath";
+  static constexpr const char* kFileSizeItemKey = "QXFileSizeItem";
+
   // The protocol's description for the connection layer (remote proxy class
   // QXFileResponseProxy).
   static const qx::XpcProtocol& protocol();
+
+  // A client's rule for the size reports it receives, on its exported
+  // interface. False when the rule names a method the protocol lacks.
+  [[nodiscard]] static bool restrictArguments(qx::XpcInterface& exported);
 };

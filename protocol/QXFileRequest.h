@@ -2,10 +2,12 @@
 
 #include "platform/dispatch/OnceCallback.h"
 #include "platform/foundation/Array.h"
+#include "platform/foundation/ClassSet.h"
 #include "platform/foundation/Error.h"
 #include "platform/foundation/IndexPath.h"
 #include "platform/foundation/Url.h"
 #include "platform/foundation/Uuid.h"
+#include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcProtocol.h"
 
 // The requests a client sends to the service; the service's per-connection
@@ -50,4 +52,19 @@ class QXFileRequest {
   // The protocol's description for the connection layer (selectors in
   // declaration order, remote proxy class QXFileRequestProxy).
   static const qx::XpcProtocol& protocol();
+
+  // Classes allowed in an incoming entries array: NSArray, NSString,
+  // QXTreeNode, QXAclEntry.
+  static const qx::ClassSet& entryClasses();
+  // Classes allowed in an incoming URL array: NSArray, NSURL.
+  static const qx::ClassSet& urlArrayClasses();
+  // Classes a client accepts in the answers and size reports: the
+  // property-list classes, URLs, index paths and the records.
+  static const qx::ClassSet& answerClasses();
+
+  // The service's rules for incoming arguments, on its exported interface.
+  // False when a rule names a method the protocol lacks.
+  [[nodiscard]] static bool restrictArguments(qx::XpcInterface& exported);
+  // A client's rules for the answers, on its remote interface.
+  [[nodiscard]] static bool restrictReplies(qx::XpcInterface& remote);
 };

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "platform/xpc/XpcRemoteProxy.h"
-#include "service/QXFileRequest.h"
+#include "protocol/QXFileRequest.h"
 
 // The client's side of QXFileRequest: each call is sent to the service at
 // once; its reply block runs on the connection's delivery queue when the

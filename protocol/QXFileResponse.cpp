@@ -1,6 +1,7 @@
-#include "service/QXFileResponse.h"
+#include "protocol/QXFileResponse.h"
 
-#include "service/QXFileResponseProxy.h"
+#include "protocol/QXFileRequest.h"
+#include "protocol/QXFileResponseProxy.h"
 
 const qx::XpcProtocol& QXFileResponse::protocol() {
   static const qx::XpcProtocol protocol =
@@ -11,4 +12,9 @@ const qx::XpcProtocol& QXFileResponse::protocol() {
               qx::xpcMethod("updateFileSizes:reply:", &QXFileResponse::updateFileSizes),
           });
   return protocol;
+}
+
+bool QXFileResponse::restrictArguments(qx::XpcInterface& exported) {
+  return exported.setClasses(QXFileRequest::answerClasses(), &QXFileResponse::updateFileSizes, 0,
+                             false);
 }
