@@ -15,7 +15,6 @@
 #include "acl/QXAclAttribute.h"
 #include "acl/QXAclWriter.h"
 #include "acl/QXFileAcl.h"
-#include "model/QXAclTables.h"
 #include "platform/xacl/AclHandle.h"
 #include "platform/xacl/AclTesting.h"
 #include "tests/acl/AclTestSupport.h"
@@ -55,7 +54,7 @@ std::string build(const std::vector<qx::ObjectPtr>& entries) {
 
 // An "Applies to" node with the given children, inside an allow entry for the member.
 QXAclEntryPtr withAppliesTo(std::vector<QXTreeNodePtr> children) {
-  auto appliesTo = node("Applies to", kQXAppliesToPermission, 1);
+  auto appliesTo = node("Applies to", 0x2000, 1);
   for (auto& child : children) appliesTo->mutableChildNodes().addObject(child);
   return QXAclEntry::make(userUuid(kMember), ACL_EXTENDED_ALLOW,
                           qx::Array::make({node("Read", 2, 0), appliesTo}), false);

@@ -15,7 +15,6 @@
 
 #include "model/QXAclEntry.h"
 #include "model/QXAclPermission.h"
-#include "model/QXAclTables.h"
 #include "model/QXTreeNode.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/membership/IdentityUuid.h"
@@ -26,6 +25,7 @@
 #include "platform/xacl/ItemAcl.h"
 #include "platform/xacl/xacl.h"
 #include "tests/platform/xacl/XaclTestSupport.h"
+#include "tests/support/PermissionTrees.h"
 #include "tests/support/TempTree.h"
 
 namespace qxacltest {
@@ -152,17 +152,10 @@ inline bool setDamagedAcl(const std::string& path) {
   return lsetxattr(path.c_str(), kAclAttributeName, junk, sizeof junk, 0) == 0;
 }
 
-// ---- Permission trees as the entry listing builds them ----
+// ---- Permission trees as the entry listing shows them ----
 
-inline QXAclPermissionPtr recordOf(const qx::ObjectPtr& node) {
-  auto tree = qx::cast<qx::TreeNode>(node);
-  return tree ? tree->representedObjectAs<QXAclPermission>() : nullptr;
-}
-
-inline std::string nameOf(const qx::ObjectPtr& node) {
-  auto record = recordOf(node);
-  return record && record->name() ? record->name()->str() : "<nil>";
-}
+using qx::test::nameOf;
+using qx::test::recordOf;
 
 struct Leaf {
   std::string name;
@@ -191,41 +184,12 @@ inline std::map<std::string, int64_t> leafStates(const qx::ArrayPtr& groups) {
 }
 
 inline QXTreeNodePtr node(const char* name, uint32_t permission, int64_t state) {
-  return QXTreeNode::treeNodeWithRepresentedObject(QXAclPermission::make(name, permission, state));
+  return qx::test::permissionNode(name, permission, state);
 }
 
 // The record of `ace` as a listing of a folder (with "Applies to") or a file shows it.
 inline QXAclEntryPtr aclEntry(const Ace& ace, bool folder) {
-  auto permissions = qx::MutableArray::make(4);
-  for (const QXAclPermGroup* group = acl_perms; group->name; ++group) {
-    auto groupNode = node(group->name, kQXGroupNodePermission, 0);
-    for (const QXAclPermRow* row = group->rows; row->name; ++row) {
-      if (!QXAclRowApplies(*row, folder)) continue;
-      groupNode->mutableChildNodes().addObject(
-          node(row->name, row->value, (ace.perms & row->value) ? 1 : 0));
-    }
-    QXAclEntry::resolveStateForPermissionNode(groupNode);
-    permissions->addObject(groupNode);
-  }
-  if (folder) {
-    const bool childFolders = (ace.flags & ACL_ENTRY_DIRECTORY_INHERIT) != 0;
-    const std::pair<const char*, bool> children[] = {
-        {"This item", (ace.flags & ACL_ENTRY_ONLY_INHERIT) == 0},
-        {"Child files", (ace.flags & ACL_ENTRY_FILE_INHERIT) != 0},
-        {"Child folders", childFolders},
-        {"All descendants", childFolders && (ace.flags & ACL_ENTRY_LIMIT_INHERIT) == 0}};
-    const uint32_t flags[] = {ACL_ENTRY_ONLY_INHERIT, ACL_ENTRY_FILE_INHERIT,
-                              ACL_ENTRY_DIRECTORY_INHERIT, ACL_ENTRY_LIMIT_INHERIT};
-    auto appliesTo = node("Applies to", kQXAppliesToPermission, 0);
-    for (int i = 0; i < 4; ++i) {
-      appliesTo->mutableChildNodes().addObject(
-          node(children[i].first, flags[i], children[i].second ? 1 : 0));
-    }
-    QXAclEntry::resolveStateForPermissionNode(appliesTo);
-    permissions->addObject(appliesTo);
-  }
-  return QXAclEntry::make(ace.who, ace.tag, permissions->copy(),
-                          (ace.flags & ACL_ENTRY_INHERITED) != 0);
+  return qx::test::entryRecord(ace.who, ace.tag, ace.perms, ace.flags, folder);
 }
 
 // The owner, group and everyone pseudo-entries for `mode`.
@@ -235,10 +199,7 @@ inline std::vector<qx::ObjectPtr> pseudoEntries(mode_t mode, uid_t owner, gid_t 
   const qx::UuidPtr identities[3] = {userUuid(owner), groupUuid(group), nullptr};
   for (int who = 0; who < 3; ++who) {
     auto bit = [&](int value) -> int64_t { return (mode >> (6 - 3 * who)) & value ? 1 : 0; };
-    auto permissions = qx::Array::make(
-        {node("Read", folder ? 0x80 : 2, bit(4)), node("Write", folder ? 0x100 : 4, bit(2)),
-         node(folder ? "Traverse Folder" : "Execute File", folder ? 0x1000 : 8, bit(1))});
-    entries.push_back(QXAclEntry::make(identities[who], 1, permissions, false));
+    entries.push_back(qx::test::posixRecord(identities[who], bit(4), bit(2), bit(1), folder));
   }
   return entries;
 }

@@ -16,11 +16,11 @@
 #include "platform/foundation/ClassSet.h"
 #include "platform/foundation/Data.h"
 #include "platform/foundation/MutableArray.h"
-#include "tests/model/PermissionTrees.h"
+#include "tests/support/PermissionTrees.h"
 
 namespace {
 
-using namespace qxtest;
+using namespace qx::test;
 using qx::ClassSet;
 using qx::KeyedArchiver;
 using qx::KeyedUnarchiver;
@@ -110,12 +110,13 @@ TEST_F(ModelCoding, RecordsRoundTripWithEdgeValues) {
 }
 
 TEST_F(ModelCoding, EntriesRoundTripWithTheirWholeTree) {
-  QXAclEntryPtr folder = entryFromTables(true, 1, static_cast<int32_t>(0x80000002u));
+  QXAclEntryPtr folder =
+      entryRecord(qx::Uuid::make(), static_cast<int32_t>(0x80000002u), 0x3ffe, 0x60, true);
   folder->setInherited(true);
   auto write = qx::cast<qx::TreeNode>(folder->permissions()->objectAtIndex(1));
   recordOf(write->childNodes()[2])->setState(0);
   QXAclEntry::resolveStateForPermissionNode(write);
-  QXAclEntryPtr everyone = posixEntry(1, 0, 1);
+  QXAclEntryPtr everyone = posixRecord(qx::Uuid::make(), 1, 0, 1);
   everyone->setUuid(nullptr);
   for (const QXAclEntryPtr& entry : {folder, everyone}) {
     auto decoded = roundTrip<QXAclEntry>(entry);
@@ -183,8 +184,8 @@ std::vector<std::vector<uint8_t>> childArchives(const qx::Data& archive) {
 }
 
 TEST_F(ModelCoding, TreesTravelWithEachChildAsAStandaloneArchive) {
-  auto parent = node("Read", 2, 1);
-  parent->mutableChildNodes().addObject(node("Read Data", 2, 1));
+  auto parent = permissionNode("Read", 2, 1);
+  parent->mutableChildNodes().addObject(permissionNode("Read Data", 2, 1));
   auto blobs = childArchives(*KeyedArchiver::archivedDataWithRootObject(parent));
   ASSERT_EQ(blobs.size(), 1u);
   auto child = qx::cast<QXTreeNode>(KeyedUnarchiver::unarchiveObjectWithData(blobs[0]));
@@ -193,12 +194,12 @@ TEST_F(ModelCoding, TreesTravelWithEachChildAsAStandaloneArchive) {
   // A leaf still encodes its (empty) children array.
   EXPECT_TRUE(childArchives(qx::Data(blobs[0])).empty());
 
-  auto root = node("root", 2, -1);
+  auto root = permissionNode("root", 2, -1);
   for (int i = 0; i < 3; ++i) {
-    auto middle = node(("m" + std::to_string(i)).c_str(), 2, i);
+    auto middle = permissionNode(("m" + std::to_string(i)).c_str(), 2, i);
     for (int j = 0; j < 4; ++j) {
       middle->mutableChildNodes().addObject(
-          node(("l" + std::to_string(i) + std::to_string(j)).c_str(), 8, j % 2));
+          permissionNode(("l" + std::to_string(i) + std::to_string(j)).c_str(), 8, j % 2));
     }
     root->mutableChildNodes().addObject(middle);
   }
@@ -216,7 +217,7 @@ TEST_F(ModelCoding, ForeignObjectsAndMalformedChildrenAreRefused) {
   EXPECT_FALSE(roundTrip<QXTreeNode>(stringNode, &error));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), qx::kCoderReadCorruptError);
-  auto parent = node("Read", 2, 0);
+  auto parent = permissionNode("Read", 2, 0);
   parent->mutableChildNodes().addObject(stringNode);
   auto decoded = roundTrip<QXTreeNode>(parent);
   ASSERT_TRUE(decoded);
@@ -228,7 +229,7 @@ TEST_F(ModelCoding, ForeignObjectsAndMalformedChildrenAreRefused) {
       QXAclEntry::make(qx::Uuid::make(), 1, qx::Array::make({qx::str("Read")}), false), &error));
   EXPECT_EQ(error ? error->code() : 0, qx::kCoderReadCorruptError);
 
-  auto childArchive = KeyedArchiver::archivedDataWithRootObject(node("x", 2, 1));
+  auto childArchive = KeyedArchiver::archivedDataWithRootObject(permissionNode("x", 2, 1));
   const std::vector<uint8_t> garbage = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 0xff, 0x00};
   const std::pair<const char*, qx::ObjectPtr> children[] = {
       {"a string among the blobs", qx::Array::make({childArchive, qx::str("x")})},
@@ -251,10 +252,10 @@ TEST_F(ModelCoding, ForeignObjectsAndMalformedChildrenAreRefused) {
   }
 
   // Children nested beyond the archive depth limit.
-  auto root = node("0", 2, 0);
+  auto root = permissionNode("0", 2, 0);
   QXTreeNodePtr tip = root;
   for (int depth = 1; depth < qx::kMaxArchiveDepth + 20; ++depth) {
-    auto next = node("n", 2, 0);
+    auto next = permissionNode("n", 2, 0);
     tip->mutableChildNodes().addObject(next);
     tip = next;
   }

@@ -4,11 +4,11 @@
 #include "model/QXAclEntry.h"
 #include "model/QXAclPermission.h"
 #include "model/QXAclTables.h"
-#include "tests/model/PermissionTrees.h"
+#include "tests/support/PermissionTrees.h"
 
 namespace {
 
-using namespace qxtest;
+using namespace qx::test;
 using Names = std::vector<std::string>;
 
 qx::TreeNodePtr groupAt(const QXAclEntryPtr& entry, size_t index) {
@@ -19,15 +19,16 @@ TEST(QXAclEntryResolveState, FollowsTheChildrenOneLevelDown) {
   const std::pair<std::vector<int64_t>, int64_t> cases[] = {
       {{1, 1, 1}, 1}, {{0, 0}, 0}, {{1, 0, 1}, -1}, {{0, 0, 1}, -1}, {{-1, -1}, -1}, {{}, 0}};
   for (const auto& [states, expected] : cases) {
-    auto group = node("Read", 2, 42);
-    for (int64_t state : states) group->mutableChildNodes().addObject(node("leaf", 2, state));
+    auto group = permissionNode("Read", 2, 42);
+    for (int64_t state : states)
+      group->mutableChildNodes().addObject(permissionNode("leaf", 2, state));
     QXAclEntry::resolveStateForPermissionNode(group);
     EXPECT_EQ(recordOf(group)->state(), expected) << states.size();
   }
   // Only the children count, not theirs; a child without a record counts as off.
-  auto top = node("Applies to", 0x2000, 7);
-  auto middle = node("Read", 2, 42);
-  middle->mutableChildNodes().addObject(node("leaf", 2, 1));
+  auto top = permissionNode("Applies to", 0x2000, 7);
+  auto middle = permissionNode("Read", 2, 42);
+  middle->mutableChildNodes().addObject(permissionNode("leaf", 2, 1));
   top->mutableChildNodes().addObject(middle);
   QXAclEntry::resolveStateForPermissionNode(top);
   EXPECT_EQ(recordOf(top)->state(), 42);
@@ -39,9 +40,9 @@ TEST(QXAclEntryResolveState, FollowsTheChildrenOneLevelDown) {
 TEST(QXAclEntryShapes, OnlyEntriesWhoseFirstNodeHasChildrenAreAcls) {
   EXPECT_FALSE(QXAclEntry().isAcl());
   EXPECT_FALSE(QXAclEntry(nullptr, 1, qx::Array::make(), false).isAcl());
-  EXPECT_FALSE(posixEntry(1, 1, 0)->isAcl());
-  EXPECT_TRUE(entryFromTables(false, 1)->isAcl());
-  EXPECT_TRUE(entryFromTables(true, 0)->isAcl());
+  EXPECT_FALSE(posixRecord(qx::Uuid::make(), 1, 1, 0)->isAcl());
+  EXPECT_TRUE(entryRecord(qx::Uuid::make(), 1, 0x3ffe, 0, false)->isAcl());
+  EXPECT_TRUE(entryRecord(qx::Uuid::make(), 1, 0, 0x60, true)->isAcl());
 
   const std::pair<uint32_t, const char*> renamed[] = {{2, "Read Data"},  {8, "Execute File"},
                                                       {4, "Write Data"}, {32, "Append Data"},
@@ -56,7 +57,7 @@ TEST(QXAclEntryShapes, OnlyEntriesWhoseFirstNodeHasChildrenAreAcls) {
 }
 
 TEST(QXAclEntryConvertParent, AFolderEntryBecomesAFileEntryInPlace) {
-  QXAclEntryPtr entry = entryFromTables(true, 1);
+  QXAclEntryPtr entry = entryRecord(qx::Uuid::make(), 1, 0x3ffe, 0x60, true);
   qx::ArrayPtr before = entry->permissions();
   auto write = groupAt(entry, 1);
   // Only "Delete Subfolders and Files" disagrees: the group is mixed.
@@ -81,8 +82,8 @@ TEST(QXAclEntryConvertParent, AFolderEntryBecomesAFileEntryInPlace) {
   EXPECT_TRUE(entry->isAcl());
 
   // Other shapes are left alone.
-  QXAclEntryPtr file = entryFromTables(false, 1);
-  QXAclEntryPtr posix = posixEntry(1, 0, 1);
+  QXAclEntryPtr file = entryRecord(qx::Uuid::make(), 1, 0x3ffe, 0, false);
+  QXAclEntryPtr posix = posixRecord(qx::Uuid::make(), 1, 0, 1);
   qx::ArrayPtr fileBefore = file->permissions();
   auto strings = qx::Array::make({qx::str("a"), qx::str("b"), qx::str("c"), qx::str("d")});
   for (const QXAclEntryPtr& other : {file, posix, std::make_shared<QXAclEntry>(),

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
@@ -11,46 +12,6 @@
 
 namespace qx::testing {
 namespace {
-
-json uids(std::initializer_list<uint32_t> values) {
-  json array = json::array();
-  for (uint32_t value : values) array.push_back(uid(value));
-  return array;
-}
-
-json chainOf(const std::string& name) {
-  return classDict(name, {name, "NSObject"});
-}
-
-// The root (UID 1) holds `keys` and has class `cls` (UID 2); `more` follow from UID 3.
-json objectArchive(json keys, json cls, std::vector<json> more = {}) {
-  keys["$class"] = uid(2);
-  json objects = json::array({"$null", keys, cls});
-  for (json& object : more) objects.push_back(std::move(object));
-  return keyedArchive(objects);
-}
-
-json arrayOf(json elements, std::vector<json> more = {}) {
-  return objectArchive({{"NS.objects", elements}}, chainOf("NSArray"), std::move(more));
-}
-
-json record(json keys) {
-  return objectArchive(std::move(keys), chainOf("QXFileSizeItem"));
-}
-
-json indexPath(int64_t length, std::vector<uint8_t> leb) {
-  return objectArchive({{"NSIndexPathLength", length}, {"NSIndexPathData", uid(3)}},
-                       chainOf("NSIndexPath"), {{{"data", hex(leb)}}});
-}
-
-json nestedArrays(uint32_t levels) {
-  json objects = json::array({"$null", chainOf("NSArray")});
-  for (uint32_t i = 0; i < levels; ++i) {
-    objects.push_back(
-        {{"NS.objects", i + 1 == levels ? uids({}) : uids({i + 3})}, {"$class", uid(1)}});
-  }
-  return keyedArchive(objects, uid(2));
-}
 
 class ArchiveRejects : public ::testing::Test {
  protected:
@@ -73,85 +34,31 @@ class ArchiveRejects : public ::testing::Test {
   }
 };
 
+// data/refused-archives.jsonl: one damaged archive a line, in the JSON form of
+// ArchiveTestSupport.h, with a fragment of the error it must be refused with.
 TEST_F(ArchiveRejects, EveryKindOfDamageAReaderMustRefuse) {
-  json plain = keyedArchive(json::array({"$null", "x"}));
-  auto edited = [&](const char* key, json value) {
-    json archive = plain;
-    if (value.is_discarded()) {
-      archive.erase(key);
-    } else {
-      archive[key] = std::move(value);
-    }
-    return archive;
-  };
-  const std::pair<json, std::string> cases[] = {
-      // References.
-      {keyedArchive(json::array({"$null", "x"}), uid(5)), "beyond"},
-      {arrayOf(uids({1000})), "beyond"},
-      {arrayOf({1}), "not a UID"},
-      {objectArchive({{"NS.base", uid(0)}, {"NS.relative", "file:///tmp"}}, chainOf("NSURL")),
-       "NS.relative"},
-      {keyedArchive(json::array({"$null", "x"}), 1), "root"},
-      // Classes.
-      {keyedArchive(json::array({"$null", {{"NS.objects", uids({})}}})), "no $class"},
-      {keyedArchive(json::array({"$null", {{"NS.objects", uids({})}, {"$class", "NSArray"}}})),
-       "$class"},
-      {keyedArchive(json::array({"$null", {{"NS.objects", uids({})}, {"$class", uid(99)}}})),
-       "$class"},
-      {objectArchive({{"NS.objects", uids({})}}, "NSArray"), "class dictionary"},
-      {objectArchive({{"NS.objects", uids({})}}, {{"$classname", 3}}), "$classname"},
-      {objectArchive({{"NS.objects", uids({})}},
-                     classDict("NSSomethingElse", {"NSSomethingElse", "NSArray", "NSObject"})),
-       "unknown class NSSomethingElse"},
-      // Strings travel as plain values: a dictionary claiming to be one is unknown.
-      {objectArchive({{"NS.string", "x"}}, {{"$classname", "NSString"}}), "unknown class NSString"},
-      // Shapes and value types.
-      {objectArchive({{"NS.keys", uids({3, 3})}, {"NS.objects", uids({3})}},
-                     chainOf("NSDictionary"), {"k"}),
-       "differ in length"},
-      {record({{"size", "12"}}), "\"size\""},
-      {record({{"busy", "YES"}}), "\"busy\""},
-      {record({{"size", {{"real", 1.5}}}}), "not an integer"},
-      {arrayOf({{"x", uid(0)}}), "not an array"},
-      {arrayOf(uids({3}), {json::array()}), "not an object"},
-      {objectArchive({{"NSDomain", uid(3)}, {"NSCode", 1}}, chainOf("NSError"), {5}), "NSDomain"},
-      // Cycles and depth.
-      {arrayOf(uids({1})), "contains itself"},
-      {keyedArchive(
-           json::array({"$null",
-                        {{"NS.objects", uids({2})}, {"$class", uid(4)}},
-                        {{"NS.keys", uids({3})}, {"NS.objects", uids({1})}, {"$class", uid(5)}},
-                        "k",
-                        chainOf("NSArray"),
-                        chainOf("NSDictionary")})),
-       "contains itself"},
-      {nestedArrays(300), "deeper than 256"},
-      // LEB128 index paths: truncated, wider than 64 bits, counts that differ.
-      {indexPath(2, {0x01, 0xac}), "NSIndexPathData"},
-      {indexPath(2, {0x01, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x7f}),
-       "NSIndexPathData"},
-      {indexPath(4, {0x01, 0xac, 0x02, 0x02}), "NSIndexPathData"},
-      {indexPath(2, {0x01, 0xac, 0x02, 0x02}), "NSIndexPathData"},
-      {indexPath(int64_t{1} << 60, {0x01, 0x02}), "NSIndexPathData"},
-      {indexPath(17, std::vector<uint8_t>(16, 0x05)), "NSIndexPathData"},
-      {indexPath(-1, {}), "negative"},
-      // Not a keyed archive.
-      {edited("$archiver", "Other"), "$archiver"},
-      {edited("$version", 99999), "$version"},
-      {edited("$top", 1), "$top"},
-      {edited("$objects", json::array()), "$objects"},
-      {edited("$objects", json::value_t::discarded), "$objects"},
-      {json::array(), "top level"},
-  };
-  for (const auto& [archive, fragment] : cases) expectRefused(writeJson(archive), fragment);
+  std::ifstream cases(std::string(QX_SOURCE_DIR) +
+                      "/tests/platform/archive/data/refused-archives.jsonl");
+  int count = 0;
+  for (std::string line; std::getline(cases, line); ++count) {
+    const json row = json::parse(line);
+    expectRefused(writeJson(row["archive"]), row["refused with"].get<std::string>());
+  }
+  EXPECT_EQ(count, 35);
   const uint8_t text[] = "not a plist at all, just some text that is long enough";
   expectRefused(std::span(text, sizeof text), "binary property list");
 
   // The undamaged forms decode.
   ErrorPtr error;
-  EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(writeJson(plain), &error));
+  EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(
+      writeJson(keyedArchive(json::array({"$null", "x"}))), &error));
   auto path = cast<IndexPath>(KeyedUnarchiver::unarchiveObjectWithData(
-      writeJson(indexPath(3, {0x01, 0xac, 0x02, 0x02})), &error));
+      writeJson(keyedArchive(
+          json::array({"$null",
+                       {{"NSIndexPathLength", 3}, {"NSIndexPathData", uid(2)}, {"$class", uid(3)}},
+                       {{"data", "01ac0202"}},
+                       classDict("NSIndexPath", {"NSIndexPath", "NSObject"})}))),
+      &error));
   ASSERT_TRUE(path) << describe(error);
   EXPECT_EQ(path->indexes(), (std::vector<uint64_t>{1, 300, 2}));
   // Paths longer than what an index path or the decoder holds in place.

@@ -1,7 +1,5 @@
 #include "tests/platform/archive/ArchiveTestSupport.h"
 
-#include <plist/plist.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -108,11 +106,6 @@ std::string runOracle(const std::string& arguments) {
   return output;
 }
 
-struct PlistFree {
-  void operator()(plist_t node) const { plist_free(node); }
-};
-using PlistPtr = std::unique_ptr<void, PlistFree>;
-
 }  // namespace
 
 json readJson(std::span<const uint8_t> bytes) {
@@ -138,20 +131,6 @@ std::vector<uint8_t> plistlibWrite(const json& value) {
   dir.file("in.json", value.dump());
   runOracle("write " + dir.path("in.json") + " " + dir.path("out.plist"));
   return readFile(dir.path("out.plist"));
-}
-
-std::vector<uint8_t> libplistRewrite(std::span<const uint8_t> bytes) {
-  plist_t root = nullptr;
-  plist_from_bin(reinterpret_cast<const char*>(bytes.data()), static_cast<uint32_t>(bytes.size()),
-                 &root);
-  if (root == nullptr) throw std::runtime_error("libplist does not read the plist");
-  PlistPtr owner(root);
-  char* out = nullptr;
-  uint32_t length = 0;
-  plist_to_bin(root, &out, &length);
-  std::vector<uint8_t> rewritten(out, out + length);
-  free(out);
-  return rewritten;
 }
 
 json uid(uint32_t n) {

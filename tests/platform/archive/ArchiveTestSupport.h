@@ -12,7 +12,7 @@
 #include "platform/archive/BinaryPlist.h"
 #include "platform/foundation/Foundation.h"
 
-// Plists as JSON, in the conventions of every oracle here: a UID is
+// Plists as JSON, in the conventions of the oracle script: a UID is
 // {"UID": n}, data is {"data": "<hex>"}, a real is {"real": x}; strings,
 // integers, booleans, null, arrays and dictionaries are themselves.
 namespace qx::testing {
@@ -24,12 +24,9 @@ std::vector<uint8_t> readFile(const std::filesystem::path& path);
 // The project's reader and writer.
 json readJson(std::span<const uint8_t> plist);  // throws when it does not parse
 std::vector<uint8_t> writeJson(const json& value);
-// Python's plistlib.
+// Python's plistlib, the oracle.
 json plistlibRead(std::span<const uint8_t> plist);
 std::vector<uint8_t> plistlibWrite(const json& value);
-// libplist, through its C API: the plist as libplist reads it and writes
-// it again.
-std::vector<uint8_t> libplistRewrite(std::span<const uint8_t> plist);
 
 // Keyed archives written value by value, including ones the archiver never
 // writes: $objects[0] should be "$null".
