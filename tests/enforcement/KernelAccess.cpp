@@ -60,24 +60,42 @@ KernelAccess::User KernelAccess::userNamed(const std::string& name) {
   return user;
 }
 
-unsigned KernelAccess::granted(const std::string& path, bool folder, const User& user) {
-  const std::string probe = path + "/.kernel-access-probe";
+int KernelAccess::runAs(const User& user, const std::function<int()>& body) {
   pid_t pid = fork();
-  if (pid < 0) return ~0u;
+  if (pid < 0) return kNoIds;
   if (pid == 0) {
     if (setgroups(user.groups.size(), user.groups.data()) != 0 ||
         setresgid(user.gid, user.gid, user.gid) != 0 ||
         setresuid(user.uid, user.uid, user.uid) != 0) {
       _exit(kNoIds);
     }
-    _exit(static_cast<int>(folder ? folderAccess(path.c_str(), probe.c_str())
-                                  : fileAccess(path.c_str())));
+    _exit(body());
   }
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
-  if (!WIFEXITED(status) || WEXITSTATUS(status) == kNoIds) return ~0u;
-  return static_cast<unsigned>(WEXITSTATUS(status));
+  return WIFEXITED(status) ? WEXITSTATUS(status) : kNoIds;
+}
+
+unsigned KernelAccess::granted(const std::string& path, bool folder, const User& user) {
+  const std::string probe = path + "/.kernel-access-probe";
+  const int answer = runAs(user, [&] {
+    return static_cast<int>(folder ? folderAccess(path.c_str(), probe.c_str())
+                                   : fileAccess(path.c_str()));
+  });
+  return answer == kNoIds ? ~0u : static_cast<unsigned>(answer);
+}
+
+unsigned KernelAccess::operationsOf(uint32_t rights, bool folder) {
+  constexpr uint32_t kReadData = 0x2, kWriteData = 0x4, kSearch = 0x8, kAppendData = 0x20,
+                     kDeleteChild = 0x40;
+  unsigned granted = 0;
+  if (rights & kReadData) granted |= kRead;
+  if (rights & kSearch) granted |= kExecute;
+  const uint32_t write =
+      folder ? (kWriteData | kAppendData | kDeleteChild | kSearch) : (kWriteData | kAppendData);
+  if ((rights & write) == write) granted |= kWrite;
+  return granted;
 }
 
 }  // namespace qx::test

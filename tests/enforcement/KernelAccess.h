@@ -2,6 +2,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,6 +33,17 @@ class KernelAccess {
   // kRead, kWrite and kExecute for what `user` may do with `path`; ~0u when
   // the child could not take the user's ids.
   static unsigned granted(const std::string& path, bool folder, const User& user);
+
+  // kRead, kWrite and kExecute as qxfile's effective access `rights` (the
+  // extended ACL's permission bits) grant them: read is Read Data, write
+  // Write Data and Append Data (on a folder Add File, Add Subfolder, Delete
+  // Child and, as creating a file takes it, Search), execute is Execute.
+  static unsigned operationsOf(uint32_t rights, bool folder);
+
+  // Runs `body` in a child with the user's ids and groups and answers what it
+  // returned (0-99); 100 when the child could not take the ids. Only system
+  // calls in `body`: the parent may have threads.
+  static int runAs(const User& user, const std::function<int()>& body);
 };
 
 }  // namespace qx::test

@@ -44,8 +44,6 @@ struct Operation {
   std::vector<std::string> fileRights;
   std::vector<std::string> folderRights;
 };
-// Creating a file in a folder takes w and x from the kernel, so qxfile's
-// write on a folder takes its search right too.
 const Operation kOperations[] = {
     {KernelAccess::kRead, "read", {"Read Data"}, {"List Folder Contents"}},
     {KernelAccess::kWrite,
@@ -53,17 +51,6 @@ const Operation kOperations[] = {
      {"Write Data", "Append Data"},
      {"Create Files", "Create Folder", "Delete Subfolders and Files", "Traverse Folder"}},
     {KernelAccess::kExecute, "execute", {"Execute File"}, {"Traverse Folder"}}};
-
-// read, write and execute as effective access rights grant them.
-unsigned operationsOf(uint32_t rights, bool folder) {
-  unsigned granted = 0;
-  if (rights & kReadData) granted |= KernelAccess::kRead;
-  if (rights & kExecute) granted |= KernelAccess::kExecute;
-  const uint32_t write =
-      folder ? (kWriteData | kAppendData | kDeleteChild | kExecute) : (kWriteData | kAppendData);
-  if ((rights & write) == write) granted |= KernelAccess::kWrite;
-  return granted;
-}
 
 struct Draw {
   bool folder = false;
@@ -239,7 +226,7 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
       ASSERT_NE(kernel, ~0u) << "the child could not take uid " << user.uid;
       const qx::ArrayPtr access = service.getAclAccessWithUrl(url, userUuid(user.uid), &error);
       ASSERT_NE(access, nullptr) << error->description();
-      const unsigned said = operationsOf(grantedRights(access), draw.folder);
+      const unsigned said = KernelAccess::operationsOf(grantedRights(access), draw.folder);
       for (const Operation& operation : kOperations) {
         ++checks;
         const bool byKernel = kernel & operation.bit, byQxfile = said & operation.bit;
