@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "model/QXAclEntry.h"
@@ -123,6 +124,78 @@ inline uint32_t grantedRights(const qx::ArrayPtr& access) {
     }
   }
   return rights;
+}
+
+// An entry as text: tag, qualifier, rights, inheritance flags and the
+// inherited mark.
+inline std::string aceText(int32_t tag, const qx::UuidPtr& who, uint32_t rights, uint32_t flags,
+                           bool inherited) {
+  char text[128];
+  std::snprintf(text, sizeof text, "%s %s rights 0x%x flags 0x%x%s\n",
+                tag == kAllow  ? "allow"
+                : tag == kDeny ? "deny"
+                               : "?",
+                who ? who->UUIDString().c_str() : "nobody", rights, flags,
+                inherited ? " inherited" : "");
+  return text;
+}
+
+// The entries of a listing (between "ACL" and "POSIX") as text, one a line,
+// read from their permission trees.
+inline std::string aclPartText(const qx::ArrayPtr& listing) {
+  if (!listing) return "no listing";
+  std::string text;
+  for (const qx::ObjectPtr& object : *listing) {
+    if (auto marker = qx::cast<qx::String>(object)) {
+      if (marker->str() == "POSIX") break;
+      continue;
+    }
+    auto entry = qx::cast<QXAclEntry>(object);
+    if (!entry || !entry->permissions()) return text + "not an entry\n";
+    uint32_t rights = 0, flags = 0;
+    for (const qx::ObjectPtr& groupObject : *entry->permissions()) {
+      auto group = qx::cast<qx::TreeNode>(groupObject);
+      auto groupRecord = group ? group->representedObjectAs<QXAclPermission>() : nullptr;
+      if (!groupRecord) return text + "not a permission node\n";
+      std::vector<std::pair<std::string, int64_t>> leaves;
+      for (const auto& leaf : group->childNodes()) {
+        auto record = leaf->representedObjectAs<QXAclPermission>();
+        if (!record) continue;
+        leaves.emplace_back(record->name() ? record->name()->str() : "", record->state());
+        if (groupRecord->name() && groupRecord->name()->str() != "Applies to" &&
+            record->state() == 1) {
+          rights |= static_cast<uint32_t>(record->permission());
+        }
+      }
+      if (groupRecord->name() && groupRecord->name()->str() == "Applies to") {
+        auto on = [&](const char* name) {
+          for (const auto& [leafName, state] : leaves) {
+            if (leafName == name) return state == 1;
+          }
+          return false;
+        };
+        if (!on("This item")) flags |= kOnlyInherit;
+        if (on("Child files")) flags |= kFileInherit;
+        if (on("Child folders")) flags |= kDirectoryInherit;
+        if (on("Child folders") && !on("All descendants")) flags |= kLimitInherit;
+      }
+    }
+    text += aceText(entry->tag(), entry->uuid(), rights, flags, entry->inherited());
+  }
+  return text;
+}
+
+// `entries` as aclPartText shows them once written to a file or a folder:
+// a file has neither Delete Child nor inheritance flags.
+inline std::string aclPartText(const std::vector<Ace>& entries, bool folder) {
+  std::string text;
+  for (const Ace& ace : entries) {
+    text += aceText(
+        ace.tag, ace.who, ace.rights & (folder ? kAllRights : kAllRights & ~kDeleteChild),
+        folder ? ace.flags & (kFileInherit | kDirectoryInherit | kLimitInherit | kOnlyInherit) : 0,
+        (ace.flags & kInherited) != 0);
+  }
+  return text;
 }
 
 }  // namespace qx::test::acl

@@ -215,6 +215,9 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
     ASSERT_TRUE(service.setAclEntries(
         listing(draw.entries, draw.folder, draw.mode, owner, draw.group), url, &error))
         << error->description() << " " << error->localizedRecoverySuggestion().value_or("");
+    EXPECT_EQ(aclPartText(service.getAclEntriesWithUrl(url, &error)),
+              aclPartText(draw.entries, draw.folder))
+        << "read back as written, every entry, flag and order";
     struct stat st {};
     ASSERT_EQ(lstat(path.c_str(), &st), 0);
     ASSERT_EQ(st.st_uid, owner);
