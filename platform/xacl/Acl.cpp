@@ -1,9 +1,36 @@
 #include "platform/xacl/Acl.h"
 
+#include <cstddef>
+
 namespace qx::xacl {
 
 bool AclEntry::storable() const {
   return hasQualifier && (tag == ACL_EXTENDED_ALLOW || tag == ACL_EXTENDED_DENY);
+}
+
+ExtendedEntries Acl::entries() const {
+  ExtendedEntries out;
+  out.reserve(static_cast<std::size_t>(size_));
+  for (int i = 0; i < size_; ++i) {
+    const AclEntry& e = entries_[i];
+    out.push_back({e.tag, e.qualifier, e.permset.bits, e.flagset.bits});
+  }
+  return out;
+}
+
+bool Acl::assign(const ExtendedEntries& entries) {
+  if (entries.size() > static_cast<std::size_t>(kMaxEntries)) return false;
+  size_ = 0;
+  cursor_ = -1;
+  for (const ExtendedEntry& e : entries) {
+    AclEntry* entry = append();
+    entry->tag = e.tag;
+    entry->qualifier = e.qualifier;
+    entry->hasQualifier = true;
+    entry->permset.bits = e.rights;
+    entry->flagset.bits = e.flags;
+  }
+  return true;
 }
 
 AclEntry* Acl::append() {

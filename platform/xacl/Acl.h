@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 
+#include "platform/xacl/ExtendedEntry.h"
 #include "platform/xacl/xacl.h"
 
 namespace qx::xacl {
@@ -53,6 +54,10 @@ class Acl {
   int size() const { return size_; }
   AclEntry& at(int index) { return entries_[index]; }
   const AclEntry& at(int index) const { return entries_[index]; }
+
+  // The entries as plain values, and the reverse (false when there are more than 128).
+  ExtendedEntries entries() const;
+  bool assign(const ExtendedEntries& entries);
 
   // The new last entry, or nullptr when the ACL is full.
   AclEntry* append();

@@ -14,6 +14,7 @@
 #include "platform/xacl/Acl.h"
 #include "platform/xacl/AclCodec.h"
 #include "platform/xacl/AclRegistry.h"
+#include "platform/xacl/ItemAcl.h"
 
 namespace qx::xacl {
 
@@ -63,18 +64,6 @@ std::unique_ptr<Acl> newAcl() {
   return acl;
 }
 
-// Only files and folders can carry user attributes on Linux.
-bool canCarryAttributes(const struct stat& st) {
-  return S_ISREG(st.st_mode) || S_ISDIR(st.st_mode);
-}
-
-int removeAttribute(const char* path) {
-  if (lremovexattr(path, kAclAttributeName) == 0) return 0;
-  // Nothing to remove is what was asked for.
-  if (errno == ENODATA || errno == ENOTSUP) return 0;
-  return -1;
-}
-
 }  // namespace
 
 acl_t acl_init(int count) {
@@ -86,36 +75,34 @@ acl_t acl_init(int count) {
 }
 
 acl_t acl_get_link_np(const char* path, acl_type_t type) {
-  if (path == nullptr || type != ACL_TYPE_EXTENDED) return failNull<Acl>(EINVAL);
-  // One byte more than the largest valid attribute: a longer one fails with ERANGE.
-  std::array<uint8_t, AclCodec::kMaxSize + 1> buffer;
-  ssize_t length = lgetxattr(path, kAclAttributeName, buffer.data(), buffer.size());
-  if (length < 0) {
-    if (errno == ENODATA || errno == ENOTSUP) return failNull<Acl>(ENOENT);
-    if (errno == ERANGE) return failNull<Acl>(EINVAL);
+  if (type != ACL_TYPE_EXTENDED) return failNull<Acl>(EINVAL);
+  AclState state;
+  return acl_get_link_state_np(path, &state);
+}
+
+acl_t acl_get_link_state_np(const char* path, AclState* state) {
+  if (path == nullptr || state == nullptr) return failNull<Acl>(EINVAL);
+  if (ItemAcl::read(path, state) != 0) {
+    // A missing item has no ACL, as a missing attribute always meant.
     return nullptr;
   }
+  if (state->source == AclSource::None) return failNull<Acl>(ENOENT);
   auto acl = newAcl();
   if (!acl) return nullptr;
-  if (int error = AclCodec::decode(std::span(buffer.data(), static_cast<size_t>(length)), *acl)) {
-    return failNull<Acl>(error);
-  }
+  if (!acl->assign(state->entries)) return failNull<Acl>(EINVAL);
   return handOut(std::move(acl));
 }
 
 int acl_set_link_np(const char* path, acl_type_t type, acl_t acl) {
   if (path == nullptr || type != ACL_TYPE_EXTENDED || !validAcl(acl)) return fail(EINVAL);
-  std::vector<uint8_t> bytes;
+  for (int i = 0; i < acl->size(); ++i) {
+    if (!acl->at(i).storable()) return fail(EINVAL);
+  }
   try {
-    if (int error = AclCodec::encode(*acl, bytes)) return fail(error);
+    return ItemAcl::write(path, acl->entries());
   } catch (const std::bad_alloc&) {
     return fail(ENOMEM);
   }
-  struct stat st;
-  if (lstat(path, &st) != 0) return -1;
-  if (acl->size() == 0) return canCarryAttributes(st) ? removeAttribute(path) : 0;
-  if (!canCarryAttributes(st)) return fail(ENOTSUP);
-  return lsetxattr(path, kAclAttributeName, bytes.data(), bytes.size(), 0) == 0 ? 0 : -1;
 }
 
 int acl_get_entry(acl_t acl, int entry_id, acl_entry_t* entry_p) {

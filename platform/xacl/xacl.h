@@ -3,10 +3,10 @@
 // The extended ACL interface, by its platform names and meanings.
 //
 // An extended ACL is an ordered list of at most 128 allow/deny entries, each naming a user or
-// group by UUID, a set of permission bits and a set of inheritance flags. Linux has no such
-// ACL, so it is kept in the extended attribute "user.qxfile.acl" of the item itself and Linux
-// never consults it when it grants access; the service reads it, writes it and computes
-// effective access from it.
+// group by UUID, a set of permission bits and a set of inheritance flags. Each item keeps two
+// layers (see ItemAcl.h): the POSIX ACL that the kernel enforces, and the whole extended ACL
+// in the extended attribute "user.qxfile.acl" of the item itself. Reading shows the stored ACL
+// while it is what Linux enforces, else a translation of the POSIX ACL; writing sets both.
 //
 // Conventions, as on the platform: functions returning int give 0 on success and -1 with errno
 // set on failure; functions returning a pointer give NULL with errno set on failure. Entries,
@@ -23,6 +23,7 @@
 namespace qx::xacl {
 
 class Acl;
+struct AclState;
 struct AclEntry;
 struct AclPermset;
 struct AclFlagset;
@@ -85,15 +86,23 @@ inline constexpr const char* kAclAttributeName = "user.qxfile.acl";
 // EINVAL below 0).
 acl_t acl_init(int count);
 
-// Reads the ACL of the item at `path` itself, never a symbolic link's target. No ACL (also on
-// a link, or on a file system without user attributes): NULL with ENOENT. A damaged
-// attribute: NULL with EINVAL. `type` must be ACL_TYPE_EXTENDED.
+// Reads the ACL of the item at `path` itself, never a symbolic link's target: the stored ACL
+// while it is current, else the translation of the item's POSIX ACL when it has named entries
+// or a default ACL. No ACL (also on a link): NULL with ENOENT. A damaged attribute: NULL with
+// EINVAL. `type` must be ACL_TYPE_EXTENDED. Never writes.
 acl_t acl_get_link_np(const char* path, acl_type_t type);
 
-// Replaces the item's whole ACL, never following a link. An ACL without entries removes the
-// attribute (success when there is none). A symbolic link (or any item other than a file or
-// folder) accepts only an empty ACL; otherwise ENOTSUP. Entries without an allow/deny tag or
-// without a qualifier: EINVAL.
+// acl_get_link_np, also telling in `state` where the ACL shown comes from, whether a stored
+// ACL is there but not in force, and the item's POSIX ACL, owner, group and mode bits. When
+// there is no ACL, NULL with ENOENT and `state` filled all the same.
+acl_t acl_get_link_state_np(const char* path, AclState* state);
+
+// Replaces the item's whole ACL, never following a link: sets the POSIX ACL that enforces it
+// (access, and on folders default), then stores it. An ACL without entries removes the named
+// POSIX entries, the mask, the default ACL and the attribute (the mode stays; success when
+// there is nothing to remove). A symbolic link (or any item other than a file or folder)
+// accepts only an empty ACL; otherwise ENOTSUP, as on a file system without POSIX ACLs.
+// Entries without an allow/deny tag or without a qualifier: EINVAL.
 int acl_set_link_np(const char* path, acl_type_t type, acl_t acl);
 
 // Iterates: ACL_FIRST_ENTRY, then ACL_NEXT_ENTRY; past the last entry (or in an empty ACL):
