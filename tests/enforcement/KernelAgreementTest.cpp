@@ -145,6 +145,17 @@ struct Flagged {
   std::string modeClass;
 };
 
+// The item's POSIX ACL as getfacl prints it, for failure messages.
+std::string getfaclText(const std::string& path) {
+  std::string text;
+  if (FILE* pipe = popen(("getfacl -n -c -p '" + path + "' 2>&1").c_str(), "r")) {
+    char buffer[256];
+    while (fgets(buffer, sizeof buffer, pipe)) text += buffer;
+    pclose(pipe);
+  }
+  return text;
+}
+
 bool listed(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
@@ -244,14 +255,15 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
           ++restricted;
           if (draw.allowOnlyUsers) {
             ++failures;
-            ADD_FAILURE() << pair << ", in an ACL of allow entries for users only";
+            ADD_FAILURE() << pair << ", in an ACL of allow entries for users only\n"
+                          << getfaclText(path);
           }
           continue;
         }
         const std::string modeClass = modeClassOf(user, owner, draw);
         if (modeClass.empty()) {
           ++failures;
-          ADD_FAILURE() << pair << ", for a user named or in a named group";
+          ADD_FAILURE() << pair << ", for a user named or in a named group\n" << getfaclText(path);
           continue;
         }
         ++flaggedCount;
