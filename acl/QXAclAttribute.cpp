@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/types.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -50,18 +51,19 @@ bool canCarryAttribute(const struct stat& st) {
   return S_ISREG(st.st_mode) || S_ISDIR(st.st_mode);
 }
 
-bool removeAt(int folderFd, const char* name, int* outcome) {
-  long result =
-      syscall(kRemovexattrat, folderFd, name, AT_SYMLINK_NOFOLLOW, qx::xacl::kAclAttributeName);
+bool removeAt(int folderFd, const char* name, int* outcome,
+              const char* attribute = qx::xacl::kAclAttributeName) {
+  long result = syscall(kRemovexattrat, folderFd, name, AT_SYMLINK_NOFOLLOW, attribute);
   // Nothing to remove is what was asked for.
   if (result != 0 && (errno == ENODATA || errno == ENOTSUP)) result = 0;
   return attempt(result, outcome) == Attempt::Done;
 }
 
-bool writeAt(int folderFd, const char* name, const std::vector<uint8_t>& bytes, int* outcome) {
+bool writeAt(int folderFd, const char* name, const std::vector<uint8_t>& bytes, int* outcome,
+             const char* attribute = qx::xacl::kAclAttributeName) {
   XattrArgs args{reinterpret_cast<uintptr_t>(bytes.data()), static_cast<__u32>(bytes.size()), 0};
-  long result = syscall(kSetxattrat, folderFd, name, AT_SYMLINK_NOFOLLOW,
-                        qx::xacl::kAclAttributeName, &args, sizeof args);
+  long result =
+      syscall(kSetxattrat, folderFd, name, AT_SYMLINK_NOFOLLOW, attribute, &args, sizeof args);
   return attempt(result, outcome) == Attempt::Done;
 }
 
@@ -109,4 +111,18 @@ int QXAclAttribute::setAt(int folderFd, const char* name, const struct stat& st,
   }
   return qx::xacl::acl_set_link_np(pathThroughFolder(folderFd, name).c_str(),
                                    qx::xacl::ACL_TYPE_EXTENDED, acl);
+}
+
+int QXAclAttribute::setAttributeAt(int folderFd, const char* name, const char* attribute,
+                                   const std::vector<uint8_t>* bytes) {
+  if (atCallsAvailable.load(std::memory_order_relaxed)) {
+    int outcome = 0;
+    const bool done = bytes ? writeAt(folderFd, name, *bytes, &outcome, attribute)
+                            : removeAt(folderFd, name, &outcome, attribute);
+    if (done) return outcome;
+  }
+  const std::string path = pathThroughFolder(folderFd, name);
+  if (bytes) return lsetxattr(path.c_str(), attribute, bytes->data(), bytes->size(), 0);
+  if (lremovexattr(path.c_str(), attribute) == 0) return 0;
+  return errno == ENODATA || errno == ENOTSUP ? 0 : -1;
 }

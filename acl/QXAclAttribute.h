@@ -2,7 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "platform/xacl/xacl.h"
 
@@ -21,6 +23,11 @@ class QXAclAttribute {
 
   // `st` is the item's lstat data, from the walk. 0, or -1 with errno set.
   static int setAt(int folderFd, const char* name, const struct stat& st, qx::xacl::acl_t acl);
+
+  // Sets the attribute `attribute` of the item `name` to `bytes`, or removes it when `bytes`
+  // is null (a success where there is none), through the folder's descriptor as above.
+  static int setAttributeAt(int folderFd, const char* name, const char* attribute,
+                            const std::vector<uint8_t>* bytes);
 
   // The path that names `name` inside the folder open at `folderFd` through /proc.
   static std::string pathThroughFolder(int folderFd, const char* name);

@@ -7,7 +7,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "acl/QXAclAttribute.h"
 #include "acl/QXAclStep.h"
@@ -20,7 +22,10 @@
 #include "platform/archive/KeyedUnarchiver.h"
 #include "platform/foundation/MutableArray.h"
 #include "platform/walk/TreeWalk.h"
+#include "platform/xacl/Acl.h"
 #include "platform/xacl/AclHandle.h"
+#include "platform/xacl/ItemAcl.h"
+#include "platform/xacl/PosixAclCodec.h"
 
 namespace {
 
@@ -87,6 +92,33 @@ int changeMode(int folderFd, const char* name, mode_t mode) {
   return fchmodat(folderFd, name, mode, AT_SYMLINK_NOFOLLOW);
 }
 
+// The POSIX ACLs one kind of item receives, in the kernel's attribute form. They depend only on
+// the entries and on the recorded owner, group and mode, so they are computed once per walk
+// and written as raw attribute bytes through the item's folder: libacl offers no call relative
+// to a folder descriptor, and converting the same ACL again for every item would dominate.
+struct EnforcedBytes {
+  bool empty = true;    // no extended entries: writing clears rather than sets
+  mode_t statMode = 0;  // the permission bits st_mode then shows (the mask as group bits)
+  std::vector<uint8_t> access;
+  std::optional<std::vector<uint8_t>> defaults;
+
+  static EnforcedBytes of(acl_t acl, uid_t owner, gid_t group, mode_t mode, bool isFolder) {
+    const qx::xacl::ExtendedEntries entries = acl->entries();
+    const qx::xacl::PosixMapping::Enforced enforced =
+        qx::xacl::ItemAcl::enforcing(entries, {owner, group, mode, isFolder});
+    EnforcedBytes bytes;
+    bytes.empty = entries.empty();
+    bytes.statMode = enforced.access.statModeBits();
+    bytes.access = qx::xacl::PosixAclCodec::encode(enforced.access);
+    if (enforced.defaults) bytes.defaults = qx::xacl::PosixAclCodec::encode(*enforced.defaults);
+    return bytes;
+  }
+};
+
+bool carriesAcls(const struct stat& st) {
+  return S_ISREG(st.st_mode) || S_ISDIR(st.st_mode);
+}
+
 // One walk over the tree below a folder, with the settings it hands down.
 class TreeUpdate {
  public:
@@ -120,8 +152,7 @@ class TreeUpdate {
   ErrorPtr visit(const WalkEntry& entry) {
     switch (entry.info()) {
       case WalkInfo::D:
-        if (entry.level() == 0) record(*entry.statp());
-        return nullptr;
+        return entry.level() == 0 ? record(*entry.statp()) : nullptr;
       case WalkInfo::DP:
         return entry.level() == 0 ? nullptr : apply(entry, folderAcl_);
       case WalkInfo::DNR:
@@ -136,10 +167,37 @@ class TreeUpdate {
     }
   }
 
-  void record(const struct stat& st) {
-    mode_ = st.st_mode & kPermissionBits;
+  ErrorPtr record(const struct stat& st) {
+    if (qx::xacl::ItemAcl::modeBits(top_.c_str(), st, &mode_) != 0) {
+      return QXAclStep::error(errno, QXAclMessage::kStat, top_.c_str());
+    }
     owner_ = st.st_uid;
     group_ = st.st_gid;
+    folderBytes_ = EnforcedBytes::of(folderAcl_, owner_, group_, mode_, true);
+    fileBytes_ = EnforcedBytes::of(fileAcl_, owner_, group_, mode_, false);
+    return nullptr;
+  }
+
+  // The POSIX ACLs of a file or folder, written before its stored ACL. Where the file system
+  // has no POSIX ACLs, clearing them is a success and setting them fails with ENOTSUP.
+  static int writePosix(int folder, const char* name, bool isFolder, const EnforcedBytes& bytes) {
+    auto tolerated = [&bytes](int error) {
+      return (bytes.empty && (error == ENOTSUP || error == ENODATA)) ||
+             (!bytes.empty && error == ENODATA);
+    };
+    if (QXAclAttribute::setAttributeAt(folder, name, qx::xacl::ItemAcl::kPosixAccess,
+                                       &bytes.access) != 0 &&
+        !tolerated(errno)) {
+      return -1;
+    }
+    if (!isFolder) return 0;
+    const std::vector<uint8_t>* defaults = bytes.defaults ? &*bytes.defaults : nullptr;
+    if (QXAclAttribute::setAttributeAt(folder, name, qx::xacl::ItemAcl::kPosixDefault, defaults) !=
+            0 &&
+        !tolerated(errno)) {
+      return -1;
+    }
+    return 0;
   }
 
   // Mode, owner, group, then ACL, each only when it differs, all through the
@@ -150,7 +208,12 @@ class TreeUpdate {
     const bool link = S_ISLNK(st.st_mode);
     const int folder = entry.parentFd();
     const char* name = entry.accessName();
-    if (!link && mode_ != (st.st_mode & kPermissionBits) && changeMode(folder, name, mode_) != 0) {
+    const bool isFolder = S_ISDIR(st.st_mode);
+    const EnforcedBytes& bytes = isFolder ? folderBytes_ : fileBytes_;
+    // The mode a file or folder ends with shows the mask in its group bits; the ACL write
+    // below sets them again with the group entry.
+    const mode_t mode = carriesAcls(st) ? bytes.statMode : mode_;
+    if (!link && mode != (st.st_mode & kPermissionBits) && changeMode(folder, name, mode) != 0) {
       return QXAclStep::error(errno, W::kSetMode, entry.path());
     }
     if (owner_ != st.st_uid &&
@@ -160,6 +223,9 @@ class TreeUpdate {
     if (group_ != st.st_gid &&
         fchownat(folder, name, static_cast<uid_t>(-1), group_, AT_SYMLINK_NOFOLLOW) != 0) {
       return QXAclStep::error(errno, W::kSetGroup, entry.path());
+    }
+    if (carriesAcls(st) && writePosix(folder, name, isFolder, bytes) != 0) {
+      return QXAclStep::error(errno, W::kSetAcl, entry.path());
     }
     if (!link && QXAclAttribute::setAt(folder, name, st, acl) != 0) {
       return QXAclStep::error(errno, W::kSetAcl, entry.path());
@@ -174,6 +240,7 @@ class TreeUpdate {
   mode_t mode_ = 0;
   uid_t owner_ = 0;
   gid_t group_ = 0;
+  EnforcedBytes folderBytes_, fileBytes_;
 };
 
 // Gives an ACL back; only the first error of the operation is kept.

@@ -21,6 +21,7 @@
 #include "platform/foundation/Uuid.h"
 #include "platform/membership/Membership.h"
 #include "platform/xacl/AclHandle.h"
+#include "platform/xacl/ItemAcl.h"
 
 namespace {
 
@@ -29,8 +30,6 @@ using qx::xacl::acl_entry_t;
 using qx::xacl::acl_flagset_t;
 using qx::xacl::acl_permset_t;
 using qx::xacl::acl_t;
-
-constexpr mode_t kPermissionBits = 0777;
 
 namespace W = QXAclWriteMessage;
 namespace M = QXAclMessage;
@@ -217,9 +216,10 @@ ErrorPtr readPosixSettings(const std::vector<QXAclEntryPtr>& pseudoEntries, cons
   return nullptr;
 }
 
-ErrorPtr applyPosixSettings(const PosixSettings& wanted, const struct stat& st, const char* path) {
-  if (wanted.mode != (st.st_mode & kPermissionBits) &&
-      fchmodat(AT_FDCWD, path, wanted.mode, AT_SYMLINK_NOFOLLOW) != 0) {
+// `mode` is the item's present mode bits, the owning group's from its POSIX ACL entry.
+ErrorPtr applyPosixSettings(const PosixSettings& wanted, mode_t mode, const struct stat& st,
+                            const char* path) {
+  if (wanted.mode != mode && qx::xacl::ItemAcl::setModeBits(path, wanted.mode) != 0) {
     return QXAclStep::error(errno, W::kSetMode, path);
   }
   if (wanted.owner != st.st_uid &&
@@ -250,9 +250,13 @@ ErrorPtr saveEntries(const qx::ArrayPtr& entries, const char* path) {
   SplitEntries split = splitEntries(entries);
   struct stat st;
   if (lstat(path, &st) != 0) return QXAclStep::error(errno, M::kStat, path);
-  PosixSettings wanted{static_cast<mode_t>(st.st_mode & kPermissionBits), st.st_uid, st.st_gid};
+  mode_t mode = 0;
+  if (qx::xacl::ItemAcl::modeBits(path, st, &mode) != 0) {
+    return QXAclStep::error(errno, M::kStat, path);
+  }
+  PosixSettings wanted{mode, st.st_uid, st.st_gid};
   if (ErrorPtr failure = readPosixSettings(split.posix, path, &wanted)) return failure;
-  if (ErrorPtr failure = applyPosixSettings(wanted, st, path)) return failure;
+  if (ErrorPtr failure = applyPosixSettings(wanted, mode, st, path)) return failure;
   return writeAcl(split.acl, path);
 }
 

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <optional>
@@ -17,7 +18,11 @@
 #include "platform/foundation/MutableArray.h"
 #include "platform/foundation/String.h"
 #include "platform/membership/Membership.h"
+#include "platform/xacl/AccessEvaluator.h"
 #include "platform/xacl/AclHandle.h"
+#include "platform/xacl/AclMembership.h"
+#include "platform/xacl/ItemAcl.h"
+#include "platform/xacl/PosixMapping.h"
 #include "platform/xacl/xacl.h"
 
 namespace {
@@ -40,19 +45,6 @@ QXTreeNodePtr makeNode(const char* name, uint32_t value, int64_t state) {
 
 void addChild(const QXTreeNodePtr& parent, const QXTreeNodePtr& child) {
   parent->mutableChildNodes().addObject(child);
-}
-
-// Calls `visit(group, row)` for every row of the permission table shown for
-// the item's kind, in table order; stops at the first error it answers.
-template <class Visit>
-ErrorPtr forEachRow(bool isFolder, Visit&& visit) {
-  for (const QXAclPermGroup* group = acl_perms; group->name; ++group) {
-    for (const QXAclPermRow* row = group->rows; row->name; ++row) {
-      if (!QXAclRowApplies(*row, isFolder)) continue;
-      if (ErrorPtr failure = visit(*group, *row)) return failure;
-    }
-  }
-  return nullptr;
 }
 
 // ---- Reading an ACL ----
@@ -98,25 +90,6 @@ ErrorPtr forEachEntry(acl_t acl, const std::string& path, Visit&& visit) {
   }
 }
 
-// Whether the entry names `identity` itself or a group it belongs to. The
-// qualifier is given back before the answer counts.
-ErrorPtr entryApplies(acl_entry_t entry, const uuid_t identity, const std::string& path,
-                      bool* applies) {
-  QualifierHandle qualifier(qx::xacl::acl_get_qualifier(entry));
-  if (!qualifier) return QXAclStep::error(errno, M::kQualifier, path);
-  *applies = uuid_compare(bytesOf(qualifier), identity) == 0;
-  if (!*applies) {
-    int member = 0;
-    if (int status = qx::mbr_check_membership(identity, bytesOf(qualifier), &member)) {
-      return QXAclStep::error(status, M::kMembership, path);
-    }
-    *applies = member != 0;
-  }
-  if (qx::xacl::acl_free(qualifier.release()) != 0)
-    return QXAclStep::error(errno, M::kReleaseQualifier, path);
-  return nullptr;
-}
-
 struct EntryHandles {
   acl_tag_t tag = qx::xacl::ACL_UNDEFINED_TAG;
   acl_permset_t permset = nullptr;
@@ -157,24 +130,6 @@ ErrorPtr readOwners(const std::string& path, OwnerMessages messages, ItemOwners*
 }
 
 enum class PosixClass { Owner, Group, Other };
-
-// Which mode bits speak for `identity`: the owner's, the group's (the group
-// itself or a member of it) or the others'.
-ErrorPtr classify(const uuid_t identity, const ItemOwners& owners, const std::string& path,
-                  PosixClass* out) {
-  if (uuid_compare(identity, owners.owner) == 0) {
-    *out = PosixClass::Owner;
-  } else if (uuid_compare(identity, owners.group) == 0) {
-    *out = PosixClass::Group;
-  } else {
-    int member = 0;
-    if (int status = qx::mbr_check_membership(identity, owners.group, &member)) {
-      return QXAclStep::error(status, M::kMembership, path);
-    }
-    *out = member ? PosixClass::Group : PosixClass::Other;
-  }
-  return nullptr;
-}
 
 struct ModeBits {
   bool read, write, execute;
@@ -295,7 +250,11 @@ ErrorPtr appendPosixEntries(const std::string& path, bool isFolder, qx::MutableA
   static const PosixLeaf kFolderLeaves[3] = {
       {"Read", 0x80}, {"Write", 0x100}, {"Traverse Folder", 0x1000}};
   const auto& leaves = isFolder ? kFolderLeaves : kFileLeaves;
-  const mode_t mode = owners.st.st_mode;
+  // The owning group's bits are its POSIX ACL entry's, not the mask's.
+  mode_t mode = 0;
+  if (qx::xacl::ItemAcl::modeBits(path.c_str(), owners.st, &mode) != 0) {
+    return QXAclStep::error(errno, M::kStat, path);
+  }
   result.addObject(qx::str("POSIX"));
   result.addObject(
       posixEntry(qx::Uuid::withBytes(owners.owner), leaves, modeBits(mode, PosixClass::Owner)));
@@ -305,178 +264,131 @@ ErrorPtr appendPosixEntries(const std::string& path, bool isFolder, qx::MutableA
   return nullptr;
 }
 
+// ---- The item's ACL as the rules see it ----
+
+// Both layers of the item, read once: what is shown, the item's POSIX ACL, owner, group and
+// mode bits. The ACL handle is given back with a checked release, as every reader does; its
+// failure goes to `released`, for the caller to report once it has used what was read.
+ErrorPtr readState(const std::string& path, qx::xacl::AclState* state, ErrorPtr* released) {
+  errno = 0;
+  AclHandle acl(qx::xacl::acl_get_link_state_np(path.c_str(), state));
+  if (!acl && errno != ENOENT) return QXAclStep::error(errno, M::kAcl, path);
+  if (acl) releaseAcl(acl, path, *released);
+  if (!state->examined) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return QXAclStep::error(errno, M::kStat, path);
+  }
+  return nullptr;
+}
+
+const qx::xacl::ExtendedEntries& shownEntries(const qx::xacl::AclState& state) {
+  static const qx::xacl::ExtendedEntries none;
+  return state.source == qx::xacl::AclSource::None ? none : state.entries;
+}
+
+// The kernel's answer for `bits` over the item's POSIX ACL.
+bool kernelGrants(const qx::xacl::AclState& state, const qx::xacl::AclIdentity& identity,
+                  uint16_t bits) {
+  std::optional<uint32_t> uid;
+  if (identity.kind == qx::xacl::AclIdentity::Kind::User) uid = identity.id;
+  return state.access.permits(uid, identity.groups, state.item.owner, state.item.group, bits);
+}
+
+ErrorPtr membershipError(int status, const std::string& path) {
+  return QXAclStep::error(status, M::kMembership, path);
+}
+
 // ---- Traversal check ----
 
 enum class SearchVerdict { Undecided, Allowed, Denied };
 
-// The first applying entry of the folder's ACL that names search decides.
-ErrorPtr searchByAcl(const std::string& path, const uuid_t identity, SearchVerdict* verdict) {
+// Whether the identity may search the folder: the first applying entry that names search
+// decides, else the mode's execute bit. A folder whose ACL is a translation of its POSIX ACL
+// answers as the kernel does.
+ErrorPtr searchFolder(const std::string& path, const qx::xacl::AclIdentity& identity,
+                      SearchVerdict* verdict) {
+  using qx::xacl::AccessEvaluator;
   *verdict = SearchVerdict::Undecided;
-  AclHandle acl;
-  if (ErrorPtr failure = readAcl(path, &acl)) return failure;
-  if (!acl) return nullptr;
-  ErrorPtr failure = forEachEntry(acl.get(), path, [&](acl_entry_t entry, Walk& next) -> ErrorPtr {
-    bool applies = false;
-    if (ErrorPtr f = entryApplies(entry, identity, path, &applies)) return f;
-    if (!applies) return nullptr;
-    acl_permset_t permset = nullptr;
-    if (qx::xacl::acl_get_permset(entry, &permset) != 0) {
-      return QXAclStep::error(errno, M::kPermset, path);
-    }
-    int search = qx::xacl::acl_get_perm_np(permset, qx::xacl::ACL_SEARCH);
-    if (search == -1) return QXAclStep::error(errno, M::kPermission, path);
-    if (search == 0) return nullptr;
-    acl_tag_t tag = qx::xacl::ACL_UNDEFINED_TAG;
-    if (qx::xacl::acl_get_tag_type(entry, &tag) != 0) return QXAclStep::error(errno, M::kTag, path);
-    *verdict = tag == qx::xacl::ACL_EXTENDED_DENY ? SearchVerdict::Denied : SearchVerdict::Allowed;
-    next = Walk::Stop;
-    return nullptr;
-  });
-  releaseAcl(acl, path, failure);
-  return failure;
+  qx::xacl::AclState state;
+  ErrorPtr released;
+  if (ErrorPtr failure = readState(path, &state, &released)) return failure;
+  AccessEvaluator::Search byEntries = AccessEvaluator::Search::Undecided;
+  if (int status = AccessEvaluator::searchByEntries(shownEntries(state), identity, &byEntries)) {
+    return membershipError(status, path);
+  }
+  if (byEntries == AccessEvaluator::Search::Denied) *verdict = SearchVerdict::Denied;
+  if (released) return released;
+  if (byEntries == AccessEvaluator::Search::Allowed) *verdict = SearchVerdict::Allowed;
+  if (byEntries != AccessEvaluator::Search::Undecided) return nullptr;
+  bool allowed = false;
+  if (state.source == qx::xacl::AclSource::Translation) {
+    allowed = kernelGrants(state, identity, qx::xacl::PosixAcl::kExecute);
+  } else if (int status = AccessEvaluator::searchByMode(identity, state.item, &allowed)) {
+    return membershipError(status, path);
+  }
+  *verdict = allowed ? SearchVerdict::Allowed : SearchVerdict::Denied;
+  return nullptr;
 }
 
-ErrorPtr searchByMode(const std::string& path, const uuid_t identity, bool* searchable) {
-  ItemOwners owners;
-  if (ErrorPtr failure = readOwners(path, {M::kOwnerIndentifier, M::kGroupIndentifier}, &owners)) {
-    return failure;
+ErrorPtr checkTraversable(const qx::UrlPtr& url, const qx::xacl::AclIdentity& identity,
+                          bool* answer) {
+  *answer = true;
+  for (qx::UrlPtr folder = url ? url->parentDirectory() : nullptr; folder;
+       folder = folder->parentDirectory()) {
+    SearchVerdict verdict = SearchVerdict::Undecided;
+    ErrorPtr failure = searchFolder(folder->fileSystemRepresentation(), identity, &verdict);
+    if (verdict == SearchVerdict::Denied) *answer = false;
+    // A folder the identity may search is settled; the walk goes on to its parent.
+    if (failure || !*answer) return failure;
   }
-  PosixClass cls = PosixClass::Other;
-  if (ErrorPtr failure = classify(identity, owners, path, &cls)) return failure;
-  *searchable = modeBits(owners.st.st_mode, cls).execute;
   return nullptr;
 }
 
 // ---- Effective access ----
 
-using Decisions = std::map<uint32_t, QXAclPermissionPtr>;
-
-QXAclPermission* decided(const Decisions& decisions, uint32_t value) {
-  auto it = decisions.find(value);
-  return it == decisions.end() ? nullptr : it->second.get();
-}
-
-void decide(Decisions& decisions, const QXAclPermRow& row, int64_t state) {
-  if (!decisions.count(row.value))
-    decisions[row.value] = QXAclPermission::make(row.name, row.value, state);
-}
-
-void setDecided(Decisions& decisions, uint32_t value, int64_t state) {
-  if (QXAclPermission* record = decided(decisions, value)) record->setState(state);
-}
-
-bool readAttributesOff(const Decisions& decisions) {
-  QXAclPermission* record = decided(decisions, kQXAclReadAttributes);
-  return !record || record->state() == 0;
-}
-
-// "Read Permissions" follows "Read Attributes": once an allowing entry has
-// named it, a later denying entry takes it away unless attributes are readable.
-class ReadSecurityRule {
- public:
-  void entryNamedIt(bool allows, Decisions& decisions) {
-    if (!remembered_) remembered_ = allows;
-    if (*remembered_ && !allows && readAttributesOff(decisions)) {
-      setDecided(decisions, kQXAclReadSecurity, 0);
-    }
+// The rights granted by the entries and the mode; on an item whose ACL is a translation, the
+// rights that POSIX bits stand for as the kernel grants them.
+ErrorPtr grantedRights(const std::string& path, const qx::xacl::AclIdentity& identity,
+                       uint32_t* granted) {
+  using qx::xacl::PosixMapping;
+  qx::xacl::AclState state;
+  ErrorPtr released;
+  if (ErrorPtr failure = readState(path, &state, &released)) return failure;
+  qx::xacl::AccessEvaluator::Decision d =
+      qx::xacl::AccessEvaluator::evaluate(shownEntries(state), identity, state.item);
+  if (d.status != 0) return membershipError(d.status, path);
+  if (released) return released;
+  *granted = d.granted;
+  if (state.source != qx::xacl::AclSource::Translation) return nullptr;
+  const bool folder = state.item.isFolder;
+  for (uint16_t bit :
+       {qx::xacl::PosixAcl::kRead, qx::xacl::PosixAcl::kWrite, qx::xacl::PosixAcl::kExecute}) {
+    const uint32_t rights = PosixMapping::rightsOfBits(bit, folder);
+    *granted = kernelGrants(state, identity, bit) ? (*granted | rights) : (*granted & ~rights);
   }
-  static void close(Decisions& decisions) {
-    QXAclPermission* attributes = decided(decisions, kQXAclReadAttributes);
-    if (attributes && attributes->state() == 0) setDecided(decisions, kQXAclReadSecurity, 0);
-  }
-
- private:
-  std::optional<bool> remembered_;
-};
-
-ErrorPtr decideByAcl(const std::string& path, const uuid_t identity, bool isFolder,
-                     Decisions& decisions) {
-  AclHandle acl;
-  if (ErrorPtr failure = readAcl(path, &acl)) return failure;
-  if (!acl) return nullptr;
-  ReadSecurityRule readSecurity;
-  ErrorPtr failure = forEachEntry(acl.get(), path, [&](acl_entry_t entry, Walk&) -> ErrorPtr {
-    bool applies = false;
-    if (ErrorPtr f = entryApplies(entry, identity, path, &applies)) return f;
-    if (!applies) return nullptr;
-    EntryHandles handles;
-    if (ErrorPtr f = readTagAndPermset(entry, path, &handles)) return f;
-    const bool allows = handles.tag == qx::xacl::ACL_EXTENDED_ALLOW;
-    return forEachRow(isFolder, [&](const QXAclPermGroup&, const QXAclPermRow& row) -> ErrorPtr {
-      int named = qx::xacl::acl_get_perm_np(handles.permset, row.value);
-      if (named == -1) return QXAclStep::error(errno, M::kPermission, path);
-      if (named == 0) return nullptr;
-      decide(decisions, row, allows ? 1 : 0);
-      if (row.value == kQXAclReadSecurity) readSecurity.entryNamedIt(allows, decisions);
-      return nullptr;
-    });
-  });
-  if (!failure) ReadSecurityRule::close(decisions);
-  releaseAcl(acl, path, failure);
-  return failure;
-}
-
-int64_t posixState(uint32_t value, ModeBits bits, bool isOwner) {
-  switch (value) {
-    case kQXAclReadData:
-    case kQXAclReadExtAttributes:
-      return bits.read;
-    case kQXAclWriteData:
-    case kQXAclAppendData:
-    case kQXAclDeleteChild:
-    case kQXAclWriteExtAttributes:
-      return bits.write;
-    case kQXAclExecute:
-      return bits.execute;
-    case kQXAclDelete:
-    case kQXAclReadAttributes:
-    case kQXAclReadSecurity:
-      return 1;
-    case kQXAclWriteAttributes:
-    case kQXAclWriteSecurity:
-      return isOwner;
-    default:  // "Change Owner"
-      return 0;
-  }
-}
-
-ErrorPtr decideByMode(const std::string& path, const uuid_t identity, bool isFolder,
-                      Decisions& decisions) {
-  ItemOwners owners;
-  if (ErrorPtr failure = readOwners(path, {M::kOwnerIndentifier, M::kGroupIndentifier}, &owners)) {
-    return failure;
-  }
-  PosixClass cls = PosixClass::Other;
-  if (ErrorPtr failure = classify(identity, owners, path, &cls)) return failure;
-  const ModeBits bits = modeBits(owners.st.st_mode, cls);
-  forEachRow(isFolder, [&](const QXAclPermGroup&, const QXAclPermRow& row) -> ErrorPtr {
-    decide(decisions, row, posixState(row.value, bits, cls == PosixClass::Owner));
-    return nullptr;
-  });
-  // Nothing can be added to or removed from a folder that cannot be searched.
-  QXAclPermission* search = decided(decisions, kQXAclExecute);
-  if (isFolder && search && search->state() == 0) {
-    for (uint32_t value : {kQXAclWriteData, kQXAclAppendData, kQXAclDeleteChild}) {
-      setDecided(decisions, value, 0);
-    }
+  if (folder && !(*granted & kQXAclExecute)) {
+    *granted &= ~(kQXAclWriteData | kQXAclAppendData | kQXAclDeleteChild);
   }
   return nullptr;
 }
 
-qx::ArrayPtr accessTree(const Decisions& decisions, bool isFolder) {
+qx::ArrayPtr accessTree(uint32_t granted, bool isFolder) {
   auto result = qx::MutableArray::make(3);
   for (const QXAclPermGroup* group = acl_perms; group->name; ++group) {
     auto groupNode = makeNode(group->name, kQXGroupNodePermission, -1);
     for (const QXAclPermRow* row = group->rows; row->name; ++row) {
       if (!QXAclRowApplies(*row, isFolder)) continue;
-      auto it = decisions.find(row->value);
-      QXAclPermissionPtr record =
-          it != decisions.end() ? it->second : QXAclPermission::make(row->name, row->value, 0);
-      addChild(groupNode, QXTreeNode::treeNodeWithRepresentedObject(record));
+      addChild(groupNode, makeNode(row->name, row->value, (granted & row->value) ? 1 : 0));
     }
     result->addObject(groupNode);
   }
   return result->copy();
+}
+
+qx::xacl::AclIdentity identityOf(const uuid_t uuid) {
+  qx::xacl::AclUuid bytes;
+  std::copy_n(uuid, bytes.size(), bytes.begin());
+  return qx::xacl::AclMembership::resolve(bytes);
 }
 
 std::string pathOf(const qx::UrlPtr& url) {
@@ -508,26 +420,7 @@ qx::ArrayPtr QXFileAcl::entriesForUrl(const qx::UrlPtr& url, qx::ErrorPtr* error
 bool QXFileAcl::getTraversable(bool* traversable, const qx::UrlPtr& url, const uuid_t uuid,
                                qx::ErrorPtr* error) {
   bool answer = true;
-  ErrorPtr failure;
-  for (qx::UrlPtr folder = url ? url->parentDirectory() : nullptr; folder;
-       folder = folder->parentDirectory()) {
-    const std::string path = folder->fileSystemRepresentation();
-    SearchVerdict verdict = SearchVerdict::Undecided;
-    failure = searchByAcl(path, uuid, &verdict);
-    if (verdict == SearchVerdict::Denied) answer = false;
-    if (failure || !answer) break;
-    // A folder the ACL lets the identity search is settled; the walk goes on
-    // to its parent.
-    if (verdict == SearchVerdict::Undecided) {
-      bool searchable = false;
-      failure = searchByMode(path, uuid, &searchable);
-      if (failure) break;
-      if (!searchable) {
-        answer = false;
-        break;
-      }
-    }
-  }
+  ErrorPtr failure = checkTraversable(url, identityOf(uuid), &answer);
   QXAclStep::setOut(traversable, answer);
   QXAclStep::setOut(error, failure);
   return !failure;
@@ -539,31 +432,25 @@ qx::ArrayPtr QXFileAcl::accessForUrl(const qx::UrlPtr& url, const qx::UuidPtr& u
     QXAclStep::setOut(error, QXOperation::errorWithError(failure, M::kAccessTitle));
     return nullptr;
   };
-  Decisions decisions;
   const std::string path = pathOf(url);
-  uuid_t identity{};
+  uuid_t uuidBytes{};
   const std::string uuidText = uuid ? uuid->UUIDString() : "";
-  if (uuid_parse(uuidText.c_str(), identity) != 0) {
+  if (uuid_parse(uuidText.c_str(), uuidBytes) != 0) {
     return fail(
         QXOperation::errorWithErrno(kQXUnparsableUuidError, M::kSelectedUser, path.c_str()));
   }
   const bool isFolder = isFolderUrl(url);
+  // Memberships are resolved once for the whole request.
+  const qx::xacl::AclIdentity identity = identityOf(uuidBytes);
 
   bool traversable = false;
-  ErrorPtr traversalError;
-  if (!getTraversable(&traversable, url, identity, &traversalError)) {
-    if (!traversalError) {
-      QXAclStep::setOut(error, ErrorPtr());
-      return nullptr;
-    }
-    return fail(traversalError);
-  }
+  if (ErrorPtr failure = checkTraversable(url, identity, &traversable)) return fail(failure);
+  uint32_t granted = 0;
   if (traversable) {
-    if (ErrorPtr failure = decideByAcl(path, identity, isFolder, decisions)) return fail(failure);
-    if (ErrorPtr failure = decideByMode(path, identity, isFolder, decisions)) return fail(failure);
+    if (ErrorPtr failure = grantedRights(path, identity, &granted)) return fail(failure);
   }
   QXAclStep::setOut(error, ErrorPtr());
-  return accessTree(decisions, isFolder);
+  return accessTree(granted, isFolder);
 }
 
 bool QXFileAcl::getAcl(qx::xacl::acl_t* acl, const qx::ArrayPtr& entries, const char* path,

@@ -167,12 +167,14 @@ int ItemAcl::read(const char* path, AclState* state) {
   if (!carriesAcls(state->st)) {
     state->access = PosixAcl::fromMode(state->st.st_mode);
     state->item = ownershipOf(state->st, state->access);
+    state->examined = true;
     return 0;
   }
   const int stored = readStored(path, &state->stored);
   if (stored < 0) return -1;
   if (readPosix(path, state->st, &state->access, &state->defaults) != 0) return -1;
   state->item = ownershipOf(state->st, state->access);
+  state->examined = true;
   if (stored == 1) {
     const PosixMapping::Enforced wanted = enforcing(state->stored, state->item);
     if (wanted.access == state->access && wanted.defaults == state->defaults) {

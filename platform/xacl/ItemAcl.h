@@ -31,6 +31,7 @@ struct AclState {
   std::optional<PosixAcl> defaults;  // a folder's default ACL
   ItemOwnership item;  // owner, owning group, mode bits (owning group's from its ACL entry)
   struct stat st {};
+  bool examined = false;  // the item could be examined: `st` and `item` hold
 };
 
 // The two layers of an item: its POSIX ACL, which Linux enforces, and its whole extended ACL

@@ -19,8 +19,11 @@
 #include "model/QXTreeNode.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/membership/IdentityUuid.h"
+#include "platform/xacl/Acl.h"
+#include "platform/xacl/AclCodec.h"
 #include "platform/xacl/AclHandle.h"
 #include "platform/xacl/AclText.h"
+#include "platform/xacl/ItemAcl.h"
 #include "platform/xacl/xacl.h"
 #include "tests/platform/xacl/XaclTestSupport.h"
 #include "tests/support/TempTree.h"
@@ -117,6 +120,27 @@ inline bool setAcl(const std::string& path, const std::vector<Ace>& entries) {
 inline std::string storedAcl(const std::string& path) {
   AclHandle acl(acl_get_link_np(path.c_str(), ACL_TYPE_EXTENDED));
   return acl ? aclText(acl.get()) : "no ACL";
+}
+
+// The stored layer alone: the attribute's entries as text, whatever the item's POSIX ACL says.
+inline std::string attributeAcl(const std::string& path) {
+  std::vector<uint8_t> bytes(qx::xacl::AclCodec::kMaxSize);
+  ssize_t length = lgetxattr(path.c_str(), kAclAttributeName, bytes.data(), bytes.size());
+  if (length < 0) return "no ACL";
+  AclHandle acl(acl_init(0));
+  bytes.resize(static_cast<size_t>(length));
+  if (qx::xacl::AclCodec::decode(bytes, *acl.get()) != 0) return "damaged";
+  return aclText(acl.get());
+}
+
+// The owner, owning-group and other bits as the item's POSIX ACL shows them (the owning
+// group's from its entry, not the mask), with the set-id and sticky bits.
+inline mode_t shownMode(const std::string& path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) return 0;
+  mode_t bits = 0;
+  if (qx::xacl::ItemAcl::modeBits(path.c_str(), st, &bits) != 0) return 0;
+  return (st.st_mode & 07000) | bits;
 }
 
 inline bool hasAclAttribute(const std::string& path) {

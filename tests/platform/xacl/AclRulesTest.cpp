@@ -1,0 +1,255 @@
+// The pure rules: the kernel's POSIX check, the evaluator, the mapping to POSIX ACLs, the
+// translation back and the enforcement report, against hand-written expectations.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/membership/IdentityUuid.h"
+#include "platform/xacl/AccessEvaluator.h"
+#include "platform/xacl/EnforcementReport.h"
+#include "platform/xacl/PosixAcl.h"
+#include "platform/xacl/PosixMapping.h"
+#include "platform/xacl/xacl.h"
+
+namespace qx::xacl {
+namespace {
+
+AclUuid user(uint32_t uid) {
+  AclUuid u;
+  IdentityUuid::forUser(uid, u.data());
+  return u;
+}
+AclUuid group(uint32_t gid) {
+  AclUuid u;
+  IdentityUuid::forGroup(gid, u.data());
+  return u;
+}
+
+ExtendedEntry allow(const AclUuid& who, uint32_t rights, uint32_t flags = 0) {
+  return {ACL_EXTENDED_ALLOW, who, rights, flags};
+}
+ExtendedEntry deny(const AclUuid& who, uint32_t rights, uint32_t flags = 0) {
+  return {ACL_EXTENDED_DENY, who, rights, flags};
+}
+
+// "u::rw-,u:1001:r-x,g::r--,m::r-x,o::---", parsed by hand for the expectations.
+PosixAcl parse(const std::string& text) {
+  PosixAcl acl;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find(',', start);
+    if (end == std::string::npos) end = text.size();
+    const std::string item = text.substr(start, end - start);
+    const size_t c1 = item.find(':'), c2 = item.rfind(':');
+    const std::string tag = item.substr(0, c1), id = item.substr(c1 + 1, c2 - c1 - 1),
+                      rwx = item.substr(c2 + 1);
+    uint16_t perm = (rwx[0] == 'r' ? 4 : 0) | (rwx[1] == 'w' ? 2 : 0) | (rwx[2] == 'x' ? 1 : 0);
+    uint16_t t = tag == "u"   ? (id.empty() ? PosixAcl::UserObj : PosixAcl::User)
+                 : tag == "g" ? (id.empty() ? PosixAcl::GroupObj : PosixAcl::Group)
+                 : tag == "m" ? PosixAcl::Mask
+                              : PosixAcl::Other;
+    acl.set(t, perm, id.empty() ? 0 : static_cast<uint32_t>(std::stoul(id)));
+    start = end + 1;
+  }
+  return acl;
+}
+
+std::string text(const PosixAcl& acl) {
+  std::string out;
+  for (const PosixAcl::Entry& e : acl.entries()) {
+    const bool named = e.tag == PosixAcl::User || e.tag == PosixAcl::Group;
+    const char* tag = e.tag <= PosixAcl::User    ? "u"
+                      : e.tag <= PosixAcl::Group ? "g"
+                      : e.tag == PosixAcl::Mask  ? "m"
+                                                 : "o";
+    out += std::string(out.empty() ? "" : ",") + tag + ":" + (named ? std::to_string(e.id) : "") +
+           ":" + (e.perm & 4 ? "r" : "-") + (e.perm & 2 ? "w" : "-") + (e.perm & 1 ? "x" : "-");
+  }
+  return out;
+}
+
+TEST(PosixCheck, KernelOrderOwnerNamedUserGroupsThenOthersMasked) {
+  // Owner 1000, owning group 2000.
+  const PosixAcl acl = parse("u::rw-,u:1001:rwx,g::r--,g:2001:-w-,m::r-x,o::--x");
+  struct Row {
+    std::optional<uint32_t> uid;
+    std::vector<uint32_t> gids;
+    uint16_t want;
+    bool granted;
+  };
+  const Row rows[] = {
+      {1000, {2000}, 4, true},   // the owner's own entry...
+      {1000, {2000}, 1, false},  // ...decides, even where its group would grant
+      {1001, {}, 4, true},       // named user, within the mask
+      {1001, {}, 2, false},      // named user, masked out
+      {1002, {2000}, 4, true},   // owning group
+      {1002, {2001}, 2, false},  // named group, masked out
+      {1002, {2001}, 1, false},  // in a named group: others' bits no longer count
+      {1003, {}, 1, true},       // others
+      {std::nullopt, {2000}, 4, true},
+      {1002, {2000, 2001}, 6, false},  // no single group entry holds both bits
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(acl.permits(row.uid, row.gids, 1000, 2000, row.want), row.granted)
+        << (row.uid ? std::to_string(*row.uid) : "group") << " want " << row.want;
+  }
+  EXPECT_EQ(acl.modeBits(), 0641u);
+  EXPECT_EQ(acl.statModeBits(), 0651u);
+}
+
+TEST(Evaluator, FirstApplyingEntryDecidesThenTheMode) {
+  const AclIdentity alice = AclIdentity::user(1001, {3001, 2001});  // in staff (2001)
+  const AclIdentity owner = AclIdentity::user(1000, {2000});
+  const ItemOwnership file{1000, 2000, 0640, false};
+  const ItemOwnership folder{1000, 2000, 0776, true};
+  struct Row {
+    const char* name;
+    ExtendedEntries entries;
+    AclIdentity who;
+    ItemOwnership item;
+    uint32_t granted;
+  };
+  const uint32_t otherFill = ACL_DELETE | ACL_READ_ATTRIBUTES | ACL_READ_SECURITY;
+  const Row rows[] = {
+      {"mode only, others", {}, alice, file, otherFill},
+      {"mode only, owner",
+       {},
+       owner,
+       file,
+       ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA | ACL_READ_EXTATTRIBUTES |
+           ACL_WRITE_EXTATTRIBUTES | ACL_WRITE_ATTRIBUTES | ACL_WRITE_SECURITY | otherFill},
+      {"group deny before user allow",
+       {deny(group(2001), ACL_WRITE_DATA), allow(user(1001), ACL_WRITE_DATA | ACL_EXECUTE)},
+       alice,
+       file,
+       ACL_EXECUTE | otherFill},
+      {"denied attributes take read permissions back",
+       {deny(user(1001), ACL_READ_ATTRIBUTES), allow(user(1001), ACL_READ_SECURITY)},
+       alice,
+       file,
+       ACL_DELETE},
+      {"later deny takes an allowed read permissions back",
+       {allow(user(1001), ACL_READ_SECURITY), deny(group(2001), ACL_READ_SECURITY)},
+       alice,
+       file,
+       ACL_DELETE | ACL_READ_ATTRIBUTES},
+      {"no changes in a folder one cannot search",
+       {allow(user(1001), ACL_ADD_FILE | ACL_DELETE_CHILD)},
+       alice,
+       folder,
+       ACL_LIST_DIRECTORY | ACL_READ_EXTATTRIBUTES | ACL_WRITE_EXTATTRIBUTES | otherFill},
+      {"entries for a group one is not in",
+       {deny(group(2002), ACL_DELETE)},
+       alice,
+       file,
+       otherFill},
+  };
+  for (const Row& row : rows) {
+    AccessEvaluator::Decision d = AccessEvaluator::evaluate(row.entries, row.who, row.item);
+    EXPECT_EQ(d.status, 0) << row.name;
+    EXPECT_EQ(d.granted, row.granted) << row.name << std::hex << " got 0x" << d.granted;
+  }
+  // A user without a passwd entry cannot be placed against a group.
+  AclIdentity unknown = AclIdentity::user(1999, {});
+  unknown.status = ENOENT;
+  EXPECT_EQ(AccessEvaluator::evaluate({}, unknown, file).status, ENOENT);
+  EXPECT_EQ(AccessEvaluator::evaluate({allow(user(1999), ACL_READ_DATA)}, unknown,
+                                      {1999, 2000, 0600, false})
+                .status,
+            0)
+      << "the owner's own entry and class need no membership";
+}
+
+TEST(Mapping, NamedEntriesGetEffectiveAccessModeStays) {
+  PosixMapping::Identities users;
+  users[user(1001)] = AclIdentity::user(1001, {3001, 2001});
+  users[user(1002)] = AclIdentity::user(1002, {2000});
+  struct Row {
+    const char* name;
+    ExtendedEntries entries;
+    ItemOwnership item;
+    const char* access;
+    const char* defaults;  // "" for none
+  };
+  const uint32_t rw = ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA;
+  const Row rows[] = {
+      {"a named user",
+       {allow(user(1001), rw)},
+       {1000, 2000, 0640, false},
+       "u::rw-,u:1001:rw-,g::r--,m::rw-,o::---",
+       ""},
+      {"write needs both rights",
+       {allow(user(1001), ACL_READ_DATA | ACL_WRITE_DATA)},
+       {1000, 2000, 0640, false},
+       "u::rw-,u:1001:r--,g::r--,m::r--,o::---",
+       ""},
+      {"a group deny reaches the user; the group gets its own",
+       {deny(group(2001), ACL_WRITE_DATA), allow(user(1001), ACL_WRITE_DATA | ACL_APPEND_DATA)},
+       {1000, 2000, 0640, false},
+       "u::rw-,u:1001:---,g::r--,g:2001:---,m::r--,o::---",
+       ""},
+      {"an earlier deny for another group is taken off a group",
+       {deny(group(2001), ACL_READ_DATA), allow(group(2000), rw)},
+       {1000, 2000, 0600, false},
+       "u::rw-,g::---,g:2000:-w-,g:2001:---,m::-w-,o::---",
+       ""},
+      {"the owner named: its mode bits stay",
+       {deny(user(1000), ACL_WRITE_DATA)},
+       {1000, 2000, 0640, false},
+       "u::rw-,u:1000:r--,g::r--,m::r--,o::---",
+       ""},
+      {"a folder's default ACL from what files and folders both inherit",
+       {allow(user(1001), ACL_LIST_DIRECTORY | ACL_SEARCH,
+              ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT),
+        allow(user(1002), ACL_LIST_DIRECTORY, ACL_ENTRY_FILE_INHERIT),
+        deny(group(2001), ACL_SEARCH, ACL_ENTRY_DIRECTORY_INHERIT)},
+       {1000, 2000, 0750, true},
+       "u::rwx,u:1001:r-x,u:1002:r-x,g::r-x,g:2001:---,m::r-x,o::---",
+       "u::rwx,u:1001:r-x,g::r-x,g:2001:---,m::r-x,o::---"},
+      {"no entries: the mode alone", {}, {1000, 2000, 0754, true}, "u::rwx,g::r-x,o::r--", ""},
+  };
+  for (const Row& row : rows) {
+    PosixMapping::Enforced enforced = PosixMapping::enforce(row.entries, row.item, users);
+    EXPECT_EQ(text(enforced.access), row.access) << row.name;
+    EXPECT_EQ(enforced.defaults ? text(*enforced.defaults) : "", row.defaults) << row.name;
+  }
+}
+
+TEST(Mapping, TranslationMasksNamedEntriesIntoAllowEntries) {
+  const PosixAcl access = parse("u::rw-,u:1001:rwx,g::r--,g:2001:r-x,m::r-x,o::---");
+  const PosixAcl defaults = parse("u::rwx,u:1002:rw-,g::r-x,m::rwx,o::---");
+  const ExtendedEntries expected = {
+      allow(user(1001), 0xA8A),         // r and x: data, attributes, extended attributes,
+      allow(group(2001), 0xA8A),        // permissions, execute
+      allow(user(1002), 0xFE6, 0x160),  // r and w on a folder, inherited by both, only
+  };
+  EXPECT_EQ(PosixMapping::translate(access, defaults, true), expected);
+  const ExtendedEntries fileExpected = {allow(user(1001), 0xA8A), allow(group(2001), 0xA8A)};
+  EXPECT_EQ(PosixMapping::translate(access, std::nullopt, false), fileExpected);
+  const ExtendedEntries writer = {allow(user(1001), 0x524)};  // w on a file
+  EXPECT_EQ(PosixMapping::translate(parse("u::rw-,u:1001:-w-,g::---,m::rw-,o::---"), {}, false),
+            writer);
+}
+
+TEST(EnforcementReport, MarksRightsWithoutBitsPartBitsAndDenialsTheModeGrants) {
+  using R = EnforcementReport::Unenforced;
+  using F = EnforcementReport::For;
+  const ExtendedEntries entries = {deny(group(2001), ACL_READ_DATA | ACL_DELETE),
+                                   allow(user(1001), ACL_WRITE_DATA),
+                                   deny(user(1000), ACL_READ_DATA | ACL_EXECUTE),
+                                   allow(user(1001), ACL_READ_DATA | ACL_EXECUTE)};
+  const auto report = EnforcementReport::forEntries(entries, {1000, 2000, 0640, false},
+                                                    AclIdentity::user(1000, {2000}));
+  const std::vector<std::vector<R>> expected = {
+      {{ACL_DELETE, F::NoPosixBit}, {ACL_READ_DATA, F::OwningGroup}},
+      {{ACL_WRITE_DATA, F::Partly}},
+      {{ACL_READ_DATA, F::Owner}},  // the owner has no x to take away
+      {},
+  };
+  EXPECT_EQ(report, expected);
+}
+
+}  // namespace
+}  // namespace qx::xacl
