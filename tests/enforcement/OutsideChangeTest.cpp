@@ -294,6 +294,15 @@ TEST_F(OutsideChange, PosixAclOnAnItemQxfileNeverWroteIsTranslated) {
   expectAgreement(file);
 }
 
+// With an empty mask the kernel does not consult the ACL: everyone but the
+// owner and the owning group's members gets the other bits, named or not.
+TEST_F(OutsideChange, EmptyMaskLeavesNamedEntriesToTheOtherBits) {
+  const std::string file = item("file", false, 0604, kOwnerGroup);
+  ASSERT_EQ(shell("setfacl -m u:2104:-,g:3110:- '" + file + "'"), 0);
+  EXPECT_EQ(KernelAccess::granted(file, false, users_[3]), KernelAccess::kRead);
+  expectAgreement(file);
+}
+
 // An attribute as earlier versions wrote it, on an item without a POSIX ACL,
 // promises what Linux does not enforce until qxfile writes it again.
 TEST_F(OutsideChange, AttributeOfAnEarlierVersionIsEnforcedOnceWrittenAgain) {
