@@ -4,6 +4,7 @@
 
 #include "client/cli/ExitCode.h"
 #include "client/cli/Identity.h"
+#include "client/cli/LinuxView.h"
 #include "client/cli/Session.h"
 #include "model/QXAclPermission.h"
 #include "platform/foundation/TreeNode.h"
@@ -24,7 +25,8 @@ std::string nameOf(const QXAclPermissionPtr& record) {
 
 // The groups of the access tree with their leaves: {"group", "permissions":
 // [{"name", "value", "granted"}]}.
-Output::Json accessJson(const qx::ArrayPtr& groups) {
+Output::Json accessJson(const qx::ArrayPtr& groups, const LinuxView::Item& view,
+                        const qx::UuidPtr& identity) {
   Output::Json json = Output::Json::array();
   for (const auto& object : *groups) {
     auto group = qx::cast<qx::TreeNode>(object);
@@ -33,8 +35,13 @@ Output::Json accessJson(const qx::ArrayPtr& groups) {
     for (const auto& child : group->childNodes()) {
       auto leaf = recordOf(child);
       if (!leaf) continue;
-      leaves.push_back(
-          {{"name", nameOf(leaf)}, {"value", leaf->permission()}, {"granted", leaf->state() == 1}});
+      const bool granted = leaf->state() == 1;
+      const bool enforced =
+          LinuxView::enforced(view, identity, static_cast<uint32_t>(leaf->permission()), granted);
+      leaves.push_back({{"name", nameOf(leaf)},
+                        {"value", leaf->permission()},
+                        {"granted", granted},
+                        {"enforced", enforced}});
     }
     json.push_back({{"group", nameOf(recordOf(group))}, {"permissions", leaves}});
   }
@@ -56,16 +63,18 @@ int AccessCommand::run(const Options& options) {
   auto groups = QXFileClientSync(client).getAclAccessWithUrl(url, identity.uuid(), &error);
   if (!groups || error) return Session::fail(error, options.json, document);
 
-  document["access"] = accessJson(groups);
+  document["access"] = accessJson(groups, LinuxView::read(url->path()), identity.uuid());
   if (options.json) {
     Output::printJson(document);
     return kExitOk;
   }
   std::printf("Effective access of %s to %s\n", identity.label().c_str(), url->path().c_str());
+  std::printf("(K: the kernel enforces this answer)\n");
   for (const auto& group : document["access"]) {
     std::printf("%s\n", group["group"].get<std::string>().c_str());
     for (const auto& leaf : group["permissions"]) {
-      std::printf("  %-3s  %s\n", leaf["granted"].get<bool>() ? "yes" : "no",
+      std::printf("  %-3s %s  %s\n", leaf["granted"].get<bool>() ? "yes" : "no",
+                  leaf["enforced"].get<bool>() ? "K" : " ",
                   leaf["name"].get<std::string>().c_str());
     }
   }

@@ -7,6 +7,7 @@
 
 #include "client/cli/ExitCode.h"
 #include "client/cli/Identity.h"
+#include "client/cli/LinuxView.h"
 #include "client/cli/PermissionTree.h"
 #include "client/cli/Session.h"
 #include "client/cli/UsageError.h"
@@ -57,6 +58,26 @@ std::optional<std::size_t> parsePosition(const std::string& text) {
   return position;
 }
 
+// What Linux enforces, under the entries: the POSIX ACL in getfacl's words and the entries it
+// cannot enforce exactly.
+void printLinux(const LinuxView::Item& view, std::size_t entries) {
+  if (!view.readable) return;
+  if (view.state.storedNotInForce) {
+    std::printf(
+        "stored ACL: present but not in force (the entries above are what Linux "
+        "enforces)\n");
+  }
+  std::printf("Linux enforces:\n");
+  for (const std::string& line : LinuxView::access(view)) std::printf("  %s\n", line.c_str());
+  for (const std::string& line : LinuxView::defaults(view, true)) {
+    std::printf("  %s\n", line.c_str());
+  }
+  for (std::size_t i = 0; i < entries; ++i) {
+    const std::string text = LinuxView::entryText(view, i);
+    if (!text.empty()) std::printf("  entry %zu not enforced exactly: %s\n", i, text.c_str());
+  }
+}
+
 // Reads the item's entries, lets `change` edit them, writes them back and
 // shows what the item has now. `change` is null for `show`.
 int edit(const AclCommand::Options& options, const std::function<void(EntryList&)>& change) {
@@ -82,10 +103,19 @@ int edit(const AclCommand::Options& options, const std::function<void(EntryList&
     list = EntryList::fromArray(entries, &problem);
     if (!list) return Session::fail(problem, options.json);
   }
+  const LinuxView::Item view = LinuxView::read(path);
   if (options.json) {
-    Output::printJson(AclCommand::toJson(path, *list));
+    Output::Json json = AclCommand::toJson(path, *list);
+    json["stored"] = LinuxView::stored(view);
+    json["posix"] = {{"access", LinuxView::access(view)},
+                     {"default", LinuxView::defaults(view, false)}};
+    for (std::size_t i = 0; i < json["acl"].size(); ++i) {
+      json["acl"][i]["linux"] = LinuxView::entryJson(view, i);
+    }
+    Output::printJson(json);
   } else {
     AclCommand::print(path, *list);
+    printLinux(view, list->acl().size());
   }
   return kExitOk;
 }
