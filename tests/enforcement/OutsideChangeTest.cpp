@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <set>
+#include <span>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -116,17 +117,21 @@ std::vector<std::string> getfaclLines(const std::string& path, bool defaults) {
 // The posix lines qxfile prints, with names turned back into ids so that
 // they compare with getfacl --numeric.
 std::vector<std::string> posixLines(const Json& lines) {
+  const std::pair<const char*, const char*> users[] = {{"qxowner", "2101"},
+                                                       {"qxmember", "2102"},
+                                                       {"qxprimary", "2103"},
+                                                       {"qxother", "2104"},
+                                                       {"qxblocked", "2105"}};
+  const std::pair<const char*, const char*> groups[] = {{"qxowner", "3101"}, {"qxmember", "3102"},
+                                                        {"qxother", "3104"}, {"qxblocked", "3105"},
+                                                        {"qxteam", "3110"},  {"qxdenied", "3111"}};
   std::vector<std::string> result;
   if (!lines.is_array()) return {"not a list of lines: " + lines.dump()};
   for (const Json& line : lines) {
     std::string text = line.get<std::string>();
-    for (auto [name, id] : {std::pair{"qxowner", "2101"},
-                            {"qxmember", "2102"},
-                            {"qxprimary", "2103"},
-                            {"qxother", "2104"},
-                            {"qxblocked", "2105"},
-                            {"qxteam", "3110"},
-                            {"qxdenied", "3111"}}) {
+    const bool group = text.rfind("group:", 0) == 0;
+    for (auto [name, id] : group ? std::span<const std::pair<const char*, const char*>>(groups)
+                                 : std::span<const std::pair<const char*, const char*>>(users)) {
       const std::string from = std::string(":") + name + ":";
       if (auto at = text.find(from); at != std::string::npos) {
         text.replace(at, from.size(), std::string(":") + id + ":");
@@ -215,7 +220,7 @@ class OutsideChange : public ::testing::Test {
     const Json posix = document.value("posix", Json::object());
     EXPECT_EQ(posixLines(posix.value("access", Json())), getfaclLines(path, false))
         << document.dump(2);
-    EXPECT_EQ(posixLines(posix.value("default", Json())), getfaclLines(path, true))
+    EXPECT_EQ(posixLines(posix.value("default", Json::array())), getfaclLines(path, true))
         << document.dump(2);
   }
 
