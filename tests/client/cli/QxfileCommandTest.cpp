@@ -431,8 +431,9 @@ TEST_F(Qxfile, EffectiveAccessFollowsModeAndEntries) {
   ASSERT_EQ(qxfile({"acl", "add", notes, "deny", "group:qxstaff", "read-data", "--at", "0"}).status,
             0);
   Outcome human = qxfile({"access", notes, "qxalice"});
-  EXPECT_TRUE(contains(
-      human.out, "Effective access of user:qxalice to " + notes + "\nRead\n  no   Read Data\n"))
+  EXPECT_TRUE(
+      contains(human.out, "Effective access of user:qxalice to " + notes +
+                              "\n(K: the kernel enforces this answer)\nRead\n  no  K  Read Data\n"))
       << human.out;
 }
 
