@@ -211,9 +211,10 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
   QXFileClientSync service(client);
 
   Drawing drawing(20261124);
-  long checks = 0, exact = 0, restricted = 0, flaggedCount = 0, failures = 0;
+  long acls = 0, checks = 0, exact = 0, restricted = 0, flaggedCount = 0, failures = 0;
   for (int index = 0; index < kAcls && failures < 20; ++index) {
     const Draw draw = drawing.next(index);
+    ++acls;
     SCOPED_TRACE("ACL " + std::to_string(index) + ": " + draw.text);
     const std::string path = tree.path("item" + std::to_string(index));
     if (draw.folder) {
@@ -298,7 +299,7 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
       }
     }
   }
-  std::printf("kernel agreement: acls=%d checks=%ld exact=%ld restricted=%ld flagged=%ld\n", kAcls,
+  std::printf("kernel agreement: acls=%ld checks=%ld exact=%ld restricted=%ld flagged=%ld\n", kAcls,
               checks, exact, restricted, flaggedCount);
   ::testing::Test::RecordProperty("checks", std::to_string(checks));
   EXPECT_EQ(checks, kAcls * 5L * 3) << "stopped early after 20 failures";
