@@ -299,7 +299,7 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
       }
     }
   }
-  std::printf("kernel agreement: acls=%ld checks=%ld exact=%ld restricted=%ld flagged=%ld\n", kAcls,
+  std::printf("kernel agreement: acls=%ld checks=%ld exact=%ld restricted=%ld flagged=%ld\n", acls,
               checks, exact, restricted, flaggedCount);
   ::testing::Test::RecordProperty("checks", std::to_string(checks));
   EXPECT_EQ(checks, kAcls * 5L * 3) << "stopped early after 20 failures";
