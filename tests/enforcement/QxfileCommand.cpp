@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/TempTree.h"
+
 namespace qx::test {
 
 namespace {
@@ -25,14 +27,11 @@ nlohmann::json QxfileCommand::Outcome::json() const {
   return document.is_discarded() ? nlohmann::json() : document;
 }
 
-const TempTree& QxfileCommand::outputFolder() {
-  static const TempTree folder("qx-enforcement-output");
-  return folder;
-}
-
 QxfileCommand::Outcome QxfileCommand::run(std::vector<std::string> args) {
-  const std::string out = outputFolder().path("out");
-  const std::string err = outputFolder().path("err");
+  // A folder of each run's own, also for runs in children that never return.
+  const TempTree output("qx-enforcement-output");
+  const std::string out = output.path("out");
+  const std::string err = output.path("err");
   args.insert(args.begin(), QX_CLI_EXECUTABLE);
   std::vector<char*> argv;
   for (auto& arg : args) argv.push_back(arg.data());

@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/TempTree.h"
-
 namespace qx::test {
 
 // Runs the qxfile command built beside the tests, as a person would, and
@@ -22,9 +20,6 @@ class QxfileCommand {
   };
 
   static Outcome run(std::vector<std::string> args);
-
- private:
-  static const TempTree& outputFolder();
 };
 
 std::ostream& operator<<(std::ostream& stream, const QxfileCommand::Outcome& run);
