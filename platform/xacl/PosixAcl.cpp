@@ -62,7 +62,11 @@ void PosixAcl::recomputeMask() {
   for (const Entry& e : entries_) {
     if (named(e.tag) || e.tag == GroupObj) mask |= e.perm;
   }
-  set(Mask, mask);
+  // The kernel consults an ACL only while the mode's group bits, the mask, are not all clear:
+  // an empty mask would hand named users and groups the other bits. The entries it limits
+  // grant nothing then, so any bit keeps them at that; read is the one a new item's mask keeps
+  // when this ACL is a folder's default and the item is created 0666 or 0777.
+  set(Mask, mask != 0 ? mask : kRead);
 }
 
 mode_t PosixAcl::modeBits() const {
@@ -85,12 +89,15 @@ bool PosixAcl::permits(std::optional<uint32_t> uid, const std::vector<uint32_t>&
   auto inGroup = [&](uint32_t gid) {
     return std::find(gids.begin(), gids.end(), gid) != gids.end();
   };
+  if (uid && *uid == owner) return holds(perm(UserObj).value_or(0));
+  // With no group bits in the mode the kernel leaves the ACL aside: members of the owning
+  // group get those bits (none), everyone else the other bits.
+  if ((statModeBits() & 070) == 0) {
+    return holds(inGroup(owningGroup) ? 0 : perm(Other).value_or(0));
+  }
   bool groupFound = false;
   for (const Entry& e : entries_) {
     switch (e.tag) {
-      case UserObj:
-        if (uid && *uid == owner) return holds(e.perm);
-        break;
       case User:
         if (uid && *uid == e.id) return masked(e.perm);
         break;

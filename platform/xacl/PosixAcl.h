@@ -47,7 +47,8 @@ class PosixAcl {
   // Only the owner, owning group and other entries: the mode says it all.
   bool isMinimal() const;
   // Sets the mask to the union of the named and owning-group entries, or drops it when there
-  // are no named entries.
+  // are no named entries. Where that union is empty the mask is read: the kernel would ignore
+  // an ACL whose mask is empty, and every entry it limits grants nothing either way.
   void recomputeMask();
 
   // The owner, owning-group and other bits as 0777 bits, the owning group's from its own
@@ -59,7 +60,9 @@ class PosixAcl {
 
   // The kernel's check (posix_acl_permission): owner, named user, then the owning group and
   // named groups (any matching entry holding every wanted bit), then others; named and group
-  // entries limited by the mask. `uid` empty for a group asked about on its own.
+  // entries limited by the mask. Where the mode's group bits (the mask, if any) are all clear
+  // the kernel does not consult the ACL: the owning group's members get nothing, others and
+  // named users and groups the other bits. `uid` empty for a group asked about on its own.
   bool permits(std::optional<uint32_t> uid, const std::vector<uint32_t>& gids, uint32_t owner,
                uint32_t owningGroup, uint16_t want) const;
 

@@ -67,6 +67,15 @@ uint32_t lessEarlierDenials(const ExtendedEntries& entries, const AclUuid& group
   return rights & ~taken;
 }
 
+// The item as a group's entry sees the mode. The entry reaches members of the owning group,
+// who hold the group bits besides and are answered from them, and members of no other class,
+// answered from the other bits: of the mode it may carry only what both classes hold.
+ItemOwnership forGroupEntry(ItemOwnership item) {
+  const mode_t shared = (item.mode >> 3) & item.mode & 07;
+  item.mode = (item.mode & 0700) | shared << 3 | shared;
+  return item;
+}
+
 // Named entries for one kind of item.
 PosixAcl namedEntries(const ExtendedEntries& entries, const ItemOwnership& item,
                       const PosixMapping::Identities& users, const Named& named) {
@@ -78,7 +87,8 @@ PosixAcl namedEntries(const ExtendedEntries& entries, const ItemOwnership& item,
   }
   for (const AclUuid& uuid : named.groups) {
     AclIdentity identity = AclIdentity::fromUuid(uuid);
-    uint32_t rights = lessEarlierDenials(entries, uuid, granted(entries, identity, item));
+    uint32_t rights =
+        lessEarlierDenials(entries, uuid, granted(entries, identity, forGroupEntry(item)));
     acl.set(PosixAcl::Group, PosixMapping::bitsFor(rights, item.isFolder), identity.id);
   }
   return acl;

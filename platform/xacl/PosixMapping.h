@@ -32,10 +32,12 @@ class PosixMapping {
 
   // The POSIX ACL that enforces `entries` on an item. The owner, owning-group and other
   // entries are the item's mode, unchanged. Each user named gets its effective access; each
-  // group named its effective access less what an earlier deny for another group takes
-  // away (the kernel unions a user's group entries); the mask is the union of the named and
-  // owning-group entries. A folder's default ACL comes the same way from the entries that a
-  // new file and a new folder both inherit (deny entries either inherits are kept).
+  // group named its effective access, with only the mode bits that the owning group and
+  // others both hold, less what an earlier deny for another group takes away (the kernel
+  // unions a user's group entries, the owning group's included); the mask is the union of
+  // the named and owning-group entries, never empty. A folder's default ACL comes the same
+  // way from the entries that a new file and a new folder both inherit (deny entries either
+  // inherits are kept).
   static Enforced enforce(const ExtendedEntries& entries, const ItemOwnership& item,
                           const Identities& users);
 

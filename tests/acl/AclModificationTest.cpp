@@ -670,10 +670,17 @@ TEST_F(Propagation, FolderSwappedForALinkNeverLeadsChangesOutside) {
 
   EXPECT_GT(swaps.load(), 100) << "the swapping went on throughout";
   EXPECT_EQ(lstatOf(victim + "/f0").st_uid, kMember) << "the walks did reach the swapped folder";
+  EXPECT_GT(lgetxattr((victim + "/f0").c_str(), "system.posix_acl_access", nullptr, 0), 0)
+      << "the walks gave the swapped folder's items a POSIX ACL";
   int changed = 0;
   for (const auto& [path, before] : outsideBefore) {
     if (snapshot(path) != before && ++changed <= 5) {
       ADD_FAILURE() << path << " was changed from inside the tree";
+    }
+    for (const char* name : {"system.posix_acl_access", "system.posix_acl_default"}) {
+      if (lgetxattr(path.c_str(), name, nullptr, 0) >= 0 && ++changed <= 5) {
+        ADD_FAILURE() << path << " got " << name << " from inside the tree";
+      }
     }
   }
 }

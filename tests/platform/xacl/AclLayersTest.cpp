@@ -183,6 +183,19 @@ TEST_F(AclLayers, ModeWritesKeepTheGroupEntryApartFromTheMask) {
   ASSERT_EQ(ItemAcl::modeBits(path.c_str(), st, &bits), 0);
   EXPECT_EQ(bits, 0750u);
   EXPECT_EQ(stateOf(path).source, AclSource::Stored) << "what the stored ACL maps to with 0750";
+
+  // An ACL that grants nothing through its entries keeps a mask of r--: an empty one would
+  // leave alice the other bits. st_mode shows it; the group's bits stay the entry's.
+  const std::string closed = item("closed", 0604);
+  ASSERT_EQ(write(closed, {{ACL_EXTENDED_DENY, user(kAlice), ACL_READ_DATA, 0}}), 0);
+  EXPECT_EQ(getfacl(closed), "user::rw-\nuser:2001:---\ngroup::---\nmask::r--\nother::r--\n\n");
+  ASSERT_EQ(lstat(closed.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);
+  ASSERT_EQ(ItemAcl::modeBits(closed.c_str(), st, &bits), 0);
+  EXPECT_EQ(bits, 0604u);
+  ASSERT_EQ(ItemAcl::setModeBits(closed.c_str(), 0600), 0);
+  EXPECT_EQ(getfacl(closed), "user::rw-\nuser:2001:---\ngroup::---\nmask::r--\nother::---\n\n");
+  EXPECT_EQ(stateOf(closed).source, AclSource::Stored);
 }
 
 }  // namespace

@@ -97,6 +97,32 @@ TEST(PosixCheck, KernelOrderOwnerNamedUserGroupsThenOthersMasked) {
   }
   EXPECT_EQ(acl.modeBits(), 0641u);
   EXPECT_EQ(acl.statModeBits(), 0651u);
+
+  // With the mask empty the kernel leaves the ACL aside and answers from the mode; a mask
+  // that grants nothing through the entries keeps it to them.
+  const PosixAcl unmasked = parse("u::rw-,u:1001:---,g::---,g:2001:---,m::---,o::r--");
+  const PosixAcl masked = parse("u::rw-,u:1001:---,g::---,g:2001:---,m::r--,o::r--");
+  struct ByMask {
+    uint32_t uid;
+    std::vector<uint32_t> gids;
+    uint16_t want;
+    bool unmaskedGrants, maskedGrants;
+  };
+  const ByMask byMask[] = {
+      {1000, {2000}, 2, true, true},    // the owner's bits either way
+      {1001, {}, 4, true, false},       // a named user: the other bits, or its entry
+      {1002, {2001}, 4, true, false},   // a named group's member, likewise
+      {1002, {2000}, 4, false, false},  // the owning group: the mode's group bits, none
+      {1003, {}, 4, true, true},        // others
+  };
+  for (const ByMask& row : byMask) {
+    EXPECT_EQ(unmasked.permits(row.uid, row.gids, 1000, 2000, row.want), row.unmaskedGrants)
+        << row.uid << " want " << row.want << ", empty mask";
+    EXPECT_EQ(masked.permits(row.uid, row.gids, 1000, 2000, row.want), row.maskedGrants)
+        << row.uid << " want " << row.want << ", mask r--";
+  }
+  EXPECT_EQ(masked.modeBits(), 0604u);
+  EXPECT_EQ(masked.statModeBits(), 0644u);
 }
 
 TEST(Evaluator, FirstApplyingEntryDecidesThenTheMode) {
@@ -208,6 +234,26 @@ TEST(Mapping, NamedEntriesGetEffectiveAccessModeStays) {
        {1000, 2000, 0750, true},
        "u::rwx,u:1001:r-x,u:1002:r-x,g::r-x,g:2001:---,m::r-x,o::---",
        "u::rwx,u:1001:r-x,g::r-x,g:2001:---,m::r-x,o::---"},
+      {"a group's entry takes from the mode only what the owning group and others share",
+       {allow(group(2001), ACL_READ_DATA)},
+       {1000, 2000, 0601, false},
+       "u::rw-,g::---,g:2001:r--,m::r--,o::--x",
+       ""},
+      {"a group's denial leaves it neither the others' w nor the owning group's r",
+       {deny(group(2001), ACL_EXECUTE)},
+       {1000, 2000, 0653, false},
+       "u::rw-,g::r-x,g:2001:---,m::r-x,o::-wx",
+       ""},
+      {"nothing granted through the entries: the mask is r--, never empty",
+       {deny(user(1001), ACL_READ_DATA), deny(group(2001), ACL_READ_DATA)},
+       {1000, 2000, 0604, false},
+       "u::rw-,u:1001:---,g::---,g:2001:---,m::r--,o::r--",
+       ""},
+      {"the same for a folder's default ACL",
+       {deny(user(1001), ACL_LIST_DIRECTORY, ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT)},
+       {1000, 2000, 0704, true},
+       "u::rwx,u:1001:---,g::---,m::r--,o::r--",
+       "u::rwx,u:1001:---,g::---,m::r--,o::r--"},
       {"no entries: the mode alone", {}, {1000, 2000, 0754, true}, "u::rwx,g::r-x,o::r--", ""},
   };
   for (const Row& row : rows) {
