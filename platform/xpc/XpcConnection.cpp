@@ -176,7 +176,7 @@ void XpcConnection::invalidate() {
     dropped.swap(pending_);
   }
   ::shutdown(socket_.get(), SHUT_RDWR);  // the peer sees the end; our reader wakes up
-  returnLoan();                          // an idle loan: a reader reads the end now
+  returnLoan(false);                     // an idle loan: a reader reads the end now
   // Calls without an error handler release whoever waits on them, now.
   std::vector<Task> errorTasks;
   for (auto& entry : dropped) {
@@ -357,20 +357,11 @@ void XpcConnection::lendReadingTurn(std::thread::id borrower) {
   turnFree_.notify_all();  // the readers now wait for the loan's idle time
 }
 
-void XpcConnection::returnLoan() {
+void XpcConnection::returnLoan(bool onlyThisThreads) {
   {
     std::lock_guard lock(readMutex_);
     if (borrower_ == std::thread::id() || loanInUse_) return;
-    borrower_ = std::thread::id();
-    turnTaken_ = false;
-  }
-  turnFree_.notify_one();
-}
-
-void XpcConnection::returnLoanOfThisThread() {
-  {
-    std::lock_guard lock(readMutex_);
-    if (borrower_ != std::this_thread::get_id() || loanInUse_) return;
+    if (onlyThisThreads && borrower_ != std::this_thread::get_id()) return;
     borrower_ = std::thread::id();
     turnTaken_ = false;
   }
@@ -396,7 +387,7 @@ void XpcConnection::readOwnReply(Semaphore& done, uint64_t sequence) {
       // Its reply went onto the busy reply queue, or the call ended without
       // one: the answer comes from another thread.
       endLoanUse();
-      returnLoanOfThisThread();
+      returnLoan(true);
       done.wait();
       return;
     }
@@ -554,7 +545,7 @@ void XpcConnection::sendInvocation(std::string selector, std::vector<ObjectPtr> 
     return;
   }
   if (sequence == 0) {
-    returnLoanOfThisThread();
+    returnLoan(true);
   } else if (tReaderOf != this) {
     AnswerSource::note(weak_from_this(), sequence);
   }
@@ -563,7 +554,7 @@ void XpcConnection::sendInvocation(std::string selector, std::vector<ObjectPtr> 
 
 void XpcConnection::sendMessage(const XpcMessage& message) {
   if (!isValid()) return;
-  returnLoanOfThisThread();  // an answer: the borrower's work is over
+  returnLoan(true);  // an answer: the borrower's work is over
   std::vector<uint8_t> payload = message.encode();
   if (payload.empty() || payload.size() > kMaxFramePayload) return;
   if (!writeFrame(payload)) invalidate();

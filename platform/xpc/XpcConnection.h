@@ -193,9 +193,9 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection>, public
   bool useLoan();
   void endLoanUse();
   void lendReadingTurn(std::thread::id borrower);
-  void returnLoan();
-  // Returns the calling thread's loan, when it has one it is not using.
-  void returnLoanOfThisThread();
+  // Ends a loan that is not being used (with `onlyThisThreads`, only when the
+  // calling thread is the borrower).
+  void returnLoan(bool onlyThisThreads);
   // The borrower's reading, until `done` is signalled.
   void readOwnReply(Semaphore& done, uint64_t sequence);
   bool isPending(uint64_t sequence);
