@@ -22,6 +22,7 @@
 //   sizes-cold: ratio=R qxfile_s=A du_s=B
 // and the warm runs and the floor are left out.
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -239,6 +240,13 @@ double roundTripSeconds(const Traffic& traffic) {
   return seconds;
 }
 
+// Context switches of every thread of this process so far, voluntary and not.
+long contextSwitches() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_nvcsw + usage.ru_nivcsw;
+}
+
 // Writes back dirty pages and drops the clean ones, with dentries and inodes.
 // False, with the reason in `why`, when this process may not.
 bool dropCaches(std::string& why) {
@@ -355,7 +363,9 @@ int main(int argc, char** argv) {
   }
   std::vector<std::string> du = {"du", "-s", "-b", root};
   timeCommand(du);  // warm the caches
-  link.sizes({root});
+  long switchesBefore = contextSwitches();
+  Reply warm = link.sizes({root});
+  long switches = contextSwitches() - switchesBefore;
   std::vector<double> ours, theirs, local, walks, codecs, roundTrips;
   Reply reply;
   for (int run = 0; run < runs; ++run) {
@@ -375,6 +385,9 @@ int main(int argc, char** argv) {
     status = 1;
   }
   std::printf("reports: %zu for %ld entries\n", reply.reports, tree.entries);
+  // Threads handing work to each other show here, whatever the load.
+  std::printf("context switches: %.2f per report (%ld in one run)\n",
+              warm.reports ? double(switches) / double(warm.reports) : 0.0, switches);
   std::printf("without the connection: qxfile_s=%.3f\n", median(local));
   if (keep.empty()) removeTree(base);
   double a = median(ours);

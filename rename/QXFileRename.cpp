@@ -64,34 +64,39 @@ int renameWithoutReplacing(const char* from, const char* to) {
   return ::rename(from, to) == 0 ? 0 : errno;
 }
 
-// The path of `name` in the folder of an item that has just been examined.
-// Names are exact bytes and nothing redirects a path here, so the folder part
-// of the path is what the parent-folder resource value would answer, without
-// examining the item a second time (which would cost a tenth of the rename
-// itself).
+// The path of `name` in the folder of `path`. Names are exact bytes and
+// nothing redirects a path here, so the folder part of the path is what the
+// parent-folder resource value would answer.
 std::string siblingPath(const std::string& path, const std::string& name) {
   const std::size_t slash = path.rfind('/');
   if (slash == 0 || slash == std::string::npos) return "/" + name;
   return path.substr(0, slash + 1) + name;
 }
 
+// The last component of an absolute, normalised path ("/" for the root).
+std::string_view lastComponent(std::string_view path) {
+  if (path == "/") return path;
+  return path.substr(path.rfind('/') + 1);
+}
+
+// The item is not examined before the rename: the rename itself examines it
+// and fails with the errno an lstat would give (an item gone, a folder that
+// cannot be searched), and a second lookup of the path would cost a sixth of
+// the rename.
 ItemResult renameItem(const UrlPtr& url, const StringPtr& name) {
   // No name (names shorter than urls, or not a string) is refused, and so is a
   // path or name that a system call would cut short at a NUL byte.
   if (!url || !name || hasNul(name->str())) return ItemResult::failed(EINVAL);
+  // Empty for a URL that is not a file URL and for a file reference whose
+  // item is gone.
   const std::string oldPath = url->fileSystemRepresentation();
-  if (hasNul(oldPath)) return ItemResult::failed(EINVAL);
-
-  errno = 0;
-  StringPtr previousName = url->name();
-  // Gone, unreadable, or not a file URL.
-  if (!previousName) return ItemResult::failed(errno != 0 ? errno : EINVAL);
+  if (!url->isFileURL() || oldPath.empty() || hasNul(oldPath)) return ItemResult::failed(EINVAL);
 
   UrlPtr newUrl = qx::Url::fileURLWithPath(siblingPath(oldPath, cleanedName(name->str())));
   const std::string newPath = newUrl->fileSystemRepresentation();
   if (int failed = renameWithoutReplacing(oldPath.c_str(), newPath.c_str()))
     return ItemResult::failed(failed);
-  return {0, std::move(newUrl), std::move(previousName)};
+  return {0, std::move(newUrl), qx::str(std::string(lastComponent(oldPath)))};
 }
 
 ErrorPtr renameError(int errnum, const UrlPtr& url) {

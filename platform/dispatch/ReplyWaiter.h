@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "platform/dispatch/AnswerSource.h"
 #include "platform/dispatch/OnceCallback.h"
 #include "platform/dispatch/Semaphore.h"
 
@@ -36,18 +37,25 @@ class ReplyWaiter {
   }
 
   // Calls `send` with a reply block on the calling thread, then blocks until
-  // that block has run or has been dropped; nullopt for no answer.
+  // that block has run or has been dropped; nullopt for no answer. When the
+  // send noted where its answer comes from (AnswerSource), the wait is left
+  // to that source, which may read the answer on this thread.
   static std::optional<Answer> wait(const std::function<void(Reply)>& send) {
     struct State {
       Semaphore done;
       std::optional<Values> values;
     };
     auto state = std::make_shared<State>();
+    AnswerSource::take();  // a note left by an earlier send is not this one's
     send(observe([state](std::optional<Values> values) {
       state->values = std::move(values);
       state->done.signal();
     }));
-    state->done.wait();
+    if (auto [source, ticket] = AnswerSource::take(); source) {
+      source->waitFor(state->done, ticket);
+    } else {
+      state->done.wait();
+    }
     if (!state->values) return std::nullopt;
     if constexpr (sizeof...(R) == 1) {
       return std::move(std::get<0>(*state->values));

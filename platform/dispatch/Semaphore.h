@@ -30,6 +30,13 @@ class Semaphore {
     available_.wait(lock, [&] { return count_ > 0; });
     --count_;
   }
+  // Takes one when one is there, without blocking; false otherwise.
+  bool tryWait() {
+    std::lock_guard lock(mutex_);
+    if (count_ == 0) return false;
+    --count_;
+    return true;
+  }
   // False when nothing came within `timeout`.
   bool waitFor(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);

@@ -23,6 +23,9 @@ ErrorPtr connectionError(int64_t code, const std::string& reason) {
       Dictionary::withStringKeys({{kLocalizedDescriptionKey, str(reason)}}));
 }
 
+// The connection whose reader runs on this thread, if any.
+thread_local const XpcConnection* tReaderOf = nullptr;
+
 std::optional<ucred> readPeerCredentials(int fd) {
   ucred credentials{};
   socklen_t length = sizeof credentials;
@@ -173,6 +176,7 @@ void XpcConnection::invalidate() {
     dropped.swap(pending_);
   }
   ::shutdown(socket_.get(), SHUT_RDWR);  // the peer sees the end; our reader wakes up
+  returnLoan(false);                     // an idle loan: a reader reads the end now
   // Calls without an error handler release whoever waits on them, now.
   std::vector<Task> errorTasks;
   for (auto& entry : dropped) {
@@ -205,6 +209,7 @@ void XpcConnection::invalidate() {
 // reader is ever inside a delivery.
 void XpcConnection::readLoop(std::shared_ptr<XpcConnection> self) {
   setCurrentThreadName("qx.xpc.reader");
+  tReaderOf = self.get();
   std::vector<uint8_t> buffer(64 * 1024);
   while (self->awaitReadingTurn()) {
     bool holdingTurn = true;
@@ -224,7 +229,7 @@ void XpcConnection::readLoop(std::shared_ptr<XpcConnection> self) {
   }
 }
 
-bool XpcConnection::takeFrames(std::span<const uint8_t> bytes, Delivery& mine) {
+bool XpcConnection::takeFrames(std::span<const uint8_t> bytes, Delivery& mine, uint64_t ownReply) {
   frames_.append(bytes);
   for (;;) {
     auto payload = frames_.next();
@@ -232,7 +237,8 @@ bool XpcConnection::takeFrames(std::span<const uint8_t> bytes, Delivery& mine) {
     Delivery delivery;
     if (!handleFrame(*payload, delivery)) return false;
     if (!delivery.task) continue;
-    if (!mine.task && delivery.queue->tryClaim()) {
+    bool mayRunHere = ownReply == 0 || delivery.replyTo == ownReply;
+    if (!mine.task && mayRunHere && delivery.queue->tryClaim()) {
       mine = std::move(delivery);
     } else {
       delivery.queue->async(std::move(delivery.task));
@@ -263,15 +269,37 @@ bool XpcConnection::deliverInline(Delivery& delivery) {
     delivery.task();
   }
   delivery.queue->releaseClaim();
-  return !turn.passed;
+  if (turn.passed) return false;
+  if (delivery.waiter != std::thread::id()) {
+    lendReadingTurn(delivery.waiter);
+    return false;
+  }
+  return true;
 }
 
 bool XpcConnection::awaitReadingTurn() {
   std::unique_lock lock(readMutex_);
-  turnFree_.wait(lock, [&] { return readerDone_ || !turnTaken_; });
-  if (readerDone_) return false;
-  turnTaken_ = true;
-  return true;
+  bool seen = false;  // the loan's use count was read a period ago
+  uint64_t usesSeen = 0;
+  for (;;) {
+    if (readerDone_) return false;
+    if (!turnTaken_) {
+      turnTaken_ = true;
+      return true;
+    }
+    if (borrower_ == std::thread::id()) {
+      seen = false;
+      turnFree_.wait(lock);
+      continue;
+    }
+    if (!loanInUse_ && seen && usesSeen == loanUses_) {
+      borrower_ = std::thread::id();  // unused for a whole period: taken back
+      return true;
+    }
+    seen = true;
+    usesSeen = loanUses_;
+    turnFree_.wait_for(lock, kReadingLoanIdle);
+  }
 }
 
 void XpcConnection::passReadingTurn() {
@@ -286,8 +314,100 @@ void XpcConnection::endReading() {
   {
     std::lock_guard lock(readMutex_);
     readerDone_ = true;
+    borrower_ = std::thread::id();
+    loanInUse_ = false;
   }
   turnFree_.notify_all();
+}
+
+bool XpcConnection::markWaiter(uint64_t sequence) {
+  std::lock_guard lock(mutex_);
+  auto found = pending_.find(sequence);
+  if (found == pending_.end()) return false;
+  found->second.waiter = std::this_thread::get_id();
+  return true;
+}
+
+bool XpcConnection::isPending(uint64_t sequence) {
+  std::lock_guard lock(mutex_);
+  return pending_.count(sequence) > 0;
+}
+
+bool XpcConnection::useLoan() {
+  std::lock_guard lock(readMutex_);
+  if (readerDone_ || borrower_ != std::this_thread::get_id()) return false;
+  loanInUse_ = true;
+  ++loanUses_;
+  return true;
+}
+
+void XpcConnection::endLoanUse() {
+  std::lock_guard lock(readMutex_);
+  loanInUse_ = false;
+}
+
+// Called by the turn holder, which keeps the turn taken for the borrower.
+void XpcConnection::lendReadingTurn(std::thread::id borrower) {
+  {
+    std::lock_guard lock(readMutex_);
+    borrower_ = borrower;
+    loanInUse_ = false;
+    ++loanUses_;
+  }
+  turnFree_.notify_all();  // the readers now wait for the loan's idle time
+}
+
+void XpcConnection::returnLoan(bool onlyThisThreads) {
+  {
+    std::lock_guard lock(readMutex_);
+    if (borrower_ == std::thread::id() || loanInUse_) return;
+    if (onlyThisThreads && borrower_ != std::this_thread::get_id()) return;
+    borrower_ = std::thread::id();
+    turnTaken_ = false;
+  }
+  turnFree_.notify_one();
+}
+
+void XpcConnection::waitFor(Semaphore& done, uint64_t sequence) {
+  if (tReaderOf != this && markWaiter(sequence) && useLoan()) {
+    readOwnReply(done, sequence);
+  } else {
+    done.wait();
+  }
+}
+
+void XpcConnection::readOwnReply(Semaphore& done, uint64_t sequence) {
+  if (loanBuffer_.empty()) loanBuffer_.resize(64 * 1024);
+  for (;;) {
+    if (done.tryWait()) {
+      endLoanUse();
+      return;
+    }
+    if (!isPending(sequence)) {
+      // Its reply went onto the busy reply queue, or the call ended without
+      // one: the answer comes from another thread.
+      endLoanUse();
+      returnLoan(true);
+      done.wait();
+      return;
+    }
+    BeforeBlocking::notify();  // a reader of another connection hands its turn over first
+    ssize_t received = ::read(socket_.get(), loanBuffer_.data(), loanBuffer_.size());
+    if (received < 0 && errno == EINTR) continue;
+    Delivery mine;
+    bool healthy =
+        received > 0 && takeFrames({loanBuffer_.data(), std::size_t(received)}, mine, sequence);
+    if (mine.task) {
+      mine.task();
+      mine.queue->releaseClaim();
+    }
+    if (!healthy) {
+      endReading();
+      invalidate();
+      done.wait();
+      return;
+    }
+  }
 }
 
 std::optional<XpcConnection::Pending> XpcConnection::takePending(uint64_t sequence) {
@@ -346,7 +466,7 @@ bool XpcConnection::handleFrame(std::span<const uint8_t> payload, Delivery& deli
         delivery = {
             [reply = std::move(pending->reply),
              arguments = std::move(message.arguments)]() mutable { reply(std::move(arguments)); },
-            &replyQueue_};
+            &replyQueue_, false, sequence, pending->waiter};
       }
       break;
     case XpcMessage::Kind::Refusal:
@@ -424,11 +544,17 @@ void XpcConnection::sendInvocation(std::string selector, std::vector<ObjectPtr> 
     }
     return;
   }
+  if (sequence == 0) {
+    returnLoan(true);
+  } else if (tReaderOf != this) {
+    AnswerSource::note(weak_from_this(), sequence);
+  }
   if (!writeFrame(payload)) invalidate();
 }
 
 void XpcConnection::sendMessage(const XpcMessage& message) {
   if (!isValid()) return;
+  returnLoan(true);  // an answer: the borrower's work is over
   std::vector<uint8_t> payload = message.encode();
   if (payload.empty() || payload.size() > kMaxFramePayload) return;
   if (!writeFrame(payload)) invalidate();

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <cassert>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -12,9 +13,11 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <thread>
 #include <typeinfo>
 #include <vector>
 
+#include "platform/dispatch/AnswerSource.h"
 #include "platform/dispatch/OnceCallback.h"
 #include "platform/dispatch/SerialQueue.h"
 #include "platform/foundation/ClassSet.h"
@@ -47,6 +50,18 @@ inline constexpr int64_t kXpcConnectionRefusedError = 4864;
 // for each other: while an invocation works, however long, the socket is
 // still read and replies still reach whoever waits for them.
 //
+// A thread that waits for the reply to its own call (ReplyWaiter) reads that
+// reply itself when it can: the reader that delivers a reply to a waiting
+// thread lends it the reading turn, and the borrower keeps the loan between
+// its calls, reading the socket while it waits. So a worker asking one
+// question after another is woken once per answer, by the socket, with no
+// thread in between. While it borrows, the borrower runs its own reply only;
+// every other message goes onto its queue. The loan ends when the borrower
+// sends something that expects no reply (its work is over), when the
+// connection is invalidated, or when the borrower leaves the turn unused for
+// kReadingLoanIdle: a reader then takes it back, so no message waits longer
+// than that for a borrower busy elsewhere.
+//
 // When a queue is idle, the reader that read a message may run its delivery
 // itself, which saves a thread switch, and then reads on; should the delivery
 // block, the other reader takes over the reading first. Before it runs an
@@ -68,8 +83,12 @@ inline constexpr int64_t kXpcConnectionRefusedError = 4864;
 // the exported object once the deliveries holding it have finished, and runs
 // the invalidation handler once, on the delivery queue. Sends on an invalid
 // connection are dropped.
-class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
+class XpcConnection : public std::enable_shared_from_this<XpcConnection>, public AnswerSource {
  public:
+  // How long a thread may leave a lent reading turn unused before a reader
+  // takes it back.
+  static constexpr std::chrono::milliseconds kReadingLoanIdle{10};
+
   // A connection over a connected stream socket (an accepted peer, one end of
   // a socketpair, a client socket).
   static std::shared_ptr<XpcConnection> withSocket(UniqueFd socket);
@@ -127,6 +146,11 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   // The peer's process credentials, read when the connection was made.
   std::optional<ucred> peerCredentials() const { return peer_; }
 
+  // The wait for the reply to the invocation numbered `sequence`, sent by the
+  // calling thread (see ReplyWaiter): read on this thread while it holds a
+  // lent reading turn, otherwise a plain wait on `done`.
+  void waitFor(Semaphore& done, uint64_t sequence) override;
+
  private:
   friend class XpcListener;
   struct Pending {
@@ -134,6 +158,7 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
     std::vector<ClassSet> replySets;
     XpcReplyHandler reply;
     XpcErrorHandler onError;
+    std::thread::id waiter{};  // the thread waiting for the reply, once it said so
   };
   class IncomingSets;
 
@@ -147,12 +172,15 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   struct Delivery {
     Task task;
     SerialQueue* queue = nullptr;
-    bool worksLong = false;  // an invocation of a method that may work for long
+    bool worksLong = false;    // an invocation of a method that may work for long
+    uint64_t replyTo = 0;      // for a reply: the invocation it answers
+    std::thread::id waiter{};  // for a reply: the thread waiting for it, if known
   };
   // Decodes the complete frames in `bytes`: the first delivery goes to `mine`
-  // when its queue could be claimed, the rest onto their queues. False for a
-  // protocol error.
-  bool takeFrames(std::span<const uint8_t> bytes, Delivery& mine);
+  // when its queue could be claimed, the rest onto their queues. With
+  // `ownReply`, only the reply to that invocation may go to `mine`. False for
+  // a protocol error.
+  bool takeFrames(std::span<const uint8_t> bytes, Delivery& mine, uint64_t ownReply = 0);
   // Runs a delivery on the reader thread that claimed its queue; false when
   // the reading turn was passed on (before an invocation, or because a reply
   // handler blocked).
@@ -160,6 +188,17 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   bool awaitReadingTurn();
   void passReadingTurn();
   void endReading();
+  // The reading loan (see the class comment).
+  bool markWaiter(uint64_t sequence);
+  bool useLoan();
+  void endLoanUse();
+  void lendReadingTurn(std::thread::id borrower);
+  // Ends a loan that is not being used (with `onlyThisThreads`, only when the
+  // calling thread is the borrower).
+  void returnLoan(bool onlyThisThreads);
+  // The borrower's reading, until `done` is signalled.
+  void readOwnReply(Semaphore& done, uint64_t sequence);
+  bool isPending(uint64_t sequence);
   // Decodes one frame into the delivery it calls for (none for some); false
   // for a protocol error.
   bool handleFrame(std::span<const uint8_t> payload, Delivery& delivery);
@@ -201,6 +240,10 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection> {
   bool turnTaken_ = false;
   bool readerDone_ = false;
   XpcFrameReader frames_;
+  std::thread::id borrower_;         // holds the turn on loan; none when not lent
+  bool loanInUse_ = false;           // the borrower is reading
+  uint64_t loanUses_ = 0;            // counts the loan's uses, for its idle time
+  std::vector<uint8_t> loanBuffer_;  // the borrower's read buffer
 };
 
 template <class P>

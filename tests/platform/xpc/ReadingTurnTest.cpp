@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <memory>
+#include <thread>
 
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/Semaphore.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcConnection.h"
@@ -23,6 +25,7 @@ class Peer {
   // Asks the receiver to send a large `take:` back at once.
   virtual void kick() = 0;
   virtual void take(DataPtr bytes) = 0;
+  virtual void ask(OnceCallback<void(bool)> reply) = 0;
 };
 
 class PeerProxy final : public Peer, XpcRemoteProxy {
@@ -30,11 +33,13 @@ class PeerProxy final : public Peer, XpcRemoteProxy {
   using XpcRemoteProxy::XpcRemoteProxy;
   void kick() override { sendWithoutReply(&Peer::kick); }
   void take(DataPtr bytes) override { sendWithoutReply(&Peer::take, bytes); }
+  void ask(OnceCallback<void(bool)> reply) override { send(&Peer::ask, std::move(reply)); }
 };
 
 const XpcProtocol& peerProtocol() {
   static const XpcProtocol protocol = XpcProtocol::describe<Peer, PeerProxy>(
-      "Peer", {xpcMethod("kick", &Peer::kick), xpcMethod("take:", &Peer::take)});
+      "Peer", {xpcMethod("kick", &Peer::kick), xpcMethod("take:", &Peer::take),
+               xpcMethod("askWithReply:", &Peer::ask)});
   return protocol;
 }
 
@@ -51,6 +56,7 @@ class Endpoint final : public Peer {
   void take(DataPtr bytes) override {
     if (bytes && bytes->length() == kLarge) received.signal();
   }
+  void ask(OnceCallback<void(bool)> reply) override { reply(true); }
 };
 
 std::shared_ptr<XpcConnection> connect(int fd, const std::shared_ptr<Endpoint>& endpoint) {
@@ -78,6 +84,37 @@ TEST(ReadingTurn, PeersWritingLargeFramesToEachOtherFromDeliveriesBothGetThrough
   second->resume();
   EXPECT_TRUE(one->received.waitFor(std::chrono::seconds(20)));
   EXPECT_TRUE(two->received.waitFor(std::chrono::seconds(20)));
+  first->invalidate();
+  second->invalidate();
+}
+
+// A thread that waits for its answers reads them itself, keeping the reading
+// turn between its questions; once it stays away (here: busy, never asking
+// again), the connection must read the other messages without it.
+TEST(ReadingTurn, AThreadThatStopsAskingDoesNotHoldUpTheReading) {
+  registerFoundationClasses();
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+  auto one = std::make_shared<Endpoint>();
+  auto two = std::make_shared<Endpoint>();
+  auto first = connect(fds[0], one);
+  auto second = connect(fds[1], two);
+  first->resume();
+  second->resume();
+  Semaphore askedEnough, release;
+  std::thread asker([&] {
+    for (int i = 0; i < 20; ++i) {
+      auto yes = ReplyWaiter<bool>::wait([&](auto reply) { one->remote->ask(std::move(reply)); });
+      EXPECT_EQ(yes, std::optional<bool>(true));
+    }
+    askedEnough.signal();
+    release.wait();
+  });
+  askedEnough.wait();
+  two->remote->kick();  // read by `first` while the asker is away; answered with a take:
+  EXPECT_TRUE(two->received.waitFor(std::chrono::seconds(20)));
+  release.signal();
+  asker.join();
   first->invalidate();
   second->invalidate();
 }
