@@ -19,6 +19,12 @@ void check(bool ok, const std::string& what) {
   if (!ok) throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
+// Creates the folders missing above `path`, as mkdir -p would.
+void parents(const std::string& path) {
+  std::error_code error;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+}
+
 }  // namespace
 
 TempTree::TempTree(const std::string& prefix) {
@@ -43,12 +49,14 @@ TempTree::~TempTree() {
 
 void TempTree::folder(const std::string& relative, mode_t mode) const {
   std::string p = path(relative);
+  parents(p);
   check(mkdir(p.c_str(), 0755) == 0, "mkdir " + p);
   check(chmod(p.c_str(), mode) == 0, "chmod " + p);
 }
 
 void TempTree::file(const std::string& relative, const std::string& contents) const {
   std::string p = path(relative);
+  parents(p);
   int fd = ::open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   check(fd >= 0, "create " + p);
   bool written =
@@ -61,11 +69,13 @@ void TempTree::file(const std::string& relative, const std::string& contents) co
 
 void TempTree::link(const std::string& relative, const std::string& target) const {
   std::string p = path(relative);
+  parents(p);
   check(symlink(target.c_str(), p.c_str()) == 0, "symlink " + p);
 }
 
 void TempTree::fifo(const std::string& relative) const {
   std::string p = path(relative);
+  parents(p);
   check(mkfifo(p.c_str(), 0644) == 0, "mkfifo " + p);
 }
 
