@@ -117,7 +117,6 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
     for (int file = 0; file < kFilesPerFolder; ++file)
       files.file(name + "/" + std::to_string(file));
   }
-  files.folder("counted");
   for (int i = 0; i < 2000; ++i) files.file("counted/" + std::to_string(i), "x");
   auto modeOf = [&](const std::string& relative) {
     struct stat st {};

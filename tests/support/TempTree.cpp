@@ -19,10 +19,13 @@ void check(bool ok, const std::string& what) {
   if (!ok) throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-// Creates the folders missing above `path`, as mkdir -p would.
+// Creates the folders missing above `path` with mode 0755, as mkdir -p would.
 void parents(const std::string& path) {
-  std::error_code error;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+  for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    const std::string folder = path.substr(0, slash);
+    if (mkdir(folder.c_str(), 0755) == 0) chmod(folder.c_str(), 0755);
+  }
 }
 
 }  // namespace
