@@ -181,12 +181,10 @@ TEST(AclAttribute, OnlyTheExaminedItemIsWritten) {
     close(top);
 
     // A folder renamed away is still the one written through its descriptor.
-    tree.folder("sub");
     tree.file("sub/file");
     int sub = open("sub");
     const struct stat st = lstatOf(tree.path("sub/file"));
     ASSERT_EQ(rename(tree.path("sub").c_str(), tree.path("moved").c_str()), 0);
-    tree.folder("sub");
     tree.file("sub/file");
     EXPECT_EQ(setAt(sub, "file", st), 0);
     close(sub);
@@ -491,13 +489,11 @@ class Propagation : public AclModification {
 
 TEST_F(Propagation, TreeGetsTheFolderSettingsFilesTheirFileForm) {
   tree_.file("top/a.txt");
-  tree_.folder("top/sub");
   tree_.file("top/sub/b.txt");
   tree_.folder("top/sub/deeper", 0700);
   tree_.file("top/sub/deeper/c.sh");
   tree_.folder("top/sub/empty");
   tree_.link("top/link-file", "a.txt");
-  tree_.folder("outside");
   tree_.file("outside/o.txt");
   tree_.link("top/link-out", "../outside");
   ASSERT_TRUE(setAcl(top, {allow(userUuid(kOther), ACL_SEARCH)}));
@@ -607,7 +603,6 @@ TEST_F(Propagation, StopRequestEndsTheWalkWithCanceled) {
 TEST_F(Propagation, UnreadableSubfolderEndsTheWalkWithItsMessage) {
   if (!isRoot()) GTEST_SKIP() << "needs root to act as another user";
   ASSERT_EQ(chown(top.c_str(), kMember, kMemberGroup), 0);
-  tree_.folder("top/locked");
   tree_.file("top/locked/inside");
   ASSERT_EQ(chmod(at("locked").c_str(), 0), 0);
   ASSERT_EQ(chown(at("locked").c_str(), kMember, kMemberGroup), 0);

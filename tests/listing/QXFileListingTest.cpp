@@ -46,11 +46,9 @@ class ListingTest : public ::testing::Test {
   }
   // top: .hidden, A, a/ (x, y), b, sub/ (deeper/ (leaf), z), in byte order.
   void SetUp() override {
-    tree.folder("top");
     for (const char* file : {"top/b", "top/A", "top/.hidden"}) tree.file(file);
     tree.folder("top/a");
     for (const char* file : {"top/a/y", "top/a/x"}) tree.file(file);
-    tree.folder("top/sub");
     tree.folder("top/sub/deeper");
     for (const char* file : {"top/sub/deeper/leaf", "top/sub/z"}) tree.file(file);
   }

@@ -137,7 +137,6 @@ TEST_F(QXFileRenameTest, NamesAreCleanedAndEverythingElseKept) {
       ".hidden", "  spaced  ", "caf\xc3\xa9\ttab\\%20\"'", "..dots.."};
   const int count = static_cast<int>(given.size());
   auto urls = items("old-", count)->mutableCopy();
-  tree.folder("folder");
   tree.file("folder/inside");
   tree.link("link", "nowhere");
   urls->addObject(url("folder"));
@@ -233,7 +232,6 @@ TEST_F(QXFileRenameTest, WithoutNoReplaceSupportAPlainRenameFollows) {
     std::string target;
     int expected;  // 0: renamed over the target
   };
-  tree.folder("folder");
   tree.file("folder/full");
   const Row rows[] = {{EINVAL, "taken", 0},
                       {ENOSYS, "taken", 0},

@@ -104,26 +104,6 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   EXPECT_TRUE(eventually([&] { return exported.expired(); }));
 }
 
-// A queued calculation holds its service: the connection ending does not
-// destroy the service under it, and the released worker lets it go.
-TEST_F(ServiceFrame, AWaitingCalculationKeepsItsServiceUntilItEnds) {
-  for (int i = 0; i < 120; ++i) files.file("f" + std::to_string(i), "x");
-  ASSERT_TRUE(accept());
-  std::weak_ptr<void> exported = serviceEnd->exportedObject();
-  auto responder = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
-  auto proxy = clientProxy(responder);
-  std::atomic<int> replies{0};
-  proxy->getSizesWithUrls(qx::Array::make({qx::Url::fileURLWithPath(files.root())}),
-                          [&](qx::ArrayPtr, qx::ErrorPtr) { ++replies; });
-  ASSERT_TRUE(responder->waitForCalls(1));
-  std::this_thread::sleep_for(50ms);  // the worker waits for the held answer
-  EXPECT_FALSE(exported.expired());
-  clientEnd->invalidate();  // the waiting worker is released as if told to stop
-  EXPECT_TRUE(eventually([&] { return exported.expired(); }));
-  EXPECT_FALSE(serviceEnd->isValid());
-  EXPECT_EQ(replies.load(), 0);  // its reply had nowhere to go
-}
-
 // A propagation over a large tree works on the connection's delivery queue
 // while a size calculation of the same connection waits for its client: the
 // client's answers to the size reports are still read, each one bringing the
@@ -137,7 +117,6 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
     for (int file = 0; file < kFilesPerFolder; ++file)
       files.file(name + "/" + std::to_string(file));
   }
-  files.folder("counted");
   for (int i = 0; i < 2000; ++i) files.file("counted/" + std::to_string(i), "x");
   auto modeOf = [&](const std::string& relative) {
     struct stat st {};

@@ -88,12 +88,9 @@ TEST_F(SizesTest, ResultTreeOfFilesFoldersAndLinks) {
   EXPECT_EQ(sizes({"one"}).records, (Records{{{}, 1234, false}}));
 
   // Two folders: an artificial root, and the folders in byte order of their paths.
-  tree.folder("A");
   tree.file("A/x", std::string(10, 'x'));
   tree.file("A/y", std::string(20, 'x'));
-  tree.folder("B");
   tree.file("B/z", std::string(300, 'x'));
-  tree.folder("B/inner");
   tree.file("B/inner/w", std::string(4000, 'x'));
   Outcome two = sizes({"B", "A"});
   EXPECT_EQ(two.error, nullptr);
@@ -107,7 +104,6 @@ TEST_F(SizesTest, ResultTreeOfFilesFoldersAndLinks) {
                                   {{1, 1}, 300, false}}));
 
   // Links count as themselves, never as what they point to.
-  tree.folder("links");
   tree.link("links/to-B", tree.path("B"));
   tree.link("links/to-nothing", "nowhere");
   Outcome links = sizes({"links"});
@@ -124,7 +120,6 @@ TEST_F(SizesTest, ResultTreeOfFilesFoldersAndLinks) {
 // Reports come after every 100 items that are not folders; the next batch
 // starts again with the folders still open.
 TEST_F(SizesTest, EveryHundredFilesMakeAReportWithTheOpenFoldersBusy) {
-  tree.folder("f");
   for (int i = 0; i < 100; ++i) tree.file("f/" + std::to_string(1000 + i), std::string(i, 'x'));
   Outcome hundred = sizes({"f"});
   ASSERT_EQ(reports.size(), 1u);
@@ -134,7 +129,6 @@ TEST_F(SizesTest, EveryHundredFilesMakeAReportWithTheOpenFoldersBusy) {
   for (uint64_t i = 0; i < 100; ++i) EXPECT_EQ(first[i + 1], (SizeRecord{{i}, int64_t(i), false}));
   EXPECT_EQ(hundred.records, (Records{{{}, 4950, false}}));
 
-  tree.folder("top");
   for (int i = 0; i < 30; ++i) tree.folder("top/empty" + std::to_string(100 + i));
   files("top/sub", 150, 2);
   Outcome mixed = sizes({"top"});
@@ -183,7 +177,6 @@ TEST_F(SizesTest, UnreadableFolderIsASoftErrorAndMissingPathAHardOne) {
                 std::strerror(ENOENT));
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to take another user's identity";
-  tree.folder("top");
   tree.folder("top/a-locked", 0700);
   tree.file("top/a-locked/hidden", std::string(999, 'x'));
   tree.folder("top/b-locked", 0700);
@@ -208,7 +201,6 @@ TEST_F(SizesTest, UnreadableFolderIsASoftErrorAndMissingPathAHardOne) {
 // for its resource fork, whose length is added.
 TEST_F(SizesTest, ResourceForkCountsOnlyWithFourKilobytesOfSlack) {
   const std::string fork(700, 'r');
-  tree.folder("top");
   allocated("top/a-padded", 10, 16384);
   ASSERT_EQ(setxattr(tree.path("top/a-padded").c_str(), "user.com.apple.ResourceFork", fork.data(),
                      fork.size(), 0),

@@ -8,7 +8,8 @@ namespace qx::test {
 
 // A temporary folder under /tmp that is removed with everything in it at the
 // end, even where a test took permissions away. Readable by the unprivileged
-// user some tests switch to. Failures to build the tree throw.
+// user some tests switch to. Missing folders above an item are
+// created; failures to build the tree throw.
 class TempTree {
  public:
   // The folder is named `/tmp/<prefix>-XXXXXX`.

@@ -42,7 +42,6 @@ TEST(FoundationUrl, PathsAreKeptAsBytesNormalisedAndPercentEncoded) {
 
 TEST(FoundationUrl, ResourceValuesComeFromTheItemWithoutFollowingLinks) {
   test::TempTree tree("qx-url");
-  tree.folder("folder");
   tree.file("folder/file.txt", "x");
   tree.link("link", tree.path("folder"));
   auto url = [&](const std::string& relative) { return Url::fileURLWithPath(tree.path(relative)); };

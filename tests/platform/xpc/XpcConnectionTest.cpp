@@ -123,7 +123,7 @@ TEST_F(ConnectionPair, EveryInvocationGetsExactlyOneReplyWithItsObjectsIntact) {
 TEST_F(ConnectionPair, AWorkerAsksTheClientAndWaitsForEachAnswer) {
   connect();
   auto answers = ReplyWaiter<ArrayPtr>::wait(
-      [&](auto done) { proxy->askClient(Number::numberWithInteger(4), nullptr, std::move(done)); });
+      [&](auto done) { proxy->askClient(Number::numberWithInteger(4), std::move(done)); });
   ASSERT_TRUE(answers && *answers);
   auto yes = Number::numberWithBool(true), no = Number::numberWithBool(false);
   EXPECT_TRUE(isEqual(*answers, Array::make({yes, no, yes, no})));
@@ -206,11 +206,11 @@ TEST_F(ConnectionPair, InvalidationEndsPendingWorkAndRunsEachHandlerOnce) {
   // The service's worker waits for an answer the client holds back, and a
   // second call waits behind it on the same serial queue.
   std::atomic<bool> replied{false};
-  proxy->askClient(Number::numberWithInteger(3), nullptr, [&](ArrayPtr) { replied = true; });
+  proxy->askClient(Number::numberWithInteger(3), [&](ArrayPtr) { replied = true; });
   ASSERT_TRUE(eventually([&] { return responder->questions().size() == 1; }));
   std::atomic<int> pendingErrors{0};
   client->sendInvocation(
-      "askClient:marker:reply:", {Number::numberWithInteger(1), nullptr},
+      "askClient:reply:", {Number::numberWithInteger(1)},
       [&](std::vector<ObjectPtr>) { replied = true; }, [&](ErrorPtr) { pendingErrors++; });
 
   client->invalidate();
@@ -242,10 +242,8 @@ TEST_F(ConnectionPair, ACallerWaitingForAReplyIsReleasedWhenThePeerGoesAway) {
   ASSERT_TRUE(reply && reply->size() == 1);
   EXPECT_TRUE(isEqual((*reply)[0], Number::numberWithInteger(1)));
   std::optional<std::vector<ObjectPtr>> waited = std::vector<ObjectPtr>{};
-  std::thread waiter([&] {
-    waited =
-        waitForReply(*client, "askClient:marker:reply:", {Number::numberWithInteger(1), nullptr});
-  });
+  std::thread waiter(
+      [&] { waited = waitForReply(*client, "askClient:reply:", {Number::numberWithInteger(1)}); });
   EXPECT_TRUE(eventually([&] { return responder->questions().size() == 1; }));
   service->invalidate();
   waiter.join();

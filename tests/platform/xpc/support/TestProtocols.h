@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cassert>
-#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -47,9 +46,9 @@ class TestRequest {
   virtual void incrementWithReply(OnceCallback<void(NumberPtr)> reply) = 0;
   virtual void processIdWithReply(OnceCallback<void(NumberPtr)> reply) = 0;
   // On the object's operation queue: asks the client `count` questions, each
-  // time waiting for the answer; replies with the answers. When released with
-  // no answer it writes "no answer" to `marker` (when given) and stops.
-  virtual void askClient(NumberPtr count, StringPtr marker, OnceCallback<void(ArrayPtr)> reply) = 0;
+  // time waiting for the answer; replies with the answers. Released with no
+  // answer, it stops.
+  virtual void askClient(NumberPtr count, OnceCallback<void(ArrayPtr)> reply) = 0;
   virtual void note(StringPtr text) = 0;
   virtual void notesWithReply(OnceCallback<void(ArrayPtr)> reply) = 0;
 };
@@ -81,8 +80,8 @@ class TestRequestProxy final : public TestRequest, XpcRemoteProxy {
   void processIdWithReply(OnceCallback<void(NumberPtr)> reply) override {
     send(&TestRequest::processIdWithReply, std::move(reply));
   }
-  void askClient(NumberPtr count, StringPtr marker, OnceCallback<void(ArrayPtr)> reply) override {
-    send(&TestRequest::askClient, std::move(reply), count, marker);
+  void askClient(NumberPtr count, OnceCallback<void(ArrayPtr)> reply) override {
+    send(&TestRequest::askClient, std::move(reply), count);
   }
   void note(StringPtr text) override { sendWithoutReply(&TestRequest::note, text); }
   void notesWithReply(OnceCallback<void(ArrayPtr)> reply) override {
@@ -107,7 +106,7 @@ inline const XpcProtocol& testRequestProtocol() {
           xpcMethod("countUrls:reply:", &TestRequest::countUrls),
           xpcMethod("incrementWithReply:", &TestRequest::incrementWithReply),
           xpcMethod("processIdWithReply:", &TestRequest::processIdWithReply),
-          xpcMethod("askClient:marker:reply:", &TestRequest::askClient),
+          xpcMethod("askClient:reply:", &TestRequest::askClient),
           xpcMethod("note:", &TestRequest::note),
           xpcMethod("notesWithReply:", &TestRequest::notesWithReply),
       });
@@ -151,8 +150,8 @@ class TestService final : public TestRequest, public std::enable_shared_from_thi
   void processIdWithReply(OnceCallback<void(NumberPtr)> reply) override {
     reply(Number::numberWithInteger(::getpid()));
   }
-  void askClient(NumberPtr count, StringPtr marker, OnceCallback<void(ArrayPtr)> reply) override {
-    queue_.async([self = shared_from_this(), count, marker, reply = std::move(reply)]() mutable {
+  void askClient(NumberPtr count, OnceCallback<void(ArrayPtr)> reply) override {
+    queue_.async([self = shared_from_this(), count, reply = std::move(reply)]() mutable {
       std::vector<ObjectPtr> answers;
       bool released = false;
       for (int64_t i = 0; count && i < count->integerValue() && !released; ++i) {
@@ -163,7 +162,6 @@ class TestService final : public TestRequest, public std::enable_shared_from_thi
         released = !answer;
         if (answer) answers.push_back(Number::numberWithBool(*answer));
       }
-      if (marker) std::ofstream(marker->str()) << (released ? "no answer" : "answered") << "\n";
       reply(Array::make(std::move(answers)));
     });
   }
