@@ -55,8 +55,6 @@ class QXAclStep {
  public:
   QXAclStep() = delete;
 
-  // `format` with its "%s" (if any) replaced by `path`.
-  static std::string message(std::string_view format, const std::string& path);
   // The step error: errorWithErrno with the message and the path.
   static qx::ErrorPtr error(int errnum, std::string_view format, const std::string& path);
   // Answers `value` through an out-parameter the caller may leave null.
