@@ -40,7 +40,9 @@
 #include "model/QXFileSizeItem.h"
 #include "platform/walk/TreeWalk.h"
 #include "platform/xpc/UniqueFd.h"
+#include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcMessage.h"
+#include "protocol/QXFileResponse.h"
 #include "service/QXClientCallbacks.h"
 #include "sizes/QXFileSizes.h"
 #include "sizes/QXSizeCalculation.h"
@@ -154,18 +156,25 @@ double walkSeconds(const std::string& root) {
   });
 }
 
-// The class sets of the client's side: the records of a report, the answer's
-// boolean.
+// The class sets of the client's side, as the client library declares them:
+// the records of a report, the answer's boolean.
 class ClientSets final : public XpcArgumentSets {
  public:
-  std::optional<std::vector<ClassSet>> forInvocation(std::string_view) override {
-    return std::vector<ClassSet>{{&Array::classInfo(), &Dictionary::classInfo(),
-                                  &String::classInfo(), &IndexPath::classInfo(),
-                                  &QXFileSizeItem::classInfo()}};
+  ClientSets() : interface_(QXFileResponse::protocol()) {
+    if (!QXFileResponse::restrictArguments(interface_)) std::abort();
+  }
+  std::optional<std::vector<ClassSet>> forInvocation(std::string_view selector) override {
+    return interface_.argumentClasses(selector, false);
   }
   std::optional<std::vector<ClassSet>> forReply(uint64_t) override {
-    return std::vector<ClassSet>{{&Number::classInfo()}};
+    return interface_.argumentClasses(reportSelector(), true);
   }
+  static const std::string& reportSelector() {
+    return QXFileResponse::protocol().method(&QXFileResponse::updateFileSizes)->selector;
+  }
+
+ private:
+  XpcInterface interface_;
 };
 
 // What the reports of one calculation cost to encode and decode, and the
@@ -186,7 +195,8 @@ Traffic reportTraffic(const std::string& root) {
     std::size_t reportBytes = 0, answerBytes = 0;
     bool decoded = false;
     traffic.codecSeconds += secondsOf([&] {
-      auto report = XpcMessage::invocation("updateFileSizes:reply:", {batch}, sequence).encode();
+      auto report =
+          XpcMessage::invocation(ClientSets::reportSelector(), {batch}, sequence).encode();
       XpcIncoming received = XpcIncoming::decode(report, sets);
       auto answer = XpcMessage::reply(sequence, {Number::numberWithBool(true)}).encode();
       XpcIncoming answered = XpcIncoming::decode(answer, sets);
