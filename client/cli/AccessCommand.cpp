@@ -8,7 +8,7 @@
 #include "client/cli/Session.h"
 #include "model/QXAclPermission.h"
 #include "platform/foundation/TreeNode.h"
-#include "qxfile/QXFileClientSync.h"
+#include "client/lib/QXFileClientSync.h"
 
 namespace qxcli {
 

@@ -11,7 +11,7 @@
 #include "client/cli/PermissionTree.h"
 #include "client/cli/Session.h"
 #include "client/cli/UsageError.h"
-#include "qxfile/QXFileClientSync.h"
+#include "client/lib/QXFileClientSync.h"
 
 namespace qxcli {
 

@@ -5,7 +5,7 @@
 #include "client/cli/ExitCode.h"
 #include "client/cli/Session.h"
 #include "platform/foundation/IndexPath.h"
-#include "qxfile/QXFileClientSync.h"
+#include "client/lib/QXFileClientSync.h"
 
 namespace qxcli {
 

@@ -6,7 +6,7 @@
 #include "client/cli/ExitCode.h"
 #include "client/cli/Identity.h"
 #include "client/cli/Session.h"
-#include "qxfile/QXFileClientSync.h"
+#include "client/lib/QXFileClientSync.h"
 
 namespace qxcli {
 

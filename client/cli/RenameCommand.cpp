@@ -10,7 +10,7 @@
 #include "client/cli/SizeFormat.h"
 #include "client/cli/UsageError.h"
 #include "platform/foundation/String.h"
-#include "qxfile/QXFileClientSync.h"
+#include "client/lib/QXFileClientSync.h"
 
 namespace qxcli {
 

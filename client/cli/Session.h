@@ -5,7 +5,7 @@
 #include "client/cli/Output.h"
 #include "platform/foundation/Error.h"
 #include "platform/foundation/Url.h"
-#include "qxfile/QXFileClient.h"
+#include "client/lib/QXFileClient.h"
 
 namespace qxcli {
 

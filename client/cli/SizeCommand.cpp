@@ -11,7 +11,7 @@
 #include "client/cli/SizeFormat.h"
 #include "client/cli/SizePaths.h"
 #include "client/cli/SizeTotals.h"
-#include "qxfile/QXFileClientSync.h"
+#include "client/lib/QXFileClientSync.h"
 
 namespace qxcli {
 

@@ -1,4 +1,4 @@
-#include "qxfile/QXFileClient.h"
+#include "client/lib/QXFileClient.h"
 
 #include <dlfcn.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "qxfile/QXFileClientSync.h"
+#include "client/lib/QXFileClientSync.h"
 
 #include <cerrno>
 #include <memory>

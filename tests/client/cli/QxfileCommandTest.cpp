@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "qxfile/QXFileClient.h"
+#include "client/lib/QXFileClient.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/ServiceSandbox.h"
 #include "tests/support/TempTree.h"

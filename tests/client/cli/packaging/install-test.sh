@@ -12,8 +12,8 @@ prefix=$work/prefix
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 
-for file in bin/qxfile libexec/qxfile-service include/qxfile/qxfile/QXFileClient.h \
-    include/qxfile/platform/foundation/Url.h include/qxfile/model/QXAclEntry.h \
+for file in bin/qxfile libexec/qxfile-service include/qxfile/Client.h \
+    include/qxfile/BlockingClient.h include/qxfile/Records.h include/qxfile/Request.h \
     lib/pkgconfig/qxfile-client.pc lib/cmake/qxfile-client/qxfile-clientConfig.cmake \
     lib/systemd/user/qxfile.socket lib/systemd/user/qxfile.service; do
   [[ -e "$prefix/$file" ]] || { echo "not installed: $file"; exit 1; }
@@ -26,9 +26,14 @@ if command -v systemd-analyze >/dev/null; then
   (cd "$prefix/lib/systemd/user" && systemd-analyze verify ./qxfile.socket ./qxfile.service)
 fi
 
+# The public headers include the standard library and one another, nothing else.
+foreign=$(grep -rhE '^\s*#\s*include' "$prefix/include" | grep -vE '<[a-z_]+>|"qxfile/[A-Za-z]+\.h"' || true)
+[[ -z "$foreign" ]] || { echo "installed headers include more than the standard library:"; echo "$foreign"; exit 1; }
+[[ "$(ls "$prefix/include")" == qxfile ]] || { echo "more than qxfile/ installed in include/"; exit 1; }
+
 # pkg-config, as the README shows it.
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
-g++ -std=c++20 -o "$work/list-pc" "$consumer/list.cpp" \
+g++ -std=c++20 -Wall -Wextra -Werror -o "$work/list-pc" "$consumer/list.cpp" \
   $(pkg-config --cflags --libs qxfile-client) -Wl,-rpath,"$prefix/lib"
 
 # CMake's find_package.

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "client/lib/QXFileClient.h"
 #include "platform/foundation/Array.h"
 #include "platform/foundation/Error.h"
 #include "platform/foundation/IndexPath.h"
 #include "platform/foundation/Url.h"
 #include "platform/foundation/Uuid.h"
-#include "qxfile/QXFileClient.h"
 
 // The requests of a QXFileClient as blocking calls, for tools: each sends the
 // request and waits, without a time limit, for its one reply. The wait ends

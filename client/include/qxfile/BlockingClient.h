@@ -1,0 +1,43 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "qxfile/Client.h"
+
+namespace qxfile {
+
+// The requests of a Client as blocking calls, for tools: each waits, without a
+// time limit, for its completion. Every call sets `error` (when given) on every
+// path: nullopt on success. Never call it from a callback of the same client.
+class BlockingClient {
+ public:
+  explicit BlockingClient(Client& client) : client_(client) {}
+
+  AclListing getAcl(const std::filesystem::path& item, std::optional<Error>* error);
+  EffectiveAccess getAccess(const std::filesystem::path& item, const Identity& who,
+                            std::optional<Error>* error);
+  bool setAcl(const std::filesystem::path& item, const AclListing& listing,
+              std::optional<Error>* error);
+  bool propagateAcl(const std::filesystem::path& folder, const AclListing& listing,
+                    std::optional<Error>* error);
+  // `shouldStop` is asked at intervals; true stops the batch.
+  RenameResult rename(const std::vector<std::filesystem::path>& items,
+                      const std::vector<std::string>& names, std::function<bool()> shouldStop,
+                      std::optional<Error>* error);
+  // `onUpdate` gets each report; false stops the calculation.
+  std::vector<SizeUpdate> getSizes(const std::vector<std::filesystem::path>& items,
+                                   std::function<bool(const std::vector<SizeUpdate>&)> onUpdate,
+                                   std::optional<Error>* error);
+  std::vector<std::vector<FileRef>> listContents(const std::filesystem::path& folder,
+                                                 const std::vector<uint64_t>& indexPath,
+                                                 std::optional<Error>* error);
+
+ private:
+  Client& client_;
+};
+
+}  // namespace qxfile
