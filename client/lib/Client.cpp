@@ -66,7 +66,9 @@ struct Client::State {
 namespace {
 
 qx::UrlPtr urlOf(const std::filesystem::path& path) {
-  return qx::Url::fileURLWithPath(std::filesystem::absolute(path).lexically_normal().string());
+  std::error_code ignored;
+  auto absolute = std::filesystem::absolute(path, ignored);
+  return qx::Url::fileURLWithPath(absolute.empty() ? path.string() : absolute.string());
 }
 
 qx::ArrayPtr urlsOf(const std::vector<std::filesystem::path>& paths) {

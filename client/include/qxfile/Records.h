@@ -107,6 +107,10 @@ struct FileRef {
   uint64_t device = 0;
   uint64_t inode = 0;
   std::filesystem::path keptPath;
+
+  // Where the item is now: the kept path while it names the same item, else the
+  // entry of its folder that is the item (renamed in place), else empty.
+  std::filesystem::path presentPath() const;
 };
 
 // What a batch rename did: the new paths of the items renamed and the names they had.
