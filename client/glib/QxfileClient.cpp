@@ -85,8 +85,31 @@ struct Progress {
   GDestroyNotify notify;
   GMainContext* context;
 
+  Progress(QxfileSizeProgress callback, gpointer data, GDestroyNotify notify)
+      : callback(callback),
+        data(data),
+        notify(notify),
+        context(g_main_context_ref_thread_default()) {}
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // The data is freed on the caller's context, as every call of the callback ran.
   ~Progress() {
-    if (notify) notify(data);
+    if (notify) {
+      struct Release {
+        GDestroyNotify notify;
+        gpointer data;
+      };
+      g_main_context_invoke_full(
+          context, G_PRIORITY_DEFAULT,
+          +[](gpointer release) -> gboolean {
+            auto* r = static_cast<Release*>(release);
+            r->notify(r->data);
+            return G_SOURCE_REMOVE;
+          },
+          new Release{notify, data},
+          +[](gpointer release) { delete static_cast<Release*>(release); });
+    }
     g_main_context_unref(context);
   }
 
@@ -146,8 +169,7 @@ void qxfile_client_get_sizes_async(QxfileClient* self, const char* const* paths,
   g_task_set_source_tag(call->task(), reinterpret_cast<gpointer>(qxfile_client_get_sizes_async));
   std::shared_ptr<Progress> reports;
   if (progress) {
-    reports = std::make_shared<Progress>(
-        Progress{progress, progress_data, progress_notify, g_main_context_ref_thread_default()});
+    reports = std::make_shared<Progress>(progress, progress_data, progress_notify);
   } else if (progress_notify) {
     progress_notify(progress_data);
   }

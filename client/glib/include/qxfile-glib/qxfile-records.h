@@ -236,7 +236,7 @@ guint32 qxfile_acl_listing_get_group_id(const QxfileAclListing* listing);
  * qxfile_acl_listing_get_entries:
  * @listing: a listing
  *
- * Returns: (transfer full) (element-type QxfileAclEntry): copies of the ACL entries, in order
+ * Returns: (transfer container) (element-type QxfileAclEntry): the ACL entries, in order
  */
 GPtrArray* qxfile_acl_listing_get_entries(const QxfileAclListing* listing);
 /**
