@@ -1,15 +1,28 @@
 #include "qxfile/BlockingClient.h"
 
+#include <cerrno>
 #include <future>
 #include <tuple>
+
+#include "client/lib/CallbackScope.h"
 
 namespace qxfile {
 
 namespace {
 
+Error wouldDeadlock() {
+  return Error{"NSPOSIXErrorDomain", EDEADLK,
+               "Couldn't wait for the service's answer on the thread that receives it.",
+               std::nullopt, std::nullopt};
+}
+
 // Starts a request with `start`, which takes its completion, and waits for it.
 template <class T, class Start>
 T wait(Start start, std::optional<Error>* error) {
+  if (CallbackScope::active()) {
+    if (error) *error = wouldDeadlock();
+    return T{};
+  }
   std::promise<std::pair<T, std::optional<Error>>> promise;
   auto answer = promise.get_future();
   start([&promise](T result, std::optional<Error> failure) {
@@ -21,6 +34,10 @@ T wait(Start start, std::optional<Error>* error) {
 }
 
 bool waitDone(auto start, std::optional<Error>* error) {
+  if (CallbackScope::active()) {
+    if (error) *error = wouldDeadlock();
+    return false;
+  }
   std::promise<std::optional<Error>> promise;
   auto answer = promise.get_future();
   start([&promise](std::optional<Error> failure) { promise.set_value(std::move(failure)); });

@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "client/lib/CallbackScope.h"
 #include "client/lib/QXFileClient.h"
 #include "client/lib/RecordConversion.h"
 #include "client/lib/RequestState.h"
@@ -10,6 +11,8 @@
 #include "platform/foundation/Url.h"
 
 namespace qxfile {
+
+thread_local bool CallbackScope::active_ = false;
 
 // ACL requests and listings share one connection. A size calculation or a
 // rename takes a connection of its own: the service runs those operations one
@@ -87,6 +90,7 @@ Error notConnected() {
 template <class T, class Convert>
 void complete(const Client::Completion<T>& done, const qx::ArrayPtr& result,
               const qx::ErrorPtr& error, Convert convert, const char* what) {
+  CallbackScope scope;
   auto failure = RecordConversion::error(error);
   if (!result && failure) return done(T{}, std::move(failure));
   auto converted = convert(result);
@@ -160,7 +164,10 @@ Request Client::setAcl(const std::filesystem::path& item, const AclListing& list
     done(notConnected());
   } else {
     shared->setAclEntries(RecordConversion::entries(listing), urlOf(item),
-                          [done](qx::ErrorPtr error) { done(RecordConversion::error(error)); });
+                          [done](qx::ErrorPtr error) {
+                            CallbackScope scope;
+                            done(RecordConversion::error(error));
+                          });
   }
   return Request(std::make_shared<Request::State>());
 }
@@ -171,9 +178,11 @@ Request Client::propagateAcl(const std::filesystem::path& folder, const AclListi
   if (!shared) {
     done(notConnected());
   } else {
-    shared->propagateAclEntries(
-        RecordConversion::entries(listing), urlOf(folder),
-        [done](qx::ErrorPtr error) { done(RecordConversion::error(error)); });
+    shared->propagateAclEntries(RecordConversion::entries(listing), urlOf(folder),
+                                [done](qx::ErrorPtr error) {
+                                  CallbackScope scope;
+                                  done(RecordConversion::error(error));
+                                });
   }
   return Request(std::make_shared<Request::State>());
 }
@@ -189,6 +198,7 @@ Request Client::rename(const std::vector<std::filesystem::path>& items,
     return Request(request);
   }
   connection->setProgressHandler([request, shouldStop = std::move(options.shouldStop)] {
+    CallbackScope scope;
     if (!request->cancelled && shouldStop && shouldStop()) request->cancelled = true;
     return request->cancelled.load();
   });
@@ -198,6 +208,7 @@ Request Client::rename(const std::vector<std::filesystem::path>& items,
                          [done, connection, weak = std::weak_ptr<State>(state_)](
                              qx::ArrayPtr urls, qx::ArrayPtr previous, qx::ErrorPtr error) {
                            if (auto state = weak.lock()) state->giveBack(connection);
+                           CallbackScope scope;
                            done(RecordConversion::renamed(urls, previous),
                                 RecordConversion::error(error));
                          });
@@ -218,6 +229,7 @@ Request Client::getSizes(const std::vector<std::filesystem::path>& items, SizeOp
         if (request->cancelled) return false;
         auto updates = RecordConversion::sizes(batch);
         if (!updates) return false;
+        CallbackScope scope;
         if (onUpdate && !onUpdate(*updates)) request->cancelled = true;
         return !request->cancelled;
       });

@@ -2,6 +2,7 @@
 // cancelling of size reports, completions called once, and the records
 // crossing both ways. What each request does to files is the workers' tests'.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -194,6 +195,35 @@ TEST_F(TypedClient, RecordsCrossBothWays) {
   ASSERT_TRUE(error);
   EXPECT_EQ(error->domain, "NSPOSIXErrorDomain");
   EXPECT_EQ(error->code, ENOENT);
+}
+
+// A blocking call in a callback would wait for an answer that only this
+// thread could deliver; after the service is gone, connecting again reaches
+// a new one.
+TEST_F(TypedClient, BlockingInACallbackFailsAtOnceAndAClientReconnects) {
+  files("items", 1, 1);
+  Client client;
+  ASSERT_FALSE(client.connect());
+  BlockingClient blocking(client);
+  std::promise<std::optional<Error>> inner;
+  client.getAcl(tree_.path("items/f0"), [&](auto, auto) {
+    std::optional<Error> error;
+    blocking.getAcl(tree_.path("items/f0"), &error);
+    inner.set_value(error);
+  });
+  auto error = inner.get_future().get();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, EDEADLK);
+
+  ::kill(sandbox_.services().at(0), SIGKILL);
+  ASSERT_TRUE(qx::test::eventually([&] { return !client.isConnected(); }));
+  blocking.listContents(tree_.path("items"), {}, &error);
+  EXPECT_EQ(error ? error->code : 0, 4099);
+  ASSERT_FALSE(client.connect());
+  EXPECT_EQ(blocking.listContents(tree_.path("items"), {}, &error).size(), 1u);
+  EXPECT_FALSE(error);
+  std::vector<SizeUpdate> last = blocking.getSizes({tree_.path("items")}, {}, &error);
+  EXPECT_FALSE(error) << "a calculation after the restart gets a working connection";
 }
 
 // The rename's questions are answered by the request's own policy.

@@ -12,7 +12,8 @@ namespace qxfile {
 
 // The requests of a Client as blocking calls, for tools: each waits, without a
 // time limit, for its completion. Every call sets `error` (when given) on every
-// path: nullopt on success. Never call it from a callback of the same client.
+// path: nullopt on success. Called from a callback of a client, where the
+// answer would have to arrive, it fails at once with EDEADLK.
 class BlockingClient {
  public:
   explicit BlockingClient(Client& client) : client_(client) {}
