@@ -16,13 +16,18 @@ namespace qxfile {
 // answer would have to arrive, it fails at once with EDEADLK.
 class BlockingClient {
  public:
+  // Calls through `client`, which must outlive this object.
   explicit BlockingClient(Client& client) : client_(client) {}
 
+  // As Client::getAcl.
   AclListing getAcl(const std::filesystem::path& item, std::optional<Error>* error);
+  // As Client::getAccess.
   EffectiveAccess getAccess(const std::filesystem::path& item, const Identity& who,
                             std::optional<Error>* error);
+  // As Client::setAcl; true when written.
   bool setAcl(const std::filesystem::path& item, const AclListing& listing,
               std::optional<Error>* error);
+  // As Client::propagateAcl; true when applied to everything below.
   bool propagateAcl(const std::filesystem::path& folder, const AclListing& listing,
                     std::optional<Error>* error);
   // `shouldStop` is asked at intervals; true stops the batch.
@@ -33,6 +38,7 @@ class BlockingClient {
   std::vector<SizeUpdate> getSizes(const std::vector<std::filesystem::path>& items,
                                    std::function<bool(const std::vector<SizeUpdate>&)> onUpdate,
                                    std::optional<Error>* error);
+  // As Client::listContents.
   std::vector<std::vector<FileRef>> listContents(const std::filesystem::path& folder,
                                                  const std::vector<uint64_t>& indexPath,
                                                  std::optional<Error>* error);

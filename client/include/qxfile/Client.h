@@ -25,21 +25,26 @@ namespace qxfile {
 // that several at once run side by side and each hears only of itself.
 class Client {
  public:
+  // Called once with the result and, on failure, the error.
   template <class T>
   using Completion = std::function<void(T result, std::optional<Error> error)>;
+  // Called once with the error, or nullopt on success.
   using Done = std::function<void(std::optional<Error> error)>;
 
+  // What a size calculation reports to while it runs.
   struct SizeOptions {
     // Each report of the service: the totals that changed since the last one.
     // Answering false stops the calculation as cancel() does.
     std::function<bool(const std::vector<SizeUpdate>&)> onUpdate;
   };
+  // How a batch rename's questions are answered.
   struct RenameOptions {
     // Asked at intervals: true stops the batch. Without it the batch goes on
     // until cancelled.
     std::function<bool()> shouldStop;
   };
 
+  // A client not yet connected.
   Client();
   // Ends every connection: requests still under way complete with an error first.
   ~Client();
@@ -48,6 +53,7 @@ class Client {
 
   // Reaches the service, starting it when nothing answers. Nullopt on success.
   std::optional<Error> connect();
+  // Whether the connection of ACL requests and listings is up.
   bool isConnected() const;
 
   // The item's ACL entries and POSIX permissions.
@@ -71,7 +77,7 @@ class Client {
   Request listContents(const std::filesystem::path& folder, const std::vector<uint64_t>& indexPath,
                        Completion<std::vector<std::vector<FileRef>>> done);
 
-  struct State;
+  struct State;  // the library's own
 
  private:
   std::shared_ptr<State> state_;
