@@ -113,8 +113,13 @@ Client::~Client() {
     state_->idle.clear();
   }
   if (shared) shared->invalidate();
+  // The callbacks may use what goes with this client: none runs past here,
+  // except when this is called from one, which may itself be awaited.
   for (const auto& weak : operations) {
-    if (auto connection = weak.lock()) connection->invalidate();
+    if (auto connection = weak.lock()) {
+      connection->invalidate();
+      connection->detachHandlers(!CallbackScope::active());
+    }
   }
 }
 

@@ -176,6 +176,10 @@ void QXFileClient::invalidate() {
   if (connection) connection->invalidate();
 }
 
+void QXFileClient::detachHandlers(bool waitForRunning) {
+  state_->responder->detachHandlers(waitForRunning);
+}
+
 bool QXFileClient::isReplyThread() const {
   std::lock_guard lock(state_->mutex);
   return state_->connection && state_->connection->isReplyQueueCurrent();

@@ -67,6 +67,9 @@ class QXFileClient {
   bool connect(qx::ErrorPtr* error = nullptr);
   bool isConnected() const;
   void invalidate();
+  // Forgets both handlers; with `waitForRunning`, also waits for one under
+  // way to return (do not ask that from within it).
+  void detachHandlers(bool waitForRunning);
   // True on the thread where reply callbacks run.
   bool isReplyThread() const;
 

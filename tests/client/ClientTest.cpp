@@ -101,17 +101,15 @@ TEST_F(TypedClient, TwoCalculationsHearOnlyOfThemselvesAndOneIsCancelledAlone) {
   ASSERT_FALSE(client.connect());
   Heard sevens, thousands;
   qxfile::Request cancelMe;
-  std::mutex handleMutex;
-  {
-    std::lock_guard lock(handleMutex);
-    cancelMe = client.getSizes({tree_.path("sevens")}, {sevens.onUpdate([&] {
-                                 ASSERT_TRUE(thousands.firstReport.waitFor(10s));
-                                 std::lock_guard lock(handleMutex);
-                                 sevens.cancelled = true;
-                                 cancelMe.cancel();
-                               })},
-                               sevens.completion());
-  }
+  qx::Semaphore handleKept;
+  cancelMe = client.getSizes({tree_.path("sevens")}, {sevens.onUpdate([&] {
+                               ASSERT_TRUE(thousands.firstReport.waitFor(10s));
+                               ASSERT_TRUE(handleKept.waitFor(10s));
+                               sevens.cancelled = true;
+                               cancelMe.cancel();
+                             })},
+                             sevens.completion());
+  handleKept.signal();
   client.getSizes({tree_.path("thousands")},
                   {thousands.onUpdate([&] { ASSERT_TRUE(sevens.firstReport.waitFor(10s)); })},
                   thousands.completion());

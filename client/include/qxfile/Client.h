@@ -46,7 +46,8 @@ class Client {
 
   // A client not yet connected.
   Client();
-  // Ends every connection: requests still under way complete with an error first.
+  // Ends every connection: requests still under way complete with an error,
+  // and no progress callback runs once it has returned (unless called from one).
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
