@@ -6,44 +6,27 @@
 #include "client/cli/Identity.h"
 #include "client/cli/LinuxView.h"
 #include "client/cli/Session.h"
-#include "model/QXAclPermission.h"
-#include "platform/foundation/TreeNode.h"
-#include "qxfile/QXFileClientSync.h"
+#include "qxfile/BlockingClient.h"
 
 namespace qxcli {
 
 namespace {
 
-QXAclPermissionPtr recordOf(const qx::ObjectPtr& node) {
-  auto tree = qx::cast<qx::TreeNode>(node);
-  return tree ? tree->representedObjectAs<QXAclPermission>() : nullptr;
-}
-
-std::string nameOf(const QXAclPermissionPtr& record) {
-  return record && record->name() ? record->name()->str() : "?";
-}
-
 // The groups of the access tree with their leaves: {"group", "permissions":
 // [{"name", "value", "granted"}]}.
-Output::Json accessJson(const qx::ArrayPtr& groups, const LinuxView::Item& view,
+Output::Json accessJson(const qxfile::EffectiveAccess& access, const LinuxView::Item& view,
                         const qx::UuidPtr& identity) {
   Output::Json json = Output::Json::array();
-  for (const auto& object : *groups) {
-    auto group = qx::cast<qx::TreeNode>(object);
-    if (!group) continue;
+  for (const auto& group : access.groups) {
     Output::Json leaves = Output::Json::array();
-    for (const auto& child : group->childNodes()) {
-      auto leaf = recordOf(child);
-      if (!leaf) continue;
-      const bool granted = leaf->state() == 1;
-      const bool enforced =
-          LinuxView::enforced(view, identity, static_cast<uint32_t>(leaf->permission()), granted);
-      leaves.push_back({{"name", nameOf(leaf)},
-                        {"value", leaf->permission()},
-                        {"granted", granted},
+    for (const auto& right : group.rights) {
+      const bool enforced = LinuxView::enforced(view, identity, right.right, right.granted);
+      leaves.push_back({{"name", right.name},
+                        {"value", right.right},
+                        {"granted", right.granted},
                         {"enforced", enforced}});
     }
-    json.push_back({{"group", nameOf(recordOf(group))}, {"permissions", leaves}});
+    json.push_back({{"group", group.name}, {"permissions", leaves}});
   }
   return json;
 }
@@ -52,23 +35,23 @@ Output::Json accessJson(const qx::ArrayPtr& groups, const LinuxView::Item& view,
 
 int AccessCommand::run(const Options& options) {
   Identity identity = Identity::parse(options.identity, Identity::Kind::User);
-  auto url = Session::urlFor(options.path);
+  const std::string path = Session::absolute(options.path);
   Output::Json document;
-  document["path"] = url->path();
+  document["path"] = path;
   document["identity"] = identity.toJson();
 
-  QXFileClient client;
+  qxfile::Client client;
   if (!Session::connect(client, options.json)) return kExitFailed;
-  qx::ErrorPtr error;
-  auto groups = QXFileClientSync(client).getAclAccessWithUrl(url, identity.uuid(), &error);
-  if (!groups || error) return Session::fail(error, options.json, document);
+  std::optional<qxfile::Error> error;
+  auto access = qxfile::BlockingClient(client).getAccess(path, identity.record(), &error);
+  if (error) return Session::fail(error, options.json, document);
 
-  document["access"] = accessJson(groups, LinuxView::read(url->path()), identity.uuid());
+  document["access"] = accessJson(access, LinuxView::read(path), identity.uuid());
   if (options.json) {
     Output::printJson(document);
     return kExitOk;
   }
-  std::printf("Effective access of %s to %s\n", identity.label().c_str(), url->path().c_str());
+  std::printf("Effective access of %s to %s\n", identity.label().c_str(), path.c_str());
   std::printf("(K: the kernel enforces this answer)\n");
   for (const auto& group : document["access"]) {
     std::printf("%s\n", group["group"].get<std::string>().c_str());

@@ -11,14 +11,11 @@
 #include "client/cli/PermissionTree.h"
 #include "client/cli/Session.h"
 #include "client/cli/UsageError.h"
-#include "qxfile/QXFileClientSync.h"
+#include "qxfile/BlockingClient.h"
 
 namespace qxcli {
 
 namespace {
-
-constexpr int32_t kAllow = 1;
-constexpr int32_t kDeny = 2;
 
 std::string joined(const std::vector<std::string>& names) {
   std::string text;
@@ -32,13 +29,14 @@ std::string octal(unsigned mode) {
   return text;
 }
 
-const char* tagName(int32_t tag) {
-  return tag == kAllow ? "allow" : tag == kDeny ? "deny" : "undefined";
+const char* tagName(bool deny) {
+  return deny ? "deny" : "allow";
 }
 
-int32_t parseTag(const std::string& text) {
-  if (text == "allow") return kAllow;
-  if (text == "deny") return kDeny;
+// True for deny.
+bool parseTag(const std::string& text) {
+  if (text == "allow") return false;
+  if (text == "deny") return true;
   throw UsageError("\"" + text + "\" is neither allow nor deny");
 }
 
@@ -80,32 +78,26 @@ void printLinux(const LinuxView::Item& view, std::size_t entries) {
 
 // Reads the item's entries, lets `change` edit them, writes them back and
 // shows what the item has now. `change` is null for `show`.
-int edit(const AclCommand::Options& options, const std::function<void(EntryList&)>& change) {
-  auto url = Session::urlFor(options.path);
-  std::string path = url->path();
-  QXFileClient client;
+int edit(const AclCommand::Options& options,
+         const std::function<void(qxfile::AclListing&)>& change) {
+  std::string path = Session::absolute(options.path);
+  qxfile::Client client;
   if (!Session::connect(client, options.json)) return kExitFailed;
-  QXFileClientSync sync(client);
-  qx::ErrorPtr error;
-  auto entries = sync.getAclEntriesWithUrl(url, &error);
-  if (!entries || error) return Session::fail(error, options.json, {{"path", path}});
-  std::string problem;
-  auto list = EntryList::fromArray(entries, &problem);
-  if (!list) return Session::fail(problem, options.json);
-
+  qxfile::BlockingClient blocking(client);
+  std::optional<qxfile::Error> error;
+  auto listing = blocking.getAcl(path, &error);
+  if (error) return Session::fail(error, options.json, {{"path", path}});
   if (change) {
-    change(*list);
-    if (!sync.setAclEntries(list->toArray(), url, &error)) {
+    change(listing);
+    if (!blocking.setAcl(path, listing, &error)) {
       return Session::fail(error, options.json, {{"path", path}});
     }
-    entries = sync.getAclEntriesWithUrl(url, &error);
-    if (!entries || error) return Session::fail(error, options.json, {{"path", path}});
-    list = EntryList::fromArray(entries, &problem);
-    if (!list) return Session::fail(problem, options.json);
+    listing = blocking.getAcl(path, &error);
+    if (error) return Session::fail(error, options.json, {{"path", path}});
   }
   const LinuxView::Item view = LinuxView::read(path);
   if (options.json) {
-    Output::Json json = AclCommand::toJson(path, *list);
+    Output::Json json = AclCommand::toJson(path, listing);
     json["stored"] = LinuxView::stored(view);
     json["posix"] = {{"access", LinuxView::access(view)},
                      {"default", LinuxView::defaults(view, false)}};
@@ -114,67 +106,77 @@ int edit(const AclCommand::Options& options, const std::function<void(EntryList&
     }
     Output::printJson(json);
   } else {
-    AclCommand::print(path, *list);
-    printLinux(view, list->acl().size());
+    AclCommand::print(path, listing);
+    printLinux(view, listing.acl.size());
   }
   return kExitOk;
 }
 
-Output::Json entryJson(std::size_t index, const QXAclEntry& entry) {
+Output::Json entryJson(std::size_t index, const qxfile::AclEntry& entry, bool folder) {
   Output::Json json;
   json["index"] = index;
-  json["tag"] = tagName(entry.tag());
-  json["identity"] = Identity::fromUuid(entry.uuid()).toJson();
-  json["permissions"] = PermissionTree::grantedNames(entry);
-  json["rights"] = PermissionTree::rights(entry);
-  json["appliesTo"] = PermissionTree::appliesTo(entry);
-  json["flags"] = PermissionTree::inheritance(entry);
-  json["inherited"] = entry.inherited();
+  json["tag"] = tagName(entry.deny);
+  json["identity"] = Identity::fromRecord(entry.identity).toJson();
+  json["permissions"] = PermissionTree::grantedNames(entry.rights, folder);
+  json["rights"] = entry.rights;
+  json["appliesTo"] =
+      folder ? PermissionTree::appliesTo(entry.inheritance) : std::vector<std::string>();
+  json["flags"] = entry.inheritance;
+  json["inherited"] = entry.inherited;
   return json;
 }
 
 }  // namespace
 
-void AclCommand::print(const std::string& path, const EntryList& entries) {
-  unsigned mode = entries.mode();
-  std::printf("%s (%s)\n", path.c_str(), entries.folder() ? "folder" : "file");
-  std::printf("owner: %s\n", Identity::fromUuid(entries.owner()->uuid()).label().c_str());
-  std::printf("group: %s\n", Identity::fromUuid(entries.group()->uuid()).label().c_str());
-  std::printf("mode:  %s (%s)\n", octal(mode).c_str(), EntryList::modeString(mode).c_str());
-  if (entries.acl().empty()) {
+void AclCommand::print(const std::string& path, const qxfile::AclListing& listing) {
+  unsigned mode = listing.mode();
+  std::printf("%s (%s)\n", path.c_str(), listing.folder ? "folder" : "file");
+  std::printf("owner: %s\n", Identity::fromRecord(listing.owner.identity).label().c_str());
+  std::printf("group: %s\n", Identity::fromRecord(listing.group.identity).label().c_str());
+  std::printf("mode:  %s (%s)\n", octal(mode).c_str(), modeString(mode).c_str());
+  if (listing.acl.empty()) {
     std::printf("ACL:   no entries\n");
     return;
   }
   std::printf("ACL:\n");
   std::size_t width = 0;
-  for (const auto& entry : entries.acl()) {
-    width = std::max(width, Identity::fromUuid(entry->uuid()).label().size());
+  for (const auto& entry : listing.acl) {
+    width = std::max(width, Identity::fromRecord(entry.identity).label().size());
   }
-  for (std::size_t i = 0; i < entries.acl().size(); ++i) {
-    const QXAclEntry& entry = *entries.acl()[i];
-    std::printf("  %zu: %-5s %-*s  %s%s\n", i, tagName(entry.tag()), static_cast<int>(width),
-                Identity::fromUuid(entry.uuid()).label().c_str(),
-                PermissionTree::summary(entry).c_str(), entry.inherited() ? "  [inherited]" : "");
-    if (PermissionTree::hasFolderShape(entry)) {
-      auto appliesTo = PermissionTree::appliesTo(entry);
+  for (std::size_t i = 0; i < listing.acl.size(); ++i) {
+    const qxfile::AclEntry& entry = listing.acl[i];
+    std::printf("  %zu: %-5s %-*s  %s%s\n", i, tagName(entry.deny), static_cast<int>(width),
+                Identity::fromRecord(entry.identity).label().c_str(),
+                PermissionTree::summary(entry.rights, listing.folder).c_str(),
+                entry.inherited ? "  [inherited]" : "");
+    if (listing.folder) {
+      auto appliesTo = PermissionTree::appliesTo(entry.inheritance);
       std::printf("     applies to: %s\n",
                   appliesTo.empty() ? "nothing" : joined(appliesTo).c_str());
     }
   }
 }
 
-Output::Json AclCommand::toJson(const std::string& path, const EntryList& entries) {
+Output::Json AclCommand::toJson(const std::string& path, const qxfile::AclListing& listing) {
   Output::Json json;
   json["path"] = path;
-  json["kind"] = entries.folder() ? "folder" : "file";
-  json["owner"] = Identity::fromUuid(entries.owner()->uuid()).toJson();
-  json["group"] = Identity::fromUuid(entries.group()->uuid()).toJson();
-  json["mode"] = octal(entries.mode());
+  json["kind"] = listing.folder ? "folder" : "file";
+  json["owner"] = Identity::fromRecord(listing.owner.identity).toJson();
+  json["group"] = Identity::fromRecord(listing.group.identity).toJson();
+  json["mode"] = octal(listing.mode());
   json["acl"] = Output::Json::array();
-  for (std::size_t i = 0; i < entries.acl().size(); ++i) {
-    json["acl"].push_back(entryJson(i, *entries.acl()[i]));
+  for (std::size_t i = 0; i < listing.acl.size(); ++i) {
+    json["acl"].push_back(entryJson(i, listing.acl[i], listing.folder));
   }
   return json;
+}
+
+std::string AclCommand::modeString(unsigned mode) {
+  std::string text = "rwxrwxrwx";
+  for (int i = 0; i < 9; ++i) {
+    if (!(mode & (0400u >> i))) text[i] = '-';
+  }
+  return text;
 }
 
 int AclCommand::show(const Options& options) {
@@ -183,24 +185,24 @@ int AclCommand::show(const Options& options) {
 
 int AclCommand::add(const Options& options) {
   // Everything that needs no look at the item is checked before the service is asked.
-  int32_t tag = parseTag(options.tag);
+  bool deny = parseTag(options.tag);
   Identity identity = Identity::parse(options.identity, Identity::Kind::User);
   uint32_t flags = PermissionTree::parseInheritance(options.inherit);
   PermissionTree::parseRights(options.rights, true);
   if (options.at && *options.at < 0) throw UsageError("--at takes a position from 0");
-  return edit(options, [&](EntryList& entries) {
-    uint32_t rights = PermissionTree::parseRights(options.rights, entries.folder());
-    if (!entries.folder() && !options.inherit.empty()) {
+  return edit(options, [&](qxfile::AclListing& listing) {
+    uint32_t rights = PermissionTree::parseRights(options.rights, listing.folder);
+    if (!listing.folder && !options.inherit.empty()) {
       throw UsageError("--inherit applies to folders only; " + options.path + " is a file");
     }
-    std::size_t at = options.at ? static_cast<std::size_t>(*options.at) : entries.acl().size();
-    if (at > entries.acl().size()) {
+    auto& acl = listing.acl;
+    std::size_t at = options.at ? static_cast<std::size_t>(*options.at) : acl.size();
+    if (at > acl.size()) {
       throw UsageError("--at " + std::to_string(at) + " is past the end: the item has " +
-                       std::to_string(entries.acl().size()) + " ACL entries");
+                       std::to_string(acl.size()) + " ACL entries");
     }
-    auto entry = QXAclEntry::make(identity.uuid(), tag,
-                                  PermissionTree::make(rights, flags, entries.folder()), false);
-    entries.acl().insert(entries.acl().begin() + static_cast<std::ptrdiff_t>(at), entry);
+    qxfile::AclEntry entry{identity.record(), deny, false, rights, listing.folder ? flags : 0};
+    acl.insert(acl.begin() + static_cast<std::ptrdiff_t>(at), entry);
   });
 }
 
@@ -208,8 +210,8 @@ int AclCommand::remove(const Options& options) {
   auto position = parsePosition(options.value);
   std::optional<Identity> identity;
   if (!position) identity = Identity::parse(options.value, Identity::Kind::User);
-  return edit(options, [&](EntryList& entries) {
-    auto& acl = entries.acl();
+  return edit(options, [&](qxfile::AclListing& listing) {
+    auto& acl = listing.acl;
     if (position) {
       if (*position >= acl.size()) {
         throw UsageError("no ACL entry " + std::to_string(*position) + ": the item has " +
@@ -218,8 +220,9 @@ int AclCommand::remove(const Options& options) {
       acl.erase(acl.begin() + static_cast<std::ptrdiff_t>(*position));
       return;
     }
-    auto end = std::remove_if(acl.begin(), acl.end(), [&](const QXAclEntryPtr& entry) {
-      return qx::isEqual(entry->uuid(), identity->uuid());
+    const std::string uuid = identity->record().uuid;
+    auto end = std::remove_if(acl.begin(), acl.end(), [&](const qxfile::AclEntry& entry) {
+      return entry.identity.uuid == uuid;
     });
     if (end == acl.end()) throw UsageError("no ACL entry for " + identity->label());
     acl.erase(end, acl.end());
@@ -231,7 +234,8 @@ int AclCommand::owner(const Options& options) {
   if (identity.kind() != Identity::Kind::User) {
     throw UsageError("the owner must be a user, not " + identity.label());
   }
-  return edit(options, [&](EntryList& entries) { entries.owner()->setUuid(identity.uuid()); });
+  return edit(options,
+              [&](qxfile::AclListing& listing) { listing.owner.identity = identity.record(); });
 }
 
 int AclCommand::group(const Options& options) {
@@ -239,12 +243,17 @@ int AclCommand::group(const Options& options) {
   if (identity.kind() != Identity::Kind::Group) {
     throw UsageError("the group must be a group, not " + identity.label());
   }
-  return edit(options, [&](EntryList& entries) { entries.group()->setUuid(identity.uuid()); });
+  return edit(options,
+              [&](qxfile::AclListing& listing) { listing.group.identity = identity.record(); });
 }
 
 int AclCommand::mode(const Options& options) {
   unsigned mode = parseMode(options.value);
-  return edit(options, [&](EntryList& entries) { entries.setMode(mode); });
+  return edit(options, [&](qxfile::AclListing& listing) {
+    listing.owner.bits = mode >> 6 & 7;
+    listing.group.bits = mode >> 3 & 7;
+    listing.everyone.bits = mode & 7;
+  });
 }
 
 }  // namespace qxcli

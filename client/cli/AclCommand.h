@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "client/cli/EntryList.h"
 #include "client/cli/Output.h"
+#include "qxfile/Records.h"
 
 namespace qxcli {
 
@@ -33,9 +33,11 @@ class AclCommand {
   static int group(const Options& options);
   static int mode(const Options& options);
 
-  // The listing of `entries` of the item at `path`, as `show` prints it.
-  static void print(const std::string& path, const EntryList& entries);
-  static Output::Json toJson(const std::string& path, const EntryList& entries);
+  // The listing of the item at `path`, as `show` prints it.
+  static void print(const std::string& path, const qxfile::AclListing& listing);
+  static Output::Json toJson(const std::string& path, const qxfile::AclListing& listing);
+  // "rwxr-x---"
+  static std::string modeString(unsigned mode);
 };
 
 }  // namespace qxcli

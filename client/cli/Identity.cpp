@@ -69,6 +69,19 @@ Identity Identity::fromUuid(const qx::UuidPtr& uuid) {
   return identity;
 }
 
+Identity Identity::fromRecord(const qxfile::Identity& record) {
+  return fromUuid(record.kind == qxfile::Identity::Kind::Everyone
+                      ? nullptr
+                      : qx::Uuid::withString(record.uuid));
+}
+
+qxfile::Identity Identity::record() const {
+  using K = qxfile::Identity::Kind;
+  if (!uuid_) return {K::Everyone, 0, "", ""};
+  K kind = kind_ == Kind::User ? K::User : kind_ == Kind::Group ? K::Group : K::Other;
+  return {kind, id_, name_, uuid_->UUIDString()};
+}
+
 Identity Identity::parse(std::string_view text, Kind bareKind) {
   Kind kind = bareKind;
   std::string_view value = text;

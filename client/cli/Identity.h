@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "platform/foundation/Uuid.h"
+#include "qxfile/Records.h"
 
 namespace qxcli {
 
@@ -17,6 +18,10 @@ class Identity {
 
   // What the UUID stands for, with its name from the user and group database.
   static Identity fromUuid(const qx::UuidPtr& uuid);
+  // The same, from the client library's record (everyone has no UUID).
+  static Identity fromRecord(const qxfile::Identity& record);
+  // The client library's record of this identity.
+  qxfile::Identity record() const;
   // "user:NAME", "group:NAME", "user:N", "group:N", "uid:N", "gid:N", a UUID
   // (bare or after "user:"/"group:"), or a bare NAME or number taken as a
   // `bareKind`. Throws UsageError for a name that the database does not know.

@@ -1,11 +1,11 @@
 #include "client/cli/ListCommand.h"
 
 #include <cstdio>
+#include <filesystem>
 
 #include "client/cli/ExitCode.h"
 #include "client/cli/Session.h"
-#include "platform/foundation/IndexPath.h"
-#include "qxfile/QXFileClientSync.h"
+#include "qxfile/BlockingClient.h"
 
 namespace qxcli {
 
@@ -14,19 +14,19 @@ namespace {
 // {"folder", "entries": [{"index", "path", "folder"}]} for each level; a
 // level's folder is the entry its predecessor's index chose.
 Output::Json levelsJson(const std::string& top, const std::vector<uint64_t>& indexes,
-                        const qx::ArrayPtr& levels) {
+                        const std::vector<std::vector<qxfile::FileRef>>& levels) {
   Output::Json json = Output::Json::array();
   Output::Json folder = top;
-  for (std::size_t k = 0; k < levels->count(); ++k) {
-    auto level = levels->objectAs<qx::Array>(k);
+  for (std::size_t k = 0; k < levels.size(); ++k) {
     Output::Json entries = Output::Json::array();
-    for (std::size_t i = 0; level && i < level->count(); ++i) {
-      auto url = level->objectAs<qx::Url>(i);
-      std::string path = url ? url->path() : "";
-      auto isFolder = url ? url->isDirectory() : std::nullopt;
+    for (std::size_t i = 0; i < levels[k].size(); ++i) {
+      std::string path = levels[k][i].presentPath();
+      std::error_code unknown;
+      bool isFolder = !path.empty() &&
+                      std::filesystem::is_directory(std::filesystem::symlink_status(path, unknown));
       entries.push_back({{"index", i},
                          {"path", path.empty() ? Output::Json() : Output::Json(path)},
-                         {"folder", isFolder.value_or(false)}});
+                         {"folder", isFolder}});
     }
     json.push_back({{"folder", folder}, {"entries", entries}});
     if (k < indexes.size() && indexes[k] < entries.size()) folder = entries[indexes[k]]["path"];
@@ -52,22 +52,21 @@ void print(const Output::Json& levels) {
 }  // namespace
 
 int ListCommand::run(const Options& options) {
-  auto url = Session::urlFor(options.path);
+  const std::string path = Session::absolute(options.path);
   Output::Json document;
-  document["path"] = url->path();
+  document["path"] = path;
   document["indexPath"] = options.indexes;
 
-  QXFileClient client;
+  qxfile::Client client;
   if (!Session::connect(client, options.json)) return kExitFailed;
-  qx::ErrorPtr error;
-  auto levels = QXFileClientSync(client).getContentsOfDirectory(
-      url, qx::IndexPath::make(options.indexes), &error);
+  std::optional<qxfile::Error> error;
+  auto levels = qxfile::BlockingClient(client).listContents(path, options.indexes, &error);
   // A permission error comes beside the levels that could be read.
-  if (!levels) return Session::fail(error, options.json, document);
+  if (error && levels.empty()) return Session::fail(error, options.json, document);
 
-  document["levels"] = levelsJson(url->path(), options.indexes, levels);
+  document["levels"] = levelsJson(path, options.indexes, levels);
   if (!options.json) {
-    if (levels->empty()) std::printf("%s: not a folder that can be listed\n", url->path().c_str());
+    if (levels.empty()) std::printf("%s: not a folder that can be listed\n", path.c_str());
     print(document["levels"]);
   }
   if (error) return Session::fail(error, options.json, document);

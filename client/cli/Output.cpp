@@ -2,25 +2,13 @@
 
 #include <cstdio>
 
-#include "platform/foundation/Url.h"
-
 namespace qxcli {
 
-namespace {
-
-std::string errorPath(const qx::ErrorPtr& error) {
-  auto url = error->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey);
-  return url ? url->path() : std::string();
-}
-
-}  // namespace
-
-void Output::printError(const qx::ErrorPtr& error) {
-  if (!error) return;
+void Output::printError(const qxfile::Error& error) {
   std::fflush(stdout);  // what was printed before the error comes before it
-  std::fprintf(stderr, "qxfile: %s\n", error->localizedDescription().c_str());
-  if (auto suggestion = error->localizedRecoverySuggestion()) {
-    std::fprintf(stderr, "  %s\n", suggestion->c_str());
+  std::fprintf(stderr, "qxfile: %s\n", error.description.c_str());
+  if (error.recoverySuggestion) {
+    std::fprintf(stderr, "  %s\n", error.recoverySuggestion->c_str());
   }
   std::fflush(stderr);
 }
@@ -31,15 +19,13 @@ void Output::printProblem(const std::string& message) {
   std::fflush(stderr);
 }
 
-Output::Json Output::errorJson(const qx::ErrorPtr& error) {
+Output::Json Output::errorJson(const qxfile::Error& error) {
   Json json;
-  json["domain"] = error->domain();
-  json["code"] = error->code();
-  json["description"] = error->localizedDescription();
-  auto suggestion = error->localizedRecoverySuggestion();
-  json["suggestion"] = suggestion ? Json(*suggestion) : Json();
-  std::string path = errorPath(error);
-  json["path"] = path.empty() ? Json() : Json(path);
+  json["domain"] = error.domain;
+  json["code"] = error.code;
+  json["description"] = error.description;
+  json["suggestion"] = error.recoverySuggestion ? Json(*error.recoverySuggestion) : Json();
+  json["path"] = error.path && !error.path->empty() ? Json(error.path->string()) : Json();
   return json;
 }
 

@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "platform/foundation/Error.h"
+#include "qxfile/Records.h"
 
 namespace qxcli {
 
@@ -15,12 +15,12 @@ class Output {
   using Json = nlohmann::ordered_json;
 
   // "qxfile: DESCRIPTION" and, indented on the next line, the suggestion.
-  static void printError(const qx::ErrorPtr& error);
+  static void printError(const qxfile::Error& error);
   // "qxfile: MESSAGE", for problems the command finds itself.
   static void printProblem(const std::string& message);
   // {"domain", "code", "description", "suggestion", "path"}; suggestion and
   // path are null when the error has none.
-  static Json errorJson(const qx::ErrorPtr& error);
+  static Json errorJson(const qxfile::Error& error);
   // Pretty-printed, with a line end.
   static void printJson(const Json& document);
 };

@@ -4,22 +4,11 @@
 #include <map>
 
 #include "client/cli/UsageError.h"
-#include "model/QXAclPermission.h"
 #include "model/QXAclTables.h"
-#include "model/QXTreeNode.h"
 
 namespace qxcli {
 
 namespace {
-
-QXAclPermissionPtr recordOf(const qx::ObjectPtr& node) {
-  auto tree = qx::cast<qx::TreeNode>(node);
-  return tree ? tree->representedObjectAs<QXAclPermission>() : nullptr;
-}
-
-QXTreeNodePtr nodeFor(const char* name, uint32_t value, int64_t state) {
-  return QXTreeNode::treeNodeWithRepresentedObject(QXAclPermission::make(name, value, state));
-}
 
 // Lower case without spaces, dashes or underscores: "Read Data", read-data
 // and read_data all become "readdata".
@@ -107,45 +96,7 @@ int64_t appliesToState(uint32_t flag, uint32_t flags) {
   }
 }
 
-template <class Visit>
-void forEachLeaf(const QXAclEntry& entry, bool appliesToNode, Visit visit) {
-  if (!entry.permissions()) return;
-  for (const auto& top : *entry.permissions()) {
-    auto record = recordOf(top);
-    auto tree = qx::cast<qx::TreeNode>(top);
-    if (!record || !tree) continue;
-    if ((record->permission() == kQXAppliesToPermission) != appliesToNode) continue;
-    for (const auto& child : tree->childNodes()) {
-      if (auto leaf = recordOf(child)) visit(*leaf);
-    }
-  }
-}
-
 }  // namespace
-
-qx::ArrayPtr PermissionTree::make(uint32_t rights, uint32_t flags, bool folder) {
-  std::vector<qx::ObjectPtr> nodes;
-  for (const QXAclPermGroup* group = acl_perms; group->name; ++group) {
-    auto node = nodeFor(group->name, kQXGroupNodePermission, 0);
-    for (const QXAclPermRow* row = group->rows; row->name; ++row) {
-      if (!QXAclRowApplies(*row, folder)) continue;
-      node->mutableChildNodes().addObject(
-          nodeFor(row->name, row->value, (rights & row->value) != 0));
-    }
-    QXAclEntry::resolveStateForPermissionNode(node);
-    nodes.push_back(node);
-  }
-  if (folder) {
-    auto node = nodeFor("Applies to", kQXAppliesToPermission, 0);
-    for (const QXAclFlagRow* row = acl_flags; row->name; ++row) {
-      node->mutableChildNodes().addObject(
-          nodeFor(row->name, row->flag, appliesToState(row->flag, flags)));
-    }
-    QXAclEntry::resolveStateForPermissionNode(node);
-    nodes.push_back(node);
-  }
-  return qx::Array::make(std::move(nodes));
-}
 
 uint32_t PermissionTree::parseRights(std::string_view list, bool folder) {
   const char* kind = folder ? "a folder" : "a file";
@@ -201,71 +152,41 @@ uint32_t PermissionTree::parseInheritance(std::string_view list) {
   return flags;
 }
 
-uint32_t PermissionTree::rights(const QXAclEntry& entry) {
-  uint32_t bits = 0;
-  forEachLeaf(entry, false, [&](const QXAclPermission& leaf) {
-    if (leaf.state() != 0) bits |= static_cast<uint32_t>(leaf.permission());
-  });
-  return bits;
-}
-
-std::vector<std::string> PermissionTree::grantedNames(const QXAclEntry& entry) {
+std::vector<std::string> PermissionTree::grantedNames(uint32_t rights, bool folder) {
   std::vector<std::string> names;
-  forEachLeaf(entry, false, [&](const QXAclPermission& leaf) {
-    if (leaf.state() != 0 && leaf.name()) names.push_back(leaf.name()->str());
-  });
+  for (const QXAclPermGroup* group = acl_perms; group->name; ++group) {
+    for (const QXAclPermRow* row = group->rows; row->name; ++row) {
+      if (QXAclRowApplies(*row, folder) && (rights & row->value)) names.push_back(row->name);
+    }
+  }
   return names;
 }
 
-std::string PermissionTree::summary(const QXAclEntry& entry) {
+std::string PermissionTree::summary(uint32_t rights, bool folder) {
   std::string text;
-  if (!entry.permissions()) return "none";
-  for (const auto& top : *entry.permissions()) {
-    auto group = qx::cast<qx::TreeNode>(top);
-    auto record = recordOf(top);
-    if (!group || !record || record->permission() == kQXAppliesToPermission) continue;
+  for (const QXAclPermGroup* group = acl_perms; group->name; ++group) {
     std::string granted;
-    std::size_t on = 0;
-    for (const auto& child : group->childNodes()) {
-      auto leaf = recordOf(child);
-      if (!leaf || leaf->state() == 0) continue;
+    std::size_t on = 0, rows = 0;
+    for (const QXAclPermRow* row = group->rows; row->name; ++row) {
+      if (!QXAclRowApplies(*row, folder)) continue;
+      ++rows;
+      if (!(rights & row->value)) continue;
       ++on;
-      granted += (granted.empty() ? "" : ", ") + (leaf->name() ? leaf->name()->str() : "?");
+      granted += (granted.empty() ? "" : ", ") + std::string(row->name);
     }
     if (on == 0) continue;
-    if (on == group->childNodes().size()) granted = "all";
-    text += (text.empty() ? "" : "; ") + (record->name() ? record->name()->str() : "?") + ": " +
-            granted;
+    if (on == rows) granted = "all";
+    text += (text.empty() ? "" : "; ") + std::string(group->name) + ": " + granted;
   }
   return text.empty() ? "none" : text;
 }
 
-std::vector<std::string> PermissionTree::appliesTo(const QXAclEntry& entry) {
+std::vector<std::string> PermissionTree::appliesTo(uint32_t flags) {
   std::vector<std::string> names;
-  forEachLeaf(entry, true, [&](const QXAclPermission& leaf) {
-    if (leaf.state() == 1 && leaf.name()) names.push_back(leaf.name()->str());
-  });
-  return names;
-}
-
-uint32_t PermissionTree::inheritance(const QXAclEntry& entry) {
-  uint32_t flags = 0;
-  forEachLeaf(entry, true, [&](const QXAclPermission& leaf) {
-    uint32_t flag = static_cast<uint32_t>(leaf.permission());
-    bool inverted = flag == kOnlyInherit || flag == kLimitInherit;
-    if (leaf.state() == (inverted ? 0 : 1)) flags |= flag;
-  });
-  return flags;
-}
-
-bool PermissionTree::hasFolderShape(const QXAclEntry& entry) {
-  bool found = false;
-  if (!entry.permissions()) return false;
-  for (const auto& top : *entry.permissions()) {
-    auto record = recordOf(top);
-    if (record && record->permission() == kQXAppliesToPermission) found = true;
+  for (const QXAclFlagRow* row = acl_flags; row->name; ++row) {
+    if (appliesToState(row->flag, flags) == 1) names.push_back(row->name);
   }
-  return found;
+  return names;
 }
 
 }  // namespace qxcli

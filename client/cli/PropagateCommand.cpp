@@ -2,48 +2,45 @@
 
 #include <cstdio>
 
-#include "client/cli/EntryList.h"
+#include "client/cli/AclCommand.h"
 #include "client/cli/ExitCode.h"
 #include "client/cli/Identity.h"
 #include "client/cli/Session.h"
-#include "qxfile/QXFileClientSync.h"
+#include "qxfile/BlockingClient.h"
 
 namespace qxcli {
 
 int PropagateCommand::run(const Options& options) {
-  auto url = Session::urlFor(options.path);
+  const std::string path = Session::absolute(options.path);
   Output::Json document;
-  document["path"] = url->path();
+  document["path"] = path;
 
-  QXFileClient client;
+  qxfile::Client client;
   if (!Session::connect(client, options.json)) return kExitFailed;
-  QXFileClientSync sync(client);
-  qx::ErrorPtr error;
-  auto entries = sync.getAclEntriesWithUrl(url, &error);
-  if (!entries || error) return Session::fail(error, options.json, document);
-  std::string problem;
-  auto list = EntryList::fromArray(entries, &problem);
-  if (!list) return Session::fail(problem, options.json);
-  if (!sync.propagateAclEntries(entries, url, &error)) {
+  qxfile::BlockingClient blocking(client);
+  std::optional<qxfile::Error> error;
+  auto listing = blocking.getAcl(path, &error);
+  if (error) return Session::fail(error, options.json, document);
+  if (!blocking.propagateAcl(path, listing, &error)) {
     return Session::fail(error, options.json, document);
   }
 
-  std::string owner = Identity::fromUuid(list->owner()->uuid()).label();
-  std::string group = Identity::fromUuid(list->group()->uuid()).label();
+  Identity owner = Identity::fromRecord(listing.owner.identity);
+  Identity group = Identity::fromRecord(listing.group.identity);
   char mode[8];
-  std::snprintf(mode, sizeof mode, "0%03o", list->mode());
+  std::snprintf(mode, sizeof mode, "0%03o", listing.mode());
   if (options.json) {
-    document["aclEntries"] = list->acl().size();
-    document["owner"] = Identity::fromUuid(list->owner()->uuid()).toJson();
-    document["group"] = Identity::fromUuid(list->group()->uuid()).toJson();
+    document["aclEntries"] = listing.acl.size();
+    document["owner"] = owner.toJson();
+    document["group"] = group.toJson();
     document["mode"] = mode;
     Output::printJson(document);
     return kExitOk;
   }
-  std::printf("Propagated to everything below %s:\n", url->path().c_str());
-  std::printf("  %zu ACL entr%s, owner %s, group %s, mode %s (%s)\n", list->acl().size(),
-              list->acl().size() == 1 ? "y" : "ies", owner.c_str(), group.c_str(), mode,
-              EntryList::modeString(list->mode()).c_str());
+  std::printf("Propagated to everything below %s:\n", path.c_str());
+  std::printf("  %zu ACL entr%s, owner %s, group %s, mode %s (%s)\n", listing.acl.size(),
+              listing.acl.size() == 1 ? "y" : "ies", owner.label().c_str(), group.label().c_str(),
+              mode, AclCommand::modeString(listing.mode()).c_str());
   return kExitOk;
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
 
 #include "client/cli/ExitCode.h"
 #include "client/cli/Interrupt.h"
@@ -9,8 +10,7 @@
 #include "client/cli/Session.h"
 #include "client/cli/SizeFormat.h"
 #include "client/cli/UsageError.h"
-#include "platform/foundation/String.h"
-#include "qxfile/QXFileClientSync.h"
+#include "qxfile/BlockingClient.h"
 
 namespace qxcli {
 
@@ -25,48 +25,45 @@ int RenameCommand::run(const Options& options) {
   if (options.pairs.empty() || options.pairs.size() % 2 != 0) {
     throw UsageError("rename takes pairs: PATH NEWNAME [PATH NEWNAME ...]");
   }
-  std::vector<qx::ObjectPtr> urls;
-  std::vector<qx::ObjectPtr> names;
+  std::vector<std::filesystem::path> items;
+  std::vector<std::string> names;
   std::vector<std::string> paths;
   for (std::size_t i = 0; i < options.pairs.size(); i += 2) {
     if (options.pairs[i + 1].empty()) throw UsageError("an empty new name for " + options.pairs[i]);
-    auto url = Session::urlFor(options.pairs[i]);
-    paths.push_back(url->path());
-    urls.push_back(url);
-    names.push_back(qx::str(options.pairs[i + 1]));
+    paths.push_back(Session::absolute(options.pairs[i]));
+    items.push_back(paths.back());
+    names.push_back(options.pairs[i + 1]);
   }
   const std::size_t requested = paths.size();
 
   ProgressLine progress(!options.json);
   std::atomic<std::size_t> asked{0};
   std::atomic<bool> stopped{false};
-  QXFileClient client;
-  client.setProgressHandler([&] {
+  qxfile::Client client;
+  auto askStop = [&] {
     std::size_t done = ++asked * kRenamesPerQuestion;
     progress.show("Renaming... " + SizeFormat::grouped(int64_t(done)) + " of " +
                   SizeFormat::grouped(int64_t(requested)) + " (Ctrl-C stops)");
     bool stop = Interrupt::requested();
     if (stop) stopped = true;
     return stop;
-  });
+  };
   Interrupt::catchFirst();
   progress.show("Renaming " + SizeFormat::grouped(int64_t(requested)) + " items...", true);
   if (!Session::connect(client, options.json)) return kExitFailed;
-  qx::ErrorPtr error;
-  auto renamed = QXFileClientSync(client).renameUrls(qx::Array::make(std::move(urls)),
-                                                     qx::Array::make(std::move(names)), &error);
+  std::optional<qxfile::Error> error;
+  auto renamed = qxfile::BlockingClient(client).rename(items, names, askStop, &error);
   progress.clear();
 
   Output::Json document;
   document["requested"] = requested;
   document["renamed"] = Output::Json::array();
-  std::size_t count = renamed.urls ? renamed.urls->count() : 0;
+  std::size_t count = renamed.renamed.size();
   for (std::size_t i = 0; i < count && i < requested; ++i) {
-    auto url = renamed.urls->objectAs<qx::Url>(i);
-    auto name = renamed.names ? renamed.names->objectAs<qx::String>(i) : nullptr;
+    bool named = i < renamed.previousNames.size();
     document["renamed"].push_back({{"from", paths[i]},
-                                   {"to", url ? url->path() : ""},
-                                   {"previousName", name ? name->str() : ""}});
+                                   {"to", renamed.renamed[i].string()},
+                                   {"previousName", named ? renamed.previousNames[i] : ""}});
   }
   document["stopped"] = stopped.load();
 

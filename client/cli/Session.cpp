@@ -6,24 +6,24 @@
 
 namespace qxcli {
 
-qx::UrlPtr Session::urlFor(const std::string& path) {
+std::string Session::absolute(const std::string& path) {
   std::error_code ignored;
   std::filesystem::path absolute = std::filesystem::absolute(path, ignored);
-  return qx::Url::fileURLWithPath(absolute.empty() ? path : absolute.string());
+  return absolute.empty() ? path : absolute.string();
 }
 
-bool Session::connect(QXFileClient& client, bool json) {
-  qx::ErrorPtr error;
-  if (client.connect(&error)) return true;
+bool Session::connect(qxfile::Client& client, bool json) {
+  auto error = client.connect();
+  if (!error) return true;
   fail(error, json);
   return false;
 }
 
-int Session::fail(const qx::ErrorPtr& error, bool json, Output::Json document) {
-  Output::printError(error);
+int Session::fail(const std::optional<qxfile::Error>& error, bool json, Output::Json document) {
+  if (error) Output::printError(*error);
   if (json) {
     if (!document.is_object()) document = Output::Json::object();
-    document["error"] = error ? Output::errorJson(error) : Output::Json();
+    document["error"] = error ? Output::errorJson(*error) : Output::Json();
     Output::printJson(document);
   }
   return kExitFailed;

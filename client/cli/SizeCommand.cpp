@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
 
 #include "client/cli/ExitCode.h"
 #include "client/cli/Interrupt.h"
@@ -11,7 +12,7 @@
 #include "client/cli/SizeFormat.h"
 #include "client/cli/SizePaths.h"
 #include "client/cli/SizeTotals.h"
-#include "qxfile/QXFileClientSync.h"
+#include "qxfile/BlockingClient.h"
 
 namespace qxcli {
 
@@ -108,13 +109,8 @@ Output::Json linesJson(const std::vector<Line>& lines) {
 }  // namespace
 
 int SizeCommand::run(const Options& options) {
-  std::vector<qx::ObjectPtr> urls;
   std::vector<std::string> requested;
-  for (const auto& path : options.paths) {
-    auto url = Session::urlFor(path);
-    requested.push_back(url->path());
-    urls.push_back(url);
-  }
+  for (const auto& path : options.paths) requested.push_back(Session::absolute(path));
   Output::Json document;
   document["paths"] = requested;
 
@@ -122,10 +118,9 @@ int SizeCommand::run(const Options& options) {
   ProgressLine progress(!options.json);
   std::atomic<int64_t> reports{0};
   std::atomic<bool> stopped{false};
-  std::atomic<bool> malformed{false};
-  QXFileClient client;
-  client.setSizeUpdateHandler([&](const qx::ArrayPtr& batch) {
-    if (!totals.add(batch)) malformed = true;
+  qxfile::Client client;
+  auto onUpdate = [&](const std::vector<qxfile::SizeUpdate>& batch) {
+    totals.add(batch);
     int64_t counted = ++reports * kItemsPerReport;
     auto root = totals.at({});
     progress.show("Counting... " + SizeFormat::withUnits(root ? root->size : 0) + " in " +
@@ -133,17 +128,17 @@ int SizeCommand::run(const Options& options) {
     bool goOn = !Interrupt::requested();
     if (!goOn) stopped = true;
     return goOn;
-  });
+  };
   Interrupt::catchFirst();
   progress.show("Counting...", true);
   if (!Session::connect(client, options.json)) return kExitFailed;
-  qx::ErrorPtr error;
-  auto last = QXFileClientSync(client).getSizesWithUrls(qx::Array::make(std::move(urls)), &error);
+  std::optional<qxfile::Error> error;
+  std::vector<std::filesystem::path> items(requested.begin(), requested.end());
+  auto last = qxfile::BlockingClient(client).getSizes(items, onUpdate, &error);
   progress.clear();
   // Without a result the error says why; a permission error comes beside the totals.
-  if (!last) return Session::fail(error, options.json, document);
-  if (!totals.add(last)) malformed = true;
-  if (malformed) return Session::fail("The service's size records are malformed.", options.json);
+  if (error && last.empty() && reports == 0) return Session::fail(error, options.json, document);
+  totals.add(last);
 
   SizePaths paths(requested);
   auto lines = linesOf(totals, paths, options.all);

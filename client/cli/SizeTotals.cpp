@@ -1,30 +1,13 @@
 #include "client/cli/SizeTotals.h"
 
-#include "model/QXFileSizeItem.h"
-#include "platform/foundation/Dictionary.h"
-#include "platform/foundation/IndexPath.h"
-#include "protocol/QXFileResponse.h"
-
 namespace qxcli {
 
-bool SizeTotals::add(const qx::ArrayPtr& batch) {
-  if (!batch) return true;
-  bool wellFormed = true;
+void SizeTotals::add(const std::vector<qxfile::SizeUpdate>& batch) {
   std::lock_guard lock(mutex_);
-  for (const auto& object : *batch) {
-    auto record = qx::cast<qx::Dictionary>(object);
-    auto indexPath =
-        record ? record->objectForKeyAs<qx::IndexPath>(QXFileResponse::kIndexPathKey) : nullptr;
-    auto item =
-        record ? record->objectForKeyAs<QXFileSizeItem>(QXFileResponse::kFileSizeItemKey) : nullptr;
-    if (!indexPath || !item) {
-      wellFormed = false;
-      continue;
-    }
-    if (!everything_ && indexPath->length() > 1) continue;
-    totals_[indexPath->indexes()] = Total{item->size(), item->busy()};
+  for (const auto& update : batch) {
+    if (!everything_ && update.indexPath.size() > 1) continue;
+    totals_[update.indexPath] = Total{update.size, update.busy};
   }
-  return wellFormed;
 }
 
 std::optional<SizeTotals::Total> SizeTotals::at(const IndexPath& indexPath) const {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "platform/foundation/Array.h"
+#include "qxfile/Records.h"
 
 namespace qxcli {
 
@@ -27,8 +27,7 @@ class SizeTotals {
   // Keeps every item when `everything`, else only the root and its children.
   explicit SizeTotals(bool everything) : everything_(everything) {}
 
-  // False when a record of the batch is malformed (the others are kept).
-  bool add(const qx::ArrayPtr& batch);
+  void add(const std::vector<qxfile::SizeUpdate>& batch);
 
   std::optional<Total> at(const IndexPath& indexPath) const;
   std::map<IndexPath, Total> all() const;

@@ -1,4 +1,4 @@
-#include "qxfile/QXFileClient.h"
+#include "client/lib/QXFileClient.h"
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -174,6 +174,10 @@ void QXFileClient::invalidate() {
     connection = state_->connection;
   }
   if (connection) connection->invalidate();
+}
+
+void QXFileClient::detachHandlers(bool waitForRunning) {
+  state_->responder->detachHandlers(waitForRunning);
 }
 
 bool QXFileClient::isReplyThread() const {

@@ -3,9 +3,9 @@
 #include <memory>
 #include <mutex>
 
+#include "client/lib/QXFileClient.h"
 #include "platform/dispatch/SerialQueue.h"
 #include "protocol/QXFileResponse.h"
-#include "qxfile/QXFileClient.h"
 
 // The client's exported object: answers the service's callbacks with the
 // application's handlers. Each callback is handed to a serial queue of its

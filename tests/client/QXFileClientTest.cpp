@@ -10,11 +10,11 @@
 #include <fstream>
 #include <mutex>
 
+#include "client/lib/QXFileClient.h"
 #include "model/QXAclEntry.h"
+#include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/Semaphore.h"
 #include "platform/foundation/Foundation.h"
-#include "qxfile/QXFileClient.h"
-#include "qxfile/QXFileClientSync.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/ServiceSandbox.h"
 #include "tests/support/SizeRecord.h"
@@ -120,6 +120,68 @@ class Held {
   bool released_ = false;
 };
 
+// The client's requests as blocking calls: each waits for its one reply.
+class Blocking {
+ public:
+  explicit Blocking(QXFileClient& client) : client_(client) {}
+
+  qx::ArrayPtr getAclEntriesWithUrl(const qx::UrlPtr& url, qx::ErrorPtr* error) {
+    return std::get<0>(wait<qx::ArrayPtr>(
+        [&](auto reply) { client_.getAclEntriesWithUrl(url, std::move(reply)); }, error));
+  }
+  qx::ArrayPtr getSizesWithUrls(const qx::ArrayPtr& urls, qx::ErrorPtr* error) {
+    return std::get<0>(wait<qx::ArrayPtr>(
+        [&](auto reply) { client_.getSizesWithUrls(urls, std::move(reply)); }, error));
+  }
+  qx::ArrayPtr getContentsOfDirectory(const qx::UrlPtr& url, const qx::IndexPathPtr& indexPath,
+                                      qx::ErrorPtr* error) {
+    return std::get<0>(wait<qx::ArrayPtr>(
+        [&](auto reply) { client_.getContentsOfDirectory(url, indexPath, std::move(reply)); },
+        error));
+  }
+  qx::ArrayPtr getAclAccessWithUrl(const qx::UrlPtr& url, const qx::UuidPtr& uuid,
+                                   qx::ErrorPtr* error) {
+    return std::get<0>(wait<qx::ArrayPtr>(
+        [&](auto reply) { client_.getAclAccessWithUrl(url, uuid, std::move(reply)); }, error));
+  }
+  // True when the service answered without an error.
+  bool setAclEntries(const qx::ArrayPtr& entries, const qx::UrlPtr& url, qx::ErrorPtr* error) {
+    qx::ErrorPtr answered;
+    wait<>([&](auto reply) { client_.setAclEntries(entries, url, std::move(reply)); }, &answered);
+    if (error) *error = answered;
+    return !answered;
+  }
+  struct Renamed {
+    qx::ArrayPtr urls;
+    qx::ArrayPtr names;
+  };
+  Renamed renameUrls(const qx::ArrayPtr& urls, const qx::ArrayPtr& names, qx::ErrorPtr* error) {
+    auto [renamed, previous] = wait<qx::ArrayPtr, qx::ArrayPtr>(
+        [&](auto reply) { client_.renameUrls(urls, names, std::move(reply)); }, error);
+    return {renamed, previous};
+  }
+
+ private:
+  template <class... Values, class Send>
+  std::tuple<Values...> wait(Send send, qx::ErrorPtr* error) {
+    auto answer = qx::ReplyWaiter<Values..., qx::ErrorPtr>::wait(send);
+    EXPECT_TRUE(answer) << "the client calls every reply";
+    if (!answer) return {};
+    if constexpr (sizeof...(Values) == 0) {
+      if (error) *error = *answer;
+      return {};
+    } else {
+      if (error) *error = std::get<sizeof...(Values)>(*answer);
+      return [&]<std::size_t... I>(std::index_sequence<I...>) {
+        return std::tuple<Values...>(std::get<I>(*answer)...);
+      }
+      (std::index_sequence_for<Values...>{});
+    }
+  }
+
+  QXFileClient& client_;
+};
+
 // Each test has a service of its own, started on demand in a private socket
 // folder and gone soon after its last client: the test checks that it went.
 class ClientLibrary : public ::testing::Test {
@@ -175,7 +237,7 @@ TEST(QXFileClientAlone, RequestsWithoutAConnectionAreAnsweredWithAnError) {
   client.setAclEntries(nullptr, nullptr, [&](qx::ErrorPtr error) { replies += error ? 1 : 100; });
   EXPECT_EQ(replies.load(), 3);
   qx::ErrorPtr error;
-  EXPECT_FALSE(QXFileClientSync(client).getSizesWithUrls(urlsOf({"/"}), &error));
+  EXPECT_FALSE(Blocking(client).getSizesWithUrls(urlsOf({"/"}), &error));
   EXPECT_EQ(error ? error->code() : 0, kConnectionInvalid);
 }
 
@@ -217,7 +279,7 @@ TEST_F(ClientLibrary, WaitsAndRepliesEndWhenTheConnectionDoes) {
     Held held(client);
     qx::ErrorPtr error;
     qx::ArrayPtr sizes = qx::Array::make();
-    std::thread waiter([&] { sizes = QXFileClientSync(client).getSizesWithUrls(big, &error); });
+    std::thread waiter([&] { sizes = Blocking(client).getSizesWithUrls(big, &error); });
     ASSERT_TRUE(held.waitForFirst());
     client.invalidate();
     waiter.join();
@@ -244,23 +306,6 @@ TEST_F(ClientLibrary, WaitsAndRepliesEndWhenTheConnectionDoes) {
   EXPECT_TRUE(eventually([&] { return invalidations->load() == 2; }));
 }
 
-TEST_F(ClientLibrary, ABlockingCallOnTheReplyThreadFailsAtOnce) {
-  std::string path = files("items", 1)[0];
-  QXFileClient& client = connectClient();
-  qx::Semaphore done;
-  qx::ErrorPtr nested;
-  bool onReplyThread = false;
-  client.getAclEntriesWithUrl(urlOf(path), [&](qx::ArrayPtr, qx::ErrorPtr) {
-    onReplyThread = client.isReplyThread();
-    QXFileClientSync(client).getAclEntriesWithUrl(urlOf(path), &nested);
-    done.signal();
-  });
-  ASSERT_TRUE(done.waitFor(10s));
-  EXPECT_TRUE(onReplyThread);
-  EXPECT_EQ(nested ? nested->code() : 0, EDEADLK);
-  EXPECT_FALSE(client.isReplyThread());
-}
-
 // Entries read from one item and saved to another carry its mode; the
 // entries argument admits arrays, strings, tree nodes and entries only:
 // anything else is refused before the service, and the connection goes on.
@@ -268,7 +313,7 @@ TEST_F(ClientLibrary, AclEntriesCrossBothWaysAndForeignClassesAreRefused) {
   std::string source = files("items", 1)[0], target = tree_.path("items/target");
   tree_.file("items/target");
   chmod(source.c_str(), 0754);
-  QXFileClientSync sync(connectClient());
+  Blocking sync(connectClient());
   qx::ErrorPtr error = qx::Error::errorWithDomain("stale", 1);
   qx::ArrayPtr entries = sync.getAclEntriesWithUrl(urlOf(source), &error);
   EXPECT_FALSE(error);
@@ -306,8 +351,7 @@ TEST_F(ClientLibrary, AclRequestsOfAConnectionNeverOverlap) {
   QXFileClient& client = connectClient();
   QXFileClient& other = connectClient();
   qx::ErrorPtr error;
-  qx::ArrayPtr entries =
-      QXFileClientSync(client).getAclEntriesWithUrl(urlOf(tree_.path("top")), &error);
+  qx::ArrayPtr entries = Blocking(client).getAclEntriesWithUrl(urlOf(tree_.path("top")), &error);
   ASSERT_TRUE(entries);
   ReplyLog log;
   client.propagateAclEntries(entries, urlOf(tree_.path("top")), [&](qx::ErrorPtr error) {
@@ -345,8 +389,8 @@ TEST_F(ClientLibrary, SizeReportsAndTheirAnswers) {
       return row.handler();
     });
     qx::ErrorPtr error;
-    auto last = SizeRecord::listOf(
-        QXFileClientSync(client).getSizesWithUrls(urlsOf({tree_.path("big")}), &error));
+    auto last =
+        SizeRecord::listOf(Blocking(client).getSizesWithUrls(urlsOf({tree_.path("big")}), &error));
     EXPECT_FALSE(error);
     ASSERT_EQ(reports.size(), static_cast<size_t>(row.reports));
     ASSERT_EQ(reports[0].size(), 101u);
@@ -409,7 +453,7 @@ TEST_F(ClientLibrary, DestroyedOnTheReplyThreadItLeavesAHandlerWaitingForAReply)
   raw->setSizeUpdateHandler([steps, raw, folder](const qx::ArrayPtr&) {
     steps->inHandler.signal();
     steps->sendNow.wait();
-    QXFileClientSync(*raw).getContentsOfDirectory(folder, qx::IndexPath::make(), nullptr);
+    Blocking(*raw).getContentsOfDirectory(folder, qx::IndexPath::make(), nullptr);
     steps->handlerDone.signal();
     return true;
   });
@@ -446,7 +490,7 @@ TEST_F(ClientLibrary, AListingIsAnsweredWhileACalculationWaits) {
   });
   qx::ErrorPtr error = qx::Error::errorWithDomain("stale", 1);
   qx::ArrayPtr levels =
-      QXFileClientSync(client).getContentsOfDirectory(urlOf(small), qx::IndexPath::make(), &error);
+      Blocking(client).getContentsOfDirectory(urlOf(small), qx::IndexPath::make(), &error);
   EXPECT_FALSE(error);
   ASSERT_TRUE(levels && levels->count() == 1u);
   EXPECT_EQ(pathsOf(levels->objectAs<qx::Array>(0)),
@@ -454,14 +498,14 @@ TEST_F(ClientLibrary, AListingIsAnsweredWhileACalculationWaits) {
   EXPECT_TRUE(levels->objectAs<qx::Array>(0)->objectAs<qx::Url>(0)->isFileReferenceURL());
   // Not a folder: no levels, and the nil error arrives as nil.
   error = qx::Error::errorWithDomain("stale", 1);
-  levels = QXFileClientSync(client).getContentsOfDirectory(urlOf(tree_.path("gone")),
-                                                           qx::IndexPath::make(), &error);
+  levels = Blocking(client).getContentsOfDirectory(urlOf(tree_.path("gone")), qx::IndexPath::make(),
+                                                   &error);
   EXPECT_FALSE(error);
   EXPECT_EQ(levels ? levels->count() : 99u, 0u);
   EXPECT_EQ(threadsNamed(services().at(0), "org.qxfile.File"), 1);
 
   // The other client's calculation goes through its reports to its end.
-  EXPECT_TRUE(QXFileClientSync(other).getSizesWithUrls(urlsOf({tree_.path("big")}), &error));
+  EXPECT_TRUE(Blocking(other).getSizesWithUrls(urlsOf({tree_.path("big")}), &error));
   EXPECT_EQ(threadsNamed(services().at(0), "org.qxfile.File"), 2);
   EXPECT_EQ(log.count(), 0u);
 
@@ -480,7 +524,7 @@ TEST_F(ClientLibrary, RenamesAskEvery31AndRunOneAfterTheOther) {
   std::atomic<int> questions{0};
   client.setProgressHandler([&] { return ++questions, true; });
   qx::ErrorPtr error;
-  auto renamed = QXFileClientSync(client).renameUrls(urlsOf(paths), stringsOf(names), &error);
+  auto renamed = Blocking(client).renameUrls(urlsOf(paths), stringsOf(names), &error);
   EXPECT_FALSE(error);
   EXPECT_EQ(questions.load(), 1);
   ASSERT_EQ(pathsOf(renamed.urls).size(), 31u);
@@ -499,8 +543,8 @@ TEST_F(ClientLibrary, RenamesAskEvery31AndRunOneAfterTheOther) {
                     [&](qx::ArrayPtr urls, qx::ArrayPtr, qx::ErrorPtr) {
                       log.add("second " + std::to_string(urls ? urls->count() : 0));
                     });
-  ASSERT_TRUE(QXFileClientSync(client).getContentsOfDirectory(urlOf(tree_.path("second")),
-                                                              qx::IndexPath::make(), &error));
+  ASSERT_TRUE(Blocking(client).getContentsOfDirectory(urlOf(tree_.path("second")),
+                                                      qx::IndexPath::make(), &error));
   std::this_thread::sleep_for(200ms);
   EXPECT_TRUE(std::filesystem::exists(second[0]));
   EXPECT_EQ(log.count(), 0u);

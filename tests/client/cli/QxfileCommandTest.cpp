@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "qxfile/QXFileClient.h"
+#include "qxfile/Client.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/ServiceSandbox.h"
 #include "tests/support/TempTree.h"
@@ -146,8 +146,8 @@ class Qxfile : public ::testing::Test {
   // service is held stopped until then (a client of the test keeps it
   // running), so that the first report or question is the one answered.
   Outcome interrupted(const std::vector<std::string>& args) {
-    QXFileClient keeper;
-    EXPECT_TRUE(keeper.connect());
+    qxfile::Client keeper;
+    EXPECT_FALSE(keeper.connect());
     const pid_t service = sandbox_.services().at(0);
     kill(service, SIGSTOP);
     return qxfile(args, [&](pid_t pid) {

@@ -1,7 +1,7 @@
 // An application of the installed client library: lists a folder through
 // the qxfile service, one present path a line.
-#include <qxfile/QXFileClient.h>
-#include <qxfile/QXFileClientSync.h>
+#include <qxfile/BlockingClient.h>
+#include <qxfile/Client.h>
 
 #include <cstdio>
 
@@ -10,23 +10,19 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s FOLDER\n", argv[0]);
     return 2;
   }
-  QXFileClient client;
-  qx::ErrorPtr error;
-  if (!client.connect(&error)) {
-    std::fprintf(stderr, "%s\n", error->localizedDescription().c_str());
+  qxfile::Client client;
+  std::optional<qxfile::Error> error = client.connect();
+  if (error) {
+    std::fprintf(stderr, "%s\n", error->description.c_str());
     return 1;
   }
-  QXFileClientSync sync(client);
-  qx::ArrayPtr levels =
-      sync.getContentsOfDirectory(qx::Url::fileURLWithPath(argv[1]), qx::IndexPath::make(), &error);
-  if (!levels || error) {
-    std::fprintf(stderr, "%s\n", error->localizedDescription().c_str());
+  auto levels = qxfile::BlockingClient(client).listContents(argv[1], {}, &error);
+  if (error) {
+    std::fprintf(stderr, "%s\n", error->description.c_str());
     return 1;
   }
-  for (const auto& level : *levels) {
-    for (const auto& item : *qx::cast<qx::Array>(level)) {
-      std::printf("%s\n", qx::cast<qx::Url>(item)->path().c_str());
-    }
+  for (const auto& level : levels) {
+    for (const auto& item : level) std::printf("%s\n", item.keptPath.c_str());
   }
   return 0;
 }

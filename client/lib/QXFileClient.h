@@ -19,7 +19,7 @@
 // connected, refused by the service, connection lost), with a nil result and
 // an error saying why. Reply callbacks run on the connection's reply thread,
 // one at a time, in the order the answers arrive; do not wait there for
-// another reply (QXFileClientSync refuses to).
+// another reply.
 //
 // During a rename or a size calculation the service asks the application
 // through the two handlers below. They run on a queue of their own, one at a
@@ -67,6 +67,9 @@ class QXFileClient {
   bool connect(qx::ErrorPtr* error = nullptr);
   bool isConnected() const;
   void invalidate();
+  // Forgets both handlers; with `waitForRunning`, also waits for one under
+  // way to return (do not ask that from within it).
+  void detachHandlers(bool waitForRunning);
   // True on the thread where reply callbacks run.
   bool isReplyThread() const;
 

@@ -1,0 +1,145 @@
+"""The GObject client from Python, on a GLib main loop, against a real service
+started on demand in a private socket folder."""
+import os
+import shutil
+import tempfile
+import unittest
+
+import gi
+
+gi.require_version("Qxfile", "1.0")
+gi.require_version("Gio", "2.0")
+from gi.repository import Gio, GLib, Qxfile  # noqa: E402
+
+WRITE_DATA, DELETE = 0x4, 0x10
+
+
+class QxfileFromPython(unittest.TestCase):
+    def setUp(self):
+        self.root = tempfile.mkdtemp(prefix="qx-gi-")
+        self.addCleanup(shutil.rmtree, self.root)
+        sockets = os.path.join(self.root, "sockets")
+        os.mkdir(sockets, 0o700)
+        os.environ["QXFILE_SOCKET_DIR"] = sockets
+        os.environ["QXFILE_IDLE_EXIT_MS"] = "300"
+        self.client = Qxfile.Client.new()
+        self.assertTrue(self.client.connect())
+        self.loop = GLib.MainLoop()
+
+    def files(self, folder, count, size):
+        path = os.path.join(self.root, folder)
+        os.mkdir(path)
+        for i in range(count):
+            with open(os.path.join(path, "f%03d" % i), "wb") as f:
+                f.write(b"x" * size)
+        return path
+
+    def wait(self, start, finish, *args):
+        """Starts an async call and runs the loop until it has finished."""
+        outcome = {}
+
+        def done(client, result):
+            try:
+                outcome["value"] = finish(result)
+            except GLib.Error as error:
+                outcome["error"] = error
+            self.loop.quit()
+
+        start(*args, None, done)
+        GLib.timeout_add_seconds(20, self.loop.quit)
+        self.loop.run()
+        self.assertTrue(outcome, "no answer within 20 s")
+        return outcome
+
+    def test_two_calculations_one_cancelled_midway(self):
+        sevens = self.files("sevens", 900, 7)
+        thousands = self.files("thousands", 900, 1000)
+        cancellable = Gio.Cancellable()
+        heard = {"sevens": [], "thousands": []}
+        finished = {}
+
+        def progress(name):
+            def on_updates(updates, *user_data):
+                heard[name].append([u.get_size() for u in updates])
+                if name == "sevens":
+                    cancellable.cancel()
+            return on_updates
+
+        def done(name, finish):
+            def on_done(client, result):
+                try:
+                    finished[name] = finish(result)
+                except GLib.Error as error:
+                    finished[name] = error
+                if len(finished) == 2:
+                    self.loop.quit()
+            return on_done
+
+        self.client.get_sizes_async(paths=[sevens], progress=progress("sevens"),
+                                    cancellable=cancellable,
+                                    callback=done("sevens", self.client.get_sizes_finish))
+        self.client.get_sizes_async(paths=[thousands], progress=progress("thousands"),
+                                    cancellable=None,
+                                    callback=done("thousands", self.client.get_sizes_finish))
+        GLib.timeout_add_seconds(20, self.loop.quit)
+        self.loop.run()
+
+        self.assertIsInstance(finished["sevens"], GLib.Error)
+        self.assertTrue(finished["sevens"].matches(Gio.io_error_quark(),
+                                                   Gio.IOErrorEnum.CANCELLED))
+        self.assertLessEqual(len(heard["sevens"]), 2, "stopped within one report")
+        last = finished["thousands"]
+        root = [u.get_size() for u in last if list(u.get_index_path()) == []]
+        self.assertEqual(root, [900 * 1000])
+        self.assertGreaterEqual(len(heard["thousands"]), 9)
+        for sizes in heard["sevens"]:
+            self.assertTrue(all(s % 7 == 0 for s in sizes), sizes)
+        for sizes in heard["thousands"]:
+            self.assertTrue(all(s % 1000 == 0 for s in sizes), sizes)
+
+    def test_acl_read_and_write(self):
+        item = os.path.join(self.files("acl", 1, 1), "f000")
+        listing = self.wait(self.client.get_acl_async, self.client.get_acl_finish, item)["value"]
+        self.assertFalse(listing.get_folder())
+        self.assertEqual(listing.get_owner_id(), os.getuid())
+        gid = os.getgid()
+        listing.insert_entry(Qxfile.AclEntry.new(Qxfile.IdentityKind.GROUP, gid, True,
+                                                 WRITE_DATA | DELETE, 0), -1)
+        listing.set_mode(0o640)
+        outcome = self.wait(self.client.set_acl_async, self.client.set_acl_finish, item, listing)
+        self.assertTrue(outcome.get("value"), outcome.get("error"))
+        self.assertEqual(os.stat(item).st_mode & 0o777, 0o640)
+        reread = self.wait(self.client.get_acl_async, self.client.get_acl_finish, item)["value"]
+        entries = reread.get_entries()
+        self.assertEqual(len(entries), 1)
+        self.assertEqual(entries[0].get_identity_kind(), Qxfile.IdentityKind.GROUP)
+        self.assertEqual(entries[0].get_identity_id(), gid)
+        self.assertTrue(entries[0].get_deny())
+        self.assertEqual(entries[0].get_rights(), WRITE_DATA | DELETE)
+
+    def test_errors_keep_code_and_description(self):
+        missing = os.path.join(self.root, "missing")
+        error = self.wait(self.client.get_acl_async, self.client.get_acl_finish,
+                          missing)["error"]
+        self.assertTrue(error.matches(Qxfile.error_quark(), Qxfile.Error.NOT_FOUND))
+        self.assertTrue(error.message)
+
+    def test_listing_and_batch_rename(self):
+        folder = self.files("batch", 3, 1)
+        refs = self.wait(self.client.list_contents_async, self.client.list_contents_finish,
+                         folder, None)["value"]
+        paths = sorted(r.get_kept_path() for r in refs)
+        self.assertEqual(paths, [os.path.join(folder, "f%03d" % i) for i in range(3)])
+        self.assertEqual({r.get_level() for r in refs}, {0})
+        self.assertEqual(refs[0].get_inode(), os.lstat(refs[0].get_kept_path()).st_ino)
+
+        outcome = self.wait(self.client.rename_async, self.client.rename_finish,
+                            paths, ["g0", "g1", "g2"])
+        renamed, previous = outcome["value"]
+        self.assertEqual(sorted(os.listdir(folder)), ["g0", "g1", "g2"])
+        self.assertEqual([os.path.basename(p) for p in renamed], ["g0", "g1", "g2"])
+        self.assertEqual(previous, ["f000", "f001", "f002"])
+
+
+if __name__ == "__main__":
+    unittest.main()
