@@ -3,18 +3,20 @@
 //   compare-acl-read-client FOLDER
 //     Connects to the service (starting it when nothing answers), asks once
 //     to warm it up, then reads the ACL entries of every file in FOLDER with
-//     one getAclEntriesWithUrl request per file, each awaited before the
+//     one ACL read request per file, each awaited before the
 //     next, and prints the seconds they took.
 #include <dirent.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "qxfile/QXFileClient.h"
-#include "qxfile/QXFileClientSync.h"
+#include "qxfile/BlockingClient.h"
+#include "qxfile/Client.h"
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -22,7 +24,6 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::string folder = argv[1];
-  std::vector<qx::UrlPtr> urls;
   std::vector<std::string> names;
   if (DIR* dir = opendir(folder.c_str())) {
     while (struct dirent* entry = readdir(dir)) {
@@ -31,25 +32,27 @@ int main(int argc, char** argv) {
     closedir(dir);
   }
   std::sort(names.begin(), names.end());
-  for (const std::string& name : names)
-    urls.push_back(qx::Url::fileURLWithPath(folder + "/" + name));
-  if (urls.empty()) {
+  std::vector<std::filesystem::path> paths;
+  for (const std::string& name : names) paths.push_back(std::filesystem::path(folder) / name);
+  if (paths.empty()) {
     fprintf(stderr, "%s: no files\n", folder.c_str());
     return 1;
   }
 
-  QXFileClient client;
-  QXFileClientSync service(client);
-  qx::ErrorPtr error;
-  if (!client.connect(&error) || !service.getAclEntriesWithUrl(urls.front(), &error)) {
-    fprintf(stderr, "no service: %s\n", error ? error->description().c_str() : "?");
+  qxfile::Client client;
+  qxfile::BlockingClient service(client);
+  std::optional<qxfile::Error> error = client.connect();
+  if (!error) service.getAcl(paths.front(), &error);
+  if (error) {
+    fprintf(stderr, "no service: %s\n", error->description.c_str());
     return 1;
   }
   const auto start = std::chrono::steady_clock::now();
-  for (const qx::UrlPtr& url : urls) {
-    if (!service.getAclEntriesWithUrl(url, &error)) {
-      fprintf(stderr, "%s: %s\n", error->localizedDescription().c_str(),
-              error->localizedRecoverySuggestion().value_or("").c_str());
+  for (const std::filesystem::path& path : paths) {
+    service.getAcl(path, &error);
+    if (error) {
+      fprintf(stderr, "%s: %s\n", error->description.c_str(),
+              error->recoverySuggestion.value_or("").c_str());
       return 1;
     }
   }

@@ -115,6 +115,9 @@ AclEntry aclEntry(const QXAclEntry& entry) {
     bool inverted = flag == kOnlyInherit || flag == kLimitInherit;
     if (leaf.state() == (inverted ? 0 : 1)) typed.inheritance |= flag;
   });
+  // "All descendants" is off whenever child folders inherit nothing: only
+  // there does it say that inheritance stops at the children.
+  if (!(typed.inheritance & kDirectoryInherit)) typed.inheritance &= ~kLimitInherit;
   return typed;
 }
 

@@ -5,17 +5,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "model/QXAclEntry.h"
-#include "model/QXAclPermission.h"
-#include "model/QXAclTables.h"
-#include "model/QXTreeNode.h"
 #include "platform/foundation/Foundation.h"
+#include "qxfile/Records.h"
 
-// Entry listings as a client sends them in a setAclEntries request, and the
-// rights read back from an effective access answer.
+// Entry listings as a client writes them, and the rights read back from an
+// effective access answer, through the typed client records.
 namespace qx::test::acl {
 
 inline constexpr int32_t kAllow = 1;
@@ -33,6 +29,11 @@ inline constexpr uint32_t kFileInherit = 0x20;
 inline constexpr uint32_t kDirectoryInherit = 0x40;
 inline constexpr uint32_t kLimitInherit = 0x80;
 inline constexpr uint32_t kOnlyInherit = 0x100;
+inline constexpr uint32_t kInheritance =
+    kFileInherit | kDirectoryInherit | kLimitInherit | kOnlyInherit;
+
+inline constexpr const char* kUserPrefix = "FFFFEEEE-DDDD-CCCC-BBBB-AAAA";
+inline constexpr const char* kGroupPrefix = "ABCDEFAB-CDEF-ABCD-EFAB-CDEF";
 
 inline qx::UuidPtr uuidOf(const char* prefix, unsigned id) {
   char text[40];
@@ -40,12 +41,13 @@ inline qx::UuidPtr uuidOf(const char* prefix, unsigned id) {
   return qx::Uuid::withString(text);
 }
 inline qx::UuidPtr userUuid(uid_t uid) {
-  return uuidOf("FFFFEEEE-DDDD-CCCC-BBBB-AAAA", uid);
+  return uuidOf(kUserPrefix, uid);
 }
 inline qx::UuidPtr groupUuid(gid_t gid) {
-  return uuidOf("ABCDEFAB-CDEF-ABCD-EFAB-CDEF", gid);
+  return uuidOf(kGroupPrefix, gid);
 }
 
+// An entry as the tests draw it: the qualifier as the stored layout holds it.
 struct Ace {
   int32_t tag;
   qx::UuidPtr who;
@@ -53,74 +55,34 @@ struct Ace {
   uint32_t flags = 0;
 };
 
-inline QXTreeNodePtr node(const char* name, uint32_t permission, int64_t state) {
-  return QXTreeNode::treeNodeWithRepresentedObject(QXAclPermission::make(name, permission, state));
+inline qxfile::Identity identityOf(const qx::UuidPtr& who) {
+  const std::string text = who->UUIDString();
+  const auto id = static_cast<uint32_t>(std::stoul(text.substr(28), nullptr, 16));
+  return text.rfind(kUserPrefix, 0) == 0 ? qxfile::Identity::user(id) : qxfile::Identity::group(id);
 }
 
-// The record of `ace` as a listing of a folder (with "Applies to") or of a
-// file shows it; rights that do not apply to the item's kind are dropped.
-inline QXAclEntryPtr record(const Ace& ace, bool folder) {
-  auto permissions = qx::MutableArray::make(4);
-  for (const QXAclPermGroup* group = acl_perms; group->name; ++group) {
-    auto groupNode = node(group->name, kQXGroupNodePermission, 0);
-    for (const QXAclPermRow* row = group->rows; row->name; ++row) {
-      if (!QXAclRowApplies(*row, folder)) continue;
-      groupNode->mutableChildNodes().addObject(
-          node(row->name, row->value, (ace.rights & row->value) ? 1 : 0));
-    }
-    QXAclEntry::resolveStateForPermissionNode(groupNode);
-    permissions->addObject(groupNode);
+// The listing that gives an item `entries`, `owner`, `group` and `mode`.
+inline qxfile::AclListing listing(const std::vector<Ace>& entries, bool folder, mode_t mode,
+                                  uid_t owner, gid_t group) {
+  qxfile::AclListing listing;
+  listing.folder = folder;
+  for (const Ace& ace : entries) {
+    listing.acl.push_back({identityOf(ace.who), ace.tag == kDeny, (ace.flags & kInherited) != 0,
+                           ace.rights, folder ? ace.flags & kInheritance : 0});
   }
-  if (folder) {
-    const bool folders = (ace.flags & kDirectoryInherit) != 0;
-    const std::pair<const char*, bool> children[] = {
-        {"This item", (ace.flags & kOnlyInherit) == 0},
-        {"Child files", (ace.flags & kFileInherit) != 0},
-        {"Child folders", folders},
-        {"All descendants", folders && (ace.flags & kLimitInherit) == 0}};
-    const uint32_t flags[] = {kOnlyInherit, kFileInherit, kDirectoryInherit, kLimitInherit};
-    auto appliesTo = node("Applies to", kQXAppliesToPermission, 0);
-    for (int i = 0; i < 4; ++i) {
-      appliesTo->mutableChildNodes().addObject(
-          node(children[i].first, flags[i], children[i].second ? 1 : 0));
-    }
-    QXAclEntry::resolveStateForPermissionNode(appliesTo);
-    permissions->addObject(appliesTo);
-  }
-  return QXAclEntry::make(ace.who, ace.tag, permissions->copy(), (ace.flags & kInherited) != 0);
+  listing.owner = {qxfile::Identity::user(owner), static_cast<unsigned>(mode >> 6) & 7};
+  listing.group = {qxfile::Identity::group(group), static_cast<unsigned>(mode >> 3) & 7};
+  listing.everyone = {qxfile::Identity{qxfile::Identity::Kind::Everyone, 0, "", ""},
+                      static_cast<unsigned>(mode) & 7};
+  return listing;
 }
 
-// "ACL", the entries, "POSIX", then the owner, group and everyone
-// pseudo-entries that give the item `owner`, `group` and `mode`.
-inline qx::ArrayPtr listing(const std::vector<Ace>& entries, bool folder, mode_t mode, uid_t owner,
-                            gid_t group) {
-  auto array = qx::MutableArray::make();
-  array->addObject(qx::str("ACL"));
-  for (const Ace& ace : entries) array->addObject(record(ace, folder));
-  array->addObject(qx::str("POSIX"));
-  const qx::UuidPtr identities[3] = {userUuid(owner), groupUuid(group), nullptr};
-  for (int who = 0; who < 3; ++who) {
-    auto bit = [&](int value) -> int64_t { return (mode >> (6 - 3 * who)) & value ? 1 : 0; };
-    auto permissions = qx::Array::make(
-        {node("Read", folder ? 0x80 : 2, bit(4)), node("Write", folder ? 0x100 : 4, bit(2)),
-         node(folder ? "Traverse Folder" : "Execute File", folder ? 0x1000 : 8, bit(1))});
-    array->addObject(QXAclEntry::make(identities[who], kAllow, permissions, false));
-  }
-  return array;
-}
-
-// The rights an effective access answer grants: its granted leaves' bits.
-inline uint32_t grantedRights(const qx::ArrayPtr& access) {
+// The rights an effective access answer grants.
+inline uint32_t grantedRights(const qxfile::EffectiveAccess& access) {
   uint32_t rights = 0;
-  if (!access) return rights;
-  for (const qx::ObjectPtr& group : *access) {
-    auto tree = qx::cast<qx::TreeNode>(group);
-    if (!tree) continue;
-    for (const auto& leaf : tree->childNodes()) {
-      auto permission = leaf->representedObjectAs<QXAclPermission>();
-      if (permission && permission->state() == 1) {
-        rights |= static_cast<uint32_t>(permission->permission());
-      }
+  for (const auto& group : access.groups) {
+    for (const auto& right : group.rights) {
+      if (right.granted) rights |= right.right;
     }
   }
   return rights;
@@ -128,59 +90,20 @@ inline uint32_t grantedRights(const qx::ArrayPtr& access) {
 
 // An entry as text: tag, qualifier, rights, inheritance flags and the
 // inherited mark.
-inline std::string aceText(int32_t tag, const qx::UuidPtr& who, uint32_t rights, uint32_t flags,
+inline std::string aceText(bool deny, const std::string& who, uint32_t rights, uint32_t flags,
                            bool inherited) {
   char text[128];
-  std::snprintf(text, sizeof text, "%s %s rights 0x%x flags 0x%x%s\n",
-                tag == kAllow  ? "allow"
-                : tag == kDeny ? "deny"
-                               : "?",
-                who ? who->UUIDString().c_str() : "nobody", rights, flags,
-                inherited ? " inherited" : "");
+  std::snprintf(text, sizeof text, "%s %s rights 0x%x flags 0x%x%s\n", deny ? "deny" : "allow",
+                who.c_str(), rights, flags, inherited ? " inherited" : "");
   return text;
 }
 
-// The entries of a listing (between "ACL" and "POSIX") as text, one a line,
-// read from their permission trees.
-inline std::string aclPartText(const qx::ArrayPtr& listing) {
-  if (!listing) return "no listing";
+// The entries of a listing as text, one a line.
+inline std::string aclPartText(const qxfile::AclListing& listing) {
   std::string text;
-  for (const qx::ObjectPtr& object : *listing) {
-    if (auto marker = qx::cast<qx::String>(object)) {
-      if (marker->str() == "POSIX") break;
-      continue;
-    }
-    auto entry = qx::cast<QXAclEntry>(object);
-    if (!entry || !entry->permissions()) return text + "not an entry\n";
-    uint32_t rights = 0, flags = 0;
-    for (const qx::ObjectPtr& groupObject : *entry->permissions()) {
-      auto group = qx::cast<qx::TreeNode>(groupObject);
-      auto groupRecord = group ? group->representedObjectAs<QXAclPermission>() : nullptr;
-      if (!groupRecord) return text + "not a permission node\n";
-      std::vector<std::pair<std::string, int64_t>> leaves;
-      for (const auto& leaf : group->childNodes()) {
-        auto record = leaf->representedObjectAs<QXAclPermission>();
-        if (!record) continue;
-        leaves.emplace_back(record->name() ? record->name()->str() : "", record->state());
-        if (groupRecord->name() && groupRecord->name()->str() != "Applies to" &&
-            record->state() == 1) {
-          rights |= static_cast<uint32_t>(record->permission());
-        }
-      }
-      if (groupRecord->name() && groupRecord->name()->str() == "Applies to") {
-        auto on = [&](const char* name) {
-          for (const auto& [leafName, state] : leaves) {
-            if (leafName == name) return state == 1;
-          }
-          return false;
-        };
-        if (!on("This item")) flags |= kOnlyInherit;
-        if (on("Child files")) flags |= kFileInherit;
-        if (on("Child folders")) flags |= kDirectoryInherit;
-        if (on("Child folders") && !on("All descendants")) flags |= kLimitInherit;
-      }
-    }
-    text += aceText(entry->tag(), entry->uuid(), rights, flags, entry->inherited());
+  for (const qxfile::AclEntry& entry : listing.acl) {
+    text +=
+        aceText(entry.deny, entry.identity.uuid, entry.rights, entry.inheritance, entry.inherited);
   }
   return text;
 }
@@ -190,10 +113,9 @@ inline std::string aclPartText(const qx::ArrayPtr& listing) {
 inline std::string aclPartText(const std::vector<Ace>& entries, bool folder) {
   std::string text;
   for (const Ace& ace : entries) {
-    text += aceText(
-        ace.tag, ace.who, ace.rights & (folder ? kAllRights : kAllRights & ~kDeleteChild),
-        folder ? ace.flags & (kFileInherit | kDirectoryInherit | kLimitInherit | kOnlyInherit) : 0,
-        (ace.flags & kInherited) != 0);
+    text += aceText(ace.tag == kDeny, ace.who->UUIDString(),
+                    ace.rights & (folder ? kAllRights : kAllRights & ~kDeleteChild),
+                    folder ? ace.flags & kInheritance : 0, (ace.flags & kInherited) != 0);
   }
   return text;
 }

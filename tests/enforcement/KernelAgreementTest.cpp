@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "qxfile/QXFileClient.h"
-#include "qxfile/QXFileClientSync.h"
+#include "qxfile/BlockingClient.h"
+#include "qxfile/Client.h"
 #include "tests/enforcement/AclRequest.h"
 #include "tests/enforcement/KernelAccess.h"
 #include "tests/enforcement/QxfileCommand.h"
@@ -205,10 +205,10 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
   qx::test::ServiceSandbox sandbox(QX_SERVICE_EXECUTABLE);
   qx::test::TempTree tree("qx-enforcement");
   chmod(tree.root().c_str(), 0755);  // every user may reach the items
-  QXFileClient client;
-  qx::ErrorPtr error;
-  ASSERT_TRUE(client.connect(&error)) << error->description();
-  QXFileClientSync service(client);
+  qxfile::Client client;
+  std::optional<qxfile::Error> error = client.connect();
+  ASSERT_FALSE(error) << error->description;
+  qxfile::BlockingClient service(client);
 
   Drawing drawing(20261124);
   long acls = 0, checks = 0, exact = 0, restricted = 0, flaggedCount = 0, failures = 0;
@@ -223,12 +223,10 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
       tree.file("item" + std::to_string(index));
     }
     ASSERT_EQ(chown(path.c_str(), owner, draw.group), 0);
-    const qx::UrlPtr url = qx::Url::fileURLWithPath(path);
-    ASSERT_TRUE(service.setAclEntries(
-        listing(draw.entries, draw.folder, draw.mode, owner, draw.group), url, &error))
-        << error->description() << " " << error->localizedRecoverySuggestion().value_or("");
-    EXPECT_EQ(aclPartText(service.getAclEntriesWithUrl(url, &error)),
-              aclPartText(draw.entries, draw.folder))
+    ASSERT_TRUE(service.setAcl(
+        path, listing(draw.entries, draw.folder, draw.mode, owner, draw.group), &error))
+        << error->description << " " << error->recoverySuggestion.value_or("");
+    EXPECT_EQ(aclPartText(service.getAcl(path, &error)), aclPartText(draw.entries, draw.folder))
         << "read back as written, every entry, flag and order";
     struct stat st {};
     ASSERT_EQ(lstat(path.c_str(), &st), 0);
@@ -239,8 +237,9 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
     for (const KernelAccess::User& user : users) {
       const unsigned kernel = KernelAccess::granted(path, draw.folder, user);
       ASSERT_NE(kernel, ~0u) << "the child could not take uid " << user.uid;
-      const qx::ArrayPtr access = service.getAclAccessWithUrl(url, userUuid(user.uid), &error);
-      ASSERT_NE(access, nullptr) << error->description();
+      const qxfile::EffectiveAccess access =
+          service.getAccess(path, qxfile::Identity::user(user.uid), &error);
+      ASSERT_FALSE(error) << error->description;
       const unsigned said = KernelAccess::operationsOf(grantedRights(access), draw.folder);
       for (const Operation& operation : kOperations) {
         ++checks;

@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "qxfile/QXFileClient.h"
-#include "qxfile/QXFileClientSync.h"
+#include "qxfile/BlockingClient.h"
+#include "qxfile/Client.h"
 #include "tests/enforcement/AclRequest.h"
 #include "tests/enforcement/KernelAccess.h"
 #include "tests/enforcement/QxfileCommand.h"
@@ -155,8 +155,8 @@ class OutsideChange : public ::testing::Test {
       users_.push_back(KernelAccess::userNamed(name));
       ASSERT_NE(users_.back().uid, 0u) << name;
     }
-    qx::ErrorPtr error;
-    ASSERT_TRUE(client_.connect(&error)) << error->description();
+    std::optional<qxfile::Error> error = client_.connect();
+    ASSERT_FALSE(error) << error->description;
   }
 
   std::string item(const std::string& name, bool folder, mode_t mode, gid_t group) {
@@ -175,11 +175,11 @@ class OutsideChange : public ::testing::Test {
   void write(const std::string& path, const std::vector<Ace>& entries) {
     struct stat st {};
     ASSERT_EQ(lstat(path.c_str(), &st), 0);
-    qx::ErrorPtr error;
-    ASSERT_TRUE(QXFileClientSync(client_).setAclEntries(
-        listing(entries, S_ISDIR(st.st_mode), st.st_mode & 0777, st.st_uid, st.st_gid),
-        qx::Url::fileURLWithPath(path), &error))
-        << error->description() << " " << error->localizedRecoverySuggestion().value_or("");
+    std::optional<qxfile::Error> error;
+    ASSERT_TRUE(qxfile::BlockingClient(client_).setAcl(
+        path, listing(entries, S_ISDIR(st.st_mode), st.st_mode & 0777, st.st_uid, st.st_gid),
+        &error))
+        << error->description << " " << error->recoverySuggestion.value_or("");
   }
 
   static Json show(const std::string& path) {
@@ -195,9 +195,9 @@ class OutsideChange : public ::testing::Test {
     const bool folder = S_ISDIR(st.st_mode);
     std::string kernel, said;
     for (const KernelAccess::User& user : users_) {
-      qx::ErrorPtr error;
-      const qx::ArrayPtr access = QXFileClientSync(client_).getAclAccessWithUrl(
-          qx::Url::fileURLWithPath(path), userUuid(user.uid), &error);
+      std::optional<qxfile::Error> error;
+      const qxfile::EffectiveAccess access =
+          qxfile::BlockingClient(client_).getAccess(path, qxfile::Identity::user(user.uid), &error);
       const unsigned granted = KernelAccess::operationsOf(grantedRights(access), folder);
       auto letters = [](unsigned bits) {
         return std::string(bits & KernelAccess::kRead ? "r" : "-") +
@@ -206,7 +206,7 @@ class OutsideChange : public ::testing::Test {
       };
       kernel +=
           std::to_string(user.uid) + ":" + letters(KernelAccess::granted(path, folder, user)) + " ";
-      said += std::to_string(user.uid) + ":" + (access ? letters(granted) : "error") + " ";
+      said += std::to_string(user.uid) + ":" + (error ? "error" : letters(granted)) + " ";
     }
     return "kernel " + kernel + "\nqxfile " + said;
   }
@@ -226,7 +226,7 @@ class OutsideChange : public ::testing::Test {
 
   qx::test::ServiceSandbox sandbox_{QX_SERVICE_EXECUTABLE};
   qx::test::TempTree tree_{"qx-outside"};
-  QXFileClient client_;
+  qxfile::Client client_;
   std::vector<KernelAccess::User> users_;
 };
 
