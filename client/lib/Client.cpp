@@ -163,33 +163,36 @@ Request Client::getAccess(const std::filesystem::path& item, const Identity& who
   return Request(std::make_shared<Request::State>());
 }
 
-Request Client::setAcl(const std::filesystem::path& item, const AclListing& listing, Done done) {
-  auto shared = state_->sharedConnection();
+namespace {
+
+// Sends `listing` with `write` (setting or propagating) and hands its error on.
+Request writeEntries(const std::shared_ptr<QXFileClient>& shared,
+                     void (QXFileClient::*write)(qx::ArrayPtr, qx::UrlPtr,
+                                                 QXFileClient::ErrorReply),
+                     const std::filesystem::path& item, const AclListing& listing,
+                     Client::Done done) {
   if (!shared) {
     done(notConnected());
   } else {
-    shared->setAclEntries(RecordConversion::entries(listing), urlOf(item),
-                          [done](qx::ErrorPtr error) {
-                            CallbackScope scope;
-                            done(RecordConversion::error(error));
-                          });
+    ((*shared).*write)(RecordConversion::entries(listing), urlOf(item), [done](qx::ErrorPtr error) {
+      CallbackScope scope;
+      done(RecordConversion::error(error));
+    });
   }
   return Request(std::make_shared<Request::State>());
 }
 
+}  // namespace
+
+Request Client::setAcl(const std::filesystem::path& item, const AclListing& listing, Done done) {
+  return writeEntries(state_->sharedConnection(), &QXFileClient::setAclEntries, item, listing,
+                      std::move(done));
+}
+
 Request Client::propagateAcl(const std::filesystem::path& folder, const AclListing& listing,
                              Done done) {
-  auto shared = state_->sharedConnection();
-  if (!shared) {
-    done(notConnected());
-  } else {
-    shared->propagateAclEntries(RecordConversion::entries(listing), urlOf(folder),
-                                [done](qx::ErrorPtr error) {
-                                  CallbackScope scope;
-                                  done(RecordConversion::error(error));
-                                });
-  }
-  return Request(std::make_shared<Request::State>());
+  return writeEntries(state_->sharedConnection(), &QXFileClient::propagateAclEntries, folder,
+                      listing, std::move(done));
 }
 
 Request Client::rename(const std::vector<std::filesystem::path>& items,
