@@ -1,5 +1,7 @@
 #include "tests/support/ChildProcess.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -41,6 +43,35 @@ std::string ChildProcess::runAs(uid_t uid, gid_t gid, const std::function<std::s
   waitpid(pid, &status, 0);
   if (WIFSIGNALED(status)) return WTERMSIG(status) == SIGALRM ? "child timed out" : "child died";
   return answer;
+}
+
+int ChildProcess::run(std::vector<std::string> argv, const std::string& out, const std::string& err,
+                      const std::function<void(pid_t)>& whileRunning) {
+  std::vector<char*> args;
+  for (auto& arg : argv) args.push_back(arg.data());
+  args.push_back(nullptr);
+  pid_t pid = fork();
+  if (pid < 0) return -1;
+  if (pid == 0) {  // only async-signal-safe calls until exec: the test may have threads
+    int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    int outFd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int errFd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (in < 0 || outFd < 0 || errFd < 0 || dup2(in, 0) < 0 || dup2(outFd, 1) < 0 ||
+        dup2(errFd, 2) < 0) {
+      _exit(126);
+    }
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  if (whileRunning) whileRunning(pid);
+  return statusOf(pid);
+}
+
+int ChildProcess::statusOf(pid_t pid) {
+  int wstatus = 0;
+  while (waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 1000 + WTERMSIG(wstatus);
 }
 
 }  // namespace qx::test

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace qx::test {
 
@@ -18,6 +19,16 @@ class ChildProcess {
   // that died otherwise "child died".
   static std::string runAs(uid_t uid, gid_t gid, const std::function<std::string()>& body,
                            unsigned seconds = 20);
+
+  // Runs the program `argv[0]` with `argv`, standard input from /dev/null and
+  // its output into the files `out` and `err`; `whileRunning` is called with
+  // its pid once it has started. Answers its exit status, or 1000 + the
+  // signal that ended it.
+  static int run(std::vector<std::string> argv, const std::string& out, const std::string& err,
+                 const std::function<void(pid_t)>& whileRunning = {});
+
+  // The exit status of the child `pid` once it ends, as run() answers it.
+  static int statusOf(pid_t pid);
 };
 
 }  // namespace qx::test

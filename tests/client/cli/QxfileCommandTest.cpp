@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "qxfile/Client.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/ServiceSandbox.h"
 #include "tests/support/TempTree.h"
@@ -49,13 +50,6 @@ struct Outcome {
 
 std::ostream& operator<<(std::ostream& stream, const Outcome& run) {
   return stream << "status " << run.status << "\nstdout:\n" << run.out << "stderr:\n" << run.err;
-}
-
-int statusOf(pid_t pid) {
-  int wstatus = 0;
-  while (waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 1000 + WTERMSIG(wstatus);
 }
 
 std::vector<char*> argvOf(std::vector<std::string>& args) {
@@ -94,21 +88,8 @@ class Qxfile : public ::testing::Test {
                  const std::string& outTo = "") {
     const std::string out = outTo.empty() ? output_.path("out") : outTo;
     const std::string err = output_.path("err");
-    std::vector<char*> argv = argvOf(args);
-    pid_t pid = fork();
-    if (pid == 0) {  // only async-signal-safe calls until exec: the test may have threads
-      int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-      int outFd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-      int errFd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-      if (in < 0 || outFd < 0 || errFd < 0 || dup2(in, 0) < 0 || dup2(outFd, 1) < 0 ||
-          dup2(errFd, 2) < 0) {
-        _exit(126);
-      }
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    if (whileRunning) whileRunning(pid);
-    int status = statusOf(pid);
+    args.insert(args.begin(), QX_CLI_EXECUTABLE);
+    const int status = qx::test::ChildProcess::run(std::move(args), out, err, whileRunning);
     return {status, outTo.empty() ? contentOf(out) : "", contentOf(err)};
   }
 
@@ -128,7 +109,7 @@ class Qxfile : public ::testing::Test {
       if (n > 0) text.append(buffer, static_cast<std::size_t>(n));
     }
     close(terminal);  // read fails with EIO once the command has closed the terminal
-    return {statusOf(pid), text, ""};
+    return {qx::test::ChildProcess::statusOf(pid), text, ""};
   }
 
   std::string file(const std::string& name, std::size_t bytes = 0, mode_t mode = 0644) const {
