@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <set>
-#include <span>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -85,10 +84,10 @@ std::multiset<std::string> entriesOf(const Json& document) {
   return entries;
 }
 
-// getfacl's own lines for the item's access (or default) ACL, without its
-// "#effective:" comments.
+// getfacl's own lines for the item's access (or default) ACL, without its "#effective:"
+// comments; names come from the test users, as qxfile's do.
 std::vector<std::string> getfaclLines(const std::string& path, bool defaults) {
-  const std::string command = std::string("getfacl --omit-header --numeric -c ") +
+  const std::string command = std::string("getfacl --omit-header -c ") +
                               (defaults ? "-d " : "-a ") + "'" + path + "' 2>/dev/null";
   std::vector<std::string> lines;
   FILE* pipe = popen(command.c_str(), "r");
@@ -103,38 +102,10 @@ std::vector<std::string> getfaclLines(const std::string& path, bool defaults) {
   return lines;
 }
 
-// The posix lines qxfile prints, with names turned back into ids so that
-// they compare with getfacl --numeric.
+// The POSIX lines qxfile prints.
 std::vector<std::string> posixLines(const Json& lines) {
-  const std::pair<const char*, const char*> users[] = {{"qxowner", "2101"},
-                                                       {"qxmember", "2102"},
-                                                       {"qxprimary", "2103"},
-                                                       {"qxother", "2104"},
-                                                       {"qxblocked", "2105"}};
-  const std::pair<const char*, const char*> groups[] = {{"qxowner", "3101"}, {"qxmember", "3102"},
-                                                        {"qxother", "3104"}, {"qxblocked", "3105"},
-                                                        {"qxteam", "3110"},  {"qxdenied", "3111"}};
-  std::vector<std::string> result;
   if (!lines.is_array()) return {"not a list of lines: " + lines.dump()};
-  for (const Json& line : lines) {
-    std::string text = line.get<std::string>();
-    const bool group = text.rfind("group:", 0) == 0;
-    for (auto [name, id] : group ? std::span<const std::pair<const char*, const char*>>(groups)
-                                 : std::span<const std::pair<const char*, const char*>>(users)) {
-      const std::string from = std::string(":") + name + ":";
-      if (auto at = text.find(from); at != std::string::npos) {
-        text.replace(at, from.size(), std::string(":") + id + ":");
-      }
-    }
-    result.push_back(text);
-  }
-  return result;
-}
-
-// The bytes of a file of tests/platform/xacl/attributes.
-std::string attributeBytes(const char* name) {
-  const std::vector<uint8_t> bytes = qx::test::attributeFile(name).bytes;
-  return std::string(bytes.begin(), bytes.end());
+  return lines.get<std::vector<std::string>>();
 }
 
 int shell(const std::string& command) {
@@ -244,87 +215,39 @@ struct Change {
 
 TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
   const std::vector<std::string> below = {"Child files", "Child folders", "All descendants"};
+  // clang-format off
   const Change changes[] = {
-      {"setfacl after a write: the translation",
-       false,
-       0640,
-       kTeam,
-       {{kAllow, userUuid(kMember), kReadData}},
-       "setfacl -m u:2104:rx",
-       nullptr,
-       0,
-       "not in force",
-       {entryText("allow", "user", kMember, kFileR),
-        entryText("allow", "user", kOther, kFileR + kFileX)}},
-      {"a default entry added by setfacl applies below only",
-       true,
-       0755,
-       kOwnerGroup,
-       {{kAllow, userUuid(kMember), kReadData | kExecute}},
-       "setfacl -d -m g:3110:rwx",
-       nullptr,
-       0,
+      {"setfacl after a write: the translation", false, 0640, kTeam,
+       {{kAllow, userUuid(kMember), kReadData}}, "setfacl -m u:2104:rx", nullptr, 0,
+       "not in force", {entryText("allow", "user", kMember, kFileR),
+                        entryText("allow", "user", kOther, kFileR + kFileX)}},
+      {"a default entry added by setfacl applies below only", true, 0755, kOwnerGroup,
+       {{kAllow, userUuid(kMember), kReadData | kExecute}}, "setfacl -d -m g:3110:rwx", nullptr, 0,
        "not in force",
        {entryText("allow", "user", kMember, kFolderR + kFolderX, {"This item"}),
         entryText("allow", "group", kTeam, kFolderR + kFolderW + kFolderX, below)}},
-      {"chmod narrowing the mask: what is left; the group's bits are its entry's",
-       false,
-       0664,
-       kTeam,
-       {{kAllow, userUuid(kMember), kReadData | kWriteData | kAppendData}},
-       "chmod g-w",
-       nullptr,
-       0,
-       "not in force",
-       {entryText("allow", "user", kMember, kFileR)},
-       "0664"},
-      {"a POSIX ACL on an item qxfile never wrote",
-       false,
-       0600,
-       kDenied,
-       {},
-       "setfacl -m u:2105:rw,g:3102:r",
-       nullptr,
-       0,
-       "none",
-       {entryText("allow", "user", kBlocked, kFileR + kFileW),
-        entryText("allow", "group", kMemberGroup, kFileR)}},
+      {"chmod narrowing the mask: what is left; the group's bits are its entry's", false, 0664,
+       kTeam, {{kAllow, userUuid(kMember), kReadData | kWriteData | kAppendData}}, "chmod g-w",
+       nullptr, 0, "not in force", {entryText("allow", "user", kMember, kFileR)}, "0664"},
+      {"a POSIX ACL on an item qxfile never wrote", false, 0600, kDenied,
+       {}, "setfacl -m u:2105:rw,g:3102:r", nullptr, 0,
+       "none", {entryText("allow", "user", kBlocked, kFileR + kFileW),
+                entryText("allow", "group", kMemberGroup, kFileR)}},
       // With an empty mask the kernel does not consult the ACL: everyone but the owner and
       // the owning group's members gets the other bits, named or not.
-      {"an empty mask leaves named entries to the other bits",
-       false,
-       0604,
-       kOwnerGroup,
-       {},
-       "setfacl -m u:2104:-,g:3110:-",
-       nullptr,
-       0,
-       "none",
-       {entryText("allow", "user", kOther, {}), entryText("allow", "group", kTeam, {})}},
+      {"an empty mask leaves named entries to the other bits", false, 0604, kOwnerGroup,
+       {}, "setfacl -m u:2104:-,g:3110:-", nullptr, 0,
+       "none", {entryText("allow", "user", kOther, {}), entryText("allow", "group", kTeam, {})}},
       // Promises what Linux does not enforce until qxfile writes it again (below).
-      {"an attribute of an earlier version, without a POSIX ACL",
-       false,
-       0640,
-       kTeam,
-       {},
-       "",
-       "earlier-version.attr",
-       0,
-       "not in force",
-       {}},
+      {"an attribute of an earlier version, without a POSIX ACL", false, 0640, kTeam,
+       {}, "", "earlier-version.attr", 0, "not in force", {}},
       // A user who may write a file may rewrite its user attributes: the denial claimed
       // there is not shown.
-      {"a forged attribute gives way to what the kernel enforces",
-       false,
-       0644,
-       kOwnerGroup,
-       {{kAllow, userUuid(kMember), kReadData | kWriteData | kAppendData}},
-       "",
-       "forged.attr",
-       kMember,
-       "not in force",
-       {entryText("allow", "user", kMember, kFileR + kFileW)}},
+      {"a forged attribute gives way to what the kernel enforces", false, 0644, kOwnerGroup,
+       {{kAllow, userUuid(kMember), kReadData | kWriteData | kAppendData}}, "", "forged.attr",
+       kMember, "not in force", {entryText("allow", "user", kMember, kFileR + kFileW)}},
   };
+  // clang-format on
   int n = 0;
   for (const Change& change : changes) {
     SCOPED_TRACE(change.name);
@@ -338,7 +261,7 @@ TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
       ASSERT_EQ(shell(change.command + " '" + path + "'"), 0);
     }
     if (change.attribute) {
-      const std::string bytes = attributeBytes(change.attribute);
+      const std::vector<uint8_t> bytes = qx::test::attributeFile(change.attribute).bytes;
       const KernelAccess::User writer =
           change.writer ? users_[change.writer - kOwner] : KernelAccess::User{0, 0, {0}};
       EXPECT_EQ(KernelAccess::runAs(writer,
