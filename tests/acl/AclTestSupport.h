@@ -17,7 +17,6 @@
 #include "model/QXAclPermission.h"
 #include "model/QXTreeNode.h"
 #include "platform/foundation/Foundation.h"
-#include "platform/membership/IdentityUuid.h"
 #include "platform/xacl/Acl.h"
 #include "platform/xacl/AclCodec.h"
 #include "platform/xacl/AclHandle.h"
@@ -25,6 +24,7 @@
 #include "platform/xacl/ItemAcl.h"
 #include "platform/xacl/xacl.h"
 #include "tests/platform/xacl/XaclTestSupport.h"
+#include "tests/support/AclFixtures.h"
 #include "tests/support/PermissionTrees.h"
 #include "tests/support/TempTree.h"
 
@@ -32,17 +32,18 @@ namespace qxacltest {
 
 using namespace qx::xacl;
 
-// The users and groups of tests/acl/nss.
-inline constexpr uid_t kOwner = 2101;    // owns the items under test
-inline constexpr uid_t kMember = 2102;   // supplementary member of qxteam
-inline constexpr uid_t kPrimary = 2103;  // primary group qxteam, not listed in it
-inline constexpr uid_t kOther = 2104;    // in none of the items' groups
-inline constexpr uid_t kUnknown = 2999;  // no passwd entry
-inline constexpr gid_t kOwnerGroup = 3101;
-inline constexpr gid_t kMemberGroup = 3102;
-inline constexpr gid_t kOtherGroup = 3104;
-inline constexpr gid_t kTeam = 3110;
-inline constexpr gid_t kDenied = 3111;
+using qx::test::groupUuid;
+using qx::test::kDenied;
+using qx::test::kMember;
+using qx::test::kMemberGroup;
+using qx::test::kOther;
+using qx::test::kOtherGroup;
+using qx::test::kOwner;
+using qx::test::kOwnerGroup;
+using qx::test::kPrimary;
+using qx::test::kTeam;
+using qx::test::kUnknown;
+using qx::test::userUuid;
 
 // A temporary folder everybody may search, whose items get their owners
 // (root only; failures show in the tests' own checks).
@@ -79,18 +80,6 @@ inline Ace allow(qx::UuidPtr who, uint32_t perms, uint32_t flags = 0) {
 }
 inline Ace deny(qx::UuidPtr who, uint32_t perms, uint32_t flags = 0) {
   return {ACL_EXTENDED_DENY, std::move(who), perms, flags};
-}
-
-inline qx::UuidPtr userUuid(uid_t uid) {
-  uint8_t bytes[16];
-  qx::IdentityUuid::forUser(uid, bytes);
-  return qx::Uuid::withBytes(bytes);
-}
-
-inline qx::UuidPtr groupUuid(gid_t gid) {
-  uint8_t bytes[16];
-  qx::IdentityUuid::forGroup(gid, bytes);
-  return qx::Uuid::withBytes(bytes);
 }
 
 // The ACL of `entries`, built through the extended ACL interface.

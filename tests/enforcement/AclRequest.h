@@ -9,6 +9,7 @@
 
 #include "platform/foundation/Foundation.h"
 #include "qxfile/Records.h"
+#include "tests/support/AclFixtures.h"
 
 // Entry listings as a client writes them, and the rights read back from an
 // effective access answer, through the typed client records.
@@ -32,21 +33,6 @@ inline constexpr uint32_t kOnlyInherit = 0x100;
 inline constexpr uint32_t kInheritance =
     kFileInherit | kDirectoryInherit | kLimitInherit | kOnlyInherit;
 
-inline constexpr const char* kUserPrefix = "FFFFEEEE-DDDD-CCCC-BBBB-AAAA";
-inline constexpr const char* kGroupPrefix = "ABCDEFAB-CDEF-ABCD-EFAB-CDEF";
-
-inline qx::UuidPtr uuidOf(const char* prefix, unsigned id) {
-  char text[40];
-  std::snprintf(text, sizeof text, "%s%08X", prefix, id);
-  return qx::Uuid::withString(text);
-}
-inline qx::UuidPtr userUuid(uid_t uid) {
-  return uuidOf(kUserPrefix, uid);
-}
-inline qx::UuidPtr groupUuid(gid_t gid) {
-  return uuidOf(kGroupPrefix, gid);
-}
-
 // An entry as the tests draw it: the qualifier as the stored layout holds it.
 struct Ace {
   int32_t tag;
@@ -58,7 +44,8 @@ struct Ace {
 inline qxfile::Identity identityOf(const qx::UuidPtr& who) {
   const std::string text = who->UUIDString();
   const auto id = static_cast<uint32_t>(std::stoul(text.substr(28), nullptr, 16));
-  return text.rfind(kUserPrefix, 0) == 0 ? qxfile::Identity::user(id) : qxfile::Identity::group(id);
+  return text.rfind(userUuidText(0).substr(0, 28), 0) == 0 ? qxfile::Identity::user(id)
+                                                           : qxfile::Identity::group(id);
 }
 
 // The listing that gives an item `entries`, `owner`, `group` and `mode`.

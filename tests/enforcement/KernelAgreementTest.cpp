@@ -23,13 +23,15 @@
 namespace {
 
 using namespace qx::test::acl;
+using qx::test::groupUuid;
+using qx::test::userUuid;
 using qx::test::KernelAccess;
 using qx::test::QxfileCommand;
 using Json = nlohmann::json;
 
 constexpr int kAcls = 600;
 
-// The users of tests/acl/nss, the first of them owning every item.
+// The users of tests/support/users, the first of them owning every item.
 const char* const kUserNames[] = {"qxowner", "qxmember", "qxprimary", "qxother", "qxblocked"};
 // Named in entries: every user but the owner, and groups that hold the owner
 // (3101), one member (3102), nobody of the items (3104), several (3110, 3111).
@@ -198,7 +200,7 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
   std::vector<KernelAccess::User> users;
   for (const char* name : kUserNames) {
     users.push_back(KernelAccess::userNamed(name));
-    ASSERT_NE(users.back().uid, 0u) << name << " is missing from tests/acl/nss";
+    ASSERT_NE(users.back().uid, 0u) << name << " is missing from tests/support/users";
   }
   const uid_t owner = users[0].uid;
 

@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <set>
-#include <span>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -19,6 +18,7 @@
 #include "tests/enforcement/AclRequest.h"
 #include "tests/enforcement/KernelAccess.h"
 #include "tests/enforcement/QxfileCommand.h"
+#include "tests/support/AclFixtures.h"
 #include "tests/support/ServiceSandbox.h"
 #include "tests/support/TempTree.h"
 
@@ -30,8 +30,15 @@ using qx::test::QxfileCommand;
 using Json = nlohmann::json;
 using Names = std::set<std::string>;
 
-constexpr uid_t kOwner = 2101, kMember = 2102, kOther = 2104, kBlocked = 2105;
-constexpr gid_t kOwnerGroup = 3101, kMemberGroup = 3102, kTeam = 3110, kDenied = 3111;
+using qx::test::kBlocked;
+using qx::test::kDenied;
+using qx::test::kMember;
+using qx::test::kMemberGroup;
+using qx::test::kOther;
+using qx::test::kOwner;
+using qx::test::kOwnerGroup;
+using qx::test::kTeam;
+using qx::test::userUuid;
 
 // What a POSIX bit stands for among the extended ACL's permissions.
 const Names kFileR = {"Read Data", "Read Attributes", "Read Extended Attributes",
@@ -47,25 +54,6 @@ const Names kFolderX = {"Traverse Folder"};
 Names operator+(Names a, const Names& b) {
   a.insert(b.begin(), b.end());
   return a;
-}
-
-// The attribute bytes of an extended ACL in the stored layout: big-endian
-// magic, count and flags, then per entry the qualifier, the flags word (tag
-// in the low bits) and the rights.
-std::string storedLayout(const std::vector<Ace>& entries) {
-  std::string bytes;
-  auto word = [&](uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back(char(value >> shift));
-  };
-  word(0x012cc16d);
-  word(static_cast<uint32_t>(entries.size()));
-  word(0);
-  for (const Ace& ace : entries) {
-    bytes.append(reinterpret_cast<const char*>(ace.who->bytes().data()), 16);
-    word(static_cast<uint32_t>(ace.tag) | ace.flags);
-    word(ace.rights);
-  }
-  return bytes;
 }
 
 // One extended entry as `acl show --json` prints it: tag, kind:id, the
@@ -96,10 +84,10 @@ std::multiset<std::string> entriesOf(const Json& document) {
   return entries;
 }
 
-// getfacl's own lines for the item's access (or default) ACL, without its
-// "#effective:" comments.
+// getfacl's own lines for the item's access (or default) ACL, without its "#effective:"
+// comments; names come from the test users, as qxfile's do.
 std::vector<std::string> getfaclLines(const std::string& path, bool defaults) {
-  const std::string command = std::string("getfacl --omit-header --numeric -c ") +
+  const std::string command = std::string("getfacl --omit-header -c ") +
                               (defaults ? "-d " : "-a ") + "'" + path + "' 2>/dev/null";
   std::vector<std::string> lines;
   FILE* pipe = popen(command.c_str(), "r");
@@ -114,32 +102,10 @@ std::vector<std::string> getfaclLines(const std::string& path, bool defaults) {
   return lines;
 }
 
-// The posix lines qxfile prints, with names turned back into ids so that
-// they compare with getfacl --numeric.
+// The POSIX lines qxfile prints.
 std::vector<std::string> posixLines(const Json& lines) {
-  const std::pair<const char*, const char*> users[] = {{"qxowner", "2101"},
-                                                       {"qxmember", "2102"},
-                                                       {"qxprimary", "2103"},
-                                                       {"qxother", "2104"},
-                                                       {"qxblocked", "2105"}};
-  const std::pair<const char*, const char*> groups[] = {{"qxowner", "3101"}, {"qxmember", "3102"},
-                                                        {"qxother", "3104"}, {"qxblocked", "3105"},
-                                                        {"qxteam", "3110"},  {"qxdenied", "3111"}};
-  std::vector<std::string> result;
   if (!lines.is_array()) return {"not a list of lines: " + lines.dump()};
-  for (const Json& line : lines) {
-    std::string text = line.get<std::string>();
-    const bool group = text.rfind("group:", 0) == 0;
-    for (auto [name, id] : group ? std::span<const std::pair<const char*, const char*>>(groups)
-                                 : std::span<const std::pair<const char*, const char*>>(users)) {
-      const std::string from = std::string(":") + name + ":";
-      if (auto at = text.find(from); at != std::string::npos) {
-        text.replace(at, from.size(), std::string(":") + id + ":");
-      }
-    }
-    result.push_back(text);
-  }
-  return result;
+  return lines.get<std::vector<std::string>>();
 }
 
 int shell(const std::string& command) {
@@ -230,136 +196,106 @@ class OutsideChange : public ::testing::Test {
   std::vector<KernelAccess::User> users_;
 };
 
-TEST_F(OutsideChange, SetfaclAfterAWriteShowsTheTranslation) {
-  const std::string file = item("file", false, 0640, kTeam);
-  write(file, {{kAllow, userUuid(kMember), kReadData}});
-  Json before = show(file);
-  EXPECT_EQ(before["stored"], "current") << before.dump(2);
-  EXPECT_EQ(entriesOf(before),
-            (std::multiset<std::string>{entryText("allow", "user", kMember, {"Read Data"})}));
-  expectPosixAsGetfacl(before, file);
-  expectAgreement(file);
+// An item given `written` through the service (nothing: qxfile never wrote it), then changed
+// beside qxfile by `command` (run on the path) or by `attribute`, a file of
+// tests/platform/xacl/attributes written as the item's attribute by `writer`.
+struct Change {
+  const char* name;
+  bool folder;
+  mode_t mode;
+  gid_t group;
+  std::vector<Ace> written;
+  std::string command;
+  const char* attribute;
+  uid_t writer;
+  const char* stored;  // what acl show says of the stored ACL afterwards
+  std::vector<std::string> entries;
+  const char* shownMode = nullptr;  // the mode acl show gives, where it matters
+};
 
-  ASSERT_EQ(shell("setfacl -m u:2104:rx '" + file + "'"), 0);
-  Json after = show(file);
-  EXPECT_EQ(after["stored"], "not in force") << after.dump(2);
-  EXPECT_EQ(entriesOf(after),
-            (std::multiset<std::string>{entryText("allow", "user", kMember, kFileR),
-                                        entryText("allow", "user", kOther, kFileR + kFileX)}))
-      << after.dump(2);
-  expectPosixAsGetfacl(after, file);
-  expectAgreement(file);
-}
-
-TEST_F(OutsideChange, DefaultEntryAddedBySetfaclShowsAsInheritedOnly) {
-  const std::string folder = item("folder", true, 0755, kOwnerGroup);
-  write(folder, {{kAllow, userUuid(kMember), kReadData | kExecute}});
-  EXPECT_EQ(show(folder)["stored"], "current");
-
-  ASSERT_EQ(shell("setfacl -d -m g:3110:rwx '" + folder + "'"), 0);
-  Json after = show(folder);
-  EXPECT_EQ(after["stored"], "not in force") << after.dump(2);
+TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
   const std::vector<std::string> below = {"Child files", "Child folders", "All descendants"};
-  EXPECT_EQ(entriesOf(after),
-            (std::multiset<std::string>{
-                entryText("allow", "user", kMember, kFolderR + kFolderX, {"This item"}),
-                entryText("allow", "group", kTeam, kFolderR + kFolderW + kFolderX, below)}))
-      << after.dump(2);
-  expectPosixAsGetfacl(after, folder);
-  expectAgreement(folder);
-}
+  // clang-format off
+  const Change changes[] = {
+      {"setfacl after a write: the translation", false, 0640, kTeam,
+       {{kAllow, userUuid(kMember), kReadData}}, "setfacl -m u:2104:rx", nullptr, 0,
+       "not in force", {entryText("allow", "user", kMember, kFileR),
+                        entryText("allow", "user", kOther, kFileR + kFileX)}},
+      {"a default entry added by setfacl applies below only", true, 0755, kOwnerGroup,
+       {{kAllow, userUuid(kMember), kReadData | kExecute}}, "setfacl -d -m g:3110:rwx", nullptr, 0,
+       "not in force",
+       {entryText("allow", "user", kMember, kFolderR + kFolderX, {"This item"}),
+        entryText("allow", "group", kTeam, kFolderR + kFolderW + kFolderX, below)}},
+      {"chmod narrowing the mask: what is left; the group's bits are its entry's", false, 0664,
+       kTeam, {{kAllow, userUuid(kMember), kReadData | kWriteData | kAppendData}}, "chmod g-w",
+       nullptr, 0, "not in force", {entryText("allow", "user", kMember, kFileR)}, "0664"},
+      {"a POSIX ACL on an item qxfile never wrote", false, 0600, kDenied,
+       {}, "setfacl -m u:2105:rw,g:3102:r", nullptr, 0,
+       "none", {entryText("allow", "user", kBlocked, kFileR + kFileW),
+                entryText("allow", "group", kMemberGroup, kFileR)}},
+      // With an empty mask the kernel does not consult the ACL: everyone but the owner and
+      // the owning group's members gets the other bits, named or not.
+      {"an empty mask leaves named entries to the other bits", false, 0604, kOwnerGroup,
+       {}, "setfacl -m u:2104:-,g:3110:-", nullptr, 0,
+       "none", {entryText("allow", "user", kOther, {}), entryText("allow", "group", kTeam, {})}},
+      // Promises what Linux does not enforce until qxfile writes it again (below).
+      {"an attribute of an earlier version, without a POSIX ACL", false, 0640, kTeam,
+       {}, "", "earlier-version.attr", 0, "not in force", {}},
+      // A user who may write a file may rewrite its user attributes: the denial claimed
+      // there is not shown.
+      {"a forged attribute gives way to what the kernel enforces", false, 0644, kOwnerGroup,
+       {{kAllow, userUuid(kMember), kReadData | kWriteData | kAppendData}}, "", "forged.attr",
+       kMember, "not in force", {entryText("allow", "user", kMember, kFileR + kFileW)}},
+  };
+  // clang-format on
+  int n = 0;
+  for (const Change& change : changes) {
+    SCOPED_TRACE(change.name);
+    const std::string path =
+        item("item" + std::to_string(n++), change.folder, change.mode, change.group);
+    if (!change.written.empty()) {
+      write(path, change.written);
+      EXPECT_EQ(show(path)["stored"], "current");
+    }
+    if (!change.command.empty()) {
+      ASSERT_EQ(shell(change.command + " '" + path + "'"), 0);
+    }
+    if (change.attribute) {
+      const std::vector<uint8_t> bytes = qx::test::attributeFile(change.attribute).bytes;
+      const KernelAccess::User writer =
+          change.writer ? users_[change.writer - kOwner] : KernelAccess::User{0, 0, {0}};
+      EXPECT_EQ(KernelAccess::runAs(writer,
+                                    [&] {
+                                      return lsetxattr(path.c_str(), "user.qxfile.acl",
+                                                       bytes.data(), bytes.size(), 0) == 0
+                                                 ? 0
+                                                 : errno;
+                                    }),
+                0);
+    }
+    const Json shown = show(path);
+    EXPECT_EQ(shown["stored"], change.stored) << shown.dump(2);
+    EXPECT_EQ(entriesOf(shown),
+              std::multiset<std::string>(change.entries.begin(), change.entries.end()))
+        << shown.dump(2);
+    if (change.shownMode) {
+      EXPECT_EQ(shown["mode"], change.shownMode);
+    }
+    expectPosixAsGetfacl(shown, path);
+    expectAgreement(path);
+  }
 
-TEST_F(OutsideChange, ChmodThatNarrowsTheMaskShowsWhatIsLeft) {
-  const std::string file = item("file", false, 0664, kTeam);
-  write(file, {{kAllow, userUuid(kMember), kReadData | kWriteData | kAppendData}});
-  EXPECT_EQ(show(file)["stored"], "current");
-  expectAgreement(file);
-
-  ASSERT_EQ(shell("chmod g-w '" + file + "'"), 0);
-  Json after = show(file);
-  EXPECT_EQ(after["stored"], "not in force") << after.dump(2);
-  EXPECT_EQ(entriesOf(after),
-            (std::multiset<std::string>{entryText("allow", "user", kMember, kFileR)}))
-      << after.dump(2);
-  EXPECT_EQ(after["mode"], "0664") << "the owning group's bits are the ACL's group entry";
-  expectPosixAsGetfacl(after, file);
-  expectAgreement(file);
-}
-
-TEST_F(OutsideChange, PosixAclOnAnItemQxfileNeverWroteIsTranslated) {
-  const std::string file = item("file", false, 0600, kDenied);
-  ASSERT_EQ(shell("setfacl -m u:2105:rw,g:3102:r '" + file + "'"), 0);
-  Json shown = show(file);
-  EXPECT_EQ(shown["stored"], "none") << shown.dump(2);
-  EXPECT_EQ(entriesOf(shown),
-            (std::multiset<std::string>{entryText("allow", "user", kBlocked, kFileR + kFileW),
-                                        entryText("allow", "group", kMemberGroup, kFileR)}))
-      << shown.dump(2);
-  expectPosixAsGetfacl(shown, file);
-  expectAgreement(file);
-}
-
-// With an empty mask the kernel does not consult the ACL: everyone but the
-// owner and the owning group's members gets the other bits, named or not.
-TEST_F(OutsideChange, EmptyMaskLeavesNamedEntriesToTheOtherBits) {
-  const std::string file = item("file", false, 0604, kOwnerGroup);
-  ASSERT_EQ(shell("setfacl -m u:2104:-,g:3110:- '" + file + "'"), 0);
-  EXPECT_EQ(KernelAccess::granted(file, false, users_[3]), KernelAccess::kRead);
-  expectAgreement(file);
-}
-
-// An attribute as earlier versions wrote it, on an item without a POSIX ACL,
-// promises what Linux does not enforce until qxfile writes it again.
-TEST_F(OutsideChange, AttributeOfAnEarlierVersionIsEnforcedOnceWrittenAgain) {
-  const std::string file = item("file", false, 0640, kTeam);
-  const std::vector<Ace> entries = {{kAllow, userUuid(kOther), kReadData | kExecute}};
-  const std::string bytes = storedLayout(entries);
-  ASSERT_EQ(lsetxattr(file.c_str(), "user.qxfile.acl", bytes.data(), bytes.size(), 0), 0);
-  Json before = show(file);
-  EXPECT_EQ(before["stored"], "not in force") << before.dump(2);
-  EXPECT_TRUE(before["acl"].empty()) << before.dump(2);
-  expectAgreement(file);
-  EXPECT_EQ(KernelAccess::granted(file, false, users_[3]), 0u);
-
-  write(file, entries);
-  Json after = show(file);
+  // The earlier version's entries written again: in force and enforced.
+  const std::string earlier = tree_.path("item5");
+  ASSERT_EQ(KernelAccess::granted(earlier, false, users_[3]), 0u);
+  write(earlier, {{kAllow, userUuid(kOther), kReadData | kExecute}});
+  const Json after = show(earlier);
   EXPECT_EQ(after["stored"], "current") << after.dump(2);
   EXPECT_EQ(entriesOf(after), (std::multiset<std::string>{entryText(
                                   "allow", "user", kOther, {"Read Data", "Execute File"})}));
-  EXPECT_EQ(KernelAccess::granted(file, false, users_[3]),
+  EXPECT_EQ(KernelAccess::granted(earlier, false, users_[3]),
             KernelAccess::kRead | KernelAccess::kExecute);
-  expectAgreement(file);
-}
-
-// A user who may write a file may rewrite its user attributes: a denial
-// claimed there is not shown, and effective access follows the kernel.
-TEST_F(OutsideChange, ForgedAttributeGivesWayToWhatTheKernelEnforces) {
-  const std::string file = item("file", false, 0644, kOwnerGroup);
-  const std::vector<Ace> written = {
-      {kAllow, userUuid(kMember), kReadData | kWriteData | kAppendData}};
-  write(file, written);
-  EXPECT_EQ(show(file)["stored"], "current");
-
-  std::vector<Ace> forged = written;
-  forged.insert(forged.begin(), {kDeny, userUuid(kOther), kReadData});
-  const std::string bytes = storedLayout(forged);
-  EXPECT_EQ(KernelAccess::runAs(users_[1],
-                                [&] {
-                                  return lsetxattr(file.c_str(), "user.qxfile.acl", bytes.data(),
-                                                   bytes.size(), 0) == 0
-                                             ? 0
-                                             : errno;
-                                }),
-            0)
-      << "the member may write the file and so its user attributes";
-
-  Json shown = show(file);
-  EXPECT_EQ(shown["stored"], "not in force") << shown.dump(2);
-  EXPECT_EQ(entriesOf(shown),
-            (std::multiset<std::string>{entryText("allow", "user", kMember, kFileR + kFileW)}))
-      << shown.dump(2);
-  EXPECT_EQ(KernelAccess::granted(file, false, users_[3]), KernelAccess::kRead);
-  expectAgreement(file);
+  expectAgreement(earlier);
 }
 
 }  // namespace

@@ -1,30 +1,38 @@
-// The pure rules: the kernel's POSIX check, the evaluator, the mapping to POSIX ACLs, the
-// translation back and the enforcement report, against hand-written expectations.
+// The pure rules (the kernel's POSIX check, the evaluator, the mapping to POSIX ACLs, the
+// translation back and the enforcement report) against hand-written expectations, then what a
+// write leaves the kernel, as getfacl shows it. What qxfile shows after changes made beside it
+// belongs to tests/enforcement.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
 
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "platform/membership/IdentityUuid.h"
+#include "XaclTestSupport.h"
 #include "platform/xacl/AccessEvaluator.h"
+#include "platform/xacl/Acl.h"
 #include "platform/xacl/EnforcementReport.h"
+#include "platform/xacl/ItemAcl.h"
 #include "platform/xacl/PosixAcl.h"
 #include "platform/xacl/PosixMapping.h"
-#include "platform/xacl/xacl.h"
+#include "tests/support/AclFixtures.h"
+#include "tests/support/TempTree.h"
 
 namespace qx::xacl {
 namespace {
 
+using qx::test::kBlocked;
+using qx::test::kMember;
+using qx::test::kTeam;
+
 AclUuid user(uint32_t uid) {
-  AclUuid u;
-  IdentityUuid::forUser(uid, u.data());
-  return u;
+  return test::uuidOf(qx::test::userUuidText(uid).c_str());
 }
 AclUuid group(uint32_t gid) {
-  AclUuid u;
-  IdentityUuid::forGroup(gid, u.data());
-  return u;
+  return test::uuidOf(qx::test::groupUuidText(gid).c_str());
 }
 
 ExtendedEntry allow(const AclUuid& who, uint32_t rights, uint32_t flags = 0) {
@@ -156,8 +164,24 @@ TEST(Evaluator, FirstApplyingEntryDecidesThenTheMode) {
        alice,
        file,
        ACL_DELETE},
+      {"denied attributes alone leave read permissions to the mode",
+       {deny(user(1001), ACL_READ_ATTRIBUTES)},
+       alice,
+       file,
+       ACL_DELETE | ACL_READ_SECURITY},
       {"later deny takes an allowed read permissions back",
        {allow(user(1001), ACL_READ_SECURITY), deny(group(2001), ACL_READ_SECURITY)},
+       alice,
+       file,
+       ACL_DELETE | ACL_READ_ATTRIBUTES},
+      {"not once attributes were allowed",
+       {allow(user(1001), ACL_READ_SECURITY | ACL_READ_ATTRIBUTES),
+        deny(group(2001), ACL_READ_SECURITY)},
+       alice,
+       file,
+       otherFill},
+      {"a first deny of read permissions stays",
+       {deny(group(2001), ACL_READ_SECURITY), allow(user(1001), ACL_READ_SECURITY)},
        alice,
        file,
        ACL_DELETE | ACL_READ_ATTRIBUTES},
@@ -166,6 +190,12 @@ TEST(Evaluator, FirstApplyingEntryDecidesThenTheMode) {
        alice,
        folder,
        ACL_LIST_DIRECTORY | ACL_READ_EXTATTRIBUTES | ACL_WRITE_EXTATTRIBUTES | otherFill},
+      {"changes, the mode's too, in a folder one may search",
+       {allow(user(1001), ACL_ADD_FILE | ACL_DELETE_CHILD | ACL_SEARCH)},
+       alice,
+       folder,
+       ACL_LIST_DIRECTORY | ACL_SEARCH | ACL_ADD_FILE | ACL_ADD_SUBDIRECTORY | ACL_DELETE_CHILD |
+           ACL_READ_EXTATTRIBUTES | ACL_WRITE_EXTATTRIBUTES | otherFill},
       {"entries for a group one is not in",
        {deny(group(2002), ACL_DELETE)},
        alice,
@@ -295,6 +325,128 @@ TEST(EnforcementReport, MarksRightsWithoutBitsPartBitsAndDenialsTheModeGrants) {
       {},
   };
   EXPECT_EQ(report, expected);
+}
+
+// Runs a command and gives its output; "failed" when it does not succeed.
+std::string run(const std::string& command) {
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (!pipe) return "failed";
+  std::string out;
+  char buffer[256];
+  while (fgets(buffer, sizeof buffer, pipe)) out += buffer;
+  return pclose(pipe) == 0 ? out : "failed: " + out;
+}
+
+std::string getfacl(const std::string& path) {
+  return run("getfacl -cnEp '" + path + "'");
+}
+
+int write(const std::string& path, const ExtendedEntries& entries) {
+  AclHandle acl(acl_init(0));
+  acl.get()->assign(entries);
+  return acl_set_link_np(path.c_str(), ACL_TYPE_EXTENDED, acl.get()) == 0 ? 0 : errno;
+}
+
+AclState stateOf(const std::string& path) {
+  AclState state;
+  AclHandle acl(acl_get_link_state_np(path.c_str(), &state));
+  return state;
+}
+
+class AclLayers : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to own items as the test users";
+    if (run("getfacl --version").rfind("failed", 0) == 0) GTEST_SKIP() << "needs getfacl";
+  }
+  std::string item(const std::string& name, mode_t mode, bool folder = false) {
+    const std::string path = tree_.path(name);
+    if (folder) {
+      tree_.folder(name);
+    } else {
+      tree_.file(name);
+    }
+    EXPECT_EQ(chmod(path.c_str(), mode), 0);
+    return path;
+  }
+  qx::test::TempTree tree_{"qx-layers"};
+};
+
+TEST_F(AclLayers, WritesLeaveTheKernelTheEnforcingAclAndReadBackStored) {
+  struct Row {
+    const char* name;
+    bool folder;
+    mode_t mode;
+    ExtendedEntries entries;
+    std::string getfacl;
+  };
+  const uint32_t rw = ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA;
+  const uint32_t inherit = ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT;
+  const Row rows[] = {
+      {"user",
+       false,
+       0640,
+       {{ACL_EXTENDED_ALLOW, user(kMember), rw, 0}},
+       "user::rw-\nuser:2102:rw-\ngroup::r--\nmask::rw-\nother::---\n\n"},
+      {"staff denied, bob allowed",
+       false,
+       0664,
+       {{ACL_EXTENDED_DENY, group(kTeam), ACL_WRITE_DATA, 0},
+        {ACL_EXTENDED_ALLOW, user(kBlocked), ACL_WRITE_DATA | ACL_APPEND_DATA, 0}},
+       // bob is in staff: the deny comes first; staff's own entry loses w.
+       "user::rw-\nuser:2105:r--\ngroup::rw-\ngroup:3110:r--\nmask::rw-\nother::r--\n\n"},
+      {"folder",
+       true,
+       0750,
+       {{ACL_EXTENDED_ALLOW, user(kMember), ACL_LIST_DIRECTORY | ACL_SEARCH, inherit}},
+       "user::rwx\nuser:2102:r-x\ngroup::r-x\nmask::r-x\nother::---\ndefault:user::rwx\n"
+       "default:user:2102:r-x\ndefault:group::r-x\ndefault:mask::r-x\ndefault:other::---\n\n"},
+  };
+  for (const Row& row : rows) {
+    const std::string path = item(row.name, row.mode, row.folder);
+    ASSERT_EQ(write(path, row.entries), 0) << row.name;
+    EXPECT_EQ(getfacl(path), row.getfacl) << row.name;
+    AclState state = stateOf(path);
+    EXPECT_EQ(state.source, AclSource::Stored) << row.name;
+    EXPECT_EQ(state.entries, row.entries) << row.name;
+    EXPECT_EQ(state.item.mode, row.mode) << row.name << ": the mode stays";
+    ASSERT_EQ(write(path, {}), 0);
+    EXPECT_EQ(stateOf(path).source, AclSource::None) << row.name << ": emptied";
+    EXPECT_EQ(lgetxattr(path.c_str(), ItemAcl::kPosixAccess, nullptr, 0), -1);
+    EXPECT_EQ(lgetxattr(path.c_str(), kAclAttributeName, nullptr, 0), -1);
+  }
+}
+
+TEST_F(AclLayers, ModeWritesKeepTheGroupEntryApartFromTheMask) {
+  const std::string path = item("f", 0640);
+  ASSERT_EQ(write(path, {{ACL_EXTENDED_ALLOW, user(kMember),
+                          ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA | ACL_EXECUTE, 0}}),
+            0);
+  struct stat st;
+  ASSERT_EQ(lstat(path.c_str(), &st), 0);
+  mode_t bits = 0;
+  ASSERT_EQ(ItemAcl::modeBits(path.c_str(), st, &bits), 0);
+  EXPECT_EQ(bits, 0640u);
+  EXPECT_EQ(st.st_mode & 0777, 0670u) << "st_mode shows the mask";
+  ASSERT_EQ(ItemAcl::setModeBits(path.c_str(), 0750), 0);
+  EXPECT_EQ(getfacl(path), "user::rwx\nuser:2102:rwx\ngroup::r-x\nmask::rwx\nother::---\n\n");
+  ASSERT_EQ(lstat(path.c_str(), &st), 0);
+  ASSERT_EQ(ItemAcl::modeBits(path.c_str(), st, &bits), 0);
+  EXPECT_EQ(bits, 0750u);
+  EXPECT_EQ(stateOf(path).source, AclSource::Stored) << "what the stored ACL maps to with 0750";
+
+  // An ACL that grants nothing through its entries keeps a mask of r--: an empty one would
+  // leave alice the other bits. st_mode shows it; the group's bits stay the entry's.
+  const std::string closed = item("closed", 0604);
+  ASSERT_EQ(write(closed, {{ACL_EXTENDED_DENY, user(kMember), ACL_READ_DATA, 0}}), 0);
+  EXPECT_EQ(getfacl(closed), "user::rw-\nuser:2102:---\ngroup::---\nmask::r--\nother::r--\n\n");
+  ASSERT_EQ(lstat(closed.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);
+  ASSERT_EQ(ItemAcl::modeBits(closed.c_str(), st, &bits), 0);
+  EXPECT_EQ(bits, 0604u);
+  ASSERT_EQ(ItemAcl::setModeBits(closed.c_str(), 0600), 0);
+  EXPECT_EQ(getfacl(closed), "user::rw-\nuser:2102:---\ngroup::---\nmask::r--\nother::---\n\n");
+  EXPECT_EQ(stateOf(closed).source, AclSource::Stored);
 }
 
 }  // namespace

@@ -6,10 +6,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "XaclTestSupport.h"
+#include "platform/xacl/Acl.h"
 #include "platform/xacl/AclText.h"
+#include "platform/xacl/ItemAcl.h"
+#include "tests/support/AclFixtures.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TempTree.h"
 
@@ -19,14 +23,13 @@ namespace {
 using test::buildAcl;
 using test::EntryFields;
 using test::errnoOf;
-using test::rawAcl;
-using test::RawEntry;
 using test::readRaw;
-using test::uuidOf;
 using test::writeRaw;
 
-constexpr const char* kAlice = "FFFFEEEE-DDDD-CCCC-BBBB-AAAA000007D1";
-constexpr const char* kStaff = "ABCDEFAB-CDEF-ABCD-EFAB-CDEF00000BC2";
+const std::string kMemberText = qx::test::userUuidText(qx::test::kMember);
+const std::string kTeamText = qx::test::groupUuidText(qx::test::kTeam);
+const char* const kMember = kMemberText.c_str();
+const char* const kTeam = kTeamText.c_str();
 
 // acl_get_link_np's errno, or 0 when it returned an ACL.
 int getError(const std::string& path) {
@@ -60,7 +63,7 @@ class AclStorageTest : public ::testing::Test {
   qx::test::TempTree tree_{"qx-xacl"};
   std::string file_ = tree_.path("file");
   std::string folder_ = tree_.path("folder");
-  AclHandle one_ = buildAcl({{ACL_EXTENDED_ALLOW, kAlice, ACL_READ_DATA}});
+  AclHandle one_ = buildAcl({{ACL_EXTENDED_ALLOW, kMember, ACL_READ_DATA}});
   AclHandle empty_{acl_init(0)};
 };
 
@@ -78,7 +81,7 @@ TEST_F(AclStorageTest, NoAclMissingItemsAndBadArguments) {
   EXPECT_EQ(errnoOf([&] { return acl_set_link_np(file_.c_str(), 0, one_.get()) == -1; }), EINVAL);
   EXPECT_EQ(setError(file_, nullptr), EINVAL);
   // Entries without a tag or a qualifier are not written, and the old ACL stays.
-  AclHandle noTag = buildAcl({{ACL_UNDEFINED_TAG, kAlice}});
+  AclHandle noTag = buildAcl({{ACL_UNDEFINED_TAG, kMember}});
   AclHandle noQualifier = buildAcl({{ACL_EXTENDED_ALLOW, nullptr}});
   EXPECT_EQ(setError(file_, noTag.get()), EINVAL);
   EXPECT_FALSE(hasAttribute(file_));
@@ -89,36 +92,31 @@ TEST_F(AclStorageTest, NoAclMissingItemsAndBadArguments) {
 }
 
 TEST_F(AclStorageTest, AclsRoundTripInTheStoredLayoutUpTo128Entries) {
+  // The entries of attributes/stored-layout.attr, written through the interface, give its bytes.
+  const qx::test::AttributeFile layout = qx::test::attributeFile("stored-layout.attr");
   AclHandle acl = buildAcl({
-      {ACL_EXTENDED_ALLOW, kAlice, ACL_READ_DATA | ACL_READ_SECURITY, ACL_ENTRY_FILE_INHERIT},
-      {ACL_EXTENDED_DENY, kStaff, ACL_CHANGE_OWNER, ACL_ENTRY_INHERITED | ACL_ENTRY_ONLY_INHERIT},
-      {ACL_EXTENDED_ALLOW, kStaff, ACL_PERM_MASK,
+      {ACL_EXTENDED_ALLOW, kMember, ACL_READ_DATA | ACL_READ_SECURITY, ACL_ENTRY_FILE_INHERIT},
+      {ACL_EXTENDED_DENY, kTeam, ACL_CHANGE_OWNER, ACL_ENTRY_INHERITED | ACL_ENTRY_ONLY_INHERIT},
+      {ACL_EXTENDED_ALLOW, kTeam, ACL_PERM_MASK,
        ACL_ENTRY_DIRECTORY_INHERIT | ACL_ENTRY_LIMIT_INHERIT},
   });
-  const std::string all = AclText::permissions(ACL_PERM_MASK, false);
-  const std::string lines =
-      "allow user:qxalice read_data,read_security file_inherit\n"
-      "deny group:qxstaff change_owner inherited,only_inherit\n"
-      "allow group:qxstaff " +
-      all + " directory_inherit,limit_inherit\n";
   ASSERT_EQ(setError(file_, acl.get()), 0);
   ASSERT_EQ(setError(folder_, acl.get()), 0);
-  EXPECT_EQ(stored(file_), lines);
-  EXPECT_EQ(stored(folder_), lines);
-  EXPECT_EQ(AclText::forPath(folder_.c_str())->substr(0, 38),
-            "allow user:qxalice list_directory,read")
+  EXPECT_EQ(stored(file_), layout.expected);
+  EXPECT_EQ(stored(folder_), layout.expected);
+  EXPECT_EQ(AclText::forPath(folder_.c_str())->substr(0, 39),
+            "allow user:qxmember list_directory,read")
       << "a folder's ACL read by path names folder rights";
-  EXPECT_EQ(readRaw(file_), rawAcl({{uuidOf(kAlice), 0x21, 0x802},
-                                    {uuidOf(kStaff), 0x112, 0x2000},
-                                    {uuidOf(kStaff), 0xc1, 0x3ffe}}));
+  EXPECT_EQ(readRaw(file_), layout.bytes);
   // Written by hand, read through the interface: over a POSIX ACL that already enforces it
   // (a folder-inheritance flag means nothing to a file's POSIX ACL).
-  AclHandle denyStaff = buildAcl({{ACL_EXTENDED_DENY, kStaff, ACL_PERM_MASK, 0}});
-  ASSERT_EQ(setError(file_, denyStaff.get()), 0);
-  ASSERT_TRUE(writeRaw(file_, rawAcl({{uuidOf(kStaff), 0x42, 0x3ffe}})));
-  EXPECT_EQ(stored(file_), "deny group:qxstaff " + all + " directory_inherit\n");
+  AclHandle denyTeam = buildAcl({{ACL_EXTENDED_DENY, kTeam, ACL_PERM_MASK, 0}});
+  ASSERT_EQ(setError(file_, denyTeam.get()), 0);
+  const qx::test::AttributeFile denied = qx::test::attributeFile("team-denied-all.attr");
+  ASSERT_TRUE(writeRaw(file_, denied.bytes));
+  EXPECT_EQ(stored(file_), denied.expected);
+  ASSERT_TRUE(writeRaw(file_, qx::test::attributeFile("no-entries.attr").bytes));
   // A stored ACL without entries is an empty ACL; writing one removes the attribute.
-  ASSERT_TRUE(writeRaw(file_, rawAcl({})));
   EXPECT_EQ(getError(file_), 0);
   ASSERT_EQ(setError(file_, empty_.get()), 0);
   EXPECT_FALSE(hasAttribute(file_));
@@ -149,44 +147,34 @@ TEST_F(AclStorageTest, AclsRoundTripInTheStoredLayoutUpTo128Entries) {
   EXPECT_EQ(errnoOf([&] { return acl_create_entry(&raw, &extra) == -1; }), ENOMEM);
 }
 
-TEST_F(AclStorageTest, DamagedAttributesAreErrorsNeverEmptyAcls) {
-  const test::Uuid q = uuidOf(kAlice);
-  auto edited = [](std::vector<uint8_t> bytes, size_t at, int value) {
-    if (value < 0) {
-      bytes.pop_back();
-    } else if (at >= bytes.size()) {
-      bytes.push_back(static_cast<uint8_t>(value));
-    } else {
-      bytes[at] = static_cast<uint8_t>(value);
+// Each file of attributes/ as a plain file's attribute: the stored entries it reads as (not
+// in force, as no POSIX ACL enforces them), or EINVAL where it is damaged, never an empty ACL.
+TEST_F(AclStorageTest, AttributeFilesReadAsTheirExpectedEntriesOrAsDamaged) {
+  int files = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(QX_SOURCE_DIR "/tests/platform/xacl/attributes")) {
+    const std::string name = entry.path().filename();
+    const qx::test::AttributeFile attribute = qx::test::attributeFile(name);
+    tree_.file(name);
+    const std::string path = tree_.path(name);
+    ASSERT_TRUE(writeRaw(path, attribute.bytes)) << name << ": " << strerror(errno);
+    AclState state;
+    errno = 0;
+    AclHandle shown(acl_get_link_state_np(path.c_str(), &state));
+    std::string outcome = errno == EINVAL ? "EINVAL\n" : "";
+    if (errno != EINVAL) {
+      AclHandle storedAcl(acl_init(0));
+      storedAcl.get()->assign(state.stored);
+      outcome = AclText::format(storedAcl.get()).value_or("not an ACL");
+      // Only an ACL without entries is in force without a POSIX ACL.
+      EXPECT_EQ(static_cast<bool>(shown), state.stored.empty()) << name;
+      EXPECT_EQ(state.storedNotInForce, !state.stored.empty()) << name;
     }
-    return bytes;
-  };
-  std::vector<uint8_t> oversized = rawAcl(std::vector<RawEntry>(ACL_MAX_ENTRIES, {q, 1, 2}));
-  oversized.resize(oversized.size() + 500, 0);
-  const std::vector<std::pair<const char*, std::vector<uint8_t>>> damage = {
-      {"empty", {}},
-      {"short header", {0x01, 0x2c, 0xc1, 0x6d, 0, 0, 0}},
-      {"bad magic", rawAcl({{q, 1, 2}}, 0x012cc16e)},
-      {"ACL flags", rawAcl({{q, 1, 2}}, 0x012cc16d, 1)},
-      {"undefined tag", rawAcl({{q, 0, 2}})},
-      {"tag 3", rawAcl({{q, 3, 2}})},
-      {"tag 15", rawAcl({{q, 0xf, 2}})},
-      {"unknown entry flag 0x200", rawAcl({{q, 0x201, 2}})},
-      {"unknown entry flag in the top bit", rawAcl({{q, 0x80000001, 2}})},
-      {"unknown permission 0x1", rawAcl({{q, 1, 0x3}})},
-      {"unknown permission 0x4000", rawAcl({{q, 1, 0x4002}})},
-      {"count above the entries present", edited(rawAcl({{q, 1, 2}}), 7, 2)},
-      {"count below the entries present", edited(rawAcl({{q, 1, 2}, {q, 2, 4}}), 7, 1)},
-      {"count 0xff000000", edited(rawAcl({}), 4, 0xff)},
-      {"trailing byte", edited(rawAcl({{q, 1, 2}}), SIZE_MAX, 0)},
-      {"truncated entry", edited(rawAcl({{q, 1, 2}}), 0, -1)},
-      {"129 entries", rawAcl(std::vector<RawEntry>(ACL_MAX_ENTRIES + 1, {q, 1, 2}))},
-      {"longer than any ACL", oversized},
-  };
-  for (const auto& [what, bytes] : damage) {
-    ASSERT_TRUE(writeRaw(file_, bytes)) << what << ": " << strerror(errno);
-    EXPECT_EQ(getError(file_), EINVAL) << what;
+    EXPECT_EQ(outcome, attribute.expected) << name;
+    ++files;
   }
+  EXPECT_GE(files, 20);
+  ASSERT_TRUE(writeRaw(file_, qx::test::attributeFile("bad-magic.attr").bytes));
   EXPECT_EQ(errnoOf([&] { return !AclText::forPath(file_.c_str()); }), EINVAL) << "no text";
 }
 
@@ -208,8 +196,8 @@ TEST_F(AclStorageTest, LinksAndOtherSpecialFilesTakeOnlyAnEmptyAcl) {
 // writing needs write access to the item.
 TEST_F(AclStorageTest, WritingNeedsWriteAccess) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to switch to an unprivileged user";
-  constexpr uid_t kUid = 2001;
-  constexpr gid_t kGid = 3001;
+  constexpr uid_t kUid = qx::test::kOther;
+  constexpr gid_t kGid = qx::test::kOtherGroup;
   auto setAsAlice = [&] {
     return qx::test::ChildProcess::runAs(
         kUid, kGid, [&] { return std::to_string(setError(file_, one_.get())); });

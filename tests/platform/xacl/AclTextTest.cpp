@@ -14,27 +14,27 @@ using test::buildAcl;
 using test::uuidOf;
 
 TEST(AclTextTest, EntriesReadAsOneLineEachWithNamesOrUuids) {
-  ASSERT_NE(getpwnam("qxalice"), nullptr) << "run through ctest: this folder's nss_wrapper files";
+  ASSERT_NE(getpwnam("qxmember"), nullptr) << "tests/support/users through nss_wrapper";
   AclHandle acl = buildAcl({
-      {ACL_EXTENDED_ALLOW, "FFFFEEEE-DDDD-CCCC-BBBB-AAAA000007D1", ACL_READ_DATA | ACL_EXECUTE,
+      {ACL_EXTENDED_ALLOW, "FFFFEEEE-DDDD-CCCC-BBBB-AAAA00000836", ACL_READ_DATA | ACL_EXECUTE,
        ACL_ENTRY_FILE_INHERIT},
-      {ACL_EXTENDED_DENY, "ABCDEFAB-CDEF-ABCD-EFAB-CDEF00000BC2",
+      {ACL_EXTENDED_DENY, "ABCDEFAB-CDEF-ABCD-EFAB-CDEF00000C26",
        ACL_WRITE_DATA | ACL_APPEND_DATA | ACL_DELETE},
-      {ACL_EXTENDED_ALLOW, "ABCDEFAB-CDEF-ABCD-EFAB-CDEF00000BC2", 0,
+      {ACL_EXTENDED_ALLOW, "ABCDEFAB-CDEF-ABCD-EFAB-CDEF00000C26", 0,
        ACL_ENTRY_INHERITED | ACL_ENTRY_ONLY_INHERIT},
   });
   EXPECT_EQ(AclText::format(acl.get()),
-            "allow user:qxalice read_data,execute file_inherit\n"
-            "deny group:qxstaff write_data,append_data,delete\n"
-            "allow group:qxstaff none inherited,only_inherit\n");
+            "allow user:qxmember read_data,execute file_inherit\n"
+            "deny group:qxteam write_data,append_data,delete\n"
+            "allow group:qxteam none inherited,only_inherit\n");
   acl_entry_t first = nullptr;
   ASSERT_EQ(acl_get_entry(acl.get(), ACL_FIRST_ENTRY, &first), 0);
-  EXPECT_EQ(AclText::format(acl.get(), true)->substr(0, 48),
-            "allow user:qxalice list_directory,search file_in");
+  EXPECT_EQ(AclText::format(acl.get(), true)->substr(0, 49),
+            "allow user:qxmember list_directory,search file_in");
   acl_entry_t next = nullptr;
   ASSERT_EQ(acl_get_entry(acl.get(), ACL_NEXT_ENTRY, &next), 0)
       << "formatting did not move the iteration";
-  EXPECT_EQ(AclText::formatEntry(next), "deny group:qxstaff write_data,append_data,delete");
+  EXPECT_EQ(AclText::formatEntry(next), "deny group:qxteam write_data,append_data,delete");
   AclHandle incomplete(acl_init(1));
   EXPECT_EQ(AclText::formatEntry(addEntry(incomplete.get(), {ACL_UNDEFINED_TAG, nullptr, 0x10})),
             "undefined unset delete");

@@ -72,30 +72,6 @@ inline AclHandle buildAcl(const std::vector<EntryFields>& entries) {
   return acl;
 }
 
-// The stored form built by hand, independently of the codec under test.
-struct RawEntry {
-  Uuid qualifier;
-  uint32_t flagsWord;
-  uint32_t rights;
-};
-
-inline std::vector<uint8_t> rawAcl(const std::vector<RawEntry>& entries,
-                                   uint32_t magic = 0x012cc16d, uint32_t aclFlags = 0) {
-  std::vector<uint8_t> bytes;
-  auto put = [&](uint32_t word) {
-    for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back(uint8_t(word >> shift));
-  };
-  put(magic);
-  put(static_cast<uint32_t>(entries.size()));
-  put(aclFlags);
-  for (const RawEntry& entry : entries) {
-    bytes.insert(bytes.end(), entry.qualifier.begin(), entry.qualifier.end());
-    put(entry.flagsWord);
-    put(entry.rights);
-  }
-  return bytes;
-}
-
 inline bool writeRaw(const std::string& path, const std::vector<uint8_t>& bytes) {
   return lsetxattr(path.c_str(), kAclAttributeName, bytes.data(), bytes.size(), 0) == 0;
 }
