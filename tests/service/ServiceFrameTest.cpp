@@ -1,21 +1,28 @@
-// The service frame in process: a QXFileService and its delegate on one end
-// of a socket pair, a plain connection on the other.
+// The service frame in process: a QXFileService and its delegate, or a
+// worker's questions to its client, on one end of a socket pair, a plain
+// connection on the other.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "model/ModelClasses.h"
+#include "model/QXFileSizeItem.h"
 #include "platform/dispatch/ReplyWaiter.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcListener.h"
 #include "protocol/QXFileRequest.h"
+#include "service/QXClientCallbacks.h"
 #include "service/QXFileService.h"
 #include "service/QXFileServiceDelegate.h"
 #include "tests/support/Eventually.h"
@@ -60,10 +67,86 @@ class ServiceFrame : public ::testing::Test {
     return clientEnd->remoteObjectProxy<QXFileRequest>();
   }
 
+  // The service end as a worker's connection to a client exporting `responder`.
+  std::shared_ptr<qx::XpcConnection> workerTo(std::shared_ptr<QXFileResponse> responder) {
+    serviceEnd->setRemoteObjectInterface(
+        qx::XpcInterface::interfaceWithProtocol(QXFileResponse::protocol()));
+    serviceEnd->resume();
+    clientProxy(std::move(responder));
+    return serviceEnd;
+  }
+
   std::shared_ptr<qx::XpcConnection> serviceEnd;
   std::shared_ptr<qx::XpcConnection> clientEnd;
   qx::test::TempTree files{"qx-frame"};
 };
+
+QXSizeUpdates twoUpdates() {
+  auto folder = QXFileSizeItem::make(300);
+  folder->setBusy(true);
+  auto file = QXFileSizeItem::make(200);
+  file->setBusy(false);
+  return {{qx::IndexPath::make(), folder}, {qx::IndexPath::make(std::vector<uint64_t>{0}), file}};
+}
+
+// How a worker asks its client through `connection`, and what it concludes:
+// true when it is to stop.
+struct Question {
+  const char* name;
+  std::function<bool(const std::shared_ptr<qx::XpcConnection>& connection)> stops;
+  bool stopAnswer;  // the client's answer that means "stop"
+};
+
+const Question kQuestions[] = {
+    {"size report",
+     [](const auto& connection) {
+       return !QXClientCallbacks::sizeReport(connection)(twoUpdates());
+     },
+     false},
+    {"rename question",
+     [](const auto& connection) { return QXClientCallbacks::renameQuestion(connection)(); }, true},
+};
+
+// The workers' questions cross the connection with their senses kept, and
+// the size updates as records of their state.
+TEST_F(ServiceFrame, TheClientsAnswersKeepTheirSenses) {
+  auto responder = std::make_shared<qx::test::ScriptedResponder>([](int n) { return n == 2; },
+                                                                 [](int n) { return n == 2; });
+  auto worker = workerTo(responder);
+  for (const Question& question : kQuestions) {
+    EXPECT_EQ(question.stops(worker), !question.stopAnswer) << question.name << " NO";
+    EXPECT_EQ(question.stops(worker), question.stopAnswer) << question.name << " YES";
+  }
+  ASSERT_EQ(responder->reports().size(), 2u);
+  std::vector<std::string> records;
+  for (const auto& object : *responder->reports()[0]) {
+    auto record = qx::cast<qx::Dictionary>(object);
+    auto path = record->objectForKeyAs<qx::IndexPath>("QXIndexPath");
+    auto item = record->objectForKeyAs<QXFileSizeItem>("QXFileSizeItem");
+    records.push_back(std::to_string(path->indexes().size()) + " " + std::to_string(item->size()) +
+                      (item->busy() ? " busy" : ""));
+  }
+  EXPECT_EQ(records, (std::vector<std::string>{"0 300 busy", "1 200"}));
+}
+
+// The client leaves while the workers wait, or there is no connection at
+// all: each worker is released, told to stop.
+TEST_F(ServiceFrame, AQuestionWithoutAnAnswerStops) {
+  auto holding = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
+  auto worker = workerTo(holding);
+  std::vector<std::future<bool>> asking;
+  for (const Question& question : kQuestions) {
+    EXPECT_TRUE(question.stops(nullptr)) << question.name;
+    asking.push_back(std::async(std::launch::async, [&] { return question.stops(worker); }));
+  }
+  ASSERT_TRUE(holding->waitForCalls(std::size(kQuestions)));
+  for (auto& stop : asking) EXPECT_EQ(stop.wait_for(100ms), std::future_status::timeout);
+  clientEnd->invalidate();
+  for (std::size_t i = 0; i < asking.size(); ++i) {
+    ASSERT_EQ(asking[i].wait_for(10s), std::future_status::ready) << kQuestions[i].name;
+    EXPECT_TRUE(asking[i].get()) << kQuestions[i].name;
+  }
+}
 
 TEST_F(ServiceFrame, AServiceHoldsItsConnectionAndClosesItWhenDestroyed) {
   auto alone = std::make_shared<QXFileService>();
@@ -102,6 +185,49 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   // The connection's end releases its service.
   clientEnd->invalidate();
   EXPECT_TRUE(eventually([&] { return exported.expired(); }));
+}
+
+// Renames and size calculations of a connection run one at a time, in the
+// order they came, and wait for one that waits for its client; listings and
+// ACL requests of the connection do not.
+TEST_F(ServiceFrame, OperationsQueueBehindOneWaitingForItsClientListingsDoNot) {
+  for (int i = 0; i < 150; ++i) files.file("counted/" + std::to_string(i), "x");
+  files.file("item", "x");
+  ASSERT_TRUE(accept());
+  auto responder = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
+  auto proxy = clientProxy(responder);
+  auto counted = qx::Array::make({qx::Url::fileURLWithPath(files.path("counted"))});
+  auto item = qx::Url::fileURLWithPath(files.path("item"));
+  std::mutex mutex;
+  std::vector<std::string> order;
+  auto log = [&](std::string what) {
+    std::lock_guard lock(mutex);
+    order.push_back(std::move(what));
+  };
+  auto logged = [&] {
+    std::lock_guard lock(mutex);
+    return order;
+  };
+  proxy->getSizesWithUrls(counted, [&](qx::ArrayPtr, qx::ErrorPtr) { log("sizes"); });
+  ASSERT_TRUE(responder->waitForCalls(1));
+  proxy->renameUrls(qx::Array::make({item}), qx::Array::make({qx::str("renamed")}),
+                    [&](qx::ArrayPtr, qx::ArrayPtr, qx::ErrorPtr) { log("rename"); });
+  proxy->getSizesWithUrls(counted, [&](qx::ArrayPtr, qx::ErrorPtr) { log("sizes again"); });
+  auto levels = qx::ReplyWaiter<qx::ArrayPtr, qx::ErrorPtr>::wait([&](auto done) {
+    proxy->getContentsOfDirectory(item, qx::IndexPath::make(), std::move(done));
+  });
+  EXPECT_TRUE(levels && std::get<0>(*levels));
+  auto entries = qx::ReplyWaiter<qx::ArrayPtr, qx::ErrorPtr>::wait(
+      [&](auto done) { proxy->getAclEntriesWithUrl(item, std::move(done)); });
+  EXPECT_TRUE(entries && std::get<0>(*entries));
+  std::this_thread::sleep_for(100ms);
+  EXPECT_TRUE(logged().empty());
+  EXPECT_FALSE(std::filesystem::exists(files.path("renamed")));
+  responder->answerHeld(true);
+  ASSERT_TRUE(responder->waitForCalls(2)) << "the second calculation's report";
+  responder->answerHeld(true);
+  ASSERT_TRUE(eventually([&] { return logged().size() == 3; }));
+  EXPECT_EQ(logged(), (std::vector<std::string>{"sizes", "rename", "sizes again"}));
 }
 
 // A propagation over a large tree works on the connection's delivery queue
@@ -144,6 +270,7 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
                           [&](qx::ArrayPtr, qx::ErrorPtr) { answered = true; });
   ASSERT_TRUE(responder->waitForCalls(1));
   proxy->propagateAclEntries(std::get<0>(*entries), deep, [&](qx::ErrorPtr) { answered = true; });
+  proxy->getAclEntriesWithUrl(deep, [&](qx::ArrayPtr, qx::ErrorPtr) { answered = true; });
   ASSERT_TRUE(eventually([&] { return touchedFolders() > 0; })) << "the propagation runs";
 
   // Each answer is read while the propagation works, and the next report comes.
@@ -152,7 +279,7 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
     ASSERT_TRUE(responder->waitForCalls(report)) << "report " << report;
   }
   ASSERT_LT(touchedFolders(), kFolders) << "the tree is too small to outlast the reports";
-  EXPECT_FALSE(answered.load());
+  EXPECT_FALSE(answered.load()) << "an ACL request waits for the propagation before it";
 
   auto closed = std::chrono::steady_clock::now();
   clientEnd->invalidate();

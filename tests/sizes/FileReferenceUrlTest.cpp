@@ -113,6 +113,7 @@ TEST(FileReferenceUrl, IsMadeFromAnItemAndCrossesAnArchiveWithItsKeptPath) {
   EXPECT_TRUE(decoded->isEqual(*reference));
   ASSERT_EQ(rename(tree.path("with space%").c_str(), tree.path("moved").c_str()), 0);
   EXPECT_EQ(decoded->path(), tree.path("moved")) << "the decoded reference finds the item";
+  EXPECT_EQ(decoded->isDirectory(), std::optional<bool>(false));
   auto plain = cast<Url>(roundTrip(Url::fileURLWithPath(tree.path("moved"))));
   ASSERT_NE(plain, nullptr);
   EXPECT_FALSE(plain->isFileReferenceURL());
@@ -123,6 +124,11 @@ TEST(FileReferenceUrl, IsMadeFromAnItemAndCrossesAnArchiveWithItsKeptPath) {
   ASSERT_NE(older, nullptr);
   EXPECT_TRUE(older->isEqual(*reference));
   EXPECT_EQ(older->path(), tree.path("moved"));
+  // Moved out of its folder: no present path.
+  tree.folder("elsewhere");
+  ASSERT_EQ(rename(tree.path("moved").c_str(), tree.path("elsewhere/moved").c_str()), 0);
+  EXPECT_EQ(decoded->path(), "");
+  EXPECT_FALSE(decoded->isDirectory().has_value());
 
   // Without a kept path, or with one that names another item: no present path.
   for (ObjectPtr kept : {ObjectPtr(), ObjectPtr(str("file://" + tree.root()))}) {

@@ -13,13 +13,23 @@
 #include "platform/foundation/Foundation.h"
 #include "sizes/QXFileSizes.h"
 #include "tests/support/AsNobody.h"
-#include "tests/support/SizeRecord.h"
 #include "tests/support/TempTree.h"
 
 namespace qx {
 namespace {
 
-using test::SizeRecord;
+// One size update: where it is in the result tree, its total, and whether
+// that total may still grow.
+struct SizeRecord {
+  std::vector<uint64_t> indexPath;
+  int64_t size = -999;
+  bool busy = true;
+  bool operator==(const SizeRecord&) const = default;
+  friend std::ostream& operator<<(std::ostream& out, const SizeRecord& record) {
+    return out << testing::PrintToString(record.indexPath) << " " << record.size
+               << (record.busy ? " busy" : "");
+  }
+};
 using Records = std::vector<SizeRecord>;
 using Paths = std::vector<std::string>;
 
