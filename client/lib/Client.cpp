@@ -9,6 +9,7 @@
 #include "platform/foundation/IndexPath.h"
 #include "platform/foundation/String.h"
 #include "platform/foundation/Url.h"
+#include "platform/xpc/XpcConnection.h"
 
 namespace qxfile {
 
@@ -32,17 +33,21 @@ struct Client::State {
     return shared;
   }
 
-  // An idle operation connection, else a new one; nullptr with `error` set
-  // when the service cannot be reached.
-  std::shared_ptr<QXFileClient> takeOperationConnection(std::optional<Error>* error) {
+  // An idle operation connection (`reused` set), else a new one; nullptr
+  // with `error` set when the service cannot be reached.
+  std::shared_ptr<QXFileClient> takeOperationConnection(std::optional<Error>* error,
+                                                        bool* reused = nullptr) {
     {
       std::lock_guard lock(mutex);
       while (!idle.empty()) {
         auto connection = std::move(idle.back());
         idle.pop_back();
-        if (connection->isConnected()) return connection;
+        if (!connection->isConnected()) continue;
+        if (reused) *reused = true;
+        return connection;
       }
     }
+    if (reused) *reused = false;
     auto connection = std::make_shared<QXFileClient>();
     qx::ErrorPtr failure;
     if (!connection->connect(&failure)) {
@@ -223,30 +228,62 @@ Request Client::rename(const std::vector<std::filesystem::path>& items,
   return Request(request);
 }
 
+namespace {
+
+// One size calculation, as asked for; it may be sent twice (see startSizes).
+struct SizeCalculation {
+  qx::ArrayPtr urls;
+  std::shared_ptr<Request::State> request;
+  Client::SizeOptions options;
+  Client::Completion<std::vector<SizeUpdate>> done;
+  std::atomic<bool> heard{false};  // a report of the service arrived
+};
+
+// The connection ended before the service answered anything.
+bool lostUnheard(const qx::ErrorPtr& error, const SizeCalculation& calculation) {
+  return error && error->domain() == qx::kCocoaErrorDomain &&
+         error->code() == qx::kXpcConnectionInvalidError && !calculation.heard &&
+         !calculation.request->cancelled;
+}
+
+// Sends the calculation on an operation connection. An idle connection may
+// have lost its service (ended or restarted) without having noticed yet:
+// when such a reused connection ends before any report, the calculation,
+// which changes nothing, is sent once more on a connection made anew.
+void startSizes(const std::shared_ptr<Client::State>& state,
+                const std::shared_ptr<SizeCalculation>& calculation) {
+  std::optional<Error> failure;
+  bool reused = false;
+  auto connection = state->takeOperationConnection(&failure, &reused);
+  if (!connection) return calculation->done({}, failure);
+  connection->setSizeUpdateHandler([calculation](const qx::ArrayPtr& batch) {
+    calculation->heard = true;
+    auto& request = *calculation->request;
+    if (request.cancelled) return false;
+    auto updates = RecordConversion::sizes(batch);
+    if (!updates) return false;
+    CallbackScope scope;
+    const auto& onUpdate = calculation->options.onUpdate;
+    if (onUpdate && !onUpdate(*updates)) request.cancelled = true;
+    return !request.cancelled;
+  });
+  connection->getSizesWithUrls(calculation->urls, [calculation, connection, reused,
+                                                   weak = std::weak_ptr<Client::State>(state)](
+                                                      qx::ArrayPtr last, qx::ErrorPtr error) {
+    auto state = weak.lock();
+    if (state) state->giveBack(connection);
+    if (state && reused && lostUnheard(error, *calculation)) return startSizes(state, calculation);
+    complete(calculation->done, last, error, RecordConversion::sizes, "size records");
+  });
+}
+
+}  // namespace
+
 Request Client::getSizes(const std::vector<std::filesystem::path>& items, SizeOptions options,
                          Completion<std::vector<SizeUpdate>> done) {
   auto request = std::make_shared<Request::State>();
-  std::optional<Error> failure;
-  auto connection = state_->takeOperationConnection(&failure);
-  if (!connection) {
-    done({}, failure);
-    return Request(request);
-  }
-  connection->setSizeUpdateHandler(
-      [request, onUpdate = std::move(options.onUpdate)](const qx::ArrayPtr& batch) {
-        if (request->cancelled) return false;
-        auto updates = RecordConversion::sizes(batch);
-        if (!updates) return false;
-        CallbackScope scope;
-        if (onUpdate && !onUpdate(*updates)) request->cancelled = true;
-        return !request->cancelled;
-      });
-  connection->getSizesWithUrls(
-      urlsOf(items), [done, connection, weak = std::weak_ptr<State>(state_)](qx::ArrayPtr last,
-                                                                             qx::ErrorPtr error) {
-        if (auto state = weak.lock()) state->giveBack(connection);
-        complete(done, last, error, RecordConversion::sizes, "size records");
-      });
+  startSizes(state_, std::make_shared<SizeCalculation>(urlsOf(items), request, std::move(options),
+                                                       std::move(done)));
   return Request(request);
 }
 

@@ -3,6 +3,7 @@ started on demand in a private socket folder."""
 import errno
 import os
 import shutil
+import signal
 import tempfile
 import unittest
 
@@ -98,6 +99,35 @@ class QxfileFromPython(unittest.TestCase):
             self.assertTrue(all(s % 7 == 0 for s in sizes), sizes)
         for sizes in heard["thousands"]:
             self.assertTrue(all(s % 1000 == 0 for s in sizes), sizes)
+
+    def services(self):
+        """The service processes of this test's socket folder."""
+        mine = ("QXFILE_SOCKET_DIR=" + os.environ["QXFILE_SOCKET_DIR"]).encode()
+        found = []
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                with open("/proc/%s/environ" % pid, "rb") as f:
+                    if mine in f.read().split(b"\0") and int(pid) != os.getpid():
+                        found.append(int(pid))
+            except OSError:
+                pass
+        return found
+
+    def test_calculation_after_the_service_was_killed(self):
+        folder = self.files("again", 3, 10)
+
+        def total():
+            outcome = self.wait(self.client.get_sizes_async, self.client.get_sizes_finish,
+                                [folder], None, None)
+            self.assertNotIn("error", outcome)
+            return [u.get_size() for u in outcome["value"] if len(u.get_index_path()) == 0]
+
+        self.assertEqual(total(), [30])
+        killed = self.services()
+        self.assertEqual(len(killed), 1)
+        os.kill(killed[0], signal.SIGKILL)
+        self.assertEqual(total(), [30])
+        self.assertNotIn(killed[0], self.services())
 
     def test_acl_read_and_write(self):
         item = os.path.join(self.files("acl", 1, 1), "f000")
