@@ -9,7 +9,10 @@ G_BEGIN_DECLS
  *
  * The error domain of the qxfile client. The code is the service's: an errno
  * value for errors of "NSPOSIXErrorDomain", the service's own code otherwise
- * (see qxfile_error_get_service_domain()).
+ * (see qxfile_error_get_service_domain()). Its message is the service's
+ * description; the recovery suggestion and path travel with it in C, and, for
+ * language bindings that copy errors, on the call's result (see
+ * qxfile_error_info_from_result()).
  */
 #define QXFILE_ERROR (qxfile_error_quark())
 
@@ -93,7 +96,8 @@ GType qxfile_error_info_get_type(void);
  * The details of the error the call ended with, whether or not its finish
  * function has been called.
  *
- * Returns: (transfer full) (nullable): the details, or %NULL when the call succeeded
+ * Returns: (transfer full) (nullable): the details, or %NULL when the service or
+ * the connection reported no error
  */
 QxfileErrorInfo* qxfile_error_info_from_result(GAsyncResult* result);
 /**
