@@ -33,21 +33,17 @@ struct Client::State {
     return shared;
   }
 
-  // An idle operation connection (`reused` set), else a new one; nullptr
-  // with `error` set when the service cannot be reached.
-  std::shared_ptr<QXFileClient> takeOperationConnection(std::optional<Error>* error,
-                                                        bool* reused = nullptr) {
+  // An idle operation connection, else a new one; nullptr with `error` set
+  // when the service cannot be reached.
+  std::shared_ptr<QXFileClient> takeOperationConnection(std::optional<Error>* error) {
     {
       std::lock_guard lock(mutex);
       while (!idle.empty()) {
         auto connection = std::move(idle.back());
         idle.pop_back();
-        if (!connection->isConnected()) continue;
-        if (reused) *reused = true;
-        return connection;
+        if (connection->isConnected()) return connection;
       }
     }
-    if (reused) *reused = false;
     auto connection = std::make_shared<QXFileClient>();
     qx::ErrorPtr failure;
     if (!connection->connect(&failure)) {
@@ -230,31 +226,33 @@ Request Client::rename(const std::vector<std::filesystem::path>& items,
 
 namespace {
 
-// One size calculation, as asked for; it may be sent twice (see startSizes).
+// One size calculation, as asked for; it may be sent again (see startSizes).
 struct SizeCalculation {
   qx::ArrayPtr urls;
   std::shared_ptr<Request::State> request;
   Client::SizeOptions options;
   Client::Completion<std::vector<SizeUpdate>> done;
   std::atomic<bool> heard{false};  // a report of the service arrived
+  int resends = 2;                 // sends left after a lost connection; one completion at a time
 };
 
-// The connection ended before the service answered anything.
-bool lostUnheard(const qx::ErrorPtr& error, const SizeCalculation& calculation) {
+// The connection ended before the service reported anything: it may have
+// been a service that had ended or was ending, and may be sent again.
+bool mayResend(const qx::ErrorPtr& error, const SizeCalculation& calculation) {
   return error && error->domain() == qx::kCocoaErrorDomain &&
          error->code() == qx::kXpcConnectionInvalidError && !calculation.heard &&
-         !calculation.request->cancelled;
+         !calculation.request->cancelled && calculation.resends > 0;
 }
 
 // Sends the calculation on an operation connection. An idle connection may
-// have lost its service (ended or restarted) without having noticed yet:
-// when such a reused connection ends before any report, the calculation,
-// which changes nothing, is sent once more on a connection made anew.
+// have lost its service (ended or restarted) without having noticed yet, and
+// a new one may reach a service that is still ending: when the connection
+// ends before any report, the calculation, which changes nothing, is sent
+// again, twice at most, on the next connection.
 void startSizes(const std::shared_ptr<Client::State>& state,
                 const std::shared_ptr<SizeCalculation>& calculation) {
   std::optional<Error> failure;
-  bool reused = false;
-  auto connection = state->takeOperationConnection(&failure, &reused);
+  auto connection = state->takeOperationConnection(&failure);
   if (!connection) return calculation->done({}, failure);
   connection->setSizeUpdateHandler([calculation](const qx::ArrayPtr& batch) {
     calculation->heard = true;
@@ -267,14 +265,17 @@ void startSizes(const std::shared_ptr<Client::State>& state,
     if (onUpdate && !onUpdate(*updates)) request.cancelled = true;
     return !request.cancelled;
   });
-  connection->getSizesWithUrls(calculation->urls, [calculation, connection, reused,
-                                                   weak = std::weak_ptr<Client::State>(state)](
-                                                      qx::ArrayPtr last, qx::ErrorPtr error) {
-    auto state = weak.lock();
-    if (state) state->giveBack(connection);
-    if (state && reused && lostUnheard(error, *calculation)) return startSizes(state, calculation);
-    complete(calculation->done, last, error, RecordConversion::sizes, "size records");
-  });
+  connection->getSizesWithUrls(
+      calculation->urls, [calculation, connection, weak = std::weak_ptr<Client::State>(state)](
+                             qx::ArrayPtr last, qx::ErrorPtr error) {
+        auto state = weak.lock();
+        if (state) state->giveBack(connection);
+        if (state && mayResend(error, *calculation)) {
+          --calculation->resends;
+          return startSizes(state, calculation);
+        }
+        complete(calculation->done, last, error, RecordConversion::sizes, "size records");
+      });
 }
 
 }  // namespace
