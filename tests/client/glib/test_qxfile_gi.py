@@ -114,6 +114,8 @@ class QxfileFromPython(unittest.TestCase):
         return found
 
     def test_calculation_after_the_service_was_killed(self):
+        """The client's idle calculation connection is not reused once its
+        service is gone: the next calculation reaches a new service."""
         folder = self.files("again", 3, 10)
 
         def total():
@@ -154,7 +156,7 @@ class QxfileFromPython(unittest.TestCase):
         call's result, for a failed call and for a batch that failed partway."""
         missing = os.path.join(self.root, "missing")
         folder = self.files("taken", 4, 1)
-        first, second, third, taken = (os.path.join(folder, "f%03d" % i) for i in range(4))
+        first, second, third = (os.path.join(folder, "f%03d" % i) for i in range(3))
         cases = [
             ("acl of a missing item", self.client.get_acl_async, self.client.get_acl_finish,
              (missing,), Qxfile.Error.NOT_FOUND, missing,
