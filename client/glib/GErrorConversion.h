@@ -7,4 +7,7 @@
 class GErrorConversion {
  public:
   static GError* make(const qxfile::Error& error);
+  // Keeps the details of `error` on the task, where bindings that copy
+  // GErrors read them with qxfile_error_info_from_result().
+  static void keepOn(GTask* task, const qxfile::Error& error);
 };

@@ -68,6 +68,7 @@ class Call {
 };
 
 void returnError(GTask* task, const qxfile::Error& error) {
+  GErrorConversion::keepOn(task, error);
   g_task_return_error(task, GErrorConversion::make(error));
 }
 
@@ -264,8 +265,8 @@ void qxfile_client_rename_async(QxfileClient* self, const char* const* paths,
                                 GAsyncReadyCallback callback, gpointer user_data) {
   g_return_if_fail(QXFILE_IS_CLIENT(self));
   auto call = std::make_shared<Call>(g_task_new(self, cancellable, callback, user_data));
-  // The items renamed before a stop are the answer too: a cancelled batch
-  // finishes with them rather than with G_IO_ERROR_CANCELLED.
+  // A stopped or failed batch finishes with the items renamed before it
+  // ended, rather than with G_IO_ERROR_CANCELLED or the error alone.
   g_task_set_check_cancellable(call->task(), FALSE);
   std::vector<std::string> newNames;
   for (; names && *names; ++names) newNames.emplace_back(*names);
@@ -273,32 +274,20 @@ void qxfile_client_rename_async(QxfileClient* self, const char* const* paths,
       pathsOf(paths), newNames, {},
       [call](qxfile::RenameResult result, std::optional<qxfile::Error> error) {
         call->finish();
-        if (error) return returnError(call->task(), *error);
-        g_task_return_pointer(
-            call->task(), new qxfile::RenameResult(std::move(result)),
-            +[](gpointer data) { delete static_cast<qxfile::RenameResult*>(data); });
+        GError* failure = nullptr;
+        if (error) {
+          GErrorConversion::keepOn(call->task(), *error);
+          failure = GErrorConversion::make(*error);
+        }
+        g_task_return_pointer(call->task(), new QxfileRenameResult{std::move(result), failure},
+                              reinterpret_cast<GDestroyNotify>(qxfile_rename_result_free));
       });
   call->watch(request);
 }
 
-char** qxfile_client_rename_finish(QxfileClient* self, GAsyncResult* result, char*** previous_names,
-                                   GError** error) {
+QxfileRenameResult* qxfile_client_rename_finish(QxfileClient* self, GAsyncResult* result) {
   g_return_val_if_fail(g_task_is_valid(result, self), nullptr);
-  auto* renamed =
-      static_cast<qxfile::RenameResult*>(g_task_propagate_pointer(G_TASK(result), error));
-  if (!renamed) return nullptr;
-  GStrvBuilder* paths = g_strv_builder_new();
-  for (const auto& path : renamed->renamed) g_strv_builder_add(paths, path.c_str());
-  if (previous_names) {
-    GStrvBuilder* names = g_strv_builder_new();
-    for (const auto& name : renamed->previousNames) g_strv_builder_add(names, name.c_str());
-    *previous_names = g_strv_builder_end(names);
-    g_strv_builder_unref(names);
-  }
-  delete renamed;
-  char** strv = g_strv_builder_end(paths);
-  g_strv_builder_unref(paths);
-  return strv;
+  return static_cast<QxfileRenameResult*>(g_task_propagate_pointer(G_TASK(result), nullptr));
 }
 
 }  // extern "C"

@@ -1,4 +1,5 @@
 #include "client/glib/GErrorConversion.h"
+#include "client/glib/QxfileRecordsPrivate.h"
 
 namespace {
 
@@ -25,6 +26,14 @@ void qxfile_error_private_clear(QxfileErrorPrivate* priv) {
   g_free(priv->path);
 }
 
+GQuark errorInfoQuark() {
+  return g_quark_from_static_string("qxfile-error-info");
+}
+
+const char* textOrNull(const std::optional<std::string>& text) {
+  return text ? text->c_str() : nullptr;
+}
+
 }  // namespace
 
 extern "C" {
@@ -46,6 +55,37 @@ const char* qxfile_error_get_path(const GError* error) {
   return priv ? priv->path : nullptr;
 }
 
+G_DEFINE_BOXED_TYPE(QxfileErrorInfo, qxfile_error_info, qxfile_error_info_copy,
+                    qxfile_error_info_free)
+
+QxfileErrorInfo* qxfile_error_info_from_result(GAsyncResult* result) {
+  g_return_val_if_fail(G_IS_ASYNC_RESULT(result), nullptr);
+  auto* info =
+      static_cast<const QxfileErrorInfo*>(g_object_get_qdata(G_OBJECT(result), errorInfoQuark()));
+  return info ? qxfile_error_info_copy(info) : nullptr;
+}
+QxfileErrorInfo* qxfile_error_info_copy(const QxfileErrorInfo* info) {
+  return new QxfileErrorInfo(*info);
+}
+void qxfile_error_info_free(QxfileErrorInfo* info) {
+  delete info;
+}
+gint qxfile_error_info_get_code(const QxfileErrorInfo* info) {
+  return static_cast<gint>(info->value.code);
+}
+const char* qxfile_error_info_get_service_domain(const QxfileErrorInfo* info) {
+  return info->value.domain.c_str();
+}
+const char* qxfile_error_info_get_description(const QxfileErrorInfo* info) {
+  return info->value.description.c_str();
+}
+const char* qxfile_error_info_get_recovery_suggestion(const QxfileErrorInfo* info) {
+  return textOrNull(info->value.recoverySuggestion);
+}
+const char* qxfile_error_info_get_path(const QxfileErrorInfo* info) {
+  return info->value.path ? info->value.path->c_str() : nullptr;
+}
+
 }  // extern "C"
 
 GError* GErrorConversion::make(const qxfile::Error& error) {
@@ -57,4 +97,9 @@ GError* GErrorConversion::make(const qxfile::Error& error) {
   priv->service_domain = g_strdup(error.domain.c_str());
   priv->path = error.path ? g_strdup(error.path->c_str()) : nullptr;
   return made;
+}
+
+void GErrorConversion::keepOn(GTask* task, const qxfile::Error& error) {
+  g_object_set_qdata_full(G_OBJECT(task), errorInfoQuark(), new QxfileErrorInfo{error},
+                          reinterpret_cast<GDestroyNotify>(qxfile_error_info_free));
 }

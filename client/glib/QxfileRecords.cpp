@@ -7,6 +7,15 @@ T* copyOf(const T* record) {
   return new T(*record);
 }
 
+template <class Strings>
+char** strvOf(const Strings& strings) {
+  GStrvBuilder* builder = g_strv_builder_new();
+  for (const auto& text : strings) g_strv_builder_add(builder, text.c_str());
+  char** strv = g_strv_builder_end(builder);
+  g_strv_builder_unref(builder);
+  return strv;
+}
+
 template <class T>
 void destroy(T* record) {
   delete record;
@@ -36,6 +45,8 @@ G_DEFINE_BOXED_TYPE(QxfileAclEntry, qxfile_acl_entry, qxfile_acl_entry_copy, qxf
 G_DEFINE_BOXED_TYPE(QxfileAclListing, qxfile_acl_listing, qxfile_acl_listing_copy,
                     qxfile_acl_listing_free)
 G_DEFINE_BOXED_TYPE(QxfileFileRef, qxfile_file_ref, qxfile_file_ref_copy, qxfile_file_ref_free)
+G_DEFINE_BOXED_TYPE(QxfileRenameResult, qxfile_rename_result, qxfile_rename_result_copy,
+                    qxfile_rename_result_free)
 
 QxfileSizeUpdate* qxfile_size_update_copy(const QxfileSizeUpdate* update) {
   return copyOf(update);
@@ -147,6 +158,24 @@ const char* qxfile_file_ref_get_kept_path(const QxfileFileRef* ref) {
 }
 char* qxfile_file_ref_get_present_path(const QxfileFileRef* ref) {
   return g_strdup(ref->value.presentPath().c_str());
+}
+
+QxfileRenameResult* qxfile_rename_result_copy(const QxfileRenameResult* result) {
+  return new QxfileRenameResult{result->value,
+                                result->error ? g_error_copy(result->error) : nullptr};
+}
+void qxfile_rename_result_free(QxfileRenameResult* result) {
+  g_clear_error(&result->error);
+  delete result;
+}
+char** qxfile_rename_result_get_renamed(const QxfileRenameResult* result) {
+  return strvOf(result->value.renamed);
+}
+char** qxfile_rename_result_get_previous_names(const QxfileRenameResult* result) {
+  return strvOf(result->value.previousNames);
+}
+const GError* qxfile_rename_result_get_error(const QxfileRenameResult* result) {
+  return result->error;
 }
 
 }  // extern "C"

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "qxfile-glib/qxfile-error.h"
 #include "qxfile-glib/qxfile-records.h"
 #include "qxfile/Records.h"
 
@@ -16,4 +17,11 @@ struct _QxfileAclListing {
 struct _QxfileFileRef {
   qxfile::FileRef value;
   guint level;
+};
+struct _QxfileErrorInfo {
+  qxfile::Error value;
+};
+struct _QxfileRenameResult {
+  qxfile::RenameResult value;
+  GError* error;  // owned; nullptr when the batch did not fail
 };

@@ -9,6 +9,7 @@
 #include "platform/foundation/IndexPath.h"
 #include "platform/foundation/String.h"
 #include "platform/foundation/Url.h"
+#include "platform/xpc/XpcConnection.h"
 
 namespace qxfile {
 
@@ -223,30 +224,67 @@ Request Client::rename(const std::vector<std::filesystem::path>& items,
   return Request(request);
 }
 
+namespace {
+
+// One size calculation, as asked for; it may be sent again (see startSizes).
+struct SizeCalculation {
+  qx::ArrayPtr urls;
+  std::shared_ptr<Request::State> request;
+  Client::SizeOptions options;
+  Client::Completion<std::vector<SizeUpdate>> done;
+  std::atomic<bool> heard{false};  // a report of the service arrived
+  int resends = 2;                 // sends left after a lost connection; one completion at a time
+};
+
+// The connection ended before the service reported anything: it may have
+// been a service that had ended or was ending, and may be sent again.
+bool mayResend(const qx::ErrorPtr& error, const SizeCalculation& calculation) {
+  return error && error->domain() == qx::kCocoaErrorDomain &&
+         error->code() == qx::kXpcConnectionInvalidError && !calculation.heard &&
+         !calculation.request->cancelled && calculation.resends > 0;
+}
+
+// Sends the calculation on an operation connection. An idle connection may
+// have lost its service (ended or restarted) without having noticed yet, and
+// a new one may reach a service that is still ending: when the connection
+// ends before any report, the calculation, which changes nothing, is sent
+// again, twice at most, on the next connection.
+void startSizes(const std::shared_ptr<Client::State>& state,
+                const std::shared_ptr<SizeCalculation>& calculation) {
+  std::optional<Error> failure;
+  auto connection = state->takeOperationConnection(&failure);
+  if (!connection) return calculation->done({}, failure);
+  connection->setSizeUpdateHandler([calculation](const qx::ArrayPtr& batch) {
+    calculation->heard = true;
+    auto& request = *calculation->request;
+    if (request.cancelled) return false;
+    auto updates = RecordConversion::sizes(batch);
+    if (!updates) return false;
+    CallbackScope scope;
+    const auto& onUpdate = calculation->options.onUpdate;
+    if (onUpdate && !onUpdate(*updates)) request.cancelled = true;
+    return !request.cancelled;
+  });
+  connection->getSizesWithUrls(
+      calculation->urls, [calculation, connection, weak = std::weak_ptr<Client::State>(state)](
+                             qx::ArrayPtr last, qx::ErrorPtr error) {
+        auto state = weak.lock();
+        if (state) state->giveBack(connection);
+        if (state && mayResend(error, *calculation)) {
+          --calculation->resends;
+          return startSizes(state, calculation);
+        }
+        complete(calculation->done, last, error, RecordConversion::sizes, "size records");
+      });
+}
+
+}  // namespace
+
 Request Client::getSizes(const std::vector<std::filesystem::path>& items, SizeOptions options,
                          Completion<std::vector<SizeUpdate>> done) {
   auto request = std::make_shared<Request::State>();
-  std::optional<Error> failure;
-  auto connection = state_->takeOperationConnection(&failure);
-  if (!connection) {
-    done({}, failure);
-    return Request(request);
-  }
-  connection->setSizeUpdateHandler(
-      [request, onUpdate = std::move(options.onUpdate)](const qx::ArrayPtr& batch) {
-        if (request->cancelled) return false;
-        auto updates = RecordConversion::sizes(batch);
-        if (!updates) return false;
-        CallbackScope scope;
-        if (onUpdate && !onUpdate(*updates)) request->cancelled = true;
-        return !request->cancelled;
-      });
-  connection->getSizesWithUrls(
-      urlsOf(items), [done, connection, weak = std::weak_ptr<State>(state_)](qx::ArrayPtr last,
-                                                                             qx::ErrorPtr error) {
-        if (auto state = weak.lock()) state->giveBack(connection);
-        complete(done, last, error, RecordConversion::sizes, "size records");
-      });
+  startSizes(state_, std::make_shared<SizeCalculation>(urlsOf(items), request, std::move(options),
+                                                       std::move(done)));
   return Request(request);
 }
 

@@ -71,7 +71,9 @@ class Client {
                  const std::vector<std::string>& names, RenameOptions options,
                  Completion<RenameResult> done);
   // Totals the sizes of the items and of every folder below them. The
-  // completion carries the last updates.
+  // completion carries the last updates. A calculation whose connection ends
+  // before the first report (the service ended or was restarted) is sent
+  // again on a new connection, twice at most.
   Request getSizes(const std::vector<std::filesystem::path>& items, SizeOptions options,
                    Completion<std::vector<SizeUpdate>> done);
   // The folder's items and, following `indexPath`, those of the folders below: one list a level.

@@ -1,7 +1,9 @@
 """The GObject client from Python, on a GLib main loop, against a real service
 started on demand in a private socket folder."""
+import errno
 import os
 import shutil
+import signal
 import tempfile
 import unittest
 
@@ -39,6 +41,7 @@ class QxfileFromPython(unittest.TestCase):
         outcome = {}
 
         def done(client, result):
+            outcome["result"] = result
             try:
                 outcome["value"] = finish(result)
             except GLib.Error as error:
@@ -97,6 +100,37 @@ class QxfileFromPython(unittest.TestCase):
         for sizes in heard["thousands"]:
             self.assertTrue(all(s % 1000 == 0 for s in sizes), sizes)
 
+    def services(self):
+        """The service processes of this test's socket folder."""
+        mine = ("QXFILE_SOCKET_DIR=" + os.environ["QXFILE_SOCKET_DIR"]).encode()
+        found = []
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                with open("/proc/%s/environ" % pid, "rb") as f:
+                    if mine in f.read().split(b"\0") and int(pid) != os.getpid():
+                        found.append(int(pid))
+            except OSError:
+                pass
+        return found
+
+    def test_calculation_after_the_service_was_killed(self):
+        """The client's idle calculation connection is not reused once its
+        service is gone: the next calculation reaches a new service."""
+        folder = self.files("again", 3, 10)
+
+        def total():
+            outcome = self.wait(self.client.get_sizes_async, self.client.get_sizes_finish,
+                                [folder], None, None)
+            self.assertNotIn("error", outcome)
+            return [u.get_size() for u in outcome["value"] if len(u.get_index_path()) == 0]
+
+        self.assertEqual(total(), [30])
+        killed = self.services()
+        self.assertEqual(len(killed), 1)
+        os.kill(killed[0], signal.SIGKILL)
+        self.assertEqual(total(), [30])
+        self.assertNotIn(killed[0], self.services())
+
     def test_acl_read_and_write(self):
         item = os.path.join(self.files("acl", 1, 1), "f000")
         listing = self.wait(self.client.get_acl_async, self.client.get_acl_finish, item)["value"]
@@ -117,12 +151,38 @@ class QxfileFromPython(unittest.TestCase):
         self.assertTrue(entries[0].get_deny())
         self.assertEqual(entries[0].get_rights(), WRITE_DATA | DELETE)
 
-    def test_errors_keep_code_and_description(self):
+    def test_errors_keep_their_details(self):
+        """The details the service sends with an error reach Python through the
+        call's result, for a failed call and for a batch that failed partway."""
         missing = os.path.join(self.root, "missing")
-        error = self.wait(self.client.get_acl_async, self.client.get_acl_finish,
-                          missing)["error"]
-        self.assertTrue(error.matches(Qxfile.error_quark(), Qxfile.Error.NOT_FOUND))
-        self.assertTrue(error.message)
+        folder = self.files("taken", 4, 1)
+        first, second, third = (os.path.join(folder, "f%03d" % i) for i in range(3))
+        cases = [
+            ("acl of a missing item", self.client.get_acl_async, self.client.get_acl_finish,
+             (missing,), Qxfile.Error.NOT_FOUND, missing,
+             "Error retrieving file Access Control List entries",
+             'Couldn\'t retrieve file stat for file at path "%s". No such file or directory'
+             % missing),
+            ("rename onto a taken name", self.client.rename_async, self.client.rename_finish,
+             ([first, second, third], ["g0", "f003", "g2"]), errno.EEXIST, second,
+             "Error renaming files",
+             'Couldn\'t rename file at path "%s". File exists' % second),
+        ]
+        for name, start, finish, args, code, path, description, suggestion in cases:
+            with self.subTest(name):
+                outcome = self.wait(start, finish, *args)
+                error = outcome.get("error") or outcome["value"].get_error()
+                self.assertTrue(error.matches(Qxfile.error_quark(), code), error)
+                self.assertEqual(error.message, description)
+                info = Qxfile.ErrorInfo.from_result(outcome["result"])
+                self.assertEqual((info.get_code(), info.get_description(),
+                                  info.get_recovery_suggestion(), info.get_path()),
+                                 (code, description, suggestion, path))
+
+        # The batch above failed at its middle item: the first stays renamed.
+        self.assertEqual(sorted(os.listdir(folder)), ["f001", "f002", "f003", "g0"])
+        self.assertEqual(outcome["value"].get_renamed(), [os.path.join(folder, "g0")])
+        self.assertEqual(outcome["value"].get_previous_names(), ["f000"])
 
     def test_listing_and_batch_rename(self):
         folder = self.files("batch", 3, 1)
@@ -135,10 +195,12 @@ class QxfileFromPython(unittest.TestCase):
 
         outcome = self.wait(self.client.rename_async, self.client.rename_finish,
                             paths, ["g0", "g1", "g2"])
-        renamed, previous = outcome["value"]
+        batch = outcome["value"]
+        self.assertIsNone(batch.get_error())
+        self.assertIsNone(Qxfile.ErrorInfo.from_result(outcome["result"]))
         self.assertEqual(sorted(os.listdir(folder)), ["g0", "g1", "g2"])
-        self.assertEqual([os.path.basename(p) for p in renamed], ["g0", "g1", "g2"])
-        self.assertEqual(previous, ["f000", "f001", "f002"])
+        self.assertEqual([os.path.basename(p) for p in batch.get_renamed()], ["g0", "g1", "g2"])
+        self.assertEqual(batch.get_previous_names(), ["f000", "f001", "f002"])
 
 
 if __name__ == "__main__":

@@ -155,14 +155,12 @@ void qxfile_client_rename_async(QxfileClient* self, const char* const* paths,
  * qxfile_client_rename_finish:
  * @self: a client
  * @result: the result given to the callback
- * @previous_names: (out) (optional) (array zero-terminated=1) (transfer full): the names the
- * renamed items had
- * @error: return location for an error
  *
- * Returns: (array zero-terminated=1) (transfer full) (element-type filename): the new paths of the
- * items renamed
+ * Gives what the batch did, also when it failed partway: the items renamed
+ * before the failure and the error (see qxfile_rename_result_get_error()).
+ *
+ * Returns: (transfer full): the batch's result
  */
-char** qxfile_client_rename_finish(QxfileClient* self, GAsyncResult* result, char*** previous_names,
-                                   GError** error);
+QxfileRenameResult* qxfile_client_rename_finish(QxfileClient* self, GAsyncResult* result);
 
 G_END_DECLS

@@ -314,4 +314,58 @@ const char* qxfile_file_ref_get_kept_path(const QxfileFileRef* ref);
  */
 char* qxfile_file_ref_get_present_path(const QxfileFileRef* ref);
 
+/**
+ * QxfileRenameResult:
+ *
+ * What a batch rename did: the items renamed, in order, the names they had,
+ * and the error that ended the batch before its last item, if one did.
+ */
+typedef struct _QxfileRenameResult QxfileRenameResult;
+#define QXFILE_TYPE_RENAME_RESULT (qxfile_rename_result_get_type())
+/**
+ * qxfile_rename_result_get_type:
+ *
+ * Returns: the #GType of #QxfileRenameResult
+ */
+GType qxfile_rename_result_get_type(void);
+/**
+ * qxfile_rename_result_copy:
+ * @result: a rename result
+ *
+ * Returns: (transfer full): a copy of @result
+ */
+QxfileRenameResult* qxfile_rename_result_copy(const QxfileRenameResult* result);
+/**
+ * qxfile_rename_result_free:
+ * @result: a rename result
+ *
+ * Frees @result.
+ */
+void qxfile_rename_result_free(QxfileRenameResult* result);
+/**
+ * qxfile_rename_result_get_renamed:
+ * @result: a rename result
+ *
+ * Returns: (array zero-terminated=1) (transfer full) (element-type filename): the new paths of
+ * the items renamed
+ */
+char** qxfile_rename_result_get_renamed(const QxfileRenameResult* result);
+/**
+ * qxfile_rename_result_get_previous_names:
+ * @result: a rename result
+ *
+ * Returns: (array zero-terminated=1) (transfer full): the names the renamed items had
+ */
+char** qxfile_rename_result_get_previous_names(const QxfileRenameResult* result);
+/**
+ * qxfile_rename_result_get_error:
+ * @result: a rename result
+ *
+ * The items before the failing one stay renamed; none after it was tried.
+ *
+ * Returns: (nullable) (transfer none): the error that ended the batch, %NULL when every item was
+ * renamed or the batch was stopped
+ */
+const GError* qxfile_rename_result_get_error(const QxfileRenameResult* result);
+
 G_END_DECLS
