@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "platform/archive/BinaryPlist.h"
-#include "tests/platform/archive/ArchiveTestSupport.h"
+#include "tests/platform/archive/support/ArchiveTestSupport.h"
 
 namespace qx::testing {
 namespace {

@@ -8,7 +8,7 @@
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "tests/platform/archive/ArchiveTestClasses.h"
-#include "tests/platform/archive/ArchiveTestSupport.h"
+#include "tests/platform/archive/support/ArchiveTestSupport.h"
 
 namespace qx::testing {
 namespace {

@@ -1,4 +1,4 @@
-#include "tests/platform/archive/ArchiveTestSupport.h"
+#include "tests/platform/archive/support/ArchiveTestSupport.h"
 
 #include <cstdio>
 #include <cstdlib>
