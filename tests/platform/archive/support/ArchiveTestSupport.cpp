@@ -15,13 +15,13 @@ namespace qx::testing {
 
 using Ref = BinaryPlist::Ref;
 
-std::vector<uint8_t> readFile(const std::filesystem::path& path) {
+namespace {
+
+std::vector<uint8_t> readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read " + path.string());
+  if (!in) throw std::runtime_error("cannot read " + path);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
-
-namespace {
 
 void writeFile(const std::string& path, std::span<const uint8_t> bytes) {
   std::ofstream out(path, std::ios::binary);

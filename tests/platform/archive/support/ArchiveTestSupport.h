@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <span>
 #include <string>
@@ -16,8 +15,6 @@
 namespace qx::testing {
 
 using json = nlohmann::json;
-
-std::vector<uint8_t> readFile(const std::filesystem::path& path);
 
 // The project's reader and writer.
 json readJson(std::span<const uint8_t> plist);  // throws when it does not parse
