@@ -8,7 +8,7 @@
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "tests/platform/archive/ArchiveTestClasses.h"
-#include "tests/platform/archive/ArchiveTestSupport.h"
+#include "tests/platform/archive/support/ArchiveTestSupport.h"
 
 namespace qx::testing {
 namespace {
@@ -57,6 +57,15 @@ TEST_F(KeyedArchive, ObjectsGetTheirSlotFirstAndOneUidPerInstanceAndClass) {
   EXPECT_TRUE(back->isEqual(*root));
   EXPECT_EQ(back->objectAtIndex(0), back->objectAtIndex(2));
   EXPECT_EQ(back->objectAtIndex(1), back->objectAtIndex(3));
+
+  // Index paths longer than what one, or the decoder, holds in place.
+  for (std::size_t length : {5, 17}) {
+    std::vector<uint64_t> indexes(length);
+    for (std::size_t i = 0; i < length; ++i) indexes[i] = i * 1000;
+    auto path = cast<IndexPath>(roundTrip(IndexPath::make(indexes)));
+    ASSERT_TRUE(path);
+    EXPECT_EQ(path->indexes(), indexes);
+  }
 
   EXPECT_EQ(readJson(archived(nullptr)), keyedArchive(json::array({"$null"}), uid(0)));
   ErrorPtr error;

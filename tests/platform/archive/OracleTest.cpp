@@ -6,7 +6,7 @@
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "tests/platform/archive/ArchiveTestClasses.h"
-#include "tests/platform/archive/ArchiveTestSupport.h"
+#include "tests/platform/archive/support/ArchiveTestSupport.h"
 
 namespace qx::testing {
 namespace {
@@ -125,26 +125,6 @@ TEST_F(ArchiveOracle, AKeyedArchiveWrittenByHandInPlistlibLoads) {
   auto array = cast<Array>(root);
   EXPECT_EQ(array->objectAs<Number>(2)->kind(), Number::Kind::Bool);
   EXPECT_EQ(array->objectAs<Number>(3)->kind(), Number::Kind::Real);
-}
-
-TEST_F(ArchiveOracle, UidsOfOneTwoAndFourBytesFromOtherWritersLoad) {
-  // 70000 distinct strings: their UIDs need one, two and four bytes.
-  const uint32_t count = 70000;
-  json objects = json::array({"$null",
-                              {{"NS.objects", json::array()}, {"$class", uid(2)}},
-                              classDict("NSArray", {"NSArray", "NSObject"})});
-  for (uint32_t i = 0; i < count; ++i) {
-    objects[1]["NS.objects"].push_back(uid(i + 3));
-    objects.push_back("s" + std::to_string(i));
-  }
-  json archive = keyedArchive(objects);
-  ErrorPtr error;
-  auto root = cast<Array>(KeyedUnarchiver::unarchiveObjectWithData(plistlibWrite(archive), &error));
-  ASSERT_TRUE(root) << describe(error);
-  ASSERT_EQ(root->count(), count);
-  for (uint32_t i : {0u, 252u, 253u, 300u, 65532u, 65533u, 69999u}) {
-    EXPECT_TRUE(root->objectAtIndex(i)->isEqual(*str("s" + std::to_string(i)))) << i;
-  }
 }
 
 }  // namespace

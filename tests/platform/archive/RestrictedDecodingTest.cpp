@@ -1,12 +1,13 @@
-// Restricted decoding: which classes a set lets through, where a nested set
-// takes over, that every reference is checked, and that the archive's own
-// class list is never trusted.
+// Restricted decoding of one object named from several places: each reference
+// is checked against its own set. (Which classes one set lets through, where a
+// nested set takes over and that the archive's class chains are never trusted:
+// rows of data/archives.jsonl.)
 #include <gtest/gtest.h>
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "tests/platform/archive/ArchiveTestClasses.h"
-#include "tests/platform/archive/ArchiveTestSupport.h"
+#include "tests/platform/archive/support/ArchiveTestSupport.h"
 
 namespace qx::testing {
 namespace {
@@ -32,82 +33,6 @@ class ArchiveRestricted : public ::testing::Test {
     EXPECT_NE(text.find(refusal.substr(space + 1)), std::string::npos) << text;
   }
 };
-
-std::shared_ptr<Everything> holding(ObjectPtr object, std::vector<ObjectPtr> list) {
-  auto everything = std::make_shared<Everything>();
-  everything->object = std::move(object);
-  everything->list = std::move(list);
-  return everything;
-}
-
-TEST_F(ArchiveRestricted, ASetLetsThroughItsClassesAndTheirSubclassesOnly) {
-  const ClassInfo &array = Array::classInfo(), &string = String::classInfo(),
-                  &number = Number::classInfo(), &node = NestingNode::classInfo(),
-                  &record = SizeRecord::classInfo(), &everything = Everything::classInfo();
-  auto nodeOf = [](ObjectPtr object) { return archived(std::make_shared<NestingNode>(object)); };
-  auto holdingRecords = archived(holding(Array::make({SizeRecord::make(1, true)}), {str("x")}));
-  auto mutableArray = MutableArray::make();
-  mutableArray->addObject(str("x"));
-  auto mixed = Array::make({str("a"), Number::numberWithInteger(3)});
-  auto lyingRecord = keyedArchive(
-      json::array({"$null",
-                   {{"size", 1}, {"$class", uid(2)}},
-                   classDict("QXTestSubRecord", {"QXTestSubRecord", "NSArray", "NSObject"})}));
-  auto lyingArray =
-      keyedArchive(json::array({"$null",
-                                {{"NS.objects", json::array()}, {"$class", uid(2)}},
-                                classDict("NSArray", {"NSArray", "QXFileSizeItem", "NSObject"})}));
-  // The record is decoded first as an array element (allowed); the URL then
-  // names the same record under NS.relative, where only strings are allowed.
-  auto relativeRecord =
-      keyedArchive(json::array({"$null",
-                                {{"NS.objects", {uid(2), uid(3)}}, {"$class", uid(4)}},
-                                {{"size", 3}, {"$class", uid(5)}},
-                                {{"NS.base", uid(0)}, {"NS.relative", uid(2)}, {"$class", uid(6)}},
-                                classDict("NSArray", {"NSArray", "NSObject"}),
-                                classDict("QXFileSizeItem", {"QXFileSizeItem", "NSObject"}),
-                                classDict("NSURL", {"NSURL", "NSObject"})}));
-  struct Case {
-    std::vector<uint8_t> archive;
-    ClassSet set;
-    std::string refusal;
-  };
-  const Case cases[] = {
-      {archived(mutableArray), {&array, &string}, ""},
-      {archived(Array::make({str("x")})), {&MutableArray::classInfo(), &string}, "root NSArray"},
-      // Plain values are checked as NSString, NSNumber and NSData; dictionary
-      // keys like values.
-      {archived(mixed), {&array, &string}, "NS.objects NSNumber"},
-      {archived(mixed), {&array, &string, &number}, ""},
-      {archived(Data::make({1})), {&string}, "root NSData"},
-      {archived(str("s")), {&Data::classInfo()}, "root NSString"},
-      {archived(str("s")), {&Object::classInfo()}, ""},
-      {archived(Dictionary::withStringKeys({{"k", Number::numberWithInteger(1)}})),
-       {&Dictionary::classInfo(), &number},
-       "NS.keys NSString"},
-      // A node names its own set for "object": the root set's string is
-      // refused there, its record (or a subclass) allowed without the root set.
-      {nodeOf(SizeRecord::make(4, true)), {&node, &string}, ""},
-      {nodeOf(std::make_shared<SubRecord>(1, false)), {&node, &string}, ""},
-      {nodeOf(str("no record")), {&node, &string}, "object NSString"},
-      // Plain nested decodes inherit the set in force.
-      {holdingRecords, {&everything, &array, &string, &record}, ""},
-      {holdingRecords, {&everything, &array, &string}, "NS.objects QXFileSizeItem"},
-      // The archive's own class chains are never trusted.
-      {writeJson(lyingRecord), {&array}, "root QXTestSubRecord"},
-      {writeJson(lyingArray), {&record}, "root NSArray"},
-      // The set is checked on every reference, not once per object.
-      {writeJson(relativeRecord),
-       {&array, &record, &Url::classInfo(), &string},
-       "NS.relative QXFileSizeItem"},
-  };
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    const Case& c = cases[i];
-    ErrorPtr error;
-    ObjectPtr decoded = KeyedUnarchiver::unarchivedObjectOfClasses(c.set, c.archive, &error);
-    expectOutcome(decoded, error, c.refusal, i);
-  }
-}
 
 // One instance named by both entries of the root array, the entries decoded
 // one by one with sets of their own, in the order given.

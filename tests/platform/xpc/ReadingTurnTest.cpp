@@ -59,23 +59,34 @@ class Endpoint final : public Peer {
   void ask(OnceCallback<void(bool)> reply) override { reply(true); }
 };
 
-std::shared_ptr<XpcConnection> connect(int fd, const std::shared_ptr<Endpoint>& endpoint) {
-  auto connection = XpcConnection::withSocket(UniqueFd(fd));
-  connection->setExportedInterface(XpcInterface::interfaceWithProtocol(peerProtocol()));
-  connection->setRemoteObjectInterface(XpcInterface::interfaceWithProtocol(peerProtocol()));
-  connection->setExportedObject<Peer>(endpoint);
-  endpoint->remote = connection->remoteObjectProxy<Peer>();
-  return connection;
-}
+// Two endpoints joined by a socket pair.
+class ReadingTurn : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    registerFoundationClasses();
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    first = connect(fds[0], one);
+    second = connect(fds[1], two);
+  }
+  void TearDown() override {
+    first->invalidate();
+    second->invalidate();
+  }
+  static std::shared_ptr<XpcConnection> connect(int fd, const std::shared_ptr<Endpoint>& endpoint) {
+    auto connection = XpcConnection::withSocket(UniqueFd(fd));
+    connection->setExportedInterface(XpcInterface::interfaceWithProtocol(peerProtocol()));
+    connection->setRemoteObjectInterface(XpcInterface::interfaceWithProtocol(peerProtocol()));
+    connection->setExportedObject<Peer>(endpoint);
+    endpoint->remote = connection->remoteObjectProxy<Peer>();
+    return connection;
+  }
 
-TEST(ReadingTurn, PeersWritingLargeFramesToEachOtherFromDeliveriesBothGetThrough) {
-  registerFoundationClasses();
-  int fds[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-  auto one = std::make_shared<Endpoint>();
-  auto two = std::make_shared<Endpoint>();
-  auto first = connect(fds[0], one);
-  auto second = connect(fds[1], two);
+  std::shared_ptr<Endpoint> one = std::make_shared<Endpoint>(), two = std::make_shared<Endpoint>();
+  std::shared_ptr<XpcConnection> first, second;
+};
+
+TEST_F(ReadingTurn, PeersWritingLargeFramesToEachOtherFromDeliveriesBothGetThrough) {
   // Both kicks are queued before reading starts, so each side's first
   // delivery writes its large frame while the other side does the same.
   one->remote->kick();
@@ -84,21 +95,12 @@ TEST(ReadingTurn, PeersWritingLargeFramesToEachOtherFromDeliveriesBothGetThrough
   second->resume();
   EXPECT_TRUE(one->received.waitFor(std::chrono::seconds(20)));
   EXPECT_TRUE(two->received.waitFor(std::chrono::seconds(20)));
-  first->invalidate();
-  second->invalidate();
 }
 
 // A thread that waits for its answers reads them itself, keeping the reading
 // turn between its questions; once it stays away (here: busy, never asking
 // again), the connection must read the other messages without it.
-TEST(ReadingTurn, AThreadThatStopsAskingDoesNotHoldUpTheReading) {
-  registerFoundationClasses();
-  int fds[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-  auto one = std::make_shared<Endpoint>();
-  auto two = std::make_shared<Endpoint>();
-  auto first = connect(fds[0], one);
-  auto second = connect(fds[1], two);
+TEST_F(ReadingTurn, AThreadThatStopsAskingDoesNotHoldUpTheReading) {
   first->resume();
   second->resume();
   Semaphore askedEnough, release;
@@ -115,8 +117,6 @@ TEST(ReadingTurn, AThreadThatStopsAskingDoesNotHoldUpTheReading) {
   EXPECT_TRUE(two->received.waitFor(std::chrono::seconds(20)));
   release.signal();
   asker.join();
-  first->invalidate();
-  second->invalidate();
 }
 
 }  // namespace

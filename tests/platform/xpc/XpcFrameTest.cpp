@@ -1,31 +1,15 @@
+// Frames: a big-endian length before each payload. How a stream cut in any
+// pieces reads back is the frame_reader fuzz target's check, replayed on its
+// seeds by the suite.
 #include <gtest/gtest.h>
 
 #include "platform/xpc/XpcFrame.h"
-#include "tests/platform/xpc/XpcTestSupport.h"
 
-namespace qx::xpctest {
+namespace qx {
 namespace {
 
-TEST(XpcFrameReader, CutsAStreamInAnyPiecesAndRefusesLengthsAboveTheLimit) {
-  std::vector<uint8_t> stream;
-  std::vector<std::vector<uint8_t>> sent = {{}, {1}, std::vector<uint8_t>(70000, 7), {1, 2, 3}};
-  for (const auto& payload : sent) {
-    auto frame = XpcFrame::encode(payload);
-    stream.insert(stream.end(), frame.begin(), frame.end());
-  }
+TEST(XpcFrameReader, LengthsAreBigEndianAndRefusedAboveTheLimit) {
   EXPECT_EQ(XpcFrame::encode(std::vector<uint8_t>{9, 8}), (std::vector<uint8_t>{0, 0, 0, 2, 9, 8}));
-  for (std::size_t piece : {std::size_t{1}, std::size_t{3}, std::size_t{4096}, stream.size()}) {
-    XpcFrameReader reader;
-    std::vector<std::vector<uint8_t>> received;
-    for (std::size_t at = 0; at < stream.size(); at += piece) {
-      reader.append({stream.data() + at, std::min(piece, stream.size() - at)});
-      while (auto payload = reader.next()) received.push_back(*payload);
-    }
-    EXPECT_EQ(received, sent) << "pieces of " << piece;
-    EXPECT_EQ(reader.buffered(), 0u);
-    EXPECT_FALSE(reader.failed());
-  }
-
   XpcFrameReader atLimit;  // exactly 256 MiB: allowed, and incomplete
   atLimit.append(std::vector<uint8_t>{0x10, 0x00, 0x00, 0x00, 1, 2});
   EXPECT_FALSE(atLimit.next() || atLimit.failed());
@@ -39,4 +23,4 @@ TEST(XpcFrameReader, CutsAStreamInAnyPiecesAndRefusesLengthsAboveTheLimit) {
 }
 
 }  // namespace
-}  // namespace qx::xpctest
+}  // namespace qx

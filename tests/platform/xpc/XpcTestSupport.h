@@ -9,7 +9,6 @@
 #include <span>
 #include <vector>
 
-#include "platform/archive/KeyedArchiver.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcFrame.h"
 #include "tests/platform/xpc/support/TestProtocols.h"
@@ -18,10 +17,6 @@
 namespace qx::xpctest {
 
 using qx::test::eventually;
-
-inline std::vector<uint8_t> frameOf(const ObjectPtr& root) {
-  return XpcFrame::encode(KeyedArchiver::archivedDataWithRootObject(root)->bytes());
-}
 
 inline bool writeAll(int fd, std::span<const uint8_t> bytes) {
   while (!bytes.empty()) {

@@ -28,19 +28,15 @@ inline std::optional<std::vector<ObjectPtr>> waitForReply(XpcConnection& connect
   });
 }
 
-using EchoObjectsReply = OnceCallback<void(UrlPtr, UuidPtr, IndexPathPtr, StringPtr, ErrorPtr)>;
-using EchoCollectionsReply = OnceCallback<void(ArrayPtr, DictionaryPtr, DataPtr, NumberPtr, bool)>;
+using EchoReply = OnceCallback<void(ErrorPtr, ArrayPtr, bool)>;
 
-// The protocol of the test service: echoes of every Foundation class, a
-// restricted argument, per-connection state, a request whose worker asks the
-// client and waits for each answer, and a method without a reply block.
+// The protocol of the test service: an echo of an object that names its own
+// sets, a collection and a BOOL, a restricted argument, per-connection state, a request whose
+// worker asks the client and waits for each answer, and a method without a reply block.
 class TestRequest {
  public:
   virtual ~TestRequest() = default;
-  virtual void echoObjects(UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string,
-                           ErrorPtr error, EchoObjectsReply reply) = 0;
-  virtual void echoCollections(ArrayPtr array, DictionaryPtr dictionary, DataPtr data,
-                               NumberPtr number, bool flag, EchoCollectionsReply reply) = 0;
+  virtual void echo(ErrorPtr error, ArrayPtr array, bool flag, EchoReply reply) = 0;
   // Argument 0 is restricted to NSArray and NSURL.
   virtual void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) = 0;
   virtual void incrementWithReply(OnceCallback<void(NumberPtr)> reply) = 0;
@@ -63,13 +59,8 @@ class TestResponse {
 class TestRequestProxy final : public TestRequest, XpcRemoteProxy {
  public:
   using XpcRemoteProxy::XpcRemoteProxy;
-  void echoObjects(UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string,
-                   ErrorPtr error, EchoObjectsReply reply) override {
-    send(&TestRequest::echoObjects, std::move(reply), url, uuid, indexPath, string, error);
-  }
-  void echoCollections(ArrayPtr array, DictionaryPtr dictionary, DataPtr data, NumberPtr number,
-                       bool flag, EchoCollectionsReply reply) override {
-    send(&TestRequest::echoCollections, std::move(reply), array, dictionary, data, number, flag);
+  void echo(ErrorPtr error, ArrayPtr array, bool flag, EchoReply reply) override {
+    send(&TestRequest::echo, std::move(reply), error, array, flag);
   }
   void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) override {
     send(&TestRequest::countUrls, std::move(reply), urls);
@@ -99,17 +90,15 @@ class TestResponseProxy final : public TestResponse, XpcRemoteProxy {
 
 inline const XpcProtocol& testRequestProtocol() {
   static const XpcProtocol protocol = XpcProtocol::describe<TestRequest, TestRequestProxy>(
-      "TestRequest",
-      {
-          xpcMethod("echoUrl:uuid:indexPath:string:error:reply:", &TestRequest::echoObjects),
-          xpcMethod("echoArray:dictionary:data:number:flag:reply:", &TestRequest::echoCollections),
-          xpcMethod("countUrls:reply:", &TestRequest::countUrls),
-          xpcMethod("incrementWithReply:", &TestRequest::incrementWithReply),
-          xpcMethod("processIdWithReply:", &TestRequest::processIdWithReply),
-          xpcMethod("askClient:reply:", &TestRequest::askClient),
-          xpcMethod("note:", &TestRequest::note),
-          xpcMethod("notesWithReply:", &TestRequest::notesWithReply),
-      });
+      "TestRequest", {
+                         xpcMethod("echoError:array:flag:reply:", &TestRequest::echo),
+                         xpcMethod("countUrls:reply:", &TestRequest::countUrls),
+                         xpcMethod("incrementWithReply:", &TestRequest::incrementWithReply),
+                         xpcMethod("processIdWithReply:", &TestRequest::processIdWithReply),
+                         xpcMethod("askClient:reply:", &TestRequest::askClient),
+                         xpcMethod("note:", &TestRequest::note),
+                         xpcMethod("notesWithReply:", &TestRequest::notesWithReply),
+                     });
   return protocol;
 }
 
@@ -133,13 +122,8 @@ class TestService final : public TestRequest, public std::enable_shared_from_thi
   }
   ~TestService() override { connection_->invalidate(); }
 
-  void echoObjects(UrlPtr url, UuidPtr uuid, IndexPathPtr indexPath, StringPtr string,
-                   ErrorPtr error, EchoObjectsReply reply) override {
-    reply(url, uuid, indexPath, string, error);
-  }
-  void echoCollections(ArrayPtr array, DictionaryPtr dictionary, DataPtr data, NumberPtr number,
-                       bool flag, EchoCollectionsReply reply) override {
-    reply(array, dictionary, data, number, flag);
+  void echo(ErrorPtr error, ArrayPtr array, bool flag, EchoReply reply) override {
+    reply(error, array, flag);
   }
   void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) override {
     reply(Number::numberWithInteger(urls ? static_cast<int64_t>(urls->count()) : -1));

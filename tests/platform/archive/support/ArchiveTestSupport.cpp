@@ -1,4 +1,4 @@
-#include "tests/platform/archive/ArchiveTestSupport.h"
+#include "tests/platform/archive/support/ArchiveTestSupport.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -15,13 +15,13 @@ namespace qx::testing {
 
 using Ref = BinaryPlist::Ref;
 
-std::vector<uint8_t> readFile(const std::filesystem::path& path) {
+namespace {
+
+std::vector<uint8_t> readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read " + path.string());
+  if (!in) throw std::runtime_error("cannot read " + path);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
-
-namespace {
 
 void writeFile(const std::string& path, std::span<const uint8_t> bytes) {
   std::ofstream out(path, std::ios::binary);
@@ -32,14 +32,6 @@ void writeFile(const std::string& path, std::span<const uint8_t> bytes) {
 
 bool isTagged(const json& value, const char* tag) {
   return value.is_object() && value.size() == 1 && value.contains(tag);
-}
-
-std::vector<uint8_t> unhex(const std::string& text) {
-  std::vector<uint8_t> bytes;
-  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-    bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
-  }
-  return bytes;
 }
 
 Ref addJson(BinaryPlist& plist, const json& value) {
@@ -158,30 +150,6 @@ std::string hex(std::span<const uint8_t> bytes) {
   return out;
 }
 
-std::vector<uint8_t> RawPlist::bytes() const {
-  std::vector<uint8_t> out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
-  std::vector<uint64_t> offsets;
-  for (const auto& object : objects) {
-    offsets.push_back(out.size());
-    out.insert(out.end(), object.begin(), object.end());
-  }
-  for (const auto& [index, offset] : offsetOverrides) offsets.at(index) = offset;
-  uint64_t table = out.size();
-  auto put = [&](uint64_t value, unsigned width) {
-    // Widths above 8 (bad trailers) get leading zero bytes.
-    for (unsigned i = width; i-- > 0;) {
-      out.push_back(i >= 8 ? 0 : static_cast<uint8_t>(value >> (8 * i)));
-    }
-  };
-  for (uint64_t offset : offsets) put(offset, offsetSize);
-  out.insert(out.end(),
-             {0, 0, 0, 0, 0, 0, static_cast<uint8_t>(offsetSize), static_cast<uint8_t>(refSize)});
-  put(objectCount.value_or(objects.size()), 8);
-  put(top, 8);
-  put(tableOffset.value_or(table), 8);
-  return out;
-}
-
 std::vector<uint8_t> archived(const ObjectPtr& root) {
   DataPtr data = KeyedArchiver::archivedDataWithRootObject(root);
   if (!data) throw std::runtime_error("archiving failed");
@@ -190,6 +158,14 @@ std::vector<uint8_t> archived(const ObjectPtr& root) {
 
 ObjectPtr roundTrip(const ObjectPtr& root, ErrorPtr* error) {
   return KeyedUnarchiver::unarchiveObjectWithData(archived(root), error);
+}
+
+std::vector<uint8_t> unhex(const std::string& text) {
+  std::vector<uint8_t> bytes;
+  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+    bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
 }
 
 std::string describe(const ErrorPtr& error) {

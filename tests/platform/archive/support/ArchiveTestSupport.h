@@ -1,12 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <span>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/archive/BinaryPlist.h"
@@ -18,8 +15,6 @@
 namespace qx::testing {
 
 using json = nlohmann::json;
-
-std::vector<uint8_t> readFile(const std::filesystem::path& path);
 
 // The project's reader and writer.
 json readJson(std::span<const uint8_t> plist);  // throws when it does not parse
@@ -34,19 +29,7 @@ json uid(uint32_t n);
 json classDict(const std::string& name, std::vector<std::string> chain);
 json keyedArchive(json objects, json root = uid(1));
 std::string hex(std::span<const uint8_t> bytes);
-
-// A binary plist assembled from raw object bytes, with every field of the
-// trailer under the test's control.
-struct RawPlist {
-  std::vector<std::vector<uint8_t>> objects;
-  unsigned offsetSize = 1;
-  unsigned refSize = 1;
-  uint64_t top = 0;
-  std::optional<uint64_t> objectCount;                            // replaces the true count
-  std::optional<uint64_t> tableOffset;                            // replaces the true offset
-  std::vector<std::pair<std::size_t, uint64_t>> offsetOverrides;  // object index, offset
-  std::vector<uint8_t> bytes() const;
-};
+std::vector<uint8_t> unhex(const std::string& text);
 
 std::vector<uint8_t> archived(const ObjectPtr& root);
 // The root of the archive of `root` after a round trip.
