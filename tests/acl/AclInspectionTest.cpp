@@ -198,19 +198,21 @@ TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
     qx::UuidPtr who;
     std::string answer;
   };
+  const qx::UuidPtr owner = userUuid(kOwner), member = userUuid(kMember),
+                    primary = userUuid(kPrimary), other = userUuid(kOther);
+  // clang-format off
   const Row rows[] = {
-      {"team/f", userUuid(kOwner), "yes"},        {"team/f", userUuid(kMember), "yes"},
-      {"team/f", userUuid(kPrimary), "yes"},      {"team/f", groupUuid(kTeam), "yes"},
-      {"team/f", userUuid(kOther), "no"},         {"team/f", groupUuid(kDenied), "no"},
-      {"groupOnly/f", userUuid(kMember), "no"},  // the owner's own bits count
-      {"groupOnly/f", userUuid(kPrimary), "yes"}, {"a/b/c/f", userUuid(kOther), "no"},
-      {"a/b/c/f", userUuid(kOwner), "yes"},       {"deny/f", userUuid(kMember), "no"},
-      {"deny/f", userUuid(kPrimary), "no"},       {"deny/f", userUuid(kOther), "yes"},
-      {"silent/f", userUuid(kOther), "no"},       {"silentOpen/f", userUuid(kOther), "yes"},
-      {"closed", userUuid(kOther), "yes"},  // the item itself is not asked
-      {"closed/f", userUuid(kOther), "no"},       {"outer/inner/f", userUuid(kOther), "no"},
-      {"open/inner/f", userUuid(kOther), "yes"},
+      {"team/f", owner, "yes"}, {"team/f", member, "yes"}, {"team/f", primary, "yes"},
+      {"team/f", groupUuid(kTeam), "yes"}, {"team/f", other, "no"},
+      {"team/f", groupUuid(kDenied), "no"},
+      {"groupOnly/f", member, "no"},  // the owner's own bits count
+      {"groupOnly/f", primary, "yes"}, {"a/b/c/f", other, "no"}, {"a/b/c/f", owner, "yes"},
+      {"deny/f", member, "no"}, {"deny/f", primary, "no"}, {"deny/f", other, "yes"},
+      {"silent/f", other, "no"}, {"silentOpen/f", other, "yes"},
+      {"closed", other, "yes"},  // the item itself is not asked
+      {"closed/f", other, "no"}, {"outer/inner/f", other, "no"}, {"open/inner/f", other, "yes"},
   };
+  // clang-format on
   for (const Row& row : rows) {
     if (!std::filesystem::exists(tree_.path(row.item))) tree_.ownedFile(row.item);
   }
@@ -272,11 +274,10 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
     qx::UuidPtr who;
     std::string expected;  // "Leaf=state" pairs to look at
   };
+  // clang-format off
   const Row rows[] = {
       // Owner and others on 0644.
-      {0644,
-       {},
-       userUuid(kOwner),
+      {0644, {}, userUuid(kOwner),
        "Read Data=1, Execute File=0, Read Attributes=1, Read Extended Attributes=1, "
        "Read Permissions=1, Write Data=1, Append Data=1, Delete=1, Write Attributes=1, "
        "Write Extended Attributes=1, Change Permissions=1, Change Owner=0"},
@@ -287,17 +288,14 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
       {0070, {}, userUuid(kPrimary), "Read Data=1"},
       {0070, {}, userUuid(kOwner), "Read Data=0, Write Data=0, Change Permissions=1"},
       // A deny for a group the user is in through the group database, before an allow for them.
-      {0666,
-       {deny(team, ACL_WRITE_DATA | ACL_APPEND_DATA),
-        allow(member, ACL_WRITE_DATA | ACL_EXECUTE | ACL_CHANGE_OWNER)},
-       member,
+      {0666, {deny(team, ACL_WRITE_DATA | ACL_APPEND_DATA),
+              allow(member, ACL_WRITE_DATA | ACL_EXECUTE | ACL_CHANGE_OWNER)}, member,
        "Write Data=0, Append Data=0, Execute File=1, Change Owner=1, Read Data=1"},
       // A folder's leaves.
-      {folder | 0751,
-       {},
-       other,
+      {folder | 0751, {}, other,
        "List Folder Contents=0, Traverse Folder=1, Create Files=0, Delete Subfolders and Files=0"},
   };
+  // clang-format on
   int n = 0;
   for (const Row& row : rows) {
     SCOPED_TRACE("row " + std::to_string(n));
@@ -306,12 +304,11 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
                                             : tree_.ownedFile(name, row.mode);
     ASSERT_TRUE(setAcl(path, row.acl));
     States states = access(path, row.who);
-    std::string seen;
-    for (size_t start = 0; start < row.expected.size();) {
-      size_t end = std::min(row.expected.find(", ", start), row.expected.size());
-      std::string leaf = row.expected.substr(start, row.expected.find('=', start) - start);
-      seen += (start ? ", " : "") + leaf + "=" + std::to_string(states[leaf]);
-      start = end + 2;
+    std::string seen;  // the named leaves' states, in the row's order
+    for (size_t at = 0; at < row.expected.size(); at = row.expected.find(", ", at) + 2) {
+      const std::string leaf = row.expected.substr(at, row.expected.find('=', at) - at);
+      seen += (at ? ", " : "") + leaf + "=" + std::to_string(states[leaf]);
+      if (row.expected.find(", ", at) == std::string::npos) break;
     }
     EXPECT_EQ(seen, row.expected);
   }
