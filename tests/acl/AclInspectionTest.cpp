@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 
 #include "acl/QXFileAcl.h"
 #include "platform/xacl/AclTesting.h"
@@ -117,59 +118,6 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   EXPECT_EQ(listed(link), expected({}, 0777, false, kOther, kDenied));
 }
 
-TEST_F(AclInspection, ListingFailuresCarryTheStepTheNumberAndTheTitle) {
-  const std::string title = "Error retrieving file Access Control List entries";
-  std::string damaged = tree_.ownedFile("damaged");
-  ASSERT_TRUE(setDamagedAcl(damaged));
-  EXPECT_FALSE(list(damaged));
-  expectError(error_, EINVAL, title, step(kRetrieveAcl, damaged, EINVAL));
-  EXPECT_EQ(pathOf(error_), damaged);
-  std::string missing = tree_.path("missing");
-  EXPECT_FALSE(list(missing));
-  expectError(error_, ENOENT, title,
-              step("Couldn't retrieve file stat for file at path \"%s\".", missing, ENOENT));
-
-  tree_.ownedFolder("private", 0700);
-  std::string hidden = tree_.ownedFile("private/f");
-  // Behind a folder only the owner can search, listing and effective access
-  // fail for others on reading the ACL.
-  auto inspectAs = [&](uid_t uid, gid_t gid) {
-    return ChildProcess::runAs(uid, gid, [&] {
-      qx::ErrorPtr listError, accessError;
-      auto listed = QXFileAcl::entriesForUrl(urlOf(hidden), &listError);
-      auto access = QXFileAcl::accessForUrl(urlOf(hidden), userUuid(uid), &accessError);
-      return outcome(listed != nullptr, listError) + "\n" + outcome(access != nullptr, accessError);
-    });
-  };
-  EXPECT_EQ(inspectAs(kOther, kOtherGroup),
-            "13\n" + title + "\n" + step(kRetrieveAcl, hidden, EACCES) + "\n13\n" +
-                "Error retrieving effective file access permissions\n" +
-                step(kRetrieveAcl, hidden, EACCES));
-  EXPECT_EQ(inspectAs(kOwner, kOwnerGroup), "ok\nok");
-
-  // A release cannot fail for real; the interface's test hook makes one fail.
-  std::string file = tree_.ownedFile("f");
-  ASSERT_TRUE(setAcl(
-      file, {allow(userUuid(kMember), ACL_READ_DATA), deny(userUuid(kOther), ACL_READ_DATA)}));
-  const size_t acls = xtesting::LiveAcls(), qualifiers = xtesting::LiveQualifiers();
-  {
-    xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
-    EXPECT_FALSE(list(file));
-    expectError(error_, EIO, title, step(kRelease, file, EIO));
-  }
-  {
-    // The second entry's qualifier: the walk stops there and the ACL is still released.
-    xtesting::ScopedFreeFailure failure(EBUSY, xtesting::FreeTarget::Qualifier, 1);
-    EXPECT_FALSE(list(file));
-    expectError(
-        error_, EBUSY, title,
-        step("Couldn't release file Acces Control List entry qualifier for file at path \"%s\".",
-             file, EBUSY));
-  }
-  EXPECT_EQ(xtesting::LiveAcls(), acls);
-  EXPECT_EQ(xtesting::LiveQualifiers(), qualifiers);
-}
-
 // Every folder above the item is asked in turn, from the nearest up; the
 // first ACL entry about searching decides a folder, and an allow goes on to
 // its parent.
@@ -224,38 +172,6 @@ TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
   EXPECT_TRUE(
       QXFileAcl::getTraversable(nullptr, urlOf(closed), userUuid(kOther)->bytes().data(), nullptr))
       << "null out-parameters are allowed";
-}
-
-TEST_F(AclInspection, TraversalFailuresNameTheFolderAndAreNotWrapped) {
-  std::string folder = tree_.ownedFolder("d");
-  std::string file = tree_.ownedFile("d/f");
-  auto check = [&](const qx::UuidPtr& who, bool expectTraversable) {
-    bool answer = !expectTraversable;
-    error_ = nullptr;
-    EXPECT_FALSE(QXFileAcl::getTraversable(&answer, urlOf(file), who->bytes().data(), &error_));
-    EXPECT_EQ(answer, expectTraversable);
-  };
-  ASSERT_TRUE(setDamagedAcl(folder));
-  check(userUuid(kOther), true);
-  expectError(error_, EINVAL, step(kRetrieveAcl, folder), "Invalid argument");
-  EXPECT_EQ(pathOf(error_), folder);
-
-  // An entry naming neither a user nor a group cannot be matched, and a user
-  // without a passwd entry cannot be placed against the folder's group.
-  const std::string membership = "Couldn't determine group membership for selected user.";
-  ASSERT_TRUE(setAcl(
-      folder, {allow(qx::Uuid::withString("01234567-89AB-CDEF-0123-456789ABCDEF"), ACL_SEARCH)}));
-  check(userUuid(kOther), true);
-  expectError(error_, ENOENT, membership, "No such file or directory");
-  ASSERT_TRUE(setAcl(folder, {}));
-  check(userUuid(kUnknown), true);
-  expectError(error_, ENOENT, membership, "No such file or directory");
-
-  // A release failing after a deny keeps the answer.
-  ASSERT_TRUE(setAcl(folder, {deny(userUuid(kOther), ACL_SEARCH)}));
-  xtesting::ScopedFreeFailure failure(EIO, xtesting::FreeTarget::Acl);
-  check(userUuid(kOther), false);
-  expectError(error_, EIO, step(kRelease, folder), "Input/output error");
 }
 
 // Leaves of the effective access, item by item (all twelve of a file where every leaf is
@@ -314,31 +230,112 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
   }
 }
 
-TEST_F(AclInspection, EffectiveAccessFailuresAreWrappedAndHiddenItemsGetNothing) {
-  const std::string title = "Error retrieving effective file access permissions";
-  std::string file = tree_.ownedFile("f");
-  qx::ErrorPtr error;
-  EXPECT_FALSE(QXFileAcl::accessForUrl(urlOf(file), nullptr, &error));
-  expectError(error, static_cast<int>(0x80000002u), title,
-              "Couldn't retrieve selected user identifier. " +
-                  std::string(std::strerror(static_cast<int>(0x80000002u))));
-
-  // The item's own ACL, and the traversal check's failure, wrapped once.
-  std::string folder = tree_.ownedFolder("d");
-  std::string inner = tree_.ownedFile("d/f");
-  for (const std::string& damaged : {file, folder}) {
-    ASSERT_TRUE(setDamagedAcl(damaged));
-    EXPECT_TRUE(access(damaged == file ? file : inner, userUuid(kOwner)).empty());
-    expectError(error_, EINVAL, title, step(kRetrieveAcl, damaged, EINVAL));
+// Each failing step of listing, traversal and effective access: listing and effective access
+// wrap it under their titles, traversal reports the step itself with the answer it reached.
+// A release cannot fail for real; the interface's test hook makes one fail.
+TEST_F(AclInspection, FailuresCarryTheStepTheNumberAndTheTitle) {
+  const std::string listTitle = "Error retrieving file Access Control List entries";
+  const std::string accessTitle = "Error retrieving effective file access permissions";
+  const std::string membership = "Couldn't determine group membership for selected user.";
+  const std::string qualifier =
+      "Couldn't release file Acces Control List entry qualifier for file at path \"%s\".";
+  ASSERT_TRUE(setDamagedAcl(tree_.ownedFile("damaged")));
+  ASSERT_TRUE(setDamagedAcl(tree_.ownedFolder("d")));
+  tree_.ownedFile("d/f");
+  // An entry naming neither a user nor a group cannot be matched, and a user without a passwd
+  // entry cannot be placed against the folder's group.
+  ASSERT_TRUE(
+      setAcl(tree_.ownedFolder("u"),
+             {allow(qx::Uuid::withString("01234567-89AB-CDEF-0123-456789ABCDEF"), ACL_SEARCH)}));
+  tree_.ownedFile("u/f");
+  ASSERT_TRUE(setAcl(tree_.ownedFolder("e"), {}));
+  tree_.ownedFile("e/f");
+  // A release failing after a deny keeps the answer.
+  ASSERT_TRUE(setAcl(tree_.ownedFolder("r"), {deny(userUuid(kOther), ACL_SEARCH)}));
+  tree_.ownedFile("r/f");
+  ASSERT_TRUE(setAcl(tree_.ownedFile("f"), {allow(userUuid(kMember), ACL_READ_DATA),
+                                            deny(userUuid(kOther), ACL_READ_DATA)}));
+  struct Row {
+    char operation;  // 'l'isting, 't'raversal, effective 'a'ccess
+    std::string item;
+    qx::UuidPtr who;
+    int freeError;  // a release made to fail with this number, 0 for none
+    xtesting::FreeTarget target;
+    unsigned skip;
+    std::string at;        // the item the error's URL names
+    std::string expected;  // the outcome
+  };
+  auto p = [&](const std::string& item) { return item.empty() ? tree_.root() : tree_.path(item); };
+  const auto acl = xtesting::FreeTarget::Acl;
+  const int unparsable = static_cast<int>(0x80000002u);
+  const Row rows[] = {
+      {'l', "damaged", nullptr, 0, acl, 0, "damaged",
+       failure(EINVAL, listTitle, kRetrieveAcl, p("damaged"))},
+      {'l', "missing", nullptr, 0, acl, 0, "missing",
+       failure(ENOENT, listTitle, "Couldn't retrieve file stat for file at path \"%s\".",
+               p("missing"))},
+      {'l', "f", nullptr, EIO, acl, 0, "f", failure(EIO, listTitle, kRelease, p("f"))},
+      // The second entry's qualifier: the walk stops there and the ACL is still released.
+      {'l', "f", nullptr, EBUSY, xtesting::FreeTarget::Qualifier, 1, "f",
+       failure(EBUSY, listTitle, qualifier, p("f"))},
+      {'t', "d/f", userUuid(kOther), 0, acl, 0, "d",
+       "yes 22\n" + step(kRetrieveAcl, p("d")) + "\nInvalid argument"},
+      {'t', "u/f", userUuid(kOther), 0, acl, 0, "u",
+       "yes 2\n" + membership + "\nNo such file or directory"},
+      {'t', "e/f", userUuid(kUnknown), 0, acl, 0, "e",
+       "yes 2\n" + membership + "\nNo such file or directory"},
+      {'t', "r/f", userUuid(kOther), EIO, acl, 0, "r",
+       "no 5\n" + step(kRelease, p("r")) + "\nInput/output error"},
+      {'a', "f", nullptr, 0, acl, 0, "f",
+       std::to_string(unparsable) + "\n" + accessTitle +
+           "\nCouldn't retrieve selected user identifier. " + std::strerror(unparsable)},
+      {'a', "damaged", userUuid(kOwner), 0, acl, 0, "damaged",
+       failure(EINVAL, accessTitle, kRetrieveAcl, p("damaged"))},
+      {'a', "d/f", userUuid(kOwner), 0, acl, 0, "d",
+       failure(EINVAL, accessTitle, kRetrieveAcl, p("d"))},
+      {'a', "f", userUuid(kUnknown), 0, acl, 0, "",
+       "2\n" + accessTitle + "\n" + membership + " No such file or directory"},
+  };
+  const size_t acls = xtesting::LiveAcls(), qualifiers = xtesting::LiveQualifiers();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(1, row.operation) + " " + row.item);
+    std::optional<xtesting::ScopedFreeFailure> failing;
+    if (row.freeError) failing.emplace(row.freeError, row.target, row.skip);
+    std::string seen;
+    if (row.operation == 'l') {
+      seen = list(p(row.item)) ? "listed" : outcome(false, error_);
+    } else if (row.operation == 'a') {
+      seen = access(p(row.item), row.who).empty() ? outcome(false, error_) : "accessed";
+    } else {
+      bool answer = false;
+      error_ = nullptr;
+      const bool done =
+          QXFileAcl::getTraversable(&answer, urlOf(p(row.item)), row.who->bytes().data(), &error_);
+      seen = (done ? "done " : answer ? "yes " : "no ") + outcome(false, error_);
+    }
+    EXPECT_EQ(seen, row.expected);
+    EXPECT_EQ(pathOf(error_), p(row.at)) << "the error's URL";
   }
-  EXPECT_TRUE(access(tree_.ownedFile("plain"), userUuid(kUnknown)).empty());
-  expectError(error_, ENOENT, title,
-              "Couldn't determine group membership for selected user. No such file or directory");
+  EXPECT_EQ(xtesting::LiveAcls(), acls);
+  EXPECT_EQ(xtesting::LiveQualifiers(), qualifiers);
 
-  // Behind a folder the identity cannot search, every leaf is off.
+  // Behind a folder only the owner can search, listing and effective access fail for others
+  // on reading the ACL; an identity that cannot search there is granted nothing.
   tree_.ownedFolder("private", 0700);
   std::string hidden = tree_.ownedFile("private/f", 0777);
   ASSERT_TRUE(setAcl(hidden, {allow(userUuid(kOther), ACL_READ_DATA)}));
+  auto inspectAs = [&](uid_t uid, gid_t gid) {
+    return ChildProcess::runAs(uid, gid, [&] {
+      qx::ErrorPtr listError, accessError;
+      auto listed = QXFileAcl::entriesForUrl(urlOf(hidden), &listError);
+      auto access = QXFileAcl::accessForUrl(urlOf(hidden), userUuid(uid), &accessError);
+      return outcome(listed != nullptr, listError) + "\n" + outcome(access != nullptr, accessError);
+    });
+  };
+  EXPECT_EQ(inspectAs(kOther, kOtherGroup), failure(EACCES, listTitle, kRetrieveAcl, hidden) +
+                                                "\n" +
+                                                failure(EACCES, accessTitle, kRetrieveAcl, hidden));
+  EXPECT_EQ(inspectAs(kOwner, kOwnerGroup), "ok\nok");
   States states = access(hidden, userUuid(kOther));
   ASSERT_EQ(states.size(), 12u);
   for (const auto& [name, state] : states) EXPECT_EQ(state, 0) << name;
