@@ -123,8 +123,11 @@ inline bool setDamagedAcl(const std::string& path) {
 
 // ---- Permission trees as the entry listing shows them ----
 
-inline QXTreeNodePtr node(const char* name, uint32_t permission, int64_t state) {
-  return permissionNode(name, permission, state);
+inline QXTreeNodePtr node(const char* name, uint32_t permission, int64_t state,
+                          const std::vector<QXTreeNodePtr>& children = {}) {
+  auto node = permissionNode(name, permission, state);
+  for (const auto& child : children) node->mutableChildNodes().addObject(child);
+  return node;
 }
 
 // The record of `ace` as a listing of a folder (with "Applies to") or a file shows it.
