@@ -125,9 +125,7 @@ inline bool setDamagedAcl(const std::string& path) {
 
 inline QXTreeNodePtr node(const char* name, uint32_t permission, int64_t state,
                           const std::vector<QXTreeNodePtr>& children = {}) {
-  auto node = permissionNode(name, permission, state);
-  for (const auto& child : children) node->mutableChildNodes().addObject(child);
-  return node;
+  return permissionNode(name, permission, state, children);
 }
 
 // The record of `ace` as a listing of a folder (with "Applies to") or a file shows it.

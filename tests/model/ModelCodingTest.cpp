@@ -74,6 +74,15 @@ std::string treeText(const qx::TreeNodePtr& node) {
   return text + "]";
 }
 
+// "decoded", or the code of the error that refused the archive of `object`.
+template <class T>
+std::string refusal(const qx::ObjectPtr& object) {
+  qx::ErrorPtr error;
+  if (roundTrip<T>(object, &error)) return "decoded";
+  return error ? std::to_string(error->code()) : "refused without an error";
+}
+const std::string kCorrupt = std::to_string(qx::kCoderReadCorruptError);
+
 class ModelCoding : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { registerModelClasses(); }
@@ -174,8 +183,7 @@ std::vector<std::vector<uint8_t>> childArchives(const qx::Data& archive) {
 }
 
 TEST_F(ModelCoding, TreesTravelWithEachChildAsAStandaloneArchive) {
-  auto parent = permissionNode("Read", 2, 1);
-  parent->mutableChildNodes().addObject(permissionNode("Read Data", 2, 1));
+  auto parent = permissionNode("Read", 2, 1, {permissionNode("Read Data", 2, 1)});
   auto blobs = childArchives(*KeyedArchiver::archivedDataWithRootObject(parent));
   ASSERT_EQ(blobs.size(), 1u);
   auto child = qx::cast<QXTreeNode>(KeyedUnarchiver::unarchiveObjectWithData(blobs[0]));
@@ -184,15 +192,11 @@ TEST_F(ModelCoding, TreesTravelWithEachChildAsAStandaloneArchive) {
   // A leaf still encodes its (empty) children array.
   EXPECT_TRUE(childArchives(qx::Data(blobs[0])).empty());
 
-  auto root = permissionNode("root", 2, -1);
-  for (int i = 0; i < 3; ++i) {
-    auto middle = permissionNode(("m" + std::to_string(i)).c_str(), 2, i);
-    for (int j = 0; j < 2; ++j) {
-      middle->mutableChildNodes().addObject(
-          permissionNode(("l" + std::to_string(i) + std::to_string(j)).c_str(), 8, j));
-    }
-    root->mutableChildNodes().addObject(middle);
-  }
+  auto leaf = [](const char* name, int64_t state) { return permissionNode(name, 8, state); };
+  auto root = permissionNode("root", 2, -1,
+                             {permissionNode("m0", 2, 0, {leaf("l00", 0), leaf("l01", 1)}),
+                              permissionNode("m1", 2, 1, {leaf("l10", 0), leaf("l11", 1)}),
+                              permissionNode("m2", 2, 2, {leaf("l20", 0), leaf("l21", 1)})});
   auto decoded = roundTrip<QXTreeNode>(root);
   ASSERT_TRUE(decoded);
   EXPECT_FALSE(decoded->parentNode());
@@ -205,21 +209,15 @@ TEST_F(ModelCoding, ForeignObjectsAndMalformedChildrenAreRefused) {
   // A represented object that is no permission: refused at the top, but not
   // inside a child archive, which is decoded unrestricted.
   auto stringNode = QXTreeNode::treeNodeWithRepresentedObject(qx::str("not a permission"));
-  qx::ErrorPtr error;
-  EXPECT_FALSE(roundTrip<QXTreeNode>(stringNode, &error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), qx::kCoderReadCorruptError);
-  auto parent = permissionNode("Read", 2, 0);
-  parent->mutableChildNodes().addObject(stringNode);
-  auto decoded = roundTrip<QXTreeNode>(parent);
+  EXPECT_EQ(refusal<QXTreeNode>(stringNode), kCorrupt);
+  auto decoded = roundTrip<QXTreeNode>(permissionNode("Read", 2, 0, {stringNode}));
   ASSERT_TRUE(decoded);
   ASSERT_EQ(decoded->childNodes().size(), 1u);
   auto text = decoded->childNodes()[0]->representedObjectAs<qx::String>();
   EXPECT_EQ(text ? text->str() : "<none>", "not a permission");
-  error = nullptr;
-  EXPECT_FALSE(roundTrip<QXAclEntry>(
-      QXAclEntry::make(qx::Uuid::make(), 1, qx::Array::make({qx::str("Read")}), false), &error));
-  EXPECT_EQ(error ? error->code() : 0, qx::kCoderReadCorruptError);
+  EXPECT_EQ(refusal<QXAclEntry>(
+                QXAclEntry::make(qx::Uuid::make(), 1, qx::Array::make({qx::str("Read")}), false)),
+            kCorrupt);
 
   auto childArchive = KeyedArchiver::archivedDataWithRootObject(permissionNode("x", 2, 1));
   const std::vector<uint8_t> garbage = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 0xff, 0x00};
@@ -232,15 +230,13 @@ TEST_F(ModelCoding, ForeignObjectsAndMalformedChildrenAreRefused) {
       {"data instead of an array", childArchive},
   };
   for (const auto& [what, value] : children) {
-    error = nullptr;
-    EXPECT_FALSE(roundTrip<QXTreeNode>(impostor(kFakeTreeNode,
-                                                [value](KeyedArchiver& c) {
-                                                  c.encodeObject(nullptr, "object");
-                                                  c.encodeObject(value, "children");
-                                                }),
-                                       &error))
+    EXPECT_EQ(refusal<QXTreeNode>(impostor(kFakeTreeNode,
+                                           [value](KeyedArchiver& c) {
+                                             c.encodeObject(nullptr, "object");
+                                             c.encodeObject(value, "children");
+                                           })),
+              kCorrupt)
         << what;
-    EXPECT_TRUE(error) << what;
   }
 
   // Children nested beyond the archive depth limit.
@@ -251,9 +247,7 @@ TEST_F(ModelCoding, ForeignObjectsAndMalformedChildrenAreRefused) {
     tip->mutableChildNodes().addObject(next);
     tip = next;
   }
-  error = nullptr;
-  EXPECT_FALSE(roundTrip<QXTreeNode>(root, &error));
-  EXPECT_TRUE(error);
+  EXPECT_EQ(refusal<QXTreeNode>(root), kCorrupt);
 }
 
 }  // namespace

@@ -15,8 +15,13 @@
 // tables the listing itself is built from.
 namespace qx::test {
 
-inline QXTreeNodePtr permissionNode(const char* name, uint32_t permission, int64_t state) {
-  return QXTreeNode::treeNodeWithRepresentedObject(QXAclPermission::make(name, permission, state));
+// A node of a permission record, with `children` under it.
+inline QXTreeNodePtr permissionNode(const char* name, uint32_t permission, int64_t state,
+                                    const std::vector<QXTreeNodePtr>& children = {}) {
+  auto node =
+      QXTreeNode::treeNodeWithRepresentedObject(QXAclPermission::make(name, permission, state));
+  for (const auto& child : children) node->mutableChildNodes().addObject(child);
+  return node;
 }
 
 inline QXAclPermissionPtr recordOf(const ObjectPtr& node) {
