@@ -199,11 +199,8 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
     ++acls;
     SCOPED_TRACE("ACL " + std::to_string(index) + ": " + draw.text);
     const std::string path = tree.path("item" + std::to_string(index));
-    if (draw.folder) {
-      tree.folder("item" + std::to_string(index), 0700);
-    } else {
-      tree.file("item" + std::to_string(index));
-    }
+    draw.folder ? tree.folder("item" + std::to_string(index), 0700)
+                : tree.file("item" + std::to_string(index));
     ASSERT_EQ(chown(path.c_str(), owner, draw.group), 0);
     ASSERT_TRUE(service.setAcl(
         path, listing(draw.entries, draw.folder, draw.mode, owner, draw.group), &error))

@@ -116,11 +116,7 @@ class OutsideChange : public ::testing::Test {
   }
 
   std::string item(const std::string& name, bool folder, mode_t mode, gid_t group) {
-    if (folder) {
-      tree_.folder(name, 0700);
-    } else {
-      tree_.file(name, "contents");
-    }
+    folder ? tree_.folder(name, 0700) : tree_.file(name, "contents");
     const std::string path = tree_.path(name);
     EXPECT_EQ(chown(path.c_str(), kOwner, group), 0);
     EXPECT_EQ(chmod(path.c_str(), mode), 0);

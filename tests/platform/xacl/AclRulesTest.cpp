@@ -317,11 +317,7 @@ class AclLayers : public ::testing::Test {
   }
   std::string item(const std::string& name, mode_t mode, bool folder = false) {
     const std::string path = tree_.path(name);
-    if (folder) {
-      tree_.folder(name);
-    } else {
-      tree_.file(name);
-    }
+    folder ? tree_.folder(name) : tree_.file(name);
     EXPECT_EQ(chmod(path.c_str(), mode), 0);
     return path;
   }
