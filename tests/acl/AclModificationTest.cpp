@@ -245,15 +245,13 @@ TEST_F(AclModification, GetEditSetGetKeepsEveryEntryInOrder) {
   EXPECT_NE(listingText(edited), listingText(listed));
   EXPECT_EQ(modeOf(folder), 0554u);
   EXPECT_EQ(storedAcl(folder),
-            aclText({allow(userUuid(kMember), ACL_SEARCH | ACL_DELETE_CHILD | ACL_CHANGE_OWNER,
-                           ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT),
-                     deny(groupUuid(kTeam), ACL_DELETE | ACL_WRITE_SECURITY,
-                          ACL_ENTRY_INHERITED | ACL_ENTRY_FILE_INHERIT |
-                              ACL_ENTRY_DIRECTORY_INHERIT | ACL_ENTRY_LIMIT_INHERIT),
-                     deny(userUuid(kMember), ACL_ADD_SUBDIRECTORY, ACL_ENTRY_DIRECTORY_INHERIT),
-                     allow(userUuid(kOther), ACL_PERM_MASK,
-                           ACL_ENTRY_INHERITED | ACL_ENTRY_ONLY_INHERIT | ACL_ENTRY_FILE_INHERIT |
-                               ACL_ENTRY_LIMIT_INHERIT)}));
+            "allow user:qxmember execute,delete_child,change_owner file_inherit,directory_inherit\n"
+            "deny group:qxteam delete,write_security "
+            "inherited,file_inherit,directory_inherit,limit_inherit\n"
+            "deny user:qxmember append_data directory_inherit\n"
+            "allow user:qxother read_data,execute,read_attributes,read_extattributes,read_security,"
+            "write_data,append_data,delete,delete_child,write_attributes,write_extattributes,"
+            "write_security,change_owner inherited,file_inherit,limit_inherit,only_inherit\n");
 
   // A file's listing saved as it is reads back the same; one without ACL
   // entries removes the ACL.
