@@ -22,11 +22,8 @@
 
 namespace {
 
+using namespace qx::test;
 using namespace qx::test::acl;
-using qx::test::groupUuid;
-using qx::test::KernelAccess;
-using qx::test::QxfileCommand;
-using qx::test::userUuid;
 using Json = nlohmann::json;
 
 constexpr int kAcls = 600;

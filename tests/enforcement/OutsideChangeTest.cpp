@@ -25,21 +25,10 @@
 
 namespace {
 
+using namespace qx::test;
 using namespace qx::test::acl;
-using qx::test::KernelAccess;
-using qx::test::QxfileCommand;
 using Json = nlohmann::json;
 using Names = std::set<std::string>;
-
-using qx::test::kBlocked;
-using qx::test::kDenied;
-using qx::test::kMember;
-using qx::test::kMemberGroup;
-using qx::test::kOther;
-using qx::test::kOwner;
-using qx::test::kOwnerGroup;
-using qx::test::kTeam;
-using qx::test::userUuid;
 
 // What a POSIX bit stands for among the extended ACL's permissions.
 const Names kFileR = {"Read Data", "Read Attributes", "Read Extended Attributes",

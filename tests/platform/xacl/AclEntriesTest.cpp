@@ -11,10 +11,7 @@
 namespace qx::xacl {
 namespace {
 
-using test::addEntry;
-using test::errnoOf;
-using test::textOf;
-using test::uuidOf;
+using namespace test;
 
 constexpr const char* kAlice = "FFFFEEEE-DDDD-CCCC-BBBB-AAAA000007D1";
 constexpr const char* kStaff = "ABCDEFAB-CDEF-ABCD-EFAB-CDEF00000BC2";

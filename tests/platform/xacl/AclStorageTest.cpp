@@ -20,11 +20,7 @@
 namespace qx::xacl {
 namespace {
 
-using test::buildAcl;
-using test::EntryFields;
-using test::errnoOf;
-using test::readRaw;
-using test::writeRaw;
+using namespace test;
 
 const std::string kMemberText = qx::test::userUuidText(qx::test::kMember);
 const std::string kTeamText = qx::test::groupUuidText(qx::test::kTeam);
