@@ -216,14 +216,6 @@ inline std::string failure(int code, const std::string& title, const std::string
   return std::to_string(code) + "\n" + title + "\n" + step(format, path, code);
 }
 
-// Checks an error: the POSIX domain, `code`, the description and the recovery suggestion.
-inline void expectError(const qx::ErrorPtr& error, int64_t code, const std::string& description,
-                        const std::string& suggestion) {
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain(), qx::kPOSIXErrorDomain);
-  EXPECT_EQ(outcome(false, error), std::to_string(code) + "\n" + description + "\n" + suggestion);
-}
-
 inline std::string pathOf(const qx::ErrorPtr& error) {
   auto url = error ? error->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey) : nullptr;
   return url ? url->path() : "<none>";
