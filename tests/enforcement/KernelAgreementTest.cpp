@@ -57,7 +57,13 @@ struct Draw {
   std::vector<Ace> entries;
   bool allowOnlyUsers = false;
   std::vector<uid_t> namedUsers;
-  std::string text;
+  // For failure messages: the kind, mode and group, then the entries written, one a line.
+  std::string text() const {
+    char text[64];
+    std::snprintf(text, sizeof text, "%s mode %04o group %u:\n", folder ? "folder" : "file", mode,
+                  group);
+    return text + aclPartText(entries, true);
+  }
 };
 
 class Drawing {
@@ -71,18 +77,7 @@ class Drawing {
     draw.mode = below(01000);
     draw.group = kOwningGroups[below(std::size(kOwningGroups))];
     draw.allowOnlyUsers = index % 4 == 0;
-    char text[128];
-    std::snprintf(text, sizeof text, "%s mode %04o group %u:", draw.folder ? "folder" : "file",
-                  draw.mode, draw.group);
-    draw.text = text;
-    for (unsigned count = 1 + below(4); count > 0; --count) {
-      Ace ace = entry(draw);
-      std::snprintf(text, sizeof text, " %s %s 0x%x flags 0x%x;",
-                    ace.tag == kAllow ? "allow" : "deny", ace.who->UUIDString().c_str(), ace.rights,
-                    ace.flags);
-      draw.text += text;
-      draw.entries.push_back(std::move(ace));
-    }
+    for (unsigned count = 1 + below(4); count > 0; --count) draw.entries.push_back(entry(draw));
     return draw;
   }
 
@@ -194,7 +189,7 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
   for (int index = 0; index < kAcls && failures < 20; ++index) {
     const Draw draw = drawing.next(index);
     ++acls;
-    SCOPED_TRACE("ACL " + std::to_string(index) + ": " + draw.text);
+    SCOPED_TRACE("ACL " + std::to_string(index) + ": " + draw.text());
     const std::string path = tree.path("item" + std::to_string(index));
     draw.folder ? tree.folder("item" + std::to_string(index), 0700)
                 : tree.file("item" + std::to_string(index));
