@@ -9,20 +9,15 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "model/QXAclEntry.h"
-#include "model/QXAclPermission.h"
-#include "model/QXTreeNode.h"
 #include "platform/foundation/Foundation.h"
-#include "platform/xacl/Acl.h"
 #include "platform/xacl/AclCodec.h"
 #include "platform/xacl/AclHandle.h"
 #include "platform/xacl/AclText.h"
 #include "platform/xacl/ItemAcl.h"
-#include "platform/xacl/xacl.h"
 #include "tests/platform/xacl/XaclTestSupport.h"
 #include "tests/support/AclFixtures.h"
 #include "tests/support/PermissionTrees.h"
@@ -31,23 +26,11 @@
 namespace qxacltest {
 
 using namespace qx::xacl;
-
-using qx::test::groupUuid;
-using qx::test::kDenied;
-using qx::test::kMember;
-using qx::test::kMemberGroup;
-using qx::test::kOther;
-using qx::test::kOtherGroup;
-using qx::test::kOwner;
-using qx::test::kOwnerGroup;
-using qx::test::kPrimary;
-using qx::test::kTeam;
-using qx::test::kUnknown;
-using qx::test::userUuid;
+using namespace qx::test;
 
 // A temporary folder everybody may search, whose items get their owners
 // (root only; failures show in the tests' own checks).
-class AclTree : public qx::test::TempTree {
+class AclTree : public TempTree {
  public:
   AclTree() : TempTree("qx-acl") {}
   std::string ownedFile(const std::string& name, mode_t mode = 0644, uid_t uid = kOwner,
@@ -100,7 +83,6 @@ inline std::string aclText(const std::vector<Ace>& entries) {
   return aclText(aclOf(entries).get());
 }
 
-// Stores `entries` as the item's ACL through the extended ACL interface.
 inline bool setAcl(const std::string& path, const std::vector<Ace>& entries) {
   return acl_set_link_np(path.c_str(), ACL_TYPE_EXTENDED, aclOf(entries).get()) == 0;
 }
@@ -113,22 +95,20 @@ inline std::string storedAcl(const std::string& path) {
 
 // The stored layer alone: the attribute's entries as text, whatever the item's POSIX ACL says.
 inline std::string attributeAcl(const std::string& path) {
-  std::vector<uint8_t> bytes(qx::xacl::AclCodec::kMaxSize);
+  std::vector<uint8_t> bytes(AclCodec::kMaxSize);
   ssize_t length = lgetxattr(path.c_str(), kAclAttributeName, bytes.data(), bytes.size());
   if (length < 0) return "no ACL";
   AclHandle acl(acl_init(0));
   bytes.resize(static_cast<size_t>(length));
-  if (qx::xacl::AclCodec::decode(bytes, *acl.get()) != 0) return "damaged";
-  return aclText(acl.get());
+  return AclCodec::decode(bytes, *acl.get()) != 0 ? "damaged" : aclText(acl.get());
 }
 
 // The owner, owning-group and other bits as the item's POSIX ACL shows them (the owning
 // group's from its entry, not the mask), with the set-id and sticky bits.
 inline mode_t shownMode(const std::string& path) {
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return 0;
   mode_t bits = 0;
-  if (qx::xacl::ItemAcl::modeBits(path.c_str(), st, &bits) != 0) return 0;
+  if (lstat(path.c_str(), &st) != 0 || ItemAcl::modeBits(path.c_str(), st, &bits) != 0) return 0;
   return (st.st_mode & 07000) | bits;
 }
 
@@ -143,42 +123,14 @@ inline bool setDamagedAcl(const std::string& path) {
 
 // ---- Permission trees as the entry listing shows them ----
 
-using qx::test::nameOf;
-using qx::test::recordOf;
-
-struct Leaf {
-  std::string name;
-  int64_t value;
-  int64_t state;
-};
-inline std::vector<Leaf> childrenOf(const qx::ObjectPtr& node) {
-  std::vector<Leaf> leaves;
-  auto tree = qx::cast<qx::TreeNode>(node);
-  if (!tree) return leaves;
-  for (const auto& child : tree->childNodes()) {
-    auto record = recordOf(child);
-    leaves.push_back({nameOf(child), record ? static_cast<uint32_t>(record->permission()) : -1,
-                      record ? record->state() : -99});
-  }
-  return leaves;
-}
-
-// Leaf name -> state over every group of a tree.
-inline std::map<std::string, int64_t> leafStates(const qx::ArrayPtr& groups) {
-  std::map<std::string, int64_t> states;
-  for (const auto& group : *groups) {
-    for (const Leaf& leaf : childrenOf(group)) states[leaf.name] = leaf.state;
-  }
-  return states;
-}
-
-inline QXTreeNodePtr node(const char* name, uint32_t permission, int64_t state) {
-  return qx::test::permissionNode(name, permission, state);
+inline QXTreeNodePtr node(const char* name, uint32_t permission, int64_t state,
+                          const std::vector<QXTreeNodePtr>& children = {}) {
+  return permissionNode(name, permission, state, children);
 }
 
 // The record of `ace` as a listing of a folder (with "Applies to") or a file shows it.
 inline QXAclEntryPtr aclEntry(const Ace& ace, bool folder) {
-  return qx::test::entryRecord(ace.who, ace.tag, ace.perms, ace.flags, folder);
+  return entryRecord(ace.who, ace.tag, ace.perms, ace.flags, folder);
 }
 
 // The owner, group and everyone pseudo-entries for `mode`.
@@ -188,7 +140,7 @@ inline std::vector<qx::ObjectPtr> pseudoEntries(mode_t mode, uid_t owner, gid_t 
   const qx::UuidPtr identities[3] = {userUuid(owner), groupUuid(group), nullptr};
   for (int who = 0; who < 3; ++who) {
     auto bit = [&](int value) -> int64_t { return (mode >> (6 - 3 * who)) & value ? 1 : 0; };
-    entries.push_back(qx::test::posixRecord(identities[who], bit(4), bit(2), bit(1), folder));
+    entries.push_back(posixRecord(identities[who], bit(4), bit(2), bit(1), folder));
   }
   return entries;
 }
@@ -206,23 +158,22 @@ inline qx::ArrayPtr listing(const std::vector<qx::ObjectPtr>& aclEntries,
 
 // A node and its children as text: "Name:0xPERMISSION=STATE, Child:0x..=.., ...".
 inline std::string nodeText(const qx::ObjectPtr& object) {
-  auto hex = [](int64_t value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
-    return std::string(text);
-  };
   auto record = recordOf(object);
-  std::string text =
-      nameOf(object) + ":" + hex(record->permission()) + "=" + std::to_string(record->state());
-  for (const Leaf& leaf : childrenOf(object)) {
-    text += ", " + leaf.name + ":" + hex(leaf.value) + "=" + std::to_string(leaf.state);
+  char text[96];
+  std::snprintf(text, sizeof text, "%s:0x%x=%lld", nameOf(object).c_str(),
+                record ? static_cast<uint32_t>(record->permission()) : 0u,
+                record ? static_cast<long long>(record->state()) : -99LL);
+  std::string all = text;
+  if (auto tree = qx::cast<qx::TreeNode>(object)) {
+    for (const auto& child : tree->childNodes()) all += ", " + nodeText(child);
   }
-  return text;
+  return all;
 }
 
 // A listing as text, markers and records alike, every node with its name,
 // permission and state, so that a difference shows where it is.
 inline std::string listingText(const qx::ArrayPtr& entries) {
+  if (!entries) return "no listing";
   std::string text;
   for (const qx::ObjectPtr& object : *entries) {
     auto entry = qx::cast<QXAclEntry>(object);
@@ -252,26 +203,22 @@ inline std::string step(const std::string& format, const std::string& path, int 
   return number ? text + " " + std::strerror(number) : text;
 }
 
-// Checks an error: the POSIX domain, `code`, the description and, when given,
-// the recovery suggestion.
-inline void expectError(const qx::ErrorPtr& error, int64_t code, const std::string& description,
-                        const std::optional<std::string>& suggestion = std::nullopt) {
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain(), qx::kPOSIXErrorDomain);
-  EXPECT_EQ(error->code(), code);
-  EXPECT_EQ(error->localizedDescription(), description);
-  if (suggestion) {
-    EXPECT_EQ(error->localizedRecoverySuggestion(), *suggestion);
-  }
-}
-
-// "ok", or the error's code, description and recovery suggestion, one a line:
-// what a child process reports about an operation.
+// "ok", or the error's code, description and recovery suggestion, one a line.
 inline std::string outcome(bool result, const qx::ErrorPtr& error) {
   if (result && !error) return "ok";
   if (!error) return "failed without an error";
   return std::to_string(error->code()) + "\n" + error->localizedDescription() + "\n" +
          error->localizedRecoverySuggestion().value_or("<none>");
+}
+// The outcome of a failure: `code`, `title` and `step` (with strerror(`code`)) for `path`.
+inline std::string failure(int code, const std::string& title, const std::string& format,
+                           const std::string& path) {
+  return std::to_string(code) + "\n" + title + "\n" + step(format, path, code);
+}
+
+inline std::string pathOf(const qx::ErrorPtr& error) {
+  auto url = error ? error->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey) : nullptr;
+  return url ? url->path() : "<none>";
 }
 
 inline struct stat lstatOf(const std::string& path) {

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <utility>
 
 namespace qx::test {
@@ -60,6 +61,14 @@ KernelAccess::User KernelAccess::userNamed(const std::string& name) {
   return user;
 }
 
+std::vector<KernelAccess::User> KernelAccess::testUsers() {
+  std::vector<User> users;
+  for (const char* name : {"qxowner", "qxmember", "qxprimary", "qxother", "qxblocked"}) {
+    users.push_back(userNamed(name));
+  }
+  return users;
+}
+
 int KernelAccess::runAs(const User& user, const std::function<int()>& body) {
   pid_t pid = fork();
   if (pid < 0) return kNoIds;
@@ -84,6 +93,16 @@ unsigned KernelAccess::granted(const std::string& path, bool folder, const User&
                                    : fileAccess(path.c_str()));
   });
   return answer == kNoIds ? ~0u : static_cast<unsigned>(answer);
+}
+
+std::string KernelAccess::output(const std::string& command) {
+  std::string text;
+  if (FILE* pipe = popen((command + " 2>&1").c_str(), "r")) {
+    char buffer[256];
+    while (fgets(buffer, sizeof buffer, pipe)) text += buffer;
+    pclose(pipe);
+  }
+  return text;
 }
 
 unsigned KernelAccess::operationsOf(uint32_t rights, bool folder) {

@@ -29,6 +29,8 @@ class KernelAccess {
   // The user of that name as the user and group database gives it; uid 0
   // when there is none.
   static User userNamed(const std::string& name);
+  // qxowner, qxmember, qxprimary, qxother and qxblocked of tests/support/users, in that order.
+  static std::vector<User> testUsers();
 
   // kRead, kWrite and kExecute for what `user` may do with `path`; ~0u when
   // the child could not take the user's ids.
@@ -44,6 +46,9 @@ class KernelAccess {
   // returned (0-99); 100 when the child could not take the ids. Only system
   // calls in `body`: the parent may have threads.
   static int runAs(const User& user, const std::function<int()>& body);
+
+  // What a shell command prints, standard error included.
+  static std::string output(const std::string& command);
 };
 
 }  // namespace qx::test

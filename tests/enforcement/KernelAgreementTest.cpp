@@ -22,37 +22,33 @@
 
 namespace {
 
+using namespace qx::test;
 using namespace qx::test::acl;
-using qx::test::groupUuid;
-using qx::test::userUuid;
-using qx::test::KernelAccess;
-using qx::test::QxfileCommand;
 using Json = nlohmann::json;
 
 constexpr int kAcls = 600;
 
-// The users of tests/support/users, the first of them owning every item.
-const char* const kUserNames[] = {"qxowner", "qxmember", "qxprimary", "qxother", "qxblocked"};
+// The users of tests/support/users (KernelAccess::testUsers), the first of them owning every
+// item.
 // Named in entries: every user but the owner, and groups that hold the owner
 // (3101), one member (3102), nobody of the items (3104), several (3110, 3111).
 const uid_t kNamedUsers[] = {2102, 2103, 2104, 2105};
 const gid_t kNamedGroups[] = {3101, 3102, 3104, 3110, 3111};
 const gid_t kOwningGroups[] = {3101, 3102, 3110, 3111};
 
+// An operation and the permission names that stand for it on a file and on a folder.
 struct Operation {
   unsigned bit;  // KernelAccess::kRead, kWrite or kExecute
   const char* name;
-  // The permission names that stand for it, on a file and on a folder.
-  std::vector<std::string> fileRights;
-  std::vector<std::string> folderRights;
+  std::vector<std::string> fileRights, folderRights;
 };
+// clang-format off
 const Operation kOperations[] = {
     {KernelAccess::kRead, "read", {"Read Data"}, {"List Folder Contents"}},
-    {KernelAccess::kWrite,
-     "write",
-     {"Write Data", "Append Data"},
+    {KernelAccess::kWrite, "write", {"Write Data", "Append Data"},
      {"Create Files", "Create Folder", "Delete Subfolders and Files", "Traverse Folder"}},
     {KernelAccess::kExecute, "execute", {"Execute File"}, {"Traverse Folder"}}};
+// clang-format on
 
 struct Draw {
   bool folder = false;
@@ -61,7 +57,13 @@ struct Draw {
   std::vector<Ace> entries;
   bool allowOnlyUsers = false;
   std::vector<uid_t> namedUsers;
-  std::string text;
+  // For failure messages: the kind, mode and group, then the entries written, one a line.
+  std::string text() const {
+    char text[64];
+    std::snprintf(text, sizeof text, "%s mode %04o group %u:\n", folder ? "folder" : "file", mode,
+                  group);
+    return text + aclPartText(entries, true);
+  }
 };
 
 class Drawing {
@@ -75,18 +77,7 @@ class Drawing {
     draw.mode = below(01000);
     draw.group = kOwningGroups[below(std::size(kOwningGroups))];
     draw.allowOnlyUsers = index % 4 == 0;
-    char text[128];
-    std::snprintf(text, sizeof text, "%s mode %04o group %u:", draw.folder ? "folder" : "file",
-                  draw.mode, draw.group);
-    draw.text = text;
-    for (unsigned count = 1 + below(4); count > 0; --count) {
-      Ace ace = entry(draw);
-      std::snprintf(text, sizeof text, " %s %s 0x%x flags 0x%x;",
-                    ace.tag == kAllow ? "allow" : "deny", ace.who->UUIDString().c_str(), ace.rights,
-                    ace.flags);
-      draw.text += text;
-      draw.entries.push_back(std::move(ace));
-    }
+    for (unsigned count = 1 + below(4); count > 0; --count) draw.entries.push_back(entry(draw));
     return draw;
   }
 
@@ -147,46 +138,30 @@ struct Flagged {
   std::string modeClass;
 };
 
-// The item's POSIX ACL as getfacl prints it, for failure messages.
-std::string getfaclText(const std::string& path) {
-  std::string text;
-  if (FILE* pipe = popen(("getfacl -n -c -p '" + path + "' 2>&1").c_str(), "r")) {
-    char buffer[256];
-    while (fgets(buffer, sizeof buffer, pipe)) text += buffer;
-    pclose(pipe);
-  }
-  return text;
-}
-
 bool listed(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// `qxfile acl show --json` marks an entry's right that stands for the
-// operation as not enforced for the user's class.
+// `qxfile acl show --json` marks an entry's right that stands for the operation as not
+// enforced for the user's class; `qxfile access --json` shows one of them denied and not
+// enforced.
 bool markedInListing(const Json& document, const Flagged& flagged, bool folder) {
   const auto& rights = folder ? flagged.operation->folderRights : flagged.operation->fileRights;
   for (const Json& entry : document.value("acl", Json::array())) {
-    if (!entry.contains("linux")) continue;
-    for (const Json& mark : entry["linux"].value("unenforced", Json::array())) {
-      if (listed(rights, mark.value("right", "")) && mark.value("for", "") == flagged.modeClass) {
+    for (const Json& mark : entry.value("linux", Json::object()).value("unenforced", Json())) {
+      if (listed(rights, mark.value("right", "")) && mark.value("for", "") == flagged.modeClass)
         return true;
-      }
     }
   }
   return false;
 }
-
-// `qxfile access --json` says that one of the denied rights standing for the
-// operation is not enforced.
 bool markedInAccess(const Json& document, const Flagged& flagged, bool folder) {
   const auto& rights = folder ? flagged.operation->folderRights : flagged.operation->fileRights;
   for (const Json& group : document.value("access", Json::array())) {
     for (const Json& leaf : group.value("permissions", Json::array())) {
       if (listed(rights, leaf.value("name", "")) && !leaf.value("granted", true) &&
-          leaf.contains("enforced") && !leaf["enforced"].get<bool>()) {
+          !leaf.value("enforced", true))
         return true;
-      }
     }
   }
   return false;
@@ -197,11 +172,8 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
     GTEST_SKIP()
         << "needs root: the items get owners and the kernel checks take the test users' ids";
   }
-  std::vector<KernelAccess::User> users;
-  for (const char* name : kUserNames) {
-    users.push_back(KernelAccess::userNamed(name));
-    ASSERT_NE(users.back().uid, 0u) << name << " is missing from tests/support/users";
-  }
+  const std::vector<KernelAccess::User> users = KernelAccess::testUsers();
+  for (const KernelAccess::User& user : users) ASSERT_NE(user.uid, 0u) << "tests/support/users";
   const uid_t owner = users[0].uid;
 
   qx::test::ServiceSandbox sandbox(QX_SERVICE_EXECUTABLE);
@@ -217,13 +189,10 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
   for (int index = 0; index < kAcls && failures < 20; ++index) {
     const Draw draw = drawing.next(index);
     ++acls;
-    SCOPED_TRACE("ACL " + std::to_string(index) + ": " + draw.text);
+    SCOPED_TRACE("ACL " + std::to_string(index) + ": " + draw.text());
     const std::string path = tree.path("item" + std::to_string(index));
-    if (draw.folder) {
-      tree.folder("item" + std::to_string(index), 0700);
-    } else {
-      tree.file("item" + std::to_string(index));
-    }
+    draw.folder ? tree.folder("item" + std::to_string(index), 0700)
+                : tree.file("item" + std::to_string(index));
     ASSERT_EQ(chown(path.c_str(), owner, draw.group), 0);
     ASSERT_TRUE(service.setAcl(
         path, listing(draw.entries, draw.folder, draw.mode, owner, draw.group), &error))
@@ -253,27 +222,24 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
         const std::string pair = "uid " + std::to_string(user.uid) + " " + operation.name +
                                  ": kernel " + (byKernel ? "grants" : "denies") + ", qxfile " +
                                  (byQxfile ? "grants" : "denies");
+        const std::string modeClass = byKernel ? modeClassOf(user, owner, draw) : "";
+        std::string problem;
         if (!byKernel) {
           ++restricted;
-          if (draw.allowOnlyUsers) {
-            ++failures;
-            ADD_FAILURE() << pair << ", in an ACL of allow entries for users only\n"
-                          << getfaclText(path);
-          }
-          continue;
+        } else if (modeClass.empty()) {
+          problem = ", for a user named or in a named group";
+        } else {
+          ++flaggedCount;
+          flagged.push_back({&user, &operation, modeClass});
         }
-        const std::string modeClass = modeClassOf(user, owner, draw);
-        if (modeClass.empty()) {
+        if (draw.allowOnlyUsers && problem.empty()) {
+          problem = ", in an ACL of allow entries for users only";
+        }
+        if (!problem.empty()) {
           ++failures;
-          ADD_FAILURE() << pair << ", for a user named or in a named group\n" << getfaclText(path);
-          continue;
+          ADD_FAILURE() << pair << problem << "\n"
+                        << KernelAccess::output("getfacl -n -c -p '" + path + "'");
         }
-        ++flaggedCount;
-        if (draw.allowOnlyUsers) {
-          ++failures;
-          ADD_FAILURE() << pair << ", in an ACL of allow entries for users only";
-        }
-        flagged.push_back({&user, &operation, modeClass});
       }
     }
     if (flagged.empty()) continue;
@@ -281,22 +247,17 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
     ASSERT_EQ(shown.status, 0) << shown;
     std::set<uid_t> asked;
     for (const Flagged& pair : flagged) {
-      if (!markedInListing(shown.json(), pair, draw.folder)) {
-        ++failures;
-        ADD_FAILURE() << "uid " << pair.user->uid << " " << pair.operation->name
-                      << ": the kernel grants what qxfile denies, and acl show marks no right "
-                         "for it as not enforced for "
-                      << pair.modeClass << "\n"
+      const std::string what = "uid " + std::to_string(pair.user->uid) + " " + pair.operation->name;
+      if (!markedInListing(shown.json(), pair, draw.folder) && ++failures) {
+        ADD_FAILURE() << what << ": the kernel grants what qxfile denies, and acl show marks no "
+                      << "right for it as not enforced for " << pair.modeClass << "\n"
                       << shown.out;
       }
       if (!asked.insert(pair.user->uid).second) continue;
       const QxfileCommand::Outcome access =
           QxfileCommand::run({"access", path, "uid:" + std::to_string(pair.user->uid), "--json"});
-      if (!markedInAccess(access.json(), pair, draw.folder)) {
-        ++failures;
-        ADD_FAILURE() << "uid " << pair.user->uid << " " << pair.operation->name
-                      << ": access says every denied right for it is enforced\n"
-                      << access;
+      if (!markedInAccess(access.json(), pair, draw.folder) && ++failures) {
+        ADD_FAILURE() << what << ": access says every denied right for it is enforced\n" << access;
       }
     }
   }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <set>
 #include <sstream>
 #include <string>
@@ -24,21 +25,10 @@
 
 namespace {
 
+using namespace qx::test;
 using namespace qx::test::acl;
-using qx::test::KernelAccess;
-using qx::test::QxfileCommand;
 using Json = nlohmann::json;
 using Names = std::set<std::string>;
-
-using qx::test::kBlocked;
-using qx::test::kDenied;
-using qx::test::kMember;
-using qx::test::kMemberGroup;
-using qx::test::kOther;
-using qx::test::kOwner;
-using qx::test::kOwnerGroup;
-using qx::test::kTeam;
-using qx::test::userUuid;
 
 // What a POSIX bit stands for among the extended ACL's permissions.
 const Names kFileR = {"Read Data", "Read Attributes", "Read Extended Attributes",
@@ -87,18 +77,13 @@ std::multiset<std::string> entriesOf(const Json& document) {
 // getfacl's own lines for the item's access (or default) ACL, without its "#effective:"
 // comments; names come from the test users, as qxfile's do.
 std::vector<std::string> getfaclLines(const std::string& path, bool defaults) {
-  const std::string command = std::string("getfacl --omit-header -c ") +
-                              (defaults ? "-d " : "-a ") + "'" + path + "' 2>/dev/null";
+  std::istringstream text(KernelAccess::output(std::string("getfacl --omit-header -c -p ") +
+                                               (defaults ? "-d '" : "-a '") + path + "'"));
   std::vector<std::string> lines;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return lines;
-  char buffer[512];
-  while (fgets(buffer, sizeof buffer, pipe)) {
-    std::string line = buffer;
-    line = line.substr(0, line.find_first_of("\t #\n"));
+  for (std::string line; std::getline(text, line);) {
+    line = line.substr(0, line.find_first_of("\t #"));
     if (!line.empty()) lines.push_back(line);
   }
-  pclose(pipe);
   return lines;
 }
 
@@ -108,29 +93,19 @@ std::vector<std::string> posixLines(const Json& lines) {
   return lines.get<std::vector<std::string>>();
 }
 
-int shell(const std::string& command) {
-  return std::system(command.c_str());
-}
-
 class OutsideChange : public ::testing::Test {
  protected:
   void SetUp() override {
     if (geteuid() != 0) GTEST_SKIP() << "needs root: items get owners, checks take users' ids";
     chmod(tree_.root().c_str(), 0755);
-    for (const char* name : {"qxowner", "qxmember", "qxprimary", "qxother", "qxblocked"}) {
-      users_.push_back(KernelAccess::userNamed(name));
-      ASSERT_NE(users_.back().uid, 0u) << name;
-    }
+    users_ = KernelAccess::testUsers();
+    for (const KernelAccess::User& user : users_) ASSERT_NE(user.uid, 0u) << "tests/support/users";
     std::optional<qxfile::Error> error = client_.connect();
     ASSERT_FALSE(error) << error->description;
   }
 
   std::string item(const std::string& name, bool folder, mode_t mode, gid_t group) {
-    if (folder) {
-      tree_.folder(name, 0700);
-    } else {
-      tree_.file(name, "contents");
-    }
+    folder ? tree_.folder(name, 0700) : tree_.file(name, "contents");
     const std::string path = tree_.path(name);
     EXPECT_EQ(chown(path.c_str(), kOwner, group), 0);
     EXPECT_EQ(chmod(path.c_str(), mode), 0);
@@ -154,32 +129,24 @@ class OutsideChange : public ::testing::Test {
     return run.json();
   }
 
-  // Every test user's read, write and execute: the kernel's and qxfile's.
-  std::string accessTable(const std::string& path) {
-    struct stat st {};
-    lstat(path.c_str(), &st);
-    const bool folder = S_ISDIR(st.st_mode);
+  // Every test user's read, write and execute: the kernel's are qxfile's.
+  void expectAgreement(const std::string& path) {
+    const bool folder = std::filesystem::is_directory(path);
+    auto letters = [](unsigned bits) {
+      return std::string(bits & KernelAccess::kRead ? "r" : "-") +
+             (bits & KernelAccess::kWrite ? "w" : "-") +
+             (bits & KernelAccess::kExecute ? "x" : "-");
+    };
     std::string kernel, said;
     for (const KernelAccess::User& user : users_) {
       std::optional<qxfile::Error> error;
       const qxfile::EffectiveAccess access =
           qxfile::BlockingClient(client_).getAccess(path, qxfile::Identity::user(user.uid), &error);
       const unsigned granted = KernelAccess::operationsOf(grantedRights(access), folder);
-      auto letters = [](unsigned bits) {
-        return std::string(bits & KernelAccess::kRead ? "r" : "-") +
-               (bits & KernelAccess::kWrite ? "w" : "-") +
-               (bits & KernelAccess::kExecute ? "x" : "-");
-      };
-      kernel +=
-          std::to_string(user.uid) + ":" + letters(KernelAccess::granted(path, folder, user)) + " ";
-      said += std::to_string(user.uid) + ":" + (error ? "error" : letters(granted)) + " ";
+      kernel += std::to_string(user.uid) + ":" + letters(KernelAccess::granted(path, folder, user));
+      said += std::to_string(user.uid) + ":" + (error ? "error" : letters(granted));
     }
-    return "kernel " + kernel + "\nqxfile " + said;
-  }
-  void expectAgreement(const std::string& path) {
-    const std::string table = accessTable(path);
-    const auto split = table.find('\n');
-    EXPECT_EQ(table.substr(7, split - 7), table.substr(split + 8)) << table;
+    EXPECT_EQ(said, kernel) << "qxfile against the kernel";
   }
 
   void expectPosixAsGetfacl(const Json& document, const std::string& path) {
@@ -258,7 +225,7 @@ TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
       EXPECT_EQ(show(path)["stored"], "current");
     }
     if (!change.command.empty()) {
-      ASSERT_EQ(shell(change.command + " '" + path + "'"), 0);
+      ASSERT_EQ(std::system((change.command + " '" + path + "'").c_str()), 0);
     }
     if (change.attribute) {
       const std::vector<uint8_t> bytes = qx::test::attributeFile(change.attribute).bytes;
@@ -267,9 +234,9 @@ TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
       EXPECT_EQ(KernelAccess::runAs(writer,
                                     [&] {
                                       return lsetxattr(path.c_str(), "user.qxfile.acl",
-                                                       bytes.data(), bytes.size(), 0) == 0
-                                                 ? 0
-                                                 : errno;
+                                                       bytes.data(), bytes.size(), 0)
+                                                 ? errno
+                                                 : 0;
                                     }),
                 0);
     }

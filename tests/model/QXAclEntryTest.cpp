@@ -19,17 +19,15 @@ TEST(QXAclEntryResolveState, FollowsTheChildrenOneLevelDown) {
   const std::pair<std::vector<int64_t>, int64_t> cases[] = {
       {{1, 1, 1}, 1}, {{0, 0}, 0}, {{1, 0, 1}, -1}, {{0, 0, 1}, -1}, {{-1, -1}, -1}, {{}, 0}};
   for (const auto& [states, expected] : cases) {
-    auto group = permissionNode("Read", 2, 42);
-    for (int64_t state : states)
-      group->mutableChildNodes().addObject(permissionNode("leaf", 2, state));
+    std::vector<QXTreeNodePtr> leaves;
+    for (int64_t state : states) leaves.push_back(permissionNode("leaf", 2, state));
+    auto group = permissionNode("Read", 2, 42, leaves);
     QXAclEntry::resolveStateForPermissionNode(group);
     EXPECT_EQ(recordOf(group)->state(), expected) << states.size();
   }
   // Only the children count, not theirs; a child without a record counts as off.
-  auto top = permissionNode("Applies to", 0x2000, 7);
-  auto middle = permissionNode("Read", 2, 42);
-  middle->mutableChildNodes().addObject(permissionNode("leaf", 2, 1));
-  top->mutableChildNodes().addObject(middle);
+  auto middle = permissionNode("Read", 2, 42, {permissionNode("leaf", 2, 1)});
+  auto top = permissionNode("Applies to", 0x2000, 7, {middle});
   QXAclEntry::resolveStateForPermissionNode(top);
   EXPECT_EQ(recordOf(top)->state(), 42);
   middle->mutableChildNodes().addObject(QXTreeNode::treeNodeWithRepresentedObject(nullptr));

@@ -15,8 +15,13 @@
 // tables the listing itself is built from.
 namespace qx::test {
 
-inline QXTreeNodePtr permissionNode(const char* name, uint32_t permission, int64_t state) {
-  return QXTreeNode::treeNodeWithRepresentedObject(QXAclPermission::make(name, permission, state));
+// A node of a permission record, with `children` under it.
+inline QXTreeNodePtr permissionNode(const char* name, uint32_t permission, int64_t state,
+                                    const std::vector<QXTreeNodePtr>& children = {}) {
+  auto node =
+      QXTreeNode::treeNodeWithRepresentedObject(QXAclPermission::make(name, permission, state));
+  for (const auto& child : children) node->mutableChildNodes().addObject(child);
+  return node;
 }
 
 inline QXAclPermissionPtr recordOf(const ObjectPtr& node) {
@@ -46,54 +51,33 @@ struct PermissionGroup {
 
 // The rows of a file's or a folder's entry, in their order.
 inline const std::vector<PermissionGroup>& permissionGroups(bool folder) {
+  // clang-format off
   static const std::vector<PermissionGroup> file = {
-      {"Read",
-       {{"Read Data", 0x2},
-        {"Execute File", 0x8},
-        {"Read Attributes", 0x80},
-        {"Read Extended Attributes", 0x200},
-        {"Read Permissions", 0x800}}},
-      {"Write",
-       {{"Write Data", 0x4},
-        {"Append Data", 0x20},
-        {"Delete", 0x10},
-        {"Write Attributes", 0x100},
-        {"Write Extended Attributes", 0x400}}},
+      {"Read", {{"Read Data", 0x2}, {"Execute File", 0x8}, {"Read Attributes", 0x80},
+                {"Read Extended Attributes", 0x200}, {"Read Permissions", 0x800}}},
+      {"Write", {{"Write Data", 0x4}, {"Append Data", 0x20}, {"Delete", 0x10},
+                 {"Write Attributes", 0x100}, {"Write Extended Attributes", 0x400}}},
       {"Administration", {{"Change Permissions", 0x1000}, {"Change Owner", 0x2000}}}};
   static const std::vector<PermissionGroup> folders = {
-      {"Read",
-       {{"List Folder Contents", 0x2},
-        {"Traverse Folder", 0x8},
-        {"Read Attributes", 0x80},
-        {"Read Extended Attributes", 0x200},
-        {"Read Permissions", 0x800}}},
-      {"Write",
-       {{"Create Files", 0x4},
-        {"Create Folder", 0x20},
-        {"Delete", 0x10},
-        {"Delete Subfolders and Files", 0x40},
-        {"Write Attributes", 0x100},
-        {"Write Extended Attributes", 0x400}}},
+      {"Read", {{"List Folder Contents", 0x2}, {"Traverse Folder", 0x8}, {"Read Attributes", 0x80},
+                {"Read Extended Attributes", 0x200}, {"Read Permissions", 0x800}}},
+      {"Write", {{"Create Files", 0x4}, {"Create Folder", 0x20}, {"Delete", 0x10},
+                 {"Delete Subfolders and Files", 0x40}, {"Write Attributes", 0x100},
+                 {"Write Extended Attributes", 0x400}}},
       {"Administration", {{"Change Permissions", 0x1000}, {"Change Owner", 0x2000}}}};
+  // clang-format on
   return folder ? folders : file;
 }
 
-// 1 when every child is on, 0 when every child is off, -1 when they differ.
-inline int64_t groupState(const std::vector<int64_t>& states) {
-  for (int64_t state : states) {
-    if (state != states.front()) return -1;
-  }
-  return states.empty() ? 0 : states.front();
-}
-
-// A group node (permission 2, or 0x2000 for "Applies to") over leaves and their states.
+// A group node (permission 2, or 0x2000 for "Applies to") over leaves and their states: 1 when
+// every leaf is on, 0 when every leaf is off, -1 when they differ.
 inline QXTreeNodePtr groupNode(const char* name, uint32_t permission,
                                const std::vector<std::pair<PermissionRow, int64_t>>& leaves) {
-  std::vector<int64_t> states;
-  for (const auto& leaf : leaves) states.push_back(leaf.second);
-  auto group = permissionNode(name, permission, groupState(states));
-  for (const auto& [row, state] : leaves) {
-    group->mutableChildNodes().addObject(permissionNode(row.name, row.value, state));
+  int64_t state = leaves.empty() ? 0 : leaves.front().second;
+  for (const auto& leaf : leaves) state = leaf.second == state ? state : -1;
+  auto group = permissionNode(name, permission, state);
+  for (const auto& [row, leafState] : leaves) {
+    group->mutableChildNodes().addObject(permissionNode(row.name, row.value, leafState));
   }
   return group;
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -45,21 +46,17 @@ ExtendedEntry deny(const AclUuid& who, uint32_t rights, uint32_t flags = 0) {
 // "u::rw-,u:1001:r-x,g::r--,m::r-x,o::---", parsed by hand for the expectations.
 PosixAcl parse(const std::string& text) {
   PosixAcl acl;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find(',', start);
-    if (end == std::string::npos) end = text.size();
-    const std::string item = text.substr(start, end - start);
+  std::istringstream in(text);
+  for (std::string item; std::getline(in, item, ',');) {
     const size_t c1 = item.find(':'), c2 = item.rfind(':');
-    const std::string tag = item.substr(0, c1), id = item.substr(c1 + 1, c2 - c1 - 1),
-                      rwx = item.substr(c2 + 1);
-    uint16_t perm = (rwx[0] == 'r' ? 4 : 0) | (rwx[1] == 'w' ? 2 : 0) | (rwx[2] == 'x' ? 1 : 0);
-    uint16_t t = tag == "u"   ? (id.empty() ? PosixAcl::UserObj : PosixAcl::User)
-                 : tag == "g" ? (id.empty() ? PosixAcl::GroupObj : PosixAcl::Group)
-                 : tag == "m" ? PosixAcl::Mask
-                              : PosixAcl::Other;
-    acl.set(t, perm, id.empty() ? 0 : static_cast<uint32_t>(std::stoul(id)));
-    start = end + 1;
+    const std::string id = item.substr(c1 + 1, c2 - c1 - 1);
+    const char* rwx = item.c_str() + c2 + 1;
+    const int perm = (rwx[0] == 'r') * 4 + (rwx[1] == 'w') * 2 + (rwx[2] == 'x');
+    const uint16_t tag = item[0] == 'u'   ? (id.empty() ? PosixAcl::UserObj : PosixAcl::User)
+                         : item[0] == 'g' ? (id.empty() ? PosixAcl::GroupObj : PosixAcl::Group)
+                         : item[0] == 'm' ? PosixAcl::Mask
+                                          : PosixAcl::Other;
+    acl.set(tag, static_cast<uint16_t>(perm), id.empty() ? 0 : std::stoul(id));
   }
   return acl;
 }
@@ -146,62 +143,40 @@ TEST(Evaluator, FirstApplyingEntryDecidesThenTheMode) {
     uint32_t granted;
   };
   const uint32_t otherFill = ACL_DELETE | ACL_READ_ATTRIBUTES | ACL_READ_SECURITY;
+  const uint32_t ownerFill = ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA |
+                             ACL_READ_EXTATTRIBUTES | ACL_WRITE_EXTATTRIBUTES |
+                             ACL_WRITE_ATTRIBUTES | ACL_WRITE_SECURITY | otherFill;
+  const uint32_t search = ACL_SEARCH, attributes = ACL_READ_ATTRIBUTES;
+  const uint32_t security = ACL_READ_SECURITY, changes = ACL_ADD_FILE | ACL_DELETE_CHILD;
+  // clang-format off
   const Row rows[] = {
       {"mode only, others", {}, alice, file, otherFill},
-      {"mode only, owner",
-       {},
-       owner,
-       file,
-       ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA | ACL_READ_EXTATTRIBUTES |
-           ACL_WRITE_EXTATTRIBUTES | ACL_WRITE_ATTRIBUTES | ACL_WRITE_SECURITY | otherFill},
+      {"mode only, owner", {}, owner, file, ownerFill},
       {"group deny before user allow",
        {deny(group(2001), ACL_WRITE_DATA), allow(user(1001), ACL_WRITE_DATA | ACL_EXECUTE)},
-       alice,
-       file,
-       ACL_EXECUTE | otherFill},
+       alice, file, ACL_EXECUTE | otherFill},
       {"denied attributes take read permissions back",
-       {deny(user(1001), ACL_READ_ATTRIBUTES), allow(user(1001), ACL_READ_SECURITY)},
-       alice,
-       file,
-       ACL_DELETE},
+       {deny(user(1001), attributes), allow(user(1001), security)}, alice, file, ACL_DELETE},
       {"denied attributes alone leave read permissions to the mode",
-       {deny(user(1001), ACL_READ_ATTRIBUTES)},
-       alice,
-       file,
-       ACL_DELETE | ACL_READ_SECURITY},
+       {deny(user(1001), attributes)}, alice, file, ACL_DELETE | security},
       {"later deny takes an allowed read permissions back",
-       {allow(user(1001), ACL_READ_SECURITY), deny(group(2001), ACL_READ_SECURITY)},
-       alice,
-       file,
-       ACL_DELETE | ACL_READ_ATTRIBUTES},
+       {allow(user(1001), security), deny(group(2001), security)}, alice, file,
+       ACL_DELETE | attributes},
       {"not once attributes were allowed",
-       {allow(user(1001), ACL_READ_SECURITY | ACL_READ_ATTRIBUTES),
-        deny(group(2001), ACL_READ_SECURITY)},
-       alice,
-       file,
+       {allow(user(1001), security | attributes), deny(group(2001), security)}, alice, file,
        otherFill},
       {"a first deny of read permissions stays",
-       {deny(group(2001), ACL_READ_SECURITY), allow(user(1001), ACL_READ_SECURITY)},
-       alice,
-       file,
-       ACL_DELETE | ACL_READ_ATTRIBUTES},
-      {"no changes in a folder one cannot search",
-       {allow(user(1001), ACL_ADD_FILE | ACL_DELETE_CHILD)},
-       alice,
-       folder,
+       {deny(group(2001), security), allow(user(1001), security)}, alice, file,
+       ACL_DELETE | attributes},
+      {"no changes in a folder one cannot search", {allow(user(1001), changes)}, alice, folder,
        ACL_LIST_DIRECTORY | ACL_READ_EXTATTRIBUTES | ACL_WRITE_EXTATTRIBUTES | otherFill},
       {"changes, the mode's too, in a folder one may search",
-       {allow(user(1001), ACL_ADD_FILE | ACL_DELETE_CHILD | ACL_SEARCH)},
-       alice,
-       folder,
-       ACL_LIST_DIRECTORY | ACL_SEARCH | ACL_ADD_FILE | ACL_ADD_SUBDIRECTORY | ACL_DELETE_CHILD |
-           ACL_READ_EXTATTRIBUTES | ACL_WRITE_EXTATTRIBUTES | otherFill},
-      {"entries for a group one is not in",
-       {deny(group(2002), ACL_DELETE)},
-       alice,
-       file,
-       otherFill},
+       {allow(user(1001), changes | search)}, alice, folder,
+       ACL_LIST_DIRECTORY | search | changes | ACL_ADD_SUBDIRECTORY | ACL_READ_EXTATTRIBUTES |
+           ACL_WRITE_EXTATTRIBUTES | otherFill},
+      {"entries for a group one is not in", {deny(group(2002), ACL_DELETE)}, alice, file, otherFill},
   };
+  // clang-format on
   for (const Row& row : rows) {
     AccessEvaluator::Decision d = AccessEvaluator::evaluate(row.entries, row.who, row.item);
     EXPECT_EQ(d.status, 0) << row.name;
@@ -230,62 +205,43 @@ TEST(Mapping, NamedEntriesGetEffectiveAccessModeStays) {
     const char* defaults;  // "" for none
   };
   const uint32_t rw = ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA;
+  const uint32_t both = ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT;
+  const ItemOwnership file0640{1000, 2000, 0640, false};
+  // clang-format off
   const Row rows[] = {
-      {"a named user",
-       {allow(user(1001), rw)},
-       {1000, 2000, 0640, false},
-       "u::rw-,u:1001:rw-,g::r--,m::rw-,o::---",
-       ""},
-      {"write needs both rights",
-       {allow(user(1001), ACL_READ_DATA | ACL_WRITE_DATA)},
-       {1000, 2000, 0640, false},
-       "u::rw-,u:1001:r--,g::r--,m::r--,o::---",
-       ""},
+      {"a named user", {allow(user(1001), rw)}, file0640,
+       "u::rw-,u:1001:rw-,g::r--,m::rw-,o::---", ""},
+      {"write needs both rights", {allow(user(1001), ACL_READ_DATA | ACL_WRITE_DATA)}, file0640,
+       "u::rw-,u:1001:r--,g::r--,m::r--,o::---", ""},
       {"a group deny reaches the user; the group gets its own",
        {deny(group(2001), ACL_WRITE_DATA), allow(user(1001), ACL_WRITE_DATA | ACL_APPEND_DATA)},
-       {1000, 2000, 0640, false},
-       "u::rw-,u:1001:---,g::r--,g:2001:---,m::r--,o::---",
-       ""},
+       file0640, "u::rw-,u:1001:---,g::r--,g:2001:---,m::r--,o::---", ""},
       {"an earlier deny for another group is taken off a group",
-       {deny(group(2001), ACL_READ_DATA), allow(group(2000), rw)},
-       {1000, 2000, 0600, false},
-       "u::rw-,g::---,g:2000:-w-,g:2001:---,m::-w-,o::---",
-       ""},
-      {"the owner named: its mode bits stay",
-       {deny(user(1000), ACL_WRITE_DATA)},
-       {1000, 2000, 0640, false},
-       "u::rw-,u:1000:r--,g::r--,m::r--,o::---",
-       ""},
+       {deny(group(2001), ACL_READ_DATA), allow(group(2000), rw)}, {1000, 2000, 0600, false},
+       "u::rw-,g::---,g:2000:-w-,g:2001:---,m::-w-,o::---", ""},
+      {"the owner named: its mode bits stay", {deny(user(1000), ACL_WRITE_DATA)}, file0640,
+       "u::rw-,u:1000:r--,g::r--,m::r--,o::---", ""},
       {"a folder's default ACL from what files and folders both inherit",
-       {allow(user(1001), ACL_LIST_DIRECTORY | ACL_SEARCH,
-              ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT),
+       {allow(user(1001), ACL_LIST_DIRECTORY | ACL_SEARCH, both),
         allow(user(1002), ACL_LIST_DIRECTORY, ACL_ENTRY_FILE_INHERIT),
-        deny(group(2001), ACL_SEARCH, ACL_ENTRY_DIRECTORY_INHERIT)},
-       {1000, 2000, 0750, true},
+        deny(group(2001), ACL_SEARCH, ACL_ENTRY_DIRECTORY_INHERIT)}, {1000, 2000, 0750, true},
        "u::rwx,u:1001:r-x,u:1002:r-x,g::r-x,g:2001:---,m::r-x,o::---",
        "u::rwx,u:1001:r-x,g::r-x,g:2001:---,m::r-x,o::---"},
       {"a group's entry takes from the mode only what the owning group and others share",
-       {allow(group(2001), ACL_READ_DATA)},
-       {1000, 2000, 0601, false},
-       "u::rw-,g::---,g:2001:r--,m::r--,o::--x",
-       ""},
+       {allow(group(2001), ACL_READ_DATA)}, {1000, 2000, 0601, false},
+       "u::rw-,g::---,g:2001:r--,m::r--,o::--x", ""},
       {"a group's denial leaves it neither the others' w nor the owning group's r",
-       {deny(group(2001), ACL_EXECUTE)},
-       {1000, 2000, 0653, false},
-       "u::rw-,g::r-x,g:2001:---,m::r-x,o::-wx",
-       ""},
+       {deny(group(2001), ACL_EXECUTE)}, {1000, 2000, 0653, false},
+       "u::rw-,g::r-x,g:2001:---,m::r-x,o::-wx", ""},
       {"nothing granted through the entries: the mask is r--, never empty",
        {deny(user(1001), ACL_READ_DATA), deny(group(2001), ACL_READ_DATA)},
-       {1000, 2000, 0604, false},
-       "u::rw-,u:1001:---,g::---,g:2001:---,m::r--,o::r--",
-       ""},
-      {"the same for a folder's default ACL",
-       {deny(user(1001), ACL_LIST_DIRECTORY, ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT)},
-       {1000, 2000, 0704, true},
-       "u::rwx,u:1001:---,g::---,m::r--,o::r--",
+       {1000, 2000, 0604, false}, "u::rw-,u:1001:---,g::---,g:2001:---,m::r--,o::r--", ""},
+      {"the same for a folder's default ACL", {deny(user(1001), ACL_LIST_DIRECTORY, both)},
+       {1000, 2000, 0704, true}, "u::rwx,u:1001:---,g::---,m::r--,o::r--",
        "u::rwx,u:1001:---,g::---,m::r--,o::r--"},
       {"no entries: the mode alone", {}, {1000, 2000, 0754, true}, "u::rwx,g::r-x,o::r--", ""},
   };
+  // clang-format on
   for (const Row& row : rows) {
     PosixMapping::Enforced enforced = PosixMapping::enforce(row.entries, row.item, users);
     EXPECT_EQ(text(enforced.access), row.access) << row.name;
@@ -361,11 +317,7 @@ class AclLayers : public ::testing::Test {
   }
   std::string item(const std::string& name, mode_t mode, bool folder = false) {
     const std::string path = tree_.path(name);
-    if (folder) {
-      tree_.folder(name);
-    } else {
-      tree_.file(name);
-    }
+    folder ? tree_.folder(name) : tree_.file(name);
     EXPECT_EQ(chmod(path.c_str(), mode), 0);
     return path;
   }
@@ -382,26 +334,19 @@ TEST_F(AclLayers, WritesLeaveTheKernelTheEnforcingAclAndReadBackStored) {
   };
   const uint32_t rw = ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA;
   const uint32_t inherit = ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT;
+  // clang-format off
   const Row rows[] = {
-      {"user",
-       false,
-       0640,
-       {{ACL_EXTENDED_ALLOW, user(kMember), rw, 0}},
+      {"user", false, 0640, {allow(user(kMember), rw)},
        "user::rw-\nuser:2102:rw-\ngroup::r--\nmask::rw-\nother::---\n\n"},
-      {"staff denied, bob allowed",
-       false,
-       0664,
-       {{ACL_EXTENDED_DENY, group(kTeam), ACL_WRITE_DATA, 0},
-        {ACL_EXTENDED_ALLOW, user(kBlocked), ACL_WRITE_DATA | ACL_APPEND_DATA, 0}},
-       // bob is in staff: the deny comes first; staff's own entry loses w.
+      // qxblocked is in qxteam: the deny comes first; qxteam's own entry loses w.
+      {"team denied, a member allowed", false, 0664,
+       {deny(group(kTeam), ACL_WRITE_DATA), allow(user(kBlocked), ACL_WRITE_DATA | ACL_APPEND_DATA)},
        "user::rw-\nuser:2105:r--\ngroup::rw-\ngroup:3110:r--\nmask::rw-\nother::r--\n\n"},
-      {"folder",
-       true,
-       0750,
-       {{ACL_EXTENDED_ALLOW, user(kMember), ACL_LIST_DIRECTORY | ACL_SEARCH, inherit}},
+      {"folder", true, 0750, {allow(user(kMember), ACL_LIST_DIRECTORY | ACL_SEARCH, inherit)},
        "user::rwx\nuser:2102:r-x\ngroup::r-x\nmask::r-x\nother::---\ndefault:user::rwx\n"
        "default:user:2102:r-x\ndefault:group::r-x\ndefault:mask::r-x\ndefault:other::---\n\n"},
   };
+  // clang-format on
   for (const Row& row : rows) {
     const std::string path = item(row.name, row.mode, row.folder);
     ASSERT_EQ(write(path, row.entries), 0) << row.name;

@@ -9,9 +9,7 @@
 namespace qx::xacl {
 namespace {
 
-using test::addEntry;
-using test::buildAcl;
-using test::uuidOf;
+using namespace test;
 
 TEST(AclTextTest, EntriesReadAsOneLineEachWithNamesOrUuids) {
   ASSERT_NE(getpwnam("qxmember"), nullptr) << "tests/support/users through nss_wrapper";
