@@ -104,6 +104,9 @@ class BinaryPlist {
   // Elements of an array, pairs of a dictionary.
   std::size_t count(Ref ref) const { return nodes_[ref].length; }
   Ref element(Ref array, std::size_t index) const { return refs_[nodes_[array].offset + index]; }
+  std::span<const Ref> elements(Ref array) const {
+    return {refs_.data() + nodes_[array].offset, nodes_[array].length};
+  }
   Ref key(Ref dictionary, std::size_t index) const {
     return refs_[nodes_[dictionary].offset + index];
   }
