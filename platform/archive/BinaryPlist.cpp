@@ -743,15 +743,6 @@ bool BinaryPlist::textEquals(Ref string, std::string_view text) const {
          sameBytes(reinterpret_cast<const char*>(bytesOf(node)), text.data(), text.size());
 }
 
-BinaryPlist::Ref BinaryPlist::lookupByKeyRef(Ref dictionary, Ref key) const {
-  const Node& dict = nodes_[dictionary];
-  const Ref* keys = refs_.data() + dict.offset;
-  for (std::size_t i = 0; i < dict.length; ++i) {
-    if (keys[i] == key) return keys[dict.length + i];
-  }
-  return kNoRef;
-}
-
 // ---------------------------------------------------------------------------
 // Building
 

@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "platform/archive/BinaryPlist.h"
+#include "platform/archive/KeyText.h"
 #include "platform/archive/ScratchPool.h"
 #include "platform/foundation/Number.h"
 #include "platform/foundation/String.h"
@@ -111,8 +112,7 @@ struct KeyedArchiver::State {
   // Recently used keys by the address of their text, checked by content: keys
   // are nearly always literals, so this spares hashing them on every call.
   struct KeyCacheEntry {
-    const char* text = nullptr;
-    std::size_t length = 0;
+    KeyText text;
     Ref value = 0;
   };
   KeyCacheEntry keyCache[64];
@@ -175,19 +175,22 @@ Ref keyValue(KeyedArchiver::State& state, std::string_view key) {
   KeyedArchiver::State::KeyCacheEntry* free = nullptr;
   for (std::size_t probe = 0; probe < KeyedArchiver::State::kKeyProbes; ++probe) {
     auto& cached = state.keyCache[(first + probe) % std::size(state.keyCache)];
-    if (cached.text == key.data() && cached.length == key.size()) {
-      if (state.plist.textEquals(cached.value, key)) return cached.value;
+    if (cached.text.sameAddress(key)) {
+      if (cached.text.sameDigest(key) &&
+          (cached.text.complete() || state.plist.textEquals(cached.value, key))) {
+        return cached.value;
+      }
       free = &cached;
       break;
     }
-    if (cached.text == nullptr) {
+    if (cached.text.empty()) {
       free = &cached;
       break;
     }
   }
   Ref value = state.plist.addString(key);
   if (!free) free = &state.keyCache[first];
-  *free = {key.data(), key.size(), value};
+  *free = {KeyText(key), value};
   return value;
 }
 
