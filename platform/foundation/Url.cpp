@@ -30,13 +30,15 @@ std::string currentFolder() {
 
 // Drops repeated and trailing slashes; keeps "/" for the root.
 std::string normalisePath(std::string_view path) {
-  std::string out;
-  out.reserve(path.size());
+  std::string out(path.size(), '\0');
+  char* start = out.data();
+  char* end = start;
   for (char c : path) {
-    if (c == '/' && !out.empty() && out.back() == '/') continue;
-    out += c;
+    if (c == '/' && end != start && end[-1] == '/') continue;
+    *end++ = c;
   }
-  while (out.size() > 1 && out.back() == '/') out.pop_back();
+  while (end - start > 1 && end[-1] == '/') --end;
+  out.resize(static_cast<std::size_t>(end - start));
   return out;
 }
 
@@ -178,7 +180,12 @@ ObjectPtr Url::initWithCoder(KeyedUnarchiver& coder) {
       coder.failWithError("NSURL with a relative string that does not resolve");
       return nullptr;
     }
-    std::string path = normalisePath(base->path() + "/" + *decoded);
+    std::string path = base->path();
+    path += '/';
+    path += *decoded;
+    // A listing's items are names in a folder: their joined paths are nearly
+    // always normal already.
+    if (!isNormalPath(path)) path = normalisePath(path);
     if (reference) return FileReferenceUrl::initWithCoder(coder, std::move(path));
     return fileURLWithPath(path);
   }
@@ -280,6 +287,7 @@ std::string Url::percentEncodePath(std::string_view path) {
 }
 
 std::optional<std::string> Url::percentDecode(std::string_view text) {
+  if (text.find('%') == std::string_view::npos) return std::string(text);
   std::string out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
