@@ -6,6 +6,10 @@
 
 namespace qx {
 
+// The keyed coders are written by hand, not on a plist library, for speed
+// (see BinaryPlist.h): every key of every object of a message is looked up,
+// and this is what makes a repeated key cost a few instructions.
+//
 // A key text as the keyed coders remember it between calls: its address, its
 // length and a digest of its bytes. Keys are nearly always literals, so a key
 // at the remembered address with the same length is nearly always the same
