@@ -44,6 +44,14 @@ DIR* openFolder(const std::string& path) {
   return dir;
 }
 
+// The first 8 bytes at `p` as a big-endian number: comparing two of them
+// orders the names they begin as strcmp would, up to those bytes.
+uint64_t headOf(const char* p) {
+  uint64_t head;
+  std::memcpy(&head, p, sizeof head);
+  return __builtin_bswap64(head);
+}
+
 }  // namespace
 
 QXFolderListing::QXFolderListing(qx::UrlPtr url, qx::IndexPathPtr indexPath)
@@ -106,11 +114,14 @@ bool QXFolderListing::isFolder() const {
 // bytes and always make a string here, so the "name cannot be made into a
 // string" failure of other platforms cannot occur.
 void QXFolderListing::readEntries(DIR* dir, const std::string& path, qx::MutableArray& contents) {
+  // What the sort moves: plain numbers, the references stay where they are.
   struct Entry {
+    uint64_t head;  // the name's first 8 bytes, big-endian: most comparisons end here
     std::size_t nameOffset;
-    qx::UrlPtr url;
+    std::size_t index;  // in `references`
   };
   std::vector<Entry> entries;
+  std::vector<qx::UrlPtr> references;
   std::string names;  // every name, NUL-terminated, side by side for the sort
   std::string prefix = appendingComponent(path, "");
   int fd = dirfd(dir);
@@ -129,15 +140,22 @@ void QXFolderListing::readEntries(DIR* dir, const std::string& path, qx::Mutable
           failed.c_str()));
       break;
     }
-    entries.push_back({names.size(), std::move(reference)});
+    entries.push_back({0, names.size(), references.size()});
+    references.push_back(std::move(reference));
     names.append(name, length + 1);
   }
+  // The heads are read 8 bytes at a time, past the end of the last name too.
+  names.append(sizeof(uint64_t), '\0');
   const char* base = names.data();
+  for (Entry& entry : entries) entry.head = headOf(base + entry.nameOffset);
+  // Names of one folder differ, so two equal heads hold no NUL (which would
+  // end both names equal) and the names differ after them.
   std::sort(entries.begin(), entries.end(), [base](const Entry& a, const Entry& b) {
-    return std::strcmp(base + a.nameOffset, base + b.nameOffset) < 0;
+    if (a.head != b.head) return a.head < b.head;
+    return std::strcmp(base + a.nameOffset + 8, base + b.nameOffset + 8) < 0;
   });
   contents.mutableObjects().reserve(entries.size());
-  for (Entry& entry : entries) contents.addObject(std::move(entry.url));
+  for (const Entry& entry : entries) contents.addObject(std::move(references[entry.index]));
 }
 
 QXFolderListing::Step QXFolderListing::selectEntry(std::size_t level,

@@ -743,15 +743,6 @@ bool BinaryPlist::textEquals(Ref string, std::string_view text) const {
          sameBytes(reinterpret_cast<const char*>(bytesOf(node)), text.data(), text.size());
 }
 
-BinaryPlist::Ref BinaryPlist::lookupByKeyRef(Ref dictionary, Ref key) const {
-  const Node& dict = nodes_[dictionary];
-  const Ref* keys = refs_.data() + dict.offset;
-  for (std::size_t i = 0; i < dict.length; ++i) {
-    if (keys[i] == key) return keys[dict.length + i];
-  }
-  return kNoRef;
-}
-
 // ---------------------------------------------------------------------------
 // Building
 
@@ -950,12 +941,11 @@ BinaryPlist::Ref BinaryPlist::addDictionary(std::span<const Ref> keys,
 BinaryPlist::Ref BinaryPlist::addDictionaryOfPairs(std::span<const Ref> keysAndValues) {
   std::size_t pairs = keysAndValues.size() / 2;
   std::size_t first = refs_.size();
-  refs_.resize(first + 2 * pairs);
-  Ref* out = refs_.data() + first;
-  for (std::size_t i = 0; i < pairs; ++i) {
-    out[i] = keysAndValues[2 * i];
-    out[pairs + i] = keysAndValues[2 * i + 1];
-  }
+  // Appended rather than resized and overwritten: a record's few references
+  // cost less to push than the zero fill of a resize costs to call.
+  if (refs_.capacity() < first + 2 * pairs) refs_.reserve(std::max(first + 2 * pairs, 2 * first));
+  for (std::size_t i = 0; i < pairs; ++i) refs_.push_back(keysAndValues[2 * i]);
+  for (std::size_t i = 0; i < pairs; ++i) refs_.push_back(keysAndValues[2 * i + 1]);
   Ref ref;
   Node& node = push(Type::Dictionary, ref);
   node.length = static_cast<uint32_t>(pairs);

@@ -104,6 +104,9 @@ class BinaryPlist {
   // Elements of an array, pairs of a dictionary.
   std::size_t count(Ref ref) const { return nodes_[ref].length; }
   Ref element(Ref array, std::size_t index) const { return refs_[nodes_[array].offset + index]; }
+  std::span<const Ref> elements(Ref array) const {
+    return {refs_.data() + nodes_[array].offset, nodes_[array].length};
+  }
   Ref key(Ref dictionary, std::size_t index) const {
     return refs_[nodes_[dictionary].offset + index];
   }
@@ -117,7 +120,14 @@ class BinaryPlist {
   bool textEquals(Ref string, std::string_view text) const;
   // The value under the key value `key` itself (a Ref comparison, for keys
   // shared by many dictionaries), or kNoRef.
-  Ref lookupByKeyRef(Ref dictionary, Ref key) const;
+  Ref lookupByKeyRef(Ref dictionary, Ref key) const {
+    const Node& dict = nodes_[dictionary];
+    const Ref* keys = refs_.data() + dict.offset;
+    for (std::size_t i = 0; i < dict.length; ++i) {
+      if (keys[i] == key) return keys[dict.length + i];
+    }
+    return kNoRef;
+  }
   std::optional<Ref> find(Ref dictionary, std::string_view key) const {
     Ref found = lookup(dictionary, key);
     return found == kNoRef ? std::nullopt : std::optional<Ref>(found);

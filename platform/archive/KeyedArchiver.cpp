@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "platform/archive/BinaryPlist.h"
+#include "platform/archive/KeyText.h"
 #include "platform/archive/ScratchPool.h"
 #include "platform/foundation/Number.h"
 #include "platform/foundation/String.h"
@@ -111,11 +112,19 @@ struct KeyedArchiver::State {
   // Recently used keys by the address of their text, checked by content: keys
   // are nearly always literals, so this spares hashing them on every call.
   struct KeyCacheEntry {
-    const char* text = nullptr;
-    std::size_t length = 0;
+    KeyText text;
     Ref value = 0;
   };
   KeyCacheEntry keyCache[64];
+  static constexpr std::size_t kKeyProbes = 4;
+  // The class met last and its UID: records of one class follow each other.
+  const ClassInfo* lastClass = nullptr;
+  uint32_t lastClassUid = 0;
+  // The last inline array of UIDs written under each key (by the key's Ref):
+  // the records of an array of dictionaries nearly always hold the same keys,
+  // and an array equal to the one before it is shared instead of written
+  // again (a plist value may be named by any number of containers).
+  std::vector<std::pair<Ref, Ref>> lastArrays;
 
   static constexpr Ref kNoValue = 0xffffffffU;
   // A state that held more than this is not kept for the next archive.
@@ -131,6 +140,9 @@ struct KeyedArchiver::State {
     uidValues.clear();
     stack.clear();
     classKey = 0;
+    lastClass = nullptr;
+    lastClassUid = 0;
+    lastArrays.clear();
     std::fill(std::begin(keyCache), std::end(keyCache), KeyCacheEntry{});
     bool small = uids.clear();
     return small && plist.memoryUse() + objects.capacity() * sizeof(Ref) * 3 +
@@ -150,17 +162,35 @@ Ref uidValue(KeyedArchiver::State& state, uint32_t uid) {
 
 // A key that begins with '$' gets one more '$', so that it cannot collide with
 // the archive's own keys ($class, ...).
+//
+// Keys are interned once per archive: each key text is looked up by content
+// the first time and found by its address after that. Keys are nearly always
+// literals, which lie a few bytes apart, so the address is mixed before it
+// picks a slot, and a few slots from there are probed so that two keys of one
+// record that meet in a slot do not push each other out on every record.
 Ref keyValue(KeyedArchiver::State& state, std::string_view key) {
   if (key.starts_with('$')) return state.plist.addString("$" + std::string(key));
-  // Literals lie a few bytes apart: the address is mixed before it picks a slot.
   auto bits = reinterpret_cast<uintptr_t>(key.data()) ^ key.size();
-  auto& cached = state.keyCache[(bits * 0x9E3779B97F4A7C15ULL) >> 58];
-  if (cached.text == key.data() && cached.length == key.size() &&
-      state.plist.textEquals(cached.value, key)) {
-    return cached.value;
+  std::size_t first = (bits * 0x9E3779B97F4A7C15ULL) >> 58;
+  KeyedArchiver::State::KeyCacheEntry* free = nullptr;
+  for (std::size_t probe = 0; probe < KeyedArchiver::State::kKeyProbes; ++probe) {
+    auto& cached = state.keyCache[(first + probe) % std::size(state.keyCache)];
+    if (cached.text.sameAddress(key)) {
+      if (cached.text.sameDigest(key) &&
+          (cached.text.complete() || state.plist.textEquals(cached.value, key))) {
+        return cached.value;
+      }
+      free = &cached;
+      break;
+    }
+    if (cached.text.empty()) {
+      free = &cached;
+      break;
+    }
   }
   Ref value = state.plist.addString(key);
-  cached = {key.data(), key.size(), value};
+  if (!free) free = &state.keyCache[first];
+  *free = {KeyText(key), value};
   return value;
 }
 
@@ -189,8 +219,13 @@ bool isPlainClass(const ClassInfo& cls) {
 KeyedArchiver::~KeyedArchiver() = default;
 
 uint32_t KeyedArchiver::classUid(const ClassInfo& cls) {
+  if (state_.lastClass == &cls) return state_.lastClassUid;
   for (const auto& [known, uid] : state_.classUids) {
-    if (known == &cls) return uid;
+    if (known == &cls) {
+      state_.lastClass = &cls;
+      state_.lastClassUid = uid;
+      return uid;
+    }
   }
   BinaryPlist& plist = state_.plist;
   std::vector<Ref> names;
@@ -201,6 +236,8 @@ uint32_t KeyedArchiver::classUid(const ClassInfo& cls) {
   state_.objects.push_back(plist.addDictionary(keys, values));
   state_.uidValues.push_back(State::kNoValue);
   state_.classUids.emplace_back(&cls, uid);
+  state_.lastClass = &cls;
+  state_.lastClassUid = uid;
   return uid;
 }
 
@@ -321,11 +358,32 @@ void KeyedArchiver::addArrayElement(const ObjectPtr& object) {
 
 void KeyedArchiver::endArray(std::size_t start, std::string_view key) {
   std::span<const Ref> elements(state_.stack.data() + start, state_.stack.size() - start);
-  Ref array = state_.plist.addArray(elements);
-  state_.stack.resize(start);
   Ref k = keyValue(state_, key);
+  Ref array = sharedArray(k, elements);
+  state_.stack.resize(start);
   state_.stack.push_back(k);
   state_.stack.push_back(array);
+}
+
+// The array of `elements` for key `k`: the last one written under that key
+// when it holds the same elements, else a new one. (A shortcut a hand-written
+// writer can take, and one reason it is hand-written: a report's records each
+// name the same two keys, and sharing their key array spares a tenth of the
+// values that the writer, the reader and the wire carry.)
+BinaryPlist::Ref KeyedArchiver::sharedArray(Ref k, std::span<const Ref> elements) {
+  BinaryPlist& plist = state_.plist;
+  for (auto& [key, last] : state_.lastArrays) {
+    if (key != k) continue;
+    if (plist.count(last) == elements.size() &&
+        std::equal(elements.begin(), elements.end(), plist.elements(last).begin())) {
+      return last;
+    }
+    last = plist.addArray(elements);
+    return last;
+  }
+  Ref array = plist.addArray(elements);
+  if (state_.lastArrays.size() < kSharedArrayKeys) state_.lastArrays.emplace_back(k, array);
+  return array;
 }
 
 void KeyedArchiver::encodeArrayOfObjects(const std::vector<ObjectPtr>& objects,

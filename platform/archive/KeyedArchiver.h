@@ -88,6 +88,9 @@ class KeyedArchiver {
   std::size_t beginArray();
   void addArrayElement(const ObjectPtr& object);
   void endArray(std::size_t start, std::string_view key);
+  uint32_t sharedArray(uint32_t key, std::span<const uint32_t> elements);
+  // Keys whose last array is remembered for sharing (NS.keys, NS.objects, ...).
+  static constexpr std::size_t kSharedArrayKeys = 8;
   // An object's slot, reserved before its keys are written, and where its
   // keys begin on the stack.
   struct OpenObject {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/archive/BinaryPlist.h"
+#include "platform/archive/KeyText.h"
 #include "platform/archive/ScratchPool.h"
 #include "platform/foundation/Array.h"
 #include "platform/foundation/ClassRegistry.h"
@@ -192,8 +193,7 @@ struct KeyedUnarchiver::State {
   // key texts. Keys are nearly always literals: each is looked up by content
   // once per archive, and after that found by its address in one probe.
   struct KeyHint {
-    const char* text = nullptr;
-    std::size_t length = 0;
+    KeyText text;
     Ref key = BinaryPlist::kNoRef;
   };
   static constexpr std::size_t kKeyHints = 64;
@@ -223,13 +223,16 @@ struct KeyedUnarchiver::State {
     KeyHint* free = nullptr;
     for (std::size_t probe = 0; probe < kHintProbes; ++probe) {
       KeyHint& hint = keyHints[(first + probe) % kKeyHints];
-      if (hint.text == key.data() && hint.length == key.size()) {
+      if (hint.text.sameAddress(key)) {
         Ref value = plist.lookupByKeyRef(dictionary, hint.key);
-        if (value != BinaryPlist::kNoRef && plist.textEquals(hint.key, key)) return value;
+        if (value != BinaryPlist::kNoRef && hint.text.sameDigest(key) &&
+            (hint.text.complete() || plist.textEquals(hint.key, key))) {
+          return value;
+        }
         free = &hint;
         break;
       }
-      if (hint.text == nullptr) {
+      if (hint.text.empty()) {
         free = &hint;
         break;
       }
@@ -238,7 +241,7 @@ struct KeyedUnarchiver::State {
     Ref value = plist.lookup(dictionary, key, &keyRef);
     if (value == BinaryPlist::kNoRef) return value;
     if (!free) free = &keyHints[first];
-    *free = {key.data(), key.size(), keyRef};
+    *free = {KeyText(key), keyRef};
     return value;
   }
 

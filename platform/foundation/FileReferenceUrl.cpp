@@ -43,8 +43,10 @@ bool parseNumber(std::string_view text, std::uint64_t& value) {
 // A name as a relative URL string: percent-encoded like a path, and with ':'
 // escaped too, so that no name reads as a scheme.
 std::string relativeStringOfName(std::string_view name) {
+  std::string path = Url::percentEncodePath(name);
+  if (path.find(':') == std::string::npos) return path;
   std::string encoded;
-  for (char c : Url::percentEncodePath(name)) {
+  for (char c : path) {
     if (c == ':') {
       encoded += "%3A";
     } else {

@@ -3,9 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
-#include <cstring>
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
@@ -30,19 +30,58 @@ std::string currentFolder() {
 
 // Drops repeated and trailing slashes; keeps "/" for the root.
 std::string normalisePath(std::string_view path) {
-  std::string out;
-  out.reserve(path.size());
+  std::string out(path.size(), '\0');
+  char* start = out.data();
+  char* end = start;
   for (char c : path) {
-    if (c == '/' && !out.empty() && out.back() == '/') continue;
-    out += c;
+    if (c == '/' && end != start && end[-1] == '/') continue;
+    *end++ = c;
   }
-  while (out.size() > 1 && out.back() == '/') out.pop_back();
+  while (end - start > 1 && end[-1] == '/') --end;
+  out.resize(static_cast<std::size_t>(end - start));
   return out;
 }
 
+// The bytes a path keeps as they are in a file URL string, as a table: this
+// is asked about every byte of every path (a batch rename makes a URL per
+// item), and a search of the list of marks for each byte cost more than the
+// copy.
+constexpr std::array<bool, 256> kUnreservedInPath = [] {
+  std::array<bool, 256> table{};
+  for (int c = 'a'; c <= 'z'; ++c) table[c] = true;
+  for (int c = 'A'; c <= 'Z'; ++c) table[c] = true;
+  for (int c = '0'; c <= '9'; ++c) table[c] = true;
+  for (char c : std::string_view("-._~!$&'()*+,;=:@/")) table[static_cast<unsigned char>(c)] = true;
+  return table;
+}();
+
 bool isUnreservedInPath(unsigned char c) {
-  if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
-  return std::strchr("-._~!$&'()*+,;=:@/", c) != nullptr && c != '\0';
+  return kUnreservedInPath[c];
+}
+
+// Whether an absolute path is its own normal form (no repeated or trailing
+// slash), as nearly every path the service makes or receives is: such a path
+// skips normalisePath, which would give it back unchanged.
+bool isNormalPath(std::string_view path) {
+  if (path.empty() || path.front() != '/') return false;
+  if (path.size() > 1 && path.back() == '/') return false;
+  return path.find("//") == std::string_view::npos;
+}
+
+// Appends `path` percent-encoded: the runs of bytes that stay as they are are
+// copied whole, so a path that needs no escape is one scan and one copy.
+void appendPercentEncoded(std::string& out, std::string_view path) {
+  static const char digits[] = "0123456789ABCDEF";
+  std::size_t run = 0;
+  for (std::size_t i = 0; i < path.size(); ++i) {
+    auto c = static_cast<unsigned char>(path[i]);
+    if (isUnreservedInPath(c)) continue;
+    out.append(path.substr(run, i - run));
+    const char escape[] = {'%', digits[c >> 4], digits[c & 15]};
+    out.append(escape, sizeof escape);
+    run = i + 1;
+  }
+  out.append(path.substr(run));
 }
 
 int hexValue(char c) {
@@ -86,7 +125,11 @@ std::optional<std::string> Url::pathOfFileURLString(std::string_view string) {
   // "file://localhost/x" and "file:///x" both name /x.
   auto slash = rest.find('/');
   if (slash == std::string_view::npos) return std::nullopt;
-  auto decoded = percentDecode(rest.substr(slash));
+  std::string_view encoded = rest.substr(slash);
+  if (isNormalPath(encoded) &&
+      encoded.find_first_of(std::string_view("%\0", 2)) == std::string_view::npos)
+    return std::string(encoded);
+  auto decoded = percentDecode(encoded);
   // An encoded NUL byte would cut the path short at every system call, which
   // would then act on another item than the one named: such a string names
   // no file.
@@ -95,11 +138,18 @@ std::optional<std::string> Url::pathOfFileURLString(std::string_view string) {
 }
 
 std::shared_ptr<Url> Url::fileURLWithPath(std::string_view path) {
-  std::string absolute = (!path.empty() && path.front() == '/')
-                             ? std::string(path)
-                             : currentFolder() + "/" + std::string(path);
-  std::string normal = normalisePath(absolute);
-  std::string string = std::string(kFileScheme) + percentEncodePath(normal);
+  std::string normal;
+  if (isNormalPath(path)) {
+    normal = path;
+  } else if (!path.empty() && path.front() == '/') {
+    normal = normalisePath(path);
+  } else {
+    normal = normalisePath(currentFolder() + "/" + std::string(path));
+  }
+  std::string string;
+  string.reserve(kFileScheme.size() + normal.size() + 16);
+  string.append(kFileScheme);
+  appendPercentEncoded(string, normal);
   return ObjectArena::make<Url>(MadeFromPath{}, std::move(string), std::move(normal));
 }
 
@@ -130,7 +180,12 @@ ObjectPtr Url::initWithCoder(KeyedUnarchiver& coder) {
       coder.failWithError("NSURL with a relative string that does not resolve");
       return nullptr;
     }
-    std::string path = normalisePath(base->path() + "/" + *decoded);
+    std::string path = base->path();
+    path += '/';
+    path += *decoded;
+    // A listing's items are names in a folder: their joined paths are nearly
+    // always normal already.
+    if (!isNormalPath(path)) path = normalisePath(path);
     if (reference) return FileReferenceUrl::initWithCoder(coder, std::move(path));
     return fileURLWithPath(path);
   }
@@ -225,22 +280,14 @@ void Url::encodeWithCoder(KeyedArchiver& coder) const {
 }
 
 std::string Url::percentEncodePath(std::string_view path) {
-  static const char digits[] = "0123456789ABCDEF";
   std::string out;
   out.reserve(path.size() + 8);
-  for (unsigned char c : path) {
-    if (isUnreservedInPath(c)) {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += digits[c >> 4];
-      out += digits[c & 15];
-    }
-  }
+  appendPercentEncoded(out, path);
   return out;
 }
 
 std::optional<std::string> Url::percentDecode(std::string_view text) {
+  if (text.find('%') == std::string_view::npos) return std::string(text);
   std::string out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {

@@ -92,6 +92,15 @@ TEST_F(ListingTest, EachIndexAddsTheLevelOfTheEntryAtThatPosition) {
   auto reference = url("top/renamed")->fileReferenceURL();
   EXPECT_EQ(list(reference, {}).levels,
             (std::vector<Paths>{paths({"top/renamed/x", "top/renamed/y"})}));
+  // Byte order, also among names that share their first eight bytes.
+  tree.folder("names");
+  Paths ordered;
+  for (const char* name : {"entry-09x", "entry-1", "entry-10", "entry-100", "entry-10a",
+                           "entry-1\xff", "z", "\xc3\xa9t\xc3\xa9"}) {
+    tree.file(std::string("names/") + name);
+    ordered.push_back(tree.path(std::string("names/") + name));
+  }
+  EXPECT_EQ(list(url("names"), {}).levels, std::vector<Paths>{ordered});
   Listing root = list(Url::fileURLWithPath("/"), {});
   ASSERT_EQ(root.levels.size(), 1u);
   for (const std::string& path : root.levels[0]) {
