@@ -16,9 +16,7 @@ namespace qx::test {
 // `tsanSuppressions` names the thread sanitizer's suppressions for the wrapper itself.
 inline void reexecWithNssWrapper(const char* library, const std::string& fixtureDir,
                                  const std::string& tsanSuppressions) {
-  if (getenv("NSS_WRAPPER_PASSWD") != nullptr || getenv("QX_NSS_WRAPPER_REEXEC") != nullptr) {
-    return;
-  }
+  if (getenv("NSS_WRAPPER_PASSWD") != nullptr || getenv("QX_NSS_WRAPPER_REEXEC") != nullptr) return;
   std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
   std::vector<std::string> args;
   for (std::string arg; std::getline(cmdline, arg, '\0');) args.push_back(arg);

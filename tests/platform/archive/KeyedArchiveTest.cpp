@@ -201,12 +201,6 @@ TEST_F(KeyedArchive, ExceptionsInCodingBecomeNilAndAnError) {
   EXPECT_TRUE(roundTrip(nestedArrays(kMaxArchiveDepth), &error)) << describe(error);
 }
 
-}  // namespace
-}  // namespace qx::testing
-
-namespace qx::testing {
-namespace {
-
 // The objects of one message share memory: each must stay whole while any
 // other of them is alive, whichever thread lets the others go (ASan and TSan
 // builds catch an early or racing release).
