@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <tuple>
 
 #include "platform/foundation/Foundation.h"
 #include "rename/QXFileRename.h"
@@ -209,19 +210,19 @@ TEST_F(QXFileRenameTest, FirstFailureEndsTheBatchAndKeepsTheRenamesBefore) {
   Outcome unnamed = rename(urls, names({"a"}));
   expectFailure(unnamed.error, EINVAL, tree.path("old-003"));
   EXPECT_EQ(unnamed.names, (std::vector<std::string>{"old-002"}));
-  expectFailure(rename(Array::make({url("old-003")}), nullptr).error, EINVAL, tree.path("old-003"));
-  expectFailure(rename(Array::make({url("gone")}), names({"x"})).error, ENOENT, tree.path("gone"));
-  // What a hostile client may send: a name that is no string or holds a NUL
-  // byte, an element that is no file URL.
-  urls = Array::make({url("old-003")});
-  expectFailure(rename(urls, Array::make({Number::numberWithInteger(7)})).error, EINVAL,
-                tree.path("old-003"));
-  expectFailure(rename(urls, names({std::string("cut\0short", 9)})).error, EINVAL,
-                tree.path("old-003"));
+  // No names, a missing item, and what a hostile client may send: a name that
+  // is no string or holds a NUL byte, an element that is no file URL.
+  const std::string last = tree.path("old-003");
+  const std::tuple<ArrayPtr, ArrayPtr, int, std::string> failures[] = {
+      {Array::make({url("old-003")}), nullptr, EINVAL, last},
+      {Array::make({url("gone")}), names({"x"}), ENOENT, tree.path("gone")},
+      {Array::make({url("old-003")}), Array::make({Number::numberWithInteger(7)}), EINVAL, last},
+      {Array::make({url("old-003")}), names({std::string("cut\0short", 9)}), EINVAL, last},
+      {Array::make({str("/etc/passwd")}), names({"x"}), EINVAL, ""},
+      {Array::make({Url::URLWithString("https://host/x")}), names({"x"}), EINVAL, ""}};
+  for (const auto& [batch, newNames, errnum, path] : failures)
+    expectFailure(rename(batch, newNames).error, errnum, path);
   EXPECT_FALSE(exists("cut"));
-  expectFailure(rename(Array::make({str("/etc/passwd")}), names({"x"})).error, EINVAL, "");
-  expectFailure(rename(Array::make({Url::URLWithString("https://host/x")}), names({"x"})).error,
-                EINVAL, "");
 }
 
 // renameat2 answering "not supported" falls back to a plain rename, which

@@ -172,9 +172,9 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   ASSERT_TRUE(accept());
   EXPECT_EQ(serviceEnd->remoteObjectInterface()->protocol().name(), "QXFileResponse");
   EXPECT_EQ(serviceEnd->exportedInterface()->protocol().name(), "QXFileRequest");
-  std::weak_ptr<void> exported = serviceEnd->exportedObject();
-  ASSERT_FALSE(exported.expired());
+  ASSERT_TRUE(serviceEnd->exportedObject());
   // Resumed: a request is answered by the service's worker, with its error.
+  // (That the connection's end releases the service: ALongPropagationLeavesTheConnectionAnswering.)
   auto proxy = clientProxy();
   auto reply = qx::ReplyWaiter<qx::ErrorPtr>::wait([&](auto done) {
     proxy->setAclEntries(qx::Array::make(), qx::Url::fileURLWithPath(files.path("missing")),
@@ -182,9 +182,6 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   });
   ASSERT_TRUE(reply && *reply);
   EXPECT_EQ((*reply)->code(), ENOENT);
-  // The connection's end releases its service.
-  clientEnd->invalidate();
-  EXPECT_TRUE(eventually([&] { return exported.expired(); }));
 }
 
 // Renames and size calculations of a connection run one at a time, in the

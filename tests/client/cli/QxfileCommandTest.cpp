@@ -213,53 +213,27 @@ TEST_F(Qxfile, HelpAndWrongCommandLines) {
     EXPECT_TRUE(contains(run.out, "--json")) << command << " takes --json";
   }
 
-  // Wrong command lines exit with 2 and say why; the reasons of `refused`
-  // are checked. Those before the last four need neither the item nor the
-  // service.
-  std::string item = file("item");
-  const char* usage[] = {"bogus",
-                         "acl",
-                         "acl show",
-                         "acl frobnicate ITEM",
-                         "acl add ITEM maybe user:qxalice read",
-                         "acl add ITEM allow user:nosuchuser read",
-                         "acl add ITEM allow someone:qxalice read",
-                         "acl add ITEM allow user:qxalice read --inherit sideways",
-                         "acl add ITEM allow user:qxalice read --at -1",
-                         "acl mode ITEM 8",
-                         "acl mode ITEM 1777",
-                         "acl mode ITEM rwx",
-                         "acl mode ITEM EMPTY",
-                         "access ITEM",
-                         "access ITEM uid:many",
-                         "size",
-                         "size ITEM --bogus",
-                         "ls ITEM first",
-                         "rename"};
-  for (const char* line : usage) {
-    Outcome run = qxfile(words(line, item));
-    EXPECT_EQ(run.status, 2) << line << "\n" << run;
-    EXPECT_FALSE(run.err.empty()) << line;
-  }
-  const std::pair<const char*, const char*> refused[] = {
-      {"access ITEM nosuchuser", "qxfile: unknown user \"nosuchuser\"\n"},
-      {"acl add ITEM allow qxalice read,fly", "qxfile: unknown permission \"fly\"\n"},
-      {"acl owner ITEM group:qxstaff", "the owner must be a user"},
-      {"acl group ITEM nosuchgroup", "unknown group \"nosuchgroup\""},
-      {"rename ITEM a ITEM", "rename takes pairs"},
-      {"acl add ITEM allow qxbob read --inherit file", "--inherit applies to folders only"},
-      {"acl add ITEM allow qxbob delete_child", "does not apply to a file"},
-      {"acl remove ITEM 3", "no ACL entry 3: the item has 0"},
-      {"acl remove ITEM user:qxalice", "no ACL entry for user:qxalice"}};
-  for (const auto& [line, reason] : refused) {
-    if (line == refused[std::size(refused) - 4].first) {
+  // data/wrong-command-lines.txt: each exits with 2 and says why.
+  const std::string item = file("item");
+  std::ifstream rows(QX_SOURCE_DIR "/tests/client/cli/data/wrong-command-lines.txt");
+  int count = 0;
+  for (std::string row; std::getline(rows, row);) {
+    if (row.empty() || row[0] == '#') continue;
+    if (row == "service") {
       EXPECT_EQ(modeOf(item), 0644u);
       EXPECT_TRUE(sandbox_.services().empty()) << "a wrong command line never needs the service";
+      continue;
     }
-    Outcome run = qxfile(words(line, item));
-    EXPECT_EQ(run.status, 2) << line << "\n" << run;
-    EXPECT_TRUE(contains(run.err, reason)) << run;
+    const std::size_t arrow = row.find(" => ");
+    std::string reason = arrow == std::string::npos ? "" : row.substr(arrow + 4);
+    if (reason.ends_with("\\n")) reason.replace(reason.size() - 2, 2, "\n");
+    Outcome run = qxfile(words(row.substr(0, arrow), item));
+    EXPECT_EQ(run.status, 2) << row << "\n" << run;
+    EXPECT_FALSE(run.err.empty()) << row;
+    EXPECT_TRUE(contains(run.err, reason)) << row << "\n" << run;
+    ++count;
   }
+  EXPECT_EQ(count, 28);
 }
 
 TEST_F(Qxfile, OperationErrorsExitWithOneAndPrintDescriptionAndSuggestion) {

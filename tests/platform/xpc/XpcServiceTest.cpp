@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -258,13 +256,9 @@ TEST_F(ServiceProcess, PeersOfAnotherUserAreClosedAtOnce) {
 
   auto frame = XpcFrame::encode(XpcMessage::invocation("processIdWithReply:", {}, 1).encode());
   std::string outcome = qx::test::ChildProcess::runAs(65534, 65534, [&]() -> std::string {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path.c_str());
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM, 0));
-    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-      return "could not connect";
-    writeAll(fd.get(), frame);
+    UniqueFd fd = XpcServiceSocket::connectTo(path);
+    if (!fd) return "could not connect";
+    writeAll(fd.get(), frame);  // the service may close it before it is all written
     char byte;
     ssize_t got = ::recv(fd.get(), &byte, 1, 0);
     if (got > 0) return "answered";
@@ -276,27 +270,25 @@ TEST_F(ServiceProcess, PeersOfAnotherUserAreClosedAtOnce) {
 }
 
 TEST_F(ServiceProcess, TheSocketFolderIsPrivateAndOursAndAMissingServiceIsAnError) {
-  std::string inner = sandbox.socketFolder() + "/inner";
+  const std::string inner = sandbox.socketFolder() + "/inner", link = sandbox.socketFolder() + "/l";
   ::setenv("QXFILE_SOCKET_DIR", inner.c_str(), 1);
   EXPECT_EQ(XpcServiceSocket::socketPath().value_or(""), inner + "/service.sock");
   struct stat info;
   ASSERT_EQ(::lstat(inner.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0700u) << "created private";
-  std::string error;
-  ASSERT_EQ(::chmod(inner.c_str(), 0750), 0);
-  EXPECT_FALSE(XpcServiceSocket::socketDirectory(&error));
-  EXPECT_NE(error.find("open to other users"), std::string::npos);
-  ASSERT_EQ(::chmod(inner.c_str(), 0700), 0);
-  std::string link = sandbox.socketFolder() + "/link";
   fs::create_directory_symlink(inner, link);
-  ::setenv("QXFILE_SOCKET_DIR", link.c_str(), 1);
-  EXPECT_FALSE(XpcServiceSocket::socketDirectory(&error));
-  EXPECT_NE(error.find("not a folder"), std::string::npos);
-  ::setenv("QXFILE_SOCKET_DIR", inner.c_str(), 1);
+  std::string error;
+  auto refusal = [&](const std::string& folder) {
+    ::setenv("QXFILE_SOCKET_DIR", folder.c_str(), 1);
+    return XpcServiceSocket::socketDirectory(&error) ? "accepted" : error;
+  };
+  ASSERT_EQ(::chmod(inner.c_str(), 0750), 0);
+  EXPECT_NE(refusal(inner).find("open to other users"), std::string::npos);
+  ASSERT_EQ(::chmod(inner.c_str(), 0700), 0);
+  EXPECT_NE(refusal(link).find("not a folder"), std::string::npos);
   if (::geteuid() == 0) {
     ASSERT_EQ(::chown(inner.c_str(), 65534, 65534), 0);
-    EXPECT_FALSE(XpcServiceSocket::socketDirectory(&error));
-    EXPECT_NE(error.find("belongs to another user"), std::string::npos);
+    EXPECT_NE(refusal(inner).find("belongs to another user"), std::string::npos);
   }
 
   // Without a folder given: the runtime folder, else one in /tmp named for the user.
