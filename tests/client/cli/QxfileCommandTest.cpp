@@ -198,12 +198,11 @@ TEST_F(Qxfile, HelpAndWrongCommandLines) {
   Outcome help = qxfile({});
   EXPECT_EQ(help.status, 0) << help;
   EXPECT_EQ(qxfile({"--help"}).out, help.out);
-  for (const char* command : {"acl", "access", "propagate", "size", "ls", "rename"}) {
-    EXPECT_TRUE(contains(help.out, std::string("\n  ") + command + " ")) << command;
-  }
-  Outcome aclHelp = qxfile({"acl", "--help"});
-  for (const char* command : {"show", "add", "remove", "owner", "group", "mode"}) {
-    EXPECT_TRUE(contains(aclHelp.out, std::string("\n  ") + command + " ")) << command;
+  const std::string aclHelp = qxfile({"acl", "--help"}).out;
+  for (const auto& [text, commands] : {std::pair{help.out, "acl access propagate size ls rename"},
+                                       std::pair{aclHelp, "show add remove owner group mode"}}) {
+    for (const std::string& command : words(commands))
+      EXPECT_TRUE(contains(text, "\n  " + command + " ")) << command;
   }
   EXPECT_EQ(qxfile({"--version"}).out.rfind("qxfile ", 0), 0u);
   for (const char* command : {"acl show", "acl add", "acl remove", "acl owner", "acl group",
@@ -405,8 +404,7 @@ TEST_F(Qxfile, SizeTotalsInThePathsOrderAndEveryFolderWithAll) {
   std::string empty = folder("top/empty");
   Json totals = qxfile({"size", top, "--json"}).json();
   EXPECT_EQ(totals["paths"], Json::array({top}));
-  EXPECT_EQ(totals["total"]["size"], 2100);
-  EXPECT_EQ(totals["total"]["final"], true);
+  EXPECT_EQ(totals["total"], (Json{{"size", 2100}, {"final", true}}));
   EXPECT_EQ(totals["items"].size(), 1u);
   EXPECT_FALSE(totals["stopped"].get<bool>());
   // --all: every folder, each after the folders inside it, as du prints them.
@@ -484,13 +482,11 @@ TEST_F(Qxfile, ListingLevelsFollowThePositionsGiven) {
 
 TEST_F(Qxfile, RenamePairsStopAtATakenNameOrCtrlC) {
   std::string one = file("one"), two = file("two");
-  Json result = qxfile({"rename", one, "uno", two, "dos/tres", "--json"}).json();
-  EXPECT_EQ(result["requested"], 2);
-  ASSERT_EQ(result["renamed"].size(), 2u);
-  EXPECT_EQ(result["renamed"][0]["from"], one);
-  EXPECT_EQ(result["renamed"][0]["to"], tree_.path("uno"));
-  EXPECT_EQ(result["renamed"][0]["previousName"], "one");
-  EXPECT_EQ(result["renamed"][1]["to"], tree_.path("dos:tres")) << "a slash becomes a colon";
+  const Json renamed = Json::array(  // a slash becomes a colon
+      {{{"from", one}, {"to", tree_.path("uno")}, {"previousName", "one"}},
+       {{"from", two}, {"to", tree_.path("dos:tres")}, {"previousName", "two"}}});
+  EXPECT_EQ(qxfile({"rename", one, "uno", two, "dos/tres", "--json"}).json(),
+            (Json{{"requested", 2}, {"renamed", renamed}, {"stopped", false}}));
   std::string three = file("three");
   EXPECT_EQ(qxfile({"rename", three, "tres"}).out,
             three + " -> " + tree_.path("tres") + "\nRenamed 1 of 1 item.\n");

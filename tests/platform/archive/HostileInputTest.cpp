@@ -68,7 +68,9 @@ void checkArchive(const json& row) {
                                  : KeyedUnarchiver::unarchiveObjectWithData(bytes, &error);
   if (!row.contains("refused with")) {
     ASSERT_TRUE(decoded) << describe(error);
-    if (row.contains("decodes as")) EXPECT_EQ(decoded->description(), row["decodes as"]);
+    if (row.contains("decodes as")) {
+      EXPECT_EQ(decoded->description(), row["decodes as"]);
+    }
     return;
   }
   EXPECT_FALSE(decoded);

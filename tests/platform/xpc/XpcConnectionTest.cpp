@@ -67,16 +67,13 @@ TEST_F(ConnectionPair, EveryInvocationGetsExactlyOneReplyWithItsObjectsIntact) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kCalls; ++i) {
         int slot = t * kCalls + i;
-        auto mutableArray = MutableArray::make();
-        mutableArray->addObject(Number::numberWithBool(true));
-        auto mutableDictionary = MutableDictionary::make();
-        mutableDictionary->setObject(str("v"), "k");
         // A collection argument without a set takes property-list classes.
         auto array = Array::make(
             {str("call " + std::to_string(slot) + " \xc3\xa9"), Number::numberWithInteger(slot),
              nullptr, Data::make(std::vector<uint8_t>(slot % 7, 0xab)),
-             Dictionary::withStringKeys({{"k", Number::numberWithDouble(0.5)}}), mutableArray,
-             mutableDictionary});
+             Dictionary::withStringKeys({{"k", Number::numberWithDouble(0.5)}}),
+             Array::make({Number::numberWithBool(true)})->mutableCopy(),
+             Dictionary::withStringKeys({{"k", str("v")}})->mutableCopy()});
         bool flag = slot % 2 == 0;
         proxy->echo(slot % 3 ? error : nullptr, array, flag,
                     [&, slot, array, flag](ErrorPtr e, ArrayPtr a, bool f) {

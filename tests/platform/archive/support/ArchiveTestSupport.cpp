@@ -1,8 +1,6 @@
 #include "tests/platform/archive/support/ArchiveTestSupport.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <stdexcept>
 
 #include "platform/archive/KeyedArchiver.h"
