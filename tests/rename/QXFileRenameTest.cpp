@@ -1,13 +1,13 @@
 // Batch renames on real trees, with a question that answers as each case
 // needs.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <tuple>
 
 #include "platform/foundation/Foundation.h"
@@ -49,9 +49,7 @@ class QXFileRenameTest : public ::testing::Test {
   void TearDown() override { renameat2FailsWith = 0; }
 
   static std::string numbered(const std::string& prefix, int i) {
-    char number[16];
-    std::snprintf(number, sizeof number, "%03d", i);
-    return prefix + number;
+    return prefix + std::to_string(1000 + i).substr(1);
   }
   // Files "<prefix>NNN" holding their own names, and their URLs.
   ArrayPtr items(const std::string& prefix, int count) const {
@@ -74,8 +72,7 @@ class QXFileRenameTest : public ::testing::Test {
   }
   UrlPtr url(const std::string& name) const { return Url::fileURLWithPath(tree.path(name)); }
   bool exists(const std::string& name) const {
-    struct stat st;
-    return lstat(tree.path(name).c_str(), &st) == 0;
+    return std::filesystem::exists(std::filesystem::symlink_status(tree.path(name)));
   }
   int existing(const std::string& prefix, int count) const {
     int found = 0;

@@ -51,14 +51,6 @@ std::ostream& operator<<(std::ostream& stream, const Outcome& run) {
   return stream << "status " << run.status << "\nstdout:\n" << run.out << "stderr:\n" << run.err;
 }
 
-std::vector<char*> argvOf(std::vector<std::string>& args) {
-  args.insert(args.begin(), QX_CLI_EXECUTABLE);
-  std::vector<char*> argv;
-  for (auto& arg : args) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  return argv;
-}
-
 mode_t modeOf(const std::string& path) {
   struct stat st {};
   return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : mode_t(-1);
@@ -95,7 +87,10 @@ class Qxfile : public ::testing::Test {
   // Runs qxfile with its standard output and error on a terminal; `out` is
   // everything the terminal received.
   static Outcome qxfileOnTerminal(std::vector<std::string> args) {
-    std::vector<char*> argv = argvOf(args);
+    args.insert(args.begin(), QX_CLI_EXECUTABLE);
+    std::vector<char*> argv;
+    for (auto& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
     int terminal = -1;
     pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (pid == 0) {
@@ -299,9 +294,10 @@ TEST_F(Qxfile, AclEntriesRoundTripThroughAddAndRemove) {
   ASSERT_EQ(added.status, 0) << added;
   Json entry = added.json()["acl"][0];
   EXPECT_EQ(entry["tag"], "allow");
-  EXPECT_EQ(entry["identity"]["name"], "qxalice");
-  EXPECT_EQ(entry["identity"]["id"], kAlice);
-  EXPECT_EQ(entry["identity"]["uuid"], "FFFFEEEE-DDDD-CCCC-BBBB-AAAA00000899");
+  EXPECT_EQ(entry["identity"], (Json{{"kind", "user"},
+                                     {"id", kAlice},
+                                     {"name", "qxalice"},
+                                     {"uuid", "FFFFEEEE-DDDD-CCCC-BBBB-AAAA00000899"}}));
   EXPECT_EQ(entry["rights"], 0xffe);
   EXPECT_EQ(
       strings(entry["appliesTo"]),

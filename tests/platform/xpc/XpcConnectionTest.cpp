@@ -8,12 +8,15 @@
 
 #include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/Semaphore.h"
-#include "tests/platform/xpc/XpcTestSupport.h"
+#include "platform/xpc/XpcFrame.h"
+#include "tests/platform/xpc/support/TestProtocols.h"
+#include "tests/support/Eventually.h"
 
 namespace qx::xpctest {
 namespace {
 
 using namespace std::chrono_literals;
+using qx::test::eventually;
 
 class ConnectionPair : public ::testing::Test {
  protected:

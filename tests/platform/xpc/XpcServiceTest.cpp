@@ -21,14 +21,14 @@
 
 #include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/Semaphore.h"
-#include "platform/xpc/XpcConnection.h"
+#include "platform/xpc/XpcFrame.h"
 #include "platform/xpc/XpcListener.h"
-#include "platform/xpc/XpcListenerDelegate.h"
 #include "platform/xpc/XpcMessage.h"
 #include "platform/xpc/XpcServiceSocket.h"
 #include "tests/platform/archive/support/ArchiveTestSupport.h"
-#include "tests/platform/xpc/XpcTestSupport.h"
+#include "tests/platform/xpc/support/TestProtocols.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/ServiceSandbox.h"
 #include "tests/support/TempTree.h"
 
@@ -38,8 +38,31 @@ namespace qx::xpctest {
 namespace {
 
 using namespace std::chrono_literals;
+using qx::test::eventually;
 namespace fs = std::filesystem;
 using testing::json;
+
+inline bool writeAll(int fd, std::span<const uint8_t> bytes) {
+  while (!bytes.empty()) {
+    ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent <= 0) return false;
+    bytes = bytes.subspan(static_cast<std::size_t>(sent));
+  }
+  return true;
+}
+
+// True when the peer closes `fd` within the timeout, whatever it sends before.
+inline bool peerClosesWithin(int fd, std::chrono::milliseconds timeout) {
+  timeval tv{static_cast<time_t>(timeout.count() / 1000),
+             static_cast<suseconds_t>((timeout.count() % 1000) * 1000)};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  uint8_t buffer[4096];
+  for (;;) {
+    ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
+    if (got == 0) return true;
+    if (got < 0) return errno == ECONNRESET;
+  }
+}
 
 constexpr const char* kService = QX_XPC_TEST_SERVICE;
 constexpr auto kIdle = 300ms;  // the sandbox's idle time
