@@ -1,13 +1,14 @@
 // Batch renames on real trees, with a question that answers as each case
 // needs.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <tuple>
 
 #include "platform/foundation/Foundation.h"
 #include "rename/QXFileRename.h"
@@ -48,9 +49,7 @@ class QXFileRenameTest : public ::testing::Test {
   void TearDown() override { renameat2FailsWith = 0; }
 
   static std::string numbered(const std::string& prefix, int i) {
-    char number[16];
-    std::snprintf(number, sizeof number, "%03d", i);
-    return prefix + number;
+    return prefix + std::to_string(1000 + i).substr(1);
   }
   // Files "<prefix>NNN" holding their own names, and their URLs.
   ArrayPtr items(const std::string& prefix, int count) const {
@@ -73,8 +72,7 @@ class QXFileRenameTest : public ::testing::Test {
   }
   UrlPtr url(const std::string& name) const { return Url::fileURLWithPath(tree.path(name)); }
   bool exists(const std::string& name) const {
-    struct stat st;
-    return lstat(tree.path(name).c_str(), &st) == 0;
+    return std::filesystem::exists(std::filesystem::symlink_status(tree.path(name)));
   }
   int existing(const std::string& prefix, int count) const {
     int found = 0;
@@ -209,19 +207,19 @@ TEST_F(QXFileRenameTest, FirstFailureEndsTheBatchAndKeepsTheRenamesBefore) {
   Outcome unnamed = rename(urls, names({"a"}));
   expectFailure(unnamed.error, EINVAL, tree.path("old-003"));
   EXPECT_EQ(unnamed.names, (std::vector<std::string>{"old-002"}));
-  expectFailure(rename(Array::make({url("old-003")}), nullptr).error, EINVAL, tree.path("old-003"));
-  expectFailure(rename(Array::make({url("gone")}), names({"x"})).error, ENOENT, tree.path("gone"));
-  // What a hostile client may send: a name that is no string or holds a NUL
-  // byte, an element that is no file URL.
-  urls = Array::make({url("old-003")});
-  expectFailure(rename(urls, Array::make({Number::numberWithInteger(7)})).error, EINVAL,
-                tree.path("old-003"));
-  expectFailure(rename(urls, names({std::string("cut\0short", 9)})).error, EINVAL,
-                tree.path("old-003"));
+  // No names, a missing item, and what a hostile client may send: a name that
+  // is no string or holds a NUL byte, an element that is no file URL.
+  const std::string last = tree.path("old-003");
+  const std::tuple<ArrayPtr, ArrayPtr, int, std::string> failures[] = {
+      {Array::make({url("old-003")}), nullptr, EINVAL, last},
+      {Array::make({url("gone")}), names({"x"}), ENOENT, tree.path("gone")},
+      {Array::make({url("old-003")}), Array::make({Number::numberWithInteger(7)}), EINVAL, last},
+      {Array::make({url("old-003")}), names({std::string("cut\0short", 9)}), EINVAL, last},
+      {Array::make({str("/etc/passwd")}), names({"x"}), EINVAL, ""},
+      {Array::make({Url::URLWithString("https://host/x")}), names({"x"}), EINVAL, ""}};
+  for (const auto& [batch, newNames, errnum, path] : failures)
+    expectFailure(rename(batch, newNames).error, errnum, path);
   EXPECT_FALSE(exists("cut"));
-  expectFailure(rename(Array::make({str("/etc/passwd")}), names({"x"})).error, EINVAL, "");
-  expectFailure(rename(Array::make({Url::URLWithString("https://host/x")}), names({"x"})).error,
-                EINVAL, "");
 }
 
 // renameat2 answering "not supported" falls back to a plain rename, which

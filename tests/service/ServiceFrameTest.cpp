@@ -1,6 +1,6 @@
 // The service frame in process: a QXFileService and its delegate, or a
 // worker's questions to its client, on one end of a socket pair, a plain
-// connection on the other.
+// connection on the other; and the real qxfile-service over its socket.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,14 +10,14 @@
 #include <filesystem>
 #include <functional>
 #include <future>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 
 #include "model/ModelClasses.h"
+#include "model/QXAclEntry.h"
 #include "model/QXFileSizeItem.h"
 #include "platform/dispatch/ReplyWaiter.h"
+#include "platform/dispatch/Semaphore.h"
 #include "platform/xpc/XpcConnection.h"
 #include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcListener.h"
@@ -27,6 +27,7 @@
 #include "service/QXFileServiceDelegate.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/ScriptedResponder.h"
+#include "tests/support/ServiceSandbox.h"
 #include "tests/support/TempTree.h"
 
 namespace {
@@ -172,9 +173,9 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   ASSERT_TRUE(accept());
   EXPECT_EQ(serviceEnd->remoteObjectInterface()->protocol().name(), "QXFileResponse");
   EXPECT_EQ(serviceEnd->exportedInterface()->protocol().name(), "QXFileRequest");
-  std::weak_ptr<void> exported = serviceEnd->exportedObject();
-  ASSERT_FALSE(exported.expired());
+  ASSERT_TRUE(serviceEnd->exportedObject());
   // Resumed: a request is answered by the service's worker, with its error.
+  // (That the connection's end releases the service: ALongPropagationLeavesTheConnectionAnswering.)
   auto proxy = clientProxy();
   auto reply = qx::ReplyWaiter<qx::ErrorPtr>::wait([&](auto done) {
     proxy->setAclEntries(qx::Array::make(), qx::Url::fileURLWithPath(files.path("missing")),
@@ -182,9 +183,6 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   });
   ASSERT_TRUE(reply && *reply);
   EXPECT_EQ((*reply)->code(), ENOENT);
-  // The connection's end releases its service.
-  clientEnd->invalidate();
-  EXPECT_TRUE(eventually([&] { return exported.expired(); }));
 }
 
 // Renames and size calculations of a connection run one at a time, in the
@@ -198,21 +196,13 @@ TEST_F(ServiceFrame, OperationsQueueBehindOneWaitingForItsClientListingsDoNot) {
   auto proxy = clientProxy(responder);
   auto counted = qx::Array::make({qx::Url::fileURLWithPath(files.path("counted"))});
   auto item = qx::Url::fileURLWithPath(files.path("item"));
-  std::mutex mutex;
-  std::vector<std::string> order;
-  auto log = [&](std::string what) {
-    std::lock_guard lock(mutex);
-    order.push_back(std::move(what));
-  };
-  auto logged = [&] {
-    std::lock_guard lock(mutex);
-    return order;
-  };
-  proxy->getSizesWithUrls(counted, [&](qx::ArrayPtr, qx::ErrorPtr) { log("sizes"); });
+  // Where each reply came in the order of replies.
+  std::atomic<int> replies{0}, sizes{-1}, rename{-1}, sizesAgain{-1};
+  proxy->getSizesWithUrls(counted, [&](qx::ArrayPtr, qx::ErrorPtr) { sizes = replies++; });
   ASSERT_TRUE(responder->waitForCalls(1));
   proxy->renameUrls(qx::Array::make({item}), qx::Array::make({qx::str("renamed")}),
-                    [&](qx::ArrayPtr, qx::ArrayPtr, qx::ErrorPtr) { log("rename"); });
-  proxy->getSizesWithUrls(counted, [&](qx::ArrayPtr, qx::ErrorPtr) { log("sizes again"); });
+                    [&](qx::ArrayPtr, qx::ArrayPtr, qx::ErrorPtr) { rename = replies++; });
+  proxy->getSizesWithUrls(counted, [&](qx::ArrayPtr, qx::ErrorPtr) { sizesAgain = replies++; });
   auto levels = qx::ReplyWaiter<qx::ArrayPtr, qx::ErrorPtr>::wait([&](auto done) {
     proxy->getContentsOfDirectory(item, qx::IndexPath::make(), std::move(done));
   });
@@ -221,13 +211,13 @@ TEST_F(ServiceFrame, OperationsQueueBehindOneWaitingForItsClientListingsDoNot) {
       [&](auto done) { proxy->getAclEntriesWithUrl(item, std::move(done)); });
   EXPECT_TRUE(entries && std::get<0>(*entries));
   std::this_thread::sleep_for(100ms);
-  EXPECT_TRUE(logged().empty());
+  EXPECT_EQ(replies.load(), 0);
   EXPECT_FALSE(std::filesystem::exists(files.path("renamed")));
   responder->answerHeld(true);
   ASSERT_TRUE(responder->waitForCalls(2)) << "the second calculation's report";
   responder->answerHeld(true);
-  ASSERT_TRUE(eventually([&] { return logged().size() == 3; }));
-  EXPECT_EQ(logged(), (std::vector<std::string>{"sizes", "rename", "sizes again"}));
+  ASSERT_TRUE(eventually([&] { return sizes >= 0 && rename >= 0 && sizesAgain >= 0; }));
+  EXPECT_EQ((std::vector<int>{sizes, rename, sizesAgain}), (std::vector<int>{0, 1, 2}));
 }
 
 // A propagation over a large tree works on the connection's delivery queue
@@ -290,6 +280,88 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(touchedFolders(), touched) << "the propagation stopped";
   EXPECT_LT(touched, kFolders);
+}
+
+// The real qxfile-service, reached over its socket with a plain connection:
+// the classes allowed in incoming arguments are enforced by the connection,
+// before any request reaches the service.
+
+using qx::Array;
+using qx::str;
+
+// "replied", or the reason the invocation was refused.
+std::string send(qx::XpcConnection& connection, const std::string& selector,
+                 std::vector<qx::ObjectPtr> arguments) {
+  auto outcome = std::make_shared<std::string>("no answer");
+  auto done = std::make_shared<qx::Semaphore>();
+  connection.sendInvocation(
+      selector, std::move(arguments),
+      [outcome, done](std::vector<qx::ObjectPtr>) {
+        *outcome = "replied";
+        done->signal();
+      },
+      [outcome, done](qx::ErrorPtr error) {
+        *outcome = error ? error->localizedDescription() : "no reason";
+        done->signal();
+      });
+  EXPECT_TRUE(done->waitFor(std::chrono::seconds(10))) << selector;
+  return *outcome;
+}
+
+TEST(ServiceProcess, ArgumentsOutsideTheAllowedClassesAreRefusedBeforeAnyWork) {
+  registerModelClasses();
+  qx::test::ServiceSandbox sandbox(QX_SERVICE_EXECUTABLE);
+  qx::test::TempTree files("qx-service");
+  qx::ErrorPtr error;
+  auto connection = qx::XpcConnection::connectToService(QX_SERVICE_EXECUTABLE, &error);
+  ASSERT_TRUE(connection) << error->description();
+  // Replies may hold URLs and size records, as the client library allows.
+  auto requests = qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol());
+  ASSERT_TRUE(QXFileRequest::restrictReplies(*requests));
+  connection->setRemoteObjectInterface(requests);
+  connection->resume();
+  files.file("item", "x");
+  std::string item = files.path("item");
+  ::chmod(item.c_str(), 0640);
+  auto url = qx::Url::fileURLWithPath(item);
+  auto urls = Array::make({url});
+  auto names = Array::make({str("renamed")});
+  struct Row {
+    std::string selector;
+    std::vector<qx::ObjectPtr> arguments;
+    std::string refusedClass;
+  };
+  for (const Row& row : std::vector<Row>{
+           {"setAclEntries:url:reply:",
+            {Array::make({str("ACL"), str("POSIX"), qx::Number::numberWithInteger(0777)}), url},
+            "NSNumber"},
+           {"setAclEntries:url:reply:", {Array::make({str("ACL"), url}), url}, "NSURL"},
+           {"propagateAclEntries:url:reply:",
+            {Array::make({str("ACL"), qx::Dictionary::make()}), url},
+            "NSDictionary"},
+           {"renameUrls:names:reply:", {Array::make({str(item)}), names}, "NSString"},
+           {"getSizesWithUrls:reply:", {Array::make({qx::Uuid::make()})}, "NSUUID"},
+           // The names keep the default rule of collections: property-list objects only,
+           // also when the same array object is both arguments, archived and decoded once.
+           {"renameUrls:names:reply:", {urls, urls->copy()}, "NSURL"},
+           {"renameUrls:names:reply:", {urls, urls}, "NSURL"},
+       }) {
+    EXPECT_NE(send(*connection, row.selector, row.arguments).find(row.refusedClass),
+              std::string::npos)
+        << row.selector << " should be refused for " << row.refusedClass;
+  }
+  struct stat st {};
+  EXPECT_EQ(::lstat(item.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0640u);
+  // Strings, arrays, entries and their tree nodes pass and reach the worker.
+  auto entry = QXAclEntry::make(qx::Uuid::make(), 1, Array::make(), false);
+  EXPECT_EQ(send(*connection,
+                 "setAclEntries:url:reply:", {Array::make({str("ACL"), entry, str("POSIX")}), url}),
+            "replied");
+  EXPECT_EQ(send(*connection, "getSizesWithUrls:reply:", {urls}), "replied");
+  EXPECT_EQ(send(*connection, "renameUrls:names:reply:", {urls, names}), "replied");
+  EXPECT_TRUE(std::filesystem::exists(files.path("renamed")));
+  EXPECT_TRUE(connection->isValid());
+  connection->invalidate();
 }
 
 }  // namespace

@@ -51,14 +51,6 @@ std::ostream& operator<<(std::ostream& stream, const Outcome& run) {
   return stream << "status " << run.status << "\nstdout:\n" << run.out << "stderr:\n" << run.err;
 }
 
-std::vector<char*> argvOf(std::vector<std::string>& args) {
-  args.insert(args.begin(), QX_CLI_EXECUTABLE);
-  std::vector<char*> argv;
-  for (auto& arg : args) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  return argv;
-}
-
 mode_t modeOf(const std::string& path) {
   struct stat st {};
   return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : mode_t(-1);
@@ -95,7 +87,10 @@ class Qxfile : public ::testing::Test {
   // Runs qxfile with its standard output and error on a terminal; `out` is
   // everything the terminal received.
   static Outcome qxfileOnTerminal(std::vector<std::string> args) {
-    std::vector<char*> argv = argvOf(args);
+    args.insert(args.begin(), QX_CLI_EXECUTABLE);
+    std::vector<char*> argv;
+    for (auto& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
     int terminal = -1;
     pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (pid == 0) {
@@ -198,12 +193,11 @@ TEST_F(Qxfile, HelpAndWrongCommandLines) {
   Outcome help = qxfile({});
   EXPECT_EQ(help.status, 0) << help;
   EXPECT_EQ(qxfile({"--help"}).out, help.out);
-  for (const char* command : {"acl", "access", "propagate", "size", "ls", "rename"}) {
-    EXPECT_TRUE(contains(help.out, std::string("\n  ") + command + " ")) << command;
-  }
-  Outcome aclHelp = qxfile({"acl", "--help"});
-  for (const char* command : {"show", "add", "remove", "owner", "group", "mode"}) {
-    EXPECT_TRUE(contains(aclHelp.out, std::string("\n  ") + command + " ")) << command;
+  const std::string aclHelp = qxfile({"acl", "--help"}).out;
+  for (const auto& [text, commands] : {std::pair{help.out, "acl access propagate size ls rename"},
+                                       std::pair{aclHelp, "show add remove owner group mode"}}) {
+    for (const std::string& command : words(commands))
+      EXPECT_TRUE(contains(text, "\n  " + command + " ")) << command;
   }
   EXPECT_EQ(qxfile({"--version"}).out.rfind("qxfile ", 0), 0u);
   for (const char* command : {"acl show", "acl add", "acl remove", "acl owner", "acl group",
@@ -213,53 +207,27 @@ TEST_F(Qxfile, HelpAndWrongCommandLines) {
     EXPECT_TRUE(contains(run.out, "--json")) << command << " takes --json";
   }
 
-  // Wrong command lines exit with 2 and say why; the reasons of `refused`
-  // are checked. Those before the last four need neither the item nor the
-  // service.
-  std::string item = file("item");
-  const char* usage[] = {"bogus",
-                         "acl",
-                         "acl show",
-                         "acl frobnicate ITEM",
-                         "acl add ITEM maybe user:qxalice read",
-                         "acl add ITEM allow user:nosuchuser read",
-                         "acl add ITEM allow someone:qxalice read",
-                         "acl add ITEM allow user:qxalice read --inherit sideways",
-                         "acl add ITEM allow user:qxalice read --at -1",
-                         "acl mode ITEM 8",
-                         "acl mode ITEM 1777",
-                         "acl mode ITEM rwx",
-                         "acl mode ITEM EMPTY",
-                         "access ITEM",
-                         "access ITEM uid:many",
-                         "size",
-                         "size ITEM --bogus",
-                         "ls ITEM first",
-                         "rename"};
-  for (const char* line : usage) {
-    Outcome run = qxfile(words(line, item));
-    EXPECT_EQ(run.status, 2) << line << "\n" << run;
-    EXPECT_FALSE(run.err.empty()) << line;
-  }
-  const std::pair<const char*, const char*> refused[] = {
-      {"access ITEM nosuchuser", "qxfile: unknown user \"nosuchuser\"\n"},
-      {"acl add ITEM allow qxalice read,fly", "qxfile: unknown permission \"fly\"\n"},
-      {"acl owner ITEM group:qxstaff", "the owner must be a user"},
-      {"acl group ITEM nosuchgroup", "unknown group \"nosuchgroup\""},
-      {"rename ITEM a ITEM", "rename takes pairs"},
-      {"acl add ITEM allow qxbob read --inherit file", "--inherit applies to folders only"},
-      {"acl add ITEM allow qxbob delete_child", "does not apply to a file"},
-      {"acl remove ITEM 3", "no ACL entry 3: the item has 0"},
-      {"acl remove ITEM user:qxalice", "no ACL entry for user:qxalice"}};
-  for (const auto& [line, reason] : refused) {
-    if (line == refused[std::size(refused) - 4].first) {
+  // data/wrong-command-lines.txt: each exits with 2 and says why.
+  const std::string item = file("item");
+  std::ifstream rows(QX_SOURCE_DIR "/tests/client/cli/data/wrong-command-lines.txt");
+  int count = 0;
+  for (std::string row; std::getline(rows, row);) {
+    if (row.empty() || row[0] == '#') continue;
+    if (row == "service") {
       EXPECT_EQ(modeOf(item), 0644u);
       EXPECT_TRUE(sandbox_.services().empty()) << "a wrong command line never needs the service";
+      continue;
     }
-    Outcome run = qxfile(words(line, item));
-    EXPECT_EQ(run.status, 2) << line << "\n" << run;
-    EXPECT_TRUE(contains(run.err, reason)) << run;
+    const std::size_t arrow = row.find(" => ");
+    std::string reason = arrow == std::string::npos ? "" : row.substr(arrow + 4);
+    if (reason.ends_with("\\n")) reason.replace(reason.size() - 2, 2, "\n");
+    Outcome run = qxfile(words(row.substr(0, arrow), item));
+    EXPECT_EQ(run.status, 2) << row << "\n" << run;
+    EXPECT_FALSE(run.err.empty()) << row;
+    EXPECT_TRUE(contains(run.err, reason)) << row << "\n" << run;
+    ++count;
   }
+  EXPECT_EQ(count, 28);
 }
 
 TEST_F(Qxfile, OperationErrorsExitWithOneAndPrintDescriptionAndSuggestion) {
@@ -326,9 +294,10 @@ TEST_F(Qxfile, AclEntriesRoundTripThroughAddAndRemove) {
   ASSERT_EQ(added.status, 0) << added;
   Json entry = added.json()["acl"][0];
   EXPECT_EQ(entry["tag"], "allow");
-  EXPECT_EQ(entry["identity"]["name"], "qxalice");
-  EXPECT_EQ(entry["identity"]["id"], kAlice);
-  EXPECT_EQ(entry["identity"]["uuid"], "FFFFEEEE-DDDD-CCCC-BBBB-AAAA00000899");
+  EXPECT_EQ(entry["identity"], (Json{{"kind", "user"},
+                                     {"id", kAlice},
+                                     {"name", "qxalice"},
+                                     {"uuid", "FFFFEEEE-DDDD-CCCC-BBBB-AAAA00000899"}}));
   EXPECT_EQ(entry["rights"], 0xffe);
   EXPECT_EQ(
       strings(entry["appliesTo"]),
@@ -431,8 +400,7 @@ TEST_F(Qxfile, SizeTotalsInThePathsOrderAndEveryFolderWithAll) {
   std::string empty = folder("top/empty");
   Json totals = qxfile({"size", top, "--json"}).json();
   EXPECT_EQ(totals["paths"], Json::array({top}));
-  EXPECT_EQ(totals["total"]["size"], 2100);
-  EXPECT_EQ(totals["total"]["final"], true);
+  EXPECT_EQ(totals["total"], (Json{{"size", 2100}, {"final", true}}));
   EXPECT_EQ(totals["items"].size(), 1u);
   EXPECT_FALSE(totals["stopped"].get<bool>());
   // --all: every folder, each after the folders inside it, as du prints them.
@@ -510,13 +478,11 @@ TEST_F(Qxfile, ListingLevelsFollowThePositionsGiven) {
 
 TEST_F(Qxfile, RenamePairsStopAtATakenNameOrCtrlC) {
   std::string one = file("one"), two = file("two");
-  Json result = qxfile({"rename", one, "uno", two, "dos/tres", "--json"}).json();
-  EXPECT_EQ(result["requested"], 2);
-  ASSERT_EQ(result["renamed"].size(), 2u);
-  EXPECT_EQ(result["renamed"][0]["from"], one);
-  EXPECT_EQ(result["renamed"][0]["to"], tree_.path("uno"));
-  EXPECT_EQ(result["renamed"][0]["previousName"], "one");
-  EXPECT_EQ(result["renamed"][1]["to"], tree_.path("dos:tres")) << "a slash becomes a colon";
+  const Json renamed = Json::array(  // a slash becomes a colon
+      {{{"from", one}, {"to", tree_.path("uno")}, {"previousName", "one"}},
+       {{"from", two}, {"to", tree_.path("dos:tres")}, {"previousName", "two"}}});
+  EXPECT_EQ(qxfile({"rename", one, "uno", two, "dos/tres", "--json"}).json(),
+            (Json{{"requested", 2}, {"renamed", renamed}, {"stopped", false}}));
   std::string three = file("three");
   EXPECT_EQ(qxfile({"rename", three, "tres"}).out,
             three + " -> " + tree_.path("tres") + "\nRenamed 1 of 1 item.\n");

@@ -12,11 +12,19 @@ QX_DEFINE_CLASS(SubRecord, "QXTestSubRecord", SizeRecord)
 QX_DEFINE_CLASS(NestingNode, "QXTestNestingNode", Object)
 QX_DEFINE_CLASS(Everything, "QXTestEverything", Object)
 
-ObjectPtr SizeRecord::initWithCoder(KeyedUnarchiver& coder) {
+template <class Record>
+ObjectPtr decodeRecord(KeyedUnarchiver& coder) {
   int64_t size = coder.decodeIntegerForKey("size");
   bool busy = coder.decodeBoolForKey("busy");
   if (coder.hasFailed()) return nullptr;
-  return make(size, busy);
+  return std::make_shared<Record>(size, busy);
+}
+
+ObjectPtr SizeRecord::initWithCoder(KeyedUnarchiver& coder) {
+  return decodeRecord<SizeRecord>(coder);
+}
+ObjectPtr SubRecord::initWithCoder(KeyedUnarchiver& coder) {
+  return decodeRecord<SubRecord>(coder);
 }
 
 void SizeRecord::encodeWithCoder(KeyedArchiver& coder) const {
@@ -28,13 +36,6 @@ bool SizeRecord::isEqual(const Object& other) const {
   auto* that = dynamic_cast<const SizeRecord*>(&other);
   return that != nullptr && &that->objectClass() == &objectClass() && that->size == size &&
          that->busy == busy;
-}
-
-ObjectPtr SubRecord::initWithCoder(KeyedUnarchiver& coder) {
-  int64_t size = coder.decodeIntegerForKey("size");
-  bool busy = coder.decodeBoolForKey("busy");
-  if (coder.hasFailed()) return nullptr;
-  return std::make_shared<SubRecord>(size, busy);
 }
 
 ObjectPtr NestingNode::initWithCoder(KeyedUnarchiver& coder) {

@@ -2,7 +2,7 @@
 // reads back (malformed buffers: HostileInputTest).
 #include <gtest/gtest.h>
 
-#include <limits>
+#include <fstream>
 
 #include "platform/archive/BinaryPlist.h"
 #include "tests/platform/archive/support/ArchiveTestSupport.h"
@@ -14,38 +14,23 @@ using Ref = BinaryPlist::Ref;
 using Bytes = std::vector<uint8_t>;
 
 TEST(ArchiveBinaryPlist, WritesEachValueInItsSmallestFormAndReadsItBack) {
-  const int64_t min = std::numeric_limits<int64_t>::min();
-  const int64_t max = std::numeric_limits<int64_t>::max();
-  const std::pair<json, Bytes> values[] = {
-      {0, {0x10, 0x00}},
-      {255, {0x10, 0xff}},
-      {256, {0x11, 0x01, 0x00}},
-      {65536, {0x12, 0x00, 0x01, 0x00, 0x00}},
-      {0xffffffffLL, {0x12, 0xff, 0xff, 0xff, 0xff}},
-      {0x100000000LL, {0x13, 0, 0, 0, 1, 0, 0, 0, 0}},
-      {-1, {0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
-      {min, {0x13, 0x80, 0, 0, 0, 0, 0, 0, 0}},
-      {max, {0x13, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
-      {uid(255), {0x80, 0xff}},
-      {uid(256), {0x81, 0x01, 0x00}},
-      {uid(65536), {0x83, 0x00, 0x01, 0x00, 0x00}},
-      {uid(0xffffffffU), {0x83, 0xff, 0xff, 0xff, 0xff}},
-      {"hello", {0x55, 'h', 'e', 'l', 'l', 'o'}},
-      // Non-ASCII text as UTF-16 big-endian, U+1F600 as a surrogate pair.
-      {"\xc3\xa9\xf0\x9f\x98\x80", {0x63, 0x00, 0xe9, 0xd8, 0x3d, 0xde, 0x00}},
-      {{{"real", 1.5}}, {0x23, 0x3f, 0xf8, 0, 0, 0, 0, 0, 0}},
-      {true, {0x09}},
-      {false, {0x08}},
-      {nullptr, {0x00}},
-      {{{"data", ""}}, {0x40}},
-      {{{"data", hex(Bytes(15, 15))}}, {0x4f, 0x10, 0x0f, 15}},
-      {{{"data", hex(Bytes(256, 1))}}, {0x4f, 0x11, 0x01, 0x00, 1}},
-      {{{"data", hex(Bytes(70000, 2))}}, {0x4f, 0x12, 0x00, 0x01, 0x11, 0x70, 2}},
-  };
-  for (const auto& [value, head] : values) {
-    Bytes bytes = writeJson(value);
-    EXPECT_EQ(Bytes(bytes.begin() + 8, bytes.begin() + 8 + head.size()), head) << value;
-    EXPECT_EQ(readJson(bytes), value);
+  // encodings.jsonl: values and the first bytes of their object in hex.
+  std::ifstream rows(QX_SOURCE_DIR "/tests/platform/archive/encodings.jsonl");
+  int count = 0;
+  for (std::string line; std::getline(rows, line); ++count) {
+    const json row = json::parse(line);
+    Bytes bytes = writeJson(row["value"]), head = unhex(row["head"]);
+    EXPECT_EQ(Bytes(bytes.begin() + 8, bytes.begin() + 8 + head.size()), head) << line;
+    EXPECT_EQ(readJson(bytes), row["value"]);
+  }
+  EXPECT_EQ(count, 21);
+  // Lengths written as two- and four-byte integers.
+  for (const auto& [data, head] :
+       {std::pair{Bytes(256, 1), Bytes{0x4f, 0x11, 0x01, 0x00, 1}},
+        std::pair{Bytes(70000, 2), Bytes{0x4f, 0x12, 0, 1, 0x11, 0x70, 2}}}) {
+    Bytes bytes = writeJson({{"data", hex(data)}});
+    EXPECT_EQ(Bytes(bytes.begin() + 8, bytes.begin() + 8 + head.size()), head);
+    EXPECT_EQ(readJson(bytes), json({{"data", hex(data)}}));
   }
   BinaryPlist dated;
   EXPECT_EQ(readJson(dated.write(dated.addDate(86400.25))), json({{"real", 86400.25}}));

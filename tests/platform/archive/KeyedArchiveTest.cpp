@@ -1,5 +1,6 @@
 // The keyed-archive layout the archiver writes, and what the unarchiver makes
-// of it: identities, shared classes, escaped keys, plain values, nesting.
+// of it: identities, shared classes, escaped keys, plain values, nesting,
+// restricted decoding.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -88,18 +89,19 @@ TEST_F(KeyedArchive, ValuesStandInlinePlainObjectsHaveNoClassAndDollarKeysGetAno
                       nullptr};
   everything->dollar = 9;
   json objects = readJson(archived(everything))["$objects"];
-  json root = objects[1];
-  EXPECT_EQ(root["small"], std::numeric_limits<int32_t>::min());
-  EXPECT_EQ(root["large"], std::numeric_limits<int64_t>::min());
-  EXPECT_EQ(root["flag"], true);
-  EXPECT_EQ(root["real"], json({{"real", -1e300}}));
-  EXPECT_EQ(root["bytes"], json({{"data", "010203"}}));
-  EXPECT_EQ(root["object"], uid(0));
-  EXPECT_EQ(root["$$dollar"], 9);
-  EXPECT_FALSE(root.contains("$dollar"));
-  json plain = json::array();
-  for (const json& element : root["list"]) plain.push_back(objects[element["UID"].get<int>()]);
-  EXPECT_EQ(plain, json::array({"text", true, -3, {{"real", 0.5}}, {{"data", "dead"}}, "$null"}));
+  json list = json::array();
+  for (int i : {2, 3, 4, 5, 6, 0}) list.push_back(uid(i));
+  EXPECT_EQ(objects[1], json({{"small", std::numeric_limits<int32_t>::min()},
+                              {"large", std::numeric_limits<int64_t>::min()},
+                              {"flag", true},
+                              {"real", {{"real", -1e300}}},
+                              {"bytes", {{"data", "010203"}}},
+                              {"object", uid(0)},
+                              {"list", list},
+                              {"$$dollar", 9},
+                              {"$class", uid(7)}}));
+  EXPECT_EQ(json(std::vector(objects.begin() + 2, objects.begin() + 7)),
+            json::array({"text", true, -3, {{"real", 0.5}}, {{"data", "dead"}}}));
 
   auto back = cast<Everything>(roundTrip(everything));
   ASSERT_TRUE(back);
@@ -201,12 +203,6 @@ TEST_F(KeyedArchive, ExceptionsInCodingBecomeNilAndAnError) {
   EXPECT_TRUE(roundTrip(nestedArrays(kMaxArchiveDepth), &error)) << describe(error);
 }
 
-}  // namespace
-}  // namespace qx::testing
-
-namespace qx::testing {
-namespace {
-
 // The objects of one message share memory: each must stay whole while any
 // other of them is alive, whichever thread lets the others go (ASan and TSan
 // builds catch an early or racing release).
@@ -226,6 +222,99 @@ TEST_F(KeyedArchive, DecodedObjectsOutliveTheDecodingAndEachOtherOnAnyThread) {
   std::thread([moved = std::move(other)]() mutable { moved.reset(); }).join();
   EXPECT_TRUE(kept->objectForKeyAs<IndexPath>("path")->isEqual(*IndexPath::make({1, 123})));
   EXPECT_EQ(kept->objectForKeyAs<String>("name")->str(), "n123");
+}
+
+// Restricted decoding of one object named from several places: each reference
+// is checked against its own set. (Which classes one set lets through, where a
+// nested set takes over and that the archive's class chains are never trusted:
+// rows of data/archives.jsonl.)
+
+class ArchiveRestricted : public KeyedArchive {
+ protected:
+  // `refusal` is "" for a decode, else "<key> <class>" that the error names.
+  static void expectOutcome(const ObjectPtr& decoded, const ErrorPtr& error,
+                            const std::string& refusal, std::size_t row) {
+    if (refusal.empty()) {
+      EXPECT_TRUE(decoded) << "row " << row << ": " << describe(error);
+      return;
+    }
+    EXPECT_FALSE(decoded) << "row " << row;
+    ASSERT_TRUE(error) << "row " << row;
+    EXPECT_EQ(error->domain(), kCocoaErrorDomain);
+    EXPECT_EQ(error->code(), kCoderReadCorruptError);
+    std::size_t space = refusal.find(' ');
+    std::string text = describe(error);
+    EXPECT_NE(text.find("\"" + refusal.substr(0, space) + "\""), std::string::npos) << text;
+    EXPECT_NE(text.find(refusal.substr(space + 1)), std::string::npos) << text;
+  }
+};
+
+// One instance named by both entries of the root array, the entries decoded
+// one by one with sets of their own, in the order given.
+struct Reference {
+  std::size_t index;
+  ClassSet set;
+};
+
+ObjectPtr decodeEntries(const ObjectPtr& shared, const std::vector<Reference>& references,
+                        ErrorPtr* error, std::vector<ObjectPtr>* decoded = nullptr) {
+  return KeyedUnarchiver::unarchiveRootWith(
+      archived(Array::make({shared, shared})), {&Array::classInfo()},
+      [&](KeyedUnarchiver& coder) -> ObjectPtr {
+        for (const Reference& reference : references) {
+          ObjectPtr object = coder.decodeObjectOfClassesAtIndexForKey(reference.set, "NS.objects",
+                                                                      reference.index);
+          if (!object) return nullptr;
+          if (decoded) decoded->push_back(object);
+        }
+        return Array::make({});
+      },
+      error);
+}
+
+TEST_F(ArchiveRestricted, ASharedObjectIsCheckedAgainstTheSetOfEachReference) {
+  const ClassInfo &array = Array::classInfo(), &url = Url::classInfo(),
+                  &string = String::classInfo(), &number = Number::classInfo(),
+                  &dictionary = Dictionary::classInfo(), &node = NestingNode::classInfo();
+  auto urls = Array::make({Url::fileURLWithPath("/tmp/a"), Url::fileURLWithPath("/tmp/b")});
+  // A dictionary of string keys holding an array of arrays of numbers.
+  auto numbers = Array::make({Number::numberWithInteger(1)});
+  auto nested = Dictionary::withStringKeys(
+      {{"lists", MutableArray::make()}, {"nested", Array::make({numbers, numbers})}});
+  const ClassSet all{&dictionary, &array, &string, &number};
+  // A record named its own set for what it holds: only its class is checked.
+  auto holder = std::make_shared<NestingNode>(SizeRecord::make(2, true));
+  const ClassSet holderSet{&node, &SizeRecord::classInfo()};
+  struct Case {
+    ObjectPtr shared;
+    std::vector<Reference> references;
+    std::string refusal;
+  };
+  const Case cases[] = {
+      {urls, {{0, {&array, &url}}, {1, {&array, &string}}}, "NS.objects NSURL"},
+      {urls, {{1, {&array, &url}}, {0, {&array, &string}}}, "NS.objects NSURL"},
+      {urls, {{0, {&array, &string}}, {1, {&array, &url}}}, "NS.objects NSURL"},
+      {urls, {{0, {&array, &url}}, {1, {&url}}}, "NS.objects NSArray"},
+      {nested, {{0, all}, {1, {&dictionary, &array, &string}}}, "NS.objects NSNumber"},
+      {nested, {{1, all}, {0, {&dictionary, &array, &number}}}, "NS.keys NSString"},
+      {nested, {{0, all}, {1, all}}, ""},
+      {holder, {{0, holderSet}, {1, {&node}}}, ""},
+      {holder, {{0, holderSet}, {1, {&string}}}, "NS.objects QXTestNestingNode"},
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const Case& c = cases[i];
+    ErrorPtr error;
+    ObjectPtr decoded = decodeEntries(c.shared, c.references, &error);
+    expectOutcome(decoded, error, c.refusal, i);
+  }
+  // Where both sets allow it, both entries are one instance.
+  std::vector<ObjectPtr> decoded;
+  ErrorPtr error;
+  EXPECT_TRUE(
+      decodeEntries(urls, {{0, {&array, &url}}, {1, {&array, &url, &string}}}, &error, &decoded))
+      << describe(error);
+  ASSERT_EQ(decoded.size(), 2u);
+  EXPECT_EQ(decoded[0], decoded[1]);
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 """Binary property lists through Python's plistlib, for the archive tests.
 
   plist_oracle.py dump PLIST         print PLIST as JSON
-  plist_oracle.py write JSON PLIST   write the value in file JSON as a binary PLIST
+  plist_oracle.py write JSON         print the value in file JSON as a binary plist in hex
 
 JSON conventions both ways: a UID is {"UID": n}, data is {"data": "<hex>"},
 a real is {"real": x}; strings, integers, booleans, arrays and dictionaries
@@ -49,11 +49,10 @@ def main():
             value = plistlib.load(f, fmt=plistlib.FMT_BINARY)
         json.dump(to_json(value), sys.stdout, ensure_ascii=False)
         return 0
-    if len(sys.argv) == 4 and sys.argv[1] == "write":
+    if len(sys.argv) == 3 and sys.argv[1] == "write":
         with open(sys.argv[2], encoding="utf-8") as f:
             value = from_json(json.load(f))
-        with open(sys.argv[3], "wb") as f:
-            plistlib.dump(value, f, fmt=plistlib.FMT_BINARY, sort_keys=False)
+        sys.stdout.write(plistlib.dumps(value, fmt=plistlib.FMT_BINARY, sort_keys=False).hex())
         return 0
     print(__doc__, file=sys.stderr)
     return 2

@@ -1,18 +1,22 @@
-// A service connection and a client connection joined by a socket pair.
+// Connections joined by socket pairs, and the frames they exchange.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/Semaphore.h"
-#include "tests/platform/xpc/XpcTestSupport.h"
+#include "platform/xpc/XpcFrame.h"
+#include "tests/platform/xpc/support/TestProtocols.h"
+#include "tests/support/Eventually.h"
 
 namespace qx::xpctest {
 namespace {
 
 using namespace std::chrono_literals;
+using qx::test::eventually;
 
 class ConnectionPair : public ::testing::Test {
  protected:
@@ -67,16 +71,13 @@ TEST_F(ConnectionPair, EveryInvocationGetsExactlyOneReplyWithItsObjectsIntact) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kCalls; ++i) {
         int slot = t * kCalls + i;
-        auto mutableArray = MutableArray::make();
-        mutableArray->addObject(Number::numberWithBool(true));
-        auto mutableDictionary = MutableDictionary::make();
-        mutableDictionary->setObject(str("v"), "k");
         // A collection argument without a set takes property-list classes.
         auto array = Array::make(
             {str("call " + std::to_string(slot) + " \xc3\xa9"), Number::numberWithInteger(slot),
              nullptr, Data::make(std::vector<uint8_t>(slot % 7, 0xab)),
-             Dictionary::withStringKeys({{"k", Number::numberWithDouble(0.5)}}), mutableArray,
-             mutableDictionary});
+             Dictionary::withStringKeys({{"k", Number::numberWithDouble(0.5)}}),
+             Array::make({Number::numberWithBool(true)})->mutableCopy(),
+             Dictionary::withStringKeys({{"k", str("v")}})->mutableCopy()});
         bool flag = slot % 2 == 0;
         proxy->echo(slot % 3 ? error : nullptr, array, flag,
                     [&, slot, array, flag](ErrorPtr e, ArrayPtr a, bool f) {
@@ -230,6 +231,128 @@ TEST_F(ConnectionPair, ACallerWaitingForAReplyIsReleasedWhenThePeerGoesAway) {
   waiter.join();
   EXPECT_FALSE(waited.has_value());
   EXPECT_TRUE(eventually([&] { return counters->client == 1; }));
+}
+
+// Frames: a big-endian length before each payload. How a stream cut in any
+// pieces reads back is the frame_reader fuzz target's check, replayed on its
+// seeds by the suite.
+
+TEST(XpcFrameReader, LengthsAreBigEndianAndRefusedAboveTheLimit) {
+  EXPECT_EQ(XpcFrame::encode(std::vector<uint8_t>{9, 8}), (std::vector<uint8_t>{0, 0, 0, 2, 9, 8}));
+  XpcFrameReader atLimit;  // exactly 256 MiB: allowed, and incomplete
+  atLimit.append(std::vector<uint8_t>{0x10, 0x00, 0x00, 0x00, 1, 2});
+  EXPECT_FALSE(atLimit.next() || atLimit.failed());
+  EXPECT_EQ(atLimit.buffered(), 6u);
+  XpcFrameReader above;
+  above.append(std::vector<uint8_t>{0x10, 0x00, 0x00, 0x01});
+  EXPECT_FALSE(above.next());
+  EXPECT_TRUE(above.failed());
+  above.append(std::vector<uint8_t>{0, 0, 0, 0});  // nothing after a broken header counts
+  EXPECT_FALSE(above.next());
+}
+
+// Reader threads run deliveries themselves and keep reading afterwards; a
+// delivery that blocks must hand reading over, or two peers writing to each
+// other from their deliveries would each wait for the other to read.
+
+class Peer {
+ public:
+  virtual ~Peer() = default;
+  // Asks the receiver to send a large `take:` back at once.
+  virtual void kick() = 0;
+  virtual void take(DataPtr bytes) = 0;
+  virtual void ask(OnceCallback<void(bool)> reply) = 0;
+};
+
+class PeerProxy final : public Peer, XpcRemoteProxy {
+ public:
+  using XpcRemoteProxy::XpcRemoteProxy;
+  void kick() override { sendWithoutReply(&Peer::kick); }
+  void take(DataPtr bytes) override { sendWithoutReply(&Peer::take, bytes); }
+  void ask(OnceCallback<void(bool)> reply) override { send(&Peer::ask, std::move(reply)); }
+};
+
+const XpcProtocol& peerProtocol() {
+  static const XpcProtocol protocol = XpcProtocol::describe<Peer, PeerProxy>(
+      "Peer", {xpcMethod("kick", &Peer::kick), xpcMethod("take:", &Peer::take),
+               xpcMethod("askWithReply:", &Peer::ask)});
+  return protocol;
+}
+
+// Far more than a socket buffer holds, so that the write blocks until the
+// peer reads.
+constexpr std::size_t kLarge = 8u << 20;
+
+class Endpoint final : public Peer {
+ public:
+  std::shared_ptr<Peer> remote;
+  Semaphore received;
+
+  void kick() override { remote->take(Data::make(std::vector<uint8_t>(kLarge, 0x5a))); }
+  void take(DataPtr bytes) override {
+    if (bytes && bytes->length() == kLarge) received.signal();
+  }
+  void ask(OnceCallback<void(bool)> reply) override { reply(true); }
+};
+
+// Two endpoints joined by a socket pair.
+class ReadingTurn : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    registerFoundationClasses();
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    first = connect(fds[0], one);
+    second = connect(fds[1], two);
+  }
+  void TearDown() override {
+    first->invalidate();
+    second->invalidate();
+  }
+  static std::shared_ptr<XpcConnection> connect(int fd, const std::shared_ptr<Endpoint>& endpoint) {
+    auto connection = XpcConnection::withSocket(UniqueFd(fd));
+    connection->setExportedInterface(XpcInterface::interfaceWithProtocol(peerProtocol()));
+    connection->setRemoteObjectInterface(XpcInterface::interfaceWithProtocol(peerProtocol()));
+    connection->setExportedObject<Peer>(endpoint);
+    endpoint->remote = connection->remoteObjectProxy<Peer>();
+    return connection;
+  }
+
+  std::shared_ptr<Endpoint> one = std::make_shared<Endpoint>(), two = std::make_shared<Endpoint>();
+  std::shared_ptr<XpcConnection> first, second;
+};
+
+TEST_F(ReadingTurn, PeersWritingLargeFramesToEachOtherFromDeliveriesBothGetThrough) {
+  // Both kicks are queued before reading starts, so each side's first
+  // delivery writes its large frame while the other side does the same.
+  one->remote->kick();
+  two->remote->kick();
+  first->resume();
+  second->resume();
+  EXPECT_TRUE(one->received.waitFor(std::chrono::seconds(20)));
+  EXPECT_TRUE(two->received.waitFor(std::chrono::seconds(20)));
+}
+
+// A thread that waits for its answers reads them itself, keeping the reading
+// turn between its questions; once it stays away (here: busy, never asking
+// again), the connection must read the other messages without it.
+TEST_F(ReadingTurn, AThreadThatStopsAskingDoesNotHoldUpTheReading) {
+  first->resume();
+  second->resume();
+  Semaphore askedEnough, release;
+  std::thread asker([&] {
+    for (int i = 0; i < 20; ++i) {
+      auto yes = ReplyWaiter<bool>::wait([&](auto reply) { one->remote->ask(std::move(reply)); });
+      EXPECT_EQ(yes, std::optional<bool>(true));
+    }
+    askedEnough.signal();
+    release.wait();
+  });
+  askedEnough.wait();
+  two->remote->kick();  // read by `first` while the asker is away; answered with a take:
+  EXPECT_TRUE(two->received.waitFor(std::chrono::seconds(20)));
+  release.signal();
+  asker.join();
 }
 
 }  // namespace

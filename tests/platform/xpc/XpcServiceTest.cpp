@@ -1,10 +1,14 @@
 // The test service as a real process: started on demand, shared, idle exit,
-// hostile frames, departed clients, other users and the socket folder.
+// hostile frames, departed clients, other users, the socket folder, and a
+// listener out of descriptors.
 #include <gtest/gtest.h>
 #include <spawn.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -13,14 +17,20 @@
 #include <fstream>
 #include <future>
 #include <set>
+#include <thread>
 
 #include "platform/dispatch/ReplyWaiter.h"
+#include "platform/dispatch/Semaphore.h"
+#include "platform/xpc/XpcFrame.h"
+#include "platform/xpc/XpcListener.h"
 #include "platform/xpc/XpcMessage.h"
 #include "platform/xpc/XpcServiceSocket.h"
 #include "tests/platform/archive/support/ArchiveTestSupport.h"
-#include "tests/platform/xpc/XpcTestSupport.h"
+#include "tests/platform/xpc/support/TestProtocols.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/ServiceSandbox.h"
+#include "tests/support/TempTree.h"
 
 extern char** environ;
 
@@ -28,8 +38,31 @@ namespace qx::xpctest {
 namespace {
 
 using namespace std::chrono_literals;
+using qx::test::eventually;
 namespace fs = std::filesystem;
 using testing::json;
+
+inline bool writeAll(int fd, std::span<const uint8_t> bytes) {
+  while (!bytes.empty()) {
+    ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent <= 0) return false;
+    bytes = bytes.subspan(static_cast<std::size_t>(sent));
+  }
+  return true;
+}
+
+// True when the peer closes `fd` within the timeout, whatever it sends before.
+inline bool peerClosesWithin(int fd, std::chrono::milliseconds timeout) {
+  timeval tv{static_cast<time_t>(timeout.count() / 1000),
+             static_cast<suseconds_t>((timeout.count() % 1000) * 1000)};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  uint8_t buffer[4096];
+  for (;;) {
+    ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
+    if (got == 0) return true;
+    if (got < 0) return errno == ECONNRESET;
+  }
+}
 
 constexpr const char* kService = QX_XPC_TEST_SERVICE;
 constexpr auto kIdle = 300ms;  // the sandbox's idle time
@@ -258,13 +291,9 @@ TEST_F(ServiceProcess, PeersOfAnotherUserAreClosedAtOnce) {
 
   auto frame = XpcFrame::encode(XpcMessage::invocation("processIdWithReply:", {}, 1).encode());
   std::string outcome = qx::test::ChildProcess::runAs(65534, 65534, [&]() -> std::string {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path.c_str());
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM, 0));
-    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-      return "could not connect";
-    writeAll(fd.get(), frame);
+    UniqueFd fd = XpcServiceSocket::connectTo(path);
+    if (!fd) return "could not connect";
+    writeAll(fd.get(), frame);  // the service may close it before it is all written
     char byte;
     ssize_t got = ::recv(fd.get(), &byte, 1, 0);
     if (got > 0) return "answered";
@@ -276,27 +305,25 @@ TEST_F(ServiceProcess, PeersOfAnotherUserAreClosedAtOnce) {
 }
 
 TEST_F(ServiceProcess, TheSocketFolderIsPrivateAndOursAndAMissingServiceIsAnError) {
-  std::string inner = sandbox.socketFolder() + "/inner";
+  const std::string inner = sandbox.socketFolder() + "/inner", link = sandbox.socketFolder() + "/l";
   ::setenv("QXFILE_SOCKET_DIR", inner.c_str(), 1);
   EXPECT_EQ(XpcServiceSocket::socketPath().value_or(""), inner + "/service.sock");
   struct stat info;
   ASSERT_EQ(::lstat(inner.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0700u) << "created private";
-  std::string error;
-  ASSERT_EQ(::chmod(inner.c_str(), 0750), 0);
-  EXPECT_FALSE(XpcServiceSocket::socketDirectory(&error));
-  EXPECT_NE(error.find("open to other users"), std::string::npos);
-  ASSERT_EQ(::chmod(inner.c_str(), 0700), 0);
-  std::string link = sandbox.socketFolder() + "/link";
   fs::create_directory_symlink(inner, link);
-  ::setenv("QXFILE_SOCKET_DIR", link.c_str(), 1);
-  EXPECT_FALSE(XpcServiceSocket::socketDirectory(&error));
-  EXPECT_NE(error.find("not a folder"), std::string::npos);
-  ::setenv("QXFILE_SOCKET_DIR", inner.c_str(), 1);
+  std::string error;
+  auto refusal = [&](const std::string& folder) {
+    ::setenv("QXFILE_SOCKET_DIR", folder.c_str(), 1);
+    return XpcServiceSocket::socketDirectory(&error) ? "accepted" : error;
+  };
+  ASSERT_EQ(::chmod(inner.c_str(), 0750), 0);
+  EXPECT_NE(refusal(inner).find("open to other users"), std::string::npos);
+  ASSERT_EQ(::chmod(inner.c_str(), 0700), 0);
+  EXPECT_NE(refusal(link).find("not a folder"), std::string::npos);
   if (::geteuid() == 0) {
     ASSERT_EQ(::chown(inner.c_str(), 65534, 65534), 0);
-    EXPECT_FALSE(XpcServiceSocket::socketDirectory(&error));
-    EXPECT_NE(error.find("belongs to another user"), std::string::npos);
+    EXPECT_NE(refusal(inner).find("belongs to another user"), std::string::npos);
   }
 
   // Without a folder given: the runtime folder, else one in /tmp named for the user.
@@ -319,6 +346,71 @@ TEST_F(ServiceProcess, TheSocketFolderIsPrivateAndOursAndAMissingServiceIsAnErro
   ErrorPtr failure;
   EXPECT_FALSE(XpcConnection::connectToService(missing, &failure));
   EXPECT_TRUE(failure);
+}
+
+// The listener when the process has no descriptor to spare: a connection
+// waiting in the backlog cannot be accepted yet, and the listener waits for
+// descriptors to free up instead of polling the readable socket over and over.
+
+class SignallingDelegate final : public XpcListenerDelegate {
+ public:
+  bool shouldAcceptNewConnection(XpcListener&, const std::shared_ptr<XpcConnection>&) override {
+    accepted.signal();
+    return false;
+  }
+  Semaphore accepted;
+};
+
+double processCpuMilliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
+}
+
+// Runs in a child: the descriptor limit is lowered for the whole process.
+std::string acceptWithoutDescriptors(const std::string& path) {
+  std::string error;
+  UniqueFd listening = XpcServiceSocket::bindListening(path, &error);
+  if (!listening) return "bind: " + error;
+  auto listener = XpcListener::listenerWithSocket(std::move(listening));
+  auto delegate = std::make_shared<SignallingDelegate>();
+  listener->setDelegate(delegate);
+  UniqueFd client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  std::thread accepting([&] { listener->resume(); });
+
+  int lowestFree = ::dup(0);
+  ::close(lowestFree);
+  rlimit saved{};
+  ::getrlimit(RLIMIT_NOFILE, &saved);
+  rlimit none = saved;
+  none.rlim_cur = static_cast<rlim_t>(lowestFree);
+  if (::setrlimit(RLIMIT_NOFILE, &none) != 0) return "setrlimit failed";
+  if (::connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    return "connect failed";
+  double before = processCpuMilliseconds();
+  std::this_thread::sleep_for(500ms);
+  double spent = processCpuMilliseconds() - before;
+  ::setrlimit(RLIMIT_NOFILE, &saved);
+  bool accepted = delegate->accepted.waitFor(5s);
+  listener->invalidate();
+  accepting.join();
+
+  std::string problems;
+  if (spent > 100) {
+    problems += "the listener used " + std::to_string(static_cast<int>(spent)) +
+                " ms of processor time in 500 ms without descriptors; ";
+  }
+  if (!accepted) problems += "the waiting connection was never accepted";
+  return problems;
+}
+
+TEST(XpcListenerDescriptors, OutOfDescriptorsItWaitsAndAcceptsOnceSomeFreeUp) {
+  test::TempTree tree("qx-listener");
+  const std::string path = tree.path("service.sock");
+  EXPECT_EQ(test::ChildProcess::runAs(0, 0, [&] { return acceptWithoutDescriptors(path); }), "");
 }
 
 }  // namespace

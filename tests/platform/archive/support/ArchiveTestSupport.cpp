@@ -1,10 +1,6 @@
 #include "tests/platform/archive/support/ArchiveTestSupport.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
-#include <memory>
 #include <stdexcept>
 
 #include "platform/archive/KeyedArchiver.h"
@@ -16,19 +12,6 @@ namespace qx::testing {
 using Ref = BinaryPlist::Ref;
 
 namespace {
-
-std::vector<uint8_t> readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read " + path);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const std::string& path, std::span<const uint8_t> bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
-  if (!out) throw std::runtime_error("cannot write " + path);
-}
 
 bool isTagged(const json& value, const char* tag) {
   return value.is_object() && value.size() == 1 && value.contains(tag);
@@ -114,15 +97,14 @@ std::vector<uint8_t> writeJson(const json& value) {
 
 json plistlibRead(std::span<const uint8_t> plist) {
   qx::test::TempTree dir("qx-archive");
-  writeFile(dir.path("in.plist"), plist);
+  dir.file("in.plist", std::string(plist.begin(), plist.end()));
   return json::parse(runOracle("dump " + dir.path("in.plist")));
 }
 
 std::vector<uint8_t> plistlibWrite(const json& value) {
   qx::test::TempTree dir("qx-archive");
   dir.file("in.json", value.dump());
-  runOracle("write " + dir.path("in.json") + " " + dir.path("out.plist"));
-  return readFile(dir.path("out.plist"));
+  return unhex(runOracle("write " + dir.path("in.json")));
 }
 
 json uid(uint32_t n) {

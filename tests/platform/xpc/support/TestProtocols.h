@@ -4,6 +4,7 @@
 
 #include <cassert>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "platform/dispatch/OnceCallback.h"
@@ -176,5 +177,47 @@ class TestServiceDelegate final : public XpcListenerDelegate {
     return true;
   }
 };
+
+// The client side's exported object: answers questions at once, or holds the
+// reply blocks until answerHeld().
+class TestClient final : public TestResponse {
+ public:
+  explicit TestClient(bool hold = false) : hold_(hold) {}
+  void question(NumberPtr index, OnceCallback<void(bool)> reply) override {
+    std::lock_guard lock(mutex_);
+    questions_.push_back(index ? index->integerValue() : -1);
+    if (hold_) {
+      held_.push_back(std::move(reply));
+    } else {
+      reply(index && index->integerValue() % 2 == 0);
+    }
+  }
+  std::vector<int64_t> questions() {
+    std::lock_guard lock(mutex_);
+    return questions_;
+  }
+  void answerHeld(bool answer) {
+    std::vector<OnceCallback<void(bool)>> held;
+    {
+      std::lock_guard lock(mutex_);
+      held.swap(held_);
+    }
+    for (auto& reply : held) reply(answer);
+  }
+
+ private:
+  std::mutex mutex_;
+  bool hold_;
+  std::vector<int64_t> questions_;
+  std::vector<OnceCallback<void(bool)>> held_;
+};
+
+// Makes `connection` the client side of the test protocols.
+inline void configureClientConnection(const std::shared_ptr<XpcConnection>& connection,
+                                      std::shared_ptr<TestClient> client) {
+  connection->setRemoteObjectInterface(XpcInterface::interfaceWithProtocol(testRequestProtocol()));
+  connection->setExportedInterface(XpcInterface::interfaceWithProtocol(testResponseProtocol()));
+  if (client) connection->setExportedObject<TestResponse>(std::move(client));
+}
 
 }  // namespace qx::xpctest
