@@ -49,7 +49,8 @@ class QXFileClient {
   // Closes the connection; replies still awaited are called with an error.
   // Once it has returned, no handler runs again, and none is running: it
   // waits for one under way to finish (unless called from that handler or on
-  // the reply thread, where the handler may be waiting for a reply).
+  // the reply thread, where the handler may be waiting for a reply). After
+  // detachHandlers() it leaves the handlers as that call left them.
   ~QXFileClient();
   QXFileClient(const QXFileClient&) = delete;
   QXFileClient& operator=(const QXFileClient&) = delete;
@@ -67,8 +68,9 @@ class QXFileClient {
   bool connect(qx::ErrorPtr* error = nullptr);
   bool isConnected() const;
   void invalidate();
-  // Forgets both handlers; with `waitForRunning`, also waits for one under
-  // way to return (do not ask that from within it).
+  // Forgets both handlers for good (later ones are ignored); with
+  // `waitForRunning`, also waits for one under way to return (do not ask that
+  // from within it). Only the first call counts, the destructor's included.
   void detachHandlers(bool waitForRunning);
   // True on the thread where reply callbacks run.
   bool isReplyThread() const;

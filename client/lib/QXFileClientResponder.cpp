@@ -4,12 +4,12 @@
 
 void QXFileClientResponder::setProgressHandler(QXFileClient::ProgressHandler handler) {
   std::lock_guard lock(mutex_);
-  progress_ = std::move(handler);
+  if (!detached_) progress_ = std::move(handler);
 }
 
 void QXFileClientResponder::setSizeUpdateHandler(QXFileClient::SizeUpdateHandler handler) {
   std::lock_guard lock(mutex_);
-  sizeUpdates_ = std::move(handler);
+  if (!detached_) sizeUpdates_ = std::move(handler);
 }
 
 void QXFileClientResponder::detachHandlers(bool waitForRunning) {
@@ -17,6 +17,7 @@ void QXFileClientResponder::detachHandlers(bool waitForRunning) {
   QXFileClient::SizeUpdateHandler sizeUpdates;
   {
     std::lock_guard lock(mutex_);
+    if (std::exchange(detached_, true)) return;
     progress = std::exchange(progress_, nullptr);
     sizeUpdates = std::exchange(sizeUpdates_, nullptr);
   }

@@ -19,9 +19,12 @@ class QXFileClientResponder final : public QXFileResponse,
   void setProgressHandler(QXFileClient::ProgressHandler handler);
   void setSizeUpdateHandler(QXFileClient::SizeUpdateHandler handler);
 
-  // Forgets both handlers. Once it returns, none of them will run again and,
-  // with `waitForRunning`, none is running: a handler under way is waited for,
-  // unless this is called from that handler.
+  // Forgets both handlers for good: once it returns, none runs again, and
+  // handlers set afterwards are ignored. With `waitForRunning`, none is
+  // running either: a handler under way is waited for, unless this is called
+  // from that handler. The first call decides; later ones change nothing, so
+  // an owner that chose not to wait is not overruled by whoever releases the
+  // connection last.
   void detachHandlers(bool waitForRunning);
 
   // Without a handler, the answer is "go on" (false here: true would stop).
@@ -36,6 +39,7 @@ class QXFileClientResponder final : public QXFileResponse,
   // Held while a handler runs: detachHandlers() waits on it.
   std::mutex callMutex_;
   std::mutex mutex_;
+  bool detached_ = false;
   QXFileClient::ProgressHandler progress_;
   QXFileClient::SizeUpdateHandler sizeUpdates_;
   // Last, so that it finishes its tasks while the handlers still exist.

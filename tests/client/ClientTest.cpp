@@ -169,6 +169,47 @@ TEST_F(TypedClient, NoCallbackRunsOnceTheClientIsGone) {
   EXPECT_TRUE(steps->started.waitFor(10s)) << "a callback that destroys its client never ended";
 }
 
+// A completion that destroys its client while another request's progress
+// callback runs on another thread: the destructor does not wait for that
+// callback, which here waits for the destructor to return, and each request
+// still completes once. Which thread lets go of the other request's
+// connection last varies from run to run, hence the rounds.
+TEST_F(TypedClient, ACompletionDestroysItsClientWhileAnotherRequestReports) {
+  files("reporting", 150, 1);
+  files("stopping", 150, 1);
+  for (int round = 0; round < 5; ++round) {
+    SCOPED_TRACE(round);
+    struct Steps {
+      qx::Semaphore reporting, goOn, destroyed;
+      std::atomic<int> reports{0}, completions{0};
+    };
+    auto steps = std::make_shared<Steps>();
+    auto client = std::make_shared<std::unique_ptr<Client>>(std::make_unique<Client>());
+    ASSERT_FALSE((*client)->connect());
+    (*client)->getSizes({tree_.path("reporting")}, {[steps](auto&) {
+                          if (steps->reports++ > 0) return false;
+                          steps->reporting.signal();
+                          return steps->goOn.waitFor(20s);
+                        }},
+                        [steps](auto, auto) { ++steps->completions; });
+    ASSERT_TRUE(steps->reporting.waitFor(10s));
+    (*client)->getSizes({tree_.path("stopping")}, {[](auto&) { return false; }},
+                        [client, steps](auto, auto) {
+                          client->reset();
+                          ++steps->completions;
+                          steps->goOn.signal();
+                          steps->destroyed.signal();
+                        });
+    if (!steps->destroyed.waitFor(5s)) {
+      ADD_FAILURE() << "destroying the client waited for the other request's callback";
+      steps->goOn.signal();  // which lets the destructor return
+      ASSERT_TRUE(steps->destroyed.waitFor(10s));
+    }
+    EXPECT_TRUE(qx::test::eventually([&] { return steps->completions == 2; }));
+    EXPECT_EQ(steps->reports.load(), 1);
+  }
+}
+
 // Every completion comes once, whichever thread sent the request, and the
 // clients of one user meet one service.
 TEST_F(TypedClient, EveryCompletionComesOnceFromAnyThread) {

@@ -47,7 +47,9 @@ class Client {
   // A client not yet connected.
   Client();
   // Ends every connection: requests still under way complete with an error,
-  // and no progress callback runs once it has returned (unless called from one).
+  // and no progress callback runs once it has returned. Called from one of
+  // its callbacks (a completion or a progress callback), it waits for none:
+  // a progress callback already under way on another thread may finish after.
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
