@@ -149,14 +149,13 @@ TEST_F(ModelCoding, MissingKeysGiveTheCodersDefaults) {
   auto permission = roundTrip<QXAclPermission>(impostor(kFakePermission, [](KeyedArchiver&) {}));
   ASSERT_TRUE(permission);
   EXPECT_TRUE(!permission->name() && permission->permission() == 0 && permission->state() == 0);
-  auto noBusy = roundTrip<QXFileSizeItem>(
-      impostor(kFakeSizeItem, [](KeyedArchiver& c) { c.encodeInteger(77, "size"); }));
-  ASSERT_TRUE(noBusy);
-  EXPECT_EQ(std::pair(noBusy->size(), noBusy->busy()), std::pair(int64_t{77}, false));
-  auto noSize = roundTrip<QXFileSizeItem>(
-      impostor(kFakeSizeItem, [](KeyedArchiver& c) { c.encodeBool(true, "busy"); }));
-  ASSERT_TRUE(noSize);
-  EXPECT_EQ(noSize->size(), 0);
+  auto sizeItem = [](std::function<void(KeyedArchiver&)> encode) {
+    auto item = roundTrip<QXFileSizeItem>(impostor(kFakeSizeItem, std::move(encode)));
+    return item ? std::pair(item->size(), item->busy()) : std::pair(int64_t{-99}, true);
+  };
+  EXPECT_EQ(sizeItem([](KeyedArchiver& c) { c.encodeInteger(77, "size"); }),
+            std::pair(int64_t{77}, false));
+  EXPECT_EQ(sizeItem([](KeyedArchiver& c) { c.encodeBool(true, "busy"); }).first, 0);
   auto bare = roundTrip<QXTreeNode>(impostor(kFakeTreeNode, [](KeyedArchiver&) {}));
   ASSERT_TRUE(bare);
   EXPECT_TRUE(!bare->representedObject() && bare->isLeaf());
@@ -230,13 +229,11 @@ TEST_F(ModelCoding, ForeignObjectsAndMalformedChildrenAreRefused) {
       {"data instead of an array", childArchive},
   };
   for (const auto& [what, value] : children) {
-    EXPECT_EQ(refusal<QXTreeNode>(impostor(kFakeTreeNode,
-                                           [value](KeyedArchiver& c) {
-                                             c.encodeObject(nullptr, "object");
-                                             c.encodeObject(value, "children");
-                                           })),
-              kCorrupt)
-        << what;
+    auto encode = [value](KeyedArchiver& c) {
+      c.encodeObject(nullptr, "object");
+      c.encodeObject(value, "children");
+    };
+    EXPECT_EQ(refusal<QXTreeNode>(impostor(kFakeTreeNode, encode)), kCorrupt) << what;
   }
 
   // Children nested beyond the archive depth limit.
