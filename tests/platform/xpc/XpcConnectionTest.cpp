@@ -1,4 +1,5 @@
 // Connections joined by socket pairs, and the frames they exchange.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -148,18 +149,17 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
            {"incrementWithReply:", {str("extra")}, "wrong number of arguments"},
            {"note:", {str("a reply to a method without one")}, "no reply"},
        }) {
-    EXPECT_NE(refusal(row.selector, row.arguments).find(row.reason), std::string::npos)
-        << row.selector << " should be refused for " << row.reason;
+    EXPECT_THAT(refusal(row.selector, row.arguments), ::testing::HasSubstr(row.reason))
+        << row.selector;
   }
   EXPECT_FALSE(waitForReply(*client, "noSuchSelector:reply:", {}));
   // Sets for selectors or arguments the protocol lacks are not taken.
   ClassSet only{&Array::classInfo(), &Url::classInfo()};
-  EXPECT_FALSE(service->exportedInterface()->setClasses(only, "noSuchSelector:", 0, false));
-  EXPECT_FALSE(service->exportedInterface()->setClasses(only, "countUrls:reply:", 1, false));
-  EXPECT_FALSE(service->exportedInterface()->setClasses(only, "countUrls:reply:", 1, true));
-  EXPECT_TRUE(service->exportedInterface()
-                  ->classes("countUrls:reply:", 0, true)
-                  .allows(Number::classInfo()))
+  auto& exported = *service->exportedInterface();
+  EXPECT_FALSE(exported.setClasses(only, "noSuchSelector:", 0, false));
+  EXPECT_FALSE(exported.setClasses(only, "countUrls:reply:", 1, false));
+  EXPECT_FALSE(exported.setClasses(only, "countUrls:reply:", 1, true));
+  EXPECT_TRUE(exported.classes("countUrls:reply:", 0, true).allows(Number::classInfo()))
       << "setting an argument's set leaves the reply's alone";
   EXPECT_TRUE(service->isValid() && client->isValid());
   auto count = ReplyWaiter<NumberPtr>::wait([&](auto done) {
@@ -213,9 +213,9 @@ TEST_F(ConnectionPair, InvalidationEndsPendingWorkAndRunsEachHandlerOnce) {
   EXPECT_FALSE(waitForReply(*client, "incrementWithReply:", {}));
   responder->answerHeld(false);  // answering after the end goes nowhere
   std::this_thread::sleep_for(20ms);
-  EXPECT_EQ(counters->client.load(), 1);
-  EXPECT_EQ(counters->service.load(), 1);
-  EXPECT_FALSE(replied.load());
+  EXPECT_EQ(std::tuple(counters->client.load(), counters->service.load(), replied.load()),
+            std::tuple(1, 1, false))
+      << "invalidation handlers, and no reply";
 }
 
 TEST_F(ConnectionPair, ACallerWaitingForAReplyIsReleasedWhenThePeerGoesAway) {
@@ -236,7 +236,6 @@ TEST_F(ConnectionPair, ACallerWaitingForAReplyIsReleasedWhenThePeerGoesAway) {
 // Frames: a big-endian length before each payload. How a stream cut in any
 // pieces reads back is the frame_reader fuzz target's check, replayed on its
 // seeds by the suite.
-
 TEST(XpcFrameReader, LengthsAreBigEndianAndRefusedAboveTheLimit) {
   EXPECT_EQ(XpcFrame::encode(std::vector<uint8_t>{9, 8}), (std::vector<uint8_t>{0, 0, 0, 2, 9, 8}));
   XpcFrameReader atLimit;  // exactly 256 MiB: allowed, and incomplete
@@ -245,8 +244,7 @@ TEST(XpcFrameReader, LengthsAreBigEndianAndRefusedAboveTheLimit) {
   EXPECT_EQ(atLimit.buffered(), 6u);
   XpcFrameReader above;
   above.append(std::vector<uint8_t>{0x10, 0x00, 0x00, 0x01});
-  EXPECT_FALSE(above.next());
-  EXPECT_TRUE(above.failed());
+  EXPECT_TRUE(!above.next() && above.failed());
   above.append(std::vector<uint8_t>{0, 0, 0, 0});  // nothing after a broken header counts
   EXPECT_FALSE(above.next());
 }
@@ -254,7 +252,6 @@ TEST(XpcFrameReader, LengthsAreBigEndianAndRefusedAboveTheLimit) {
 // Reader threads run deliveries themselves and keep reading afterwards; a
 // delivery that blocks must hand reading over, or two peers writing to each
 // other from their deliveries would each wait for the other to read.
-
 class Peer {
  public:
   virtual ~Peer() = default;
