@@ -1,7 +1,7 @@
 // The qxfile command end to end: the real binary against the real service,
 // with the users and groups of nss/; what it prints, how it exits, and what
 // the items carry afterwards.
-#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <signal.h>
@@ -28,6 +28,8 @@ namespace {
 using namespace std::chrono_literals;
 using qx::test::eventually;
 using Json = nlohmann::json;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 // The users and groups of nss/.
 constexpr uid_t kAlice = 2201;
@@ -150,10 +152,6 @@ class Qxfile : public ::testing::Test {
   qx::test::TempTree output_{"qx-cli-output"};
 };
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 std::vector<std::string> strings(const Json& array) {
   std::vector<std::string> texts;
   for (const auto& item : array) texts.push_back(item.get<std::string>());
@@ -197,14 +195,14 @@ TEST_F(Qxfile, HelpAndWrongCommandLines) {
   for (const auto& [text, commands] : {std::pair{help.out, "acl access propagate size ls rename"},
                                        std::pair{aclHelp, "show add remove owner group mode"}}) {
     for (const std::string& command : words(commands))
-      EXPECT_TRUE(contains(text, "\n  " + command + " ")) << command;
+      EXPECT_THAT(text, HasSubstr("\n  " + command + " "));
   }
   EXPECT_EQ(qxfile({"--version"}).out.rfind("qxfile ", 0), 0u);
   for (const char* command : {"acl show", "acl add", "acl remove", "acl owner", "acl group",
                               "acl mode", "access", "propagate", "size", "ls", "rename"}) {
     Outcome run = qxfile(words(command + std::string(" --help")));
     EXPECT_EQ(run.status, 0) << run;
-    EXPECT_TRUE(contains(run.out, "--json")) << command << " takes --json";
+    EXPECT_THAT(run.out, HasSubstr("--json")) << command;
   }
 
   // data/wrong-command-lines.txt: each exits with 2 and says why.
@@ -224,7 +222,7 @@ TEST_F(Qxfile, HelpAndWrongCommandLines) {
     Outcome run = qxfile(words(row.substr(0, arrow), item));
     EXPECT_EQ(run.status, 2) << row << "\n" << run;
     EXPECT_FALSE(run.err.empty()) << row;
-    EXPECT_TRUE(contains(run.err, reason)) << row << "\n" << run;
+    EXPECT_THAT(run.err, HasSubstr(reason)) << row << "\n" << run;
     ++count;
   }
   EXPECT_EQ(count, 28);
@@ -247,8 +245,9 @@ TEST_F(Qxfile, OperationErrorsExitWithOneAndPrintDescriptionAndSuggestion) {
   EXPECT_EQ(document["identity"]["name"], "qxbob");
   EXPECT_EQ(document["error"]["domain"], "NSPOSIXErrorDomain");
   EXPECT_EQ(document["error"]["description"], "Error retrieving effective file access permissions");
-  EXPECT_TRUE(contains(document["error"]["suggestion"], missing));
-  EXPECT_TRUE(contains(json.err, "qxfile: Error retrieving effective file access permissions\n  "));
+  EXPECT_THAT(document["error"]["suggestion"].get<std::string>(), HasSubstr(missing));
+  EXPECT_THAT(json.err,
+              HasSubstr("qxfile: Error retrieving effective file access permissions\n  "));
 
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{"acl", "mode", missing, "600"},
@@ -256,7 +255,7 @@ TEST_F(Qxfile, OperationErrorsExitWithOneAndPrintDescriptionAndSuggestion) {
         {"size", missing}}) {
     Outcome failed = qxfile(args);
     EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_TRUE(contains(failed.err, "\n  ")) << "a suggestion line\n" << failed;
+    EXPECT_THAT(failed.err, HasSubstr("\n  ")) << "a suggestion line\n" << failed;
   }
   EXPECT_EQ(qxfile({"size", missing, "--json"}).json()["error"]["code"], ENOENT);
 
@@ -276,7 +275,7 @@ TEST_F(Qxfile, OutputThatCannotBeWrittenFailsTheCommand) {
        {std::vector<std::string>{"--help"}, {"acl", "show", item}, {"size", item, "--json"}}) {
     Outcome run = qxfile(args, {}, "/dev/full");
     EXPECT_EQ(run.status, 1) << args.front() << "\n" << run;
-    EXPECT_TRUE(contains(run.err, "qxfile: couldn't write the output")) << run;
+    EXPECT_THAT(run.err, HasSubstr("qxfile: couldn't write the output")) << run;
   }
   // A command that failed already keeps its status.
   Outcome wrong = qxfile({"bogus"}, {}, "/dev/full");
@@ -318,7 +317,7 @@ TEST_F(Qxfile, AclEntriesRoundTripThroughAddAndRemove) {
                            "0: deny  group:qxstaff  Write: Delete; Administration: Change Owner",
                            "1: allow user:qxalice   Read: all; Write: all",
                            "applies to: This item, Child files, Child folders, All descendants"}) {
-    EXPECT_TRUE(contains(human.out, line)) << line << "\n" << human.out;
+    EXPECT_THAT(human.out, HasSubstr(line));
   }
   EXPECT_EQ(qxfile({"acl", "remove", shared, "1", "--json"}).json()["acl"].size(), 1u);
   EXPECT_TRUE(qxfile({"acl", "remove", shared, "group:qxstaff", "--json"}).json()["acl"].empty());
@@ -333,8 +332,7 @@ TEST_F(Qxfile, AclEntriesRoundTripThroughAddAndRemove) {
             (std::vector<std::string>{"Read Data", "Execute File", "Append Data"}));
   EXPECT_EQ(fileEntry["rights"], 0x2 | 0x8 | 0x20);
   Outcome unknown = qxfile({"acl", "add", report, "allow", "uid:4242", "read"});
-  EXPECT_TRUE(contains(unknown.out, "allow user:FFFFEEEE-DDDD-CCCC-BBBB-AAAA00001092  Read: all"))
-      << unknown.out;
+  EXPECT_THAT(unknown.out, HasSubstr("allow user:FFFFEEEE-DDDD-CCCC-BBBB-AAAA00001092  Read: all"));
   Json identity = qxfile({"acl", "show", report, "--json"}).json()["acl"][1]["identity"];
   EXPECT_EQ(identity["id"], 4242);
   EXPECT_TRUE(identity["name"].is_null());
@@ -344,13 +342,13 @@ TEST_F(Qxfile, ModeOwnerAndGroupChangeTheItem) {
   std::string item = file("item");
   EXPECT_EQ(qxfile({"acl", "mode", item, "750", "--json"}).json()["mode"], "0750");
   EXPECT_EQ(modeOf(item), 0750u);
-  EXPECT_TRUE(contains(qxfile({"acl", "mode", item, "0604"}).out, "mode:  0604 (rw----r--)"));
+  EXPECT_THAT(qxfile({"acl", "mode", item, "0604"}).out, HasSubstr("mode:  0604 (rw----r--)"));
   EXPECT_EQ(modeOf(item), 0604u);
 
   if (geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
   EXPECT_EQ(qxfile({"acl", "owner", item, "qxalice", "--json"}).json()["owner"]["name"], "qxalice");
-  EXPECT_TRUE(contains(qxfile({"acl", "group", item, "qxstaff"}).out,
-                       "owner: user:qxalice\ngroup: group:qxstaff\n"));
+  EXPECT_THAT(qxfile({"acl", "group", item, "qxstaff"}).out,
+              HasSubstr("owner: user:qxalice\ngroup: group:qxstaff\n"));
   struct stat info {};
   ASSERT_EQ(lstat(item.c_str(), &info), 0);
   EXPECT_EQ(info.st_uid, kAlice);
@@ -363,14 +361,13 @@ TEST_F(Qxfile, EffectiveAccessAsJsonAndAsText) {
   ASSERT_EQ(owner.status, 0) << owner;
   std::vector<std::string> leaves = accessLeaves(owner.json());
   ASSERT_EQ(leaves.size(), 12u);
-  EXPECT_EQ(leaves[0], "Read Data=1");
-  EXPECT_EQ(leaves[1], "Execute File=0");
+  EXPECT_EQ(std::vector(leaves.begin(), leaves.begin() + 2),
+            (std::vector<std::string>{"Read Data=1", "Execute File=0"}));
   // A user named bare.
   Outcome human = qxfile({"access", notes, "qxalice"});
-  EXPECT_TRUE(
-      contains(human.out, "Effective access of user:qxalice to " + notes +
-                              "\n(K: the kernel enforces this answer)\nRead\n  no  K  Read Data\n"))
-      << human.out;
+  EXPECT_THAT(human.out,
+              HasSubstr("Effective access of user:qxalice to " + notes +
+                        "\n(K: the kernel enforces this answer)\nRead\n  no  K  Read Data\n"));
 }
 
 TEST_F(Qxfile, PropagationReportsWhatItGaveEverythingBelow) {
@@ -384,8 +381,8 @@ TEST_F(Qxfile, PropagationReportsWhatItGaveEverythingBelow) {
   EXPECT_EQ(result["aclEntries"], 1);
   EXPECT_EQ(result["mode"], "0755");
   EXPECT_EQ(modeOf(below), 0755u);
-  EXPECT_TRUE(contains(qxfile({"propagate", top}).out,
-                       "Propagated to everything below " + top + ":\n  1 ACL entry"));
+  EXPECT_THAT(qxfile({"propagate", top}).out,
+              HasSubstr("Propagated to everything below " + top + ":\n  1 ACL entry"));
   Json error = qxfile({"propagate", below, "--json"}).json()["error"];
   EXPECT_EQ(error["code"], ENOTDIR);
   EXPECT_EQ(error["description"],
@@ -431,9 +428,9 @@ TEST_F(Qxfile, SizeShowsProgressOnATerminalAndStopsOnCtrlC) {
   for (int i = 0; i < 300; ++i) file("many/f" + std::to_string(i), 10);
   Outcome terminal = qxfileOnTerminal({"size", many});
   ASSERT_EQ(terminal.status, 0) << terminal;
-  EXPECT_TRUE(contains(terminal.out, "\r\033[KCounting...")) << terminal.out;
-  EXPECT_TRUE(contains(terminal.out, "\r\033[K2.9 KiB  3,000 bytes  " + many)) << terminal.out;
-  EXPECT_FALSE(contains(qxfileOnTerminal({"size", many, "--json"}).out, "Counting"));
+  EXPECT_THAT(terminal.out, HasSubstr("\r\033[KCounting..."));
+  EXPECT_THAT(terminal.out, HasSubstr("\r\033[K2.9 KiB  3,000 bytes  " + many));
+  EXPECT_THAT(qxfileOnTerminal({"size", many, "--json"}).out, Not(HasSubstr("Counting")));
   EXPECT_EQ(qxfile({"size", many}).out, "2.9 KiB  3,000 bytes  " + many + "\n");
 
   for (int i = 300; i < 1000; ++i) file("many/f" + std::to_string(i), 10);
@@ -449,8 +446,8 @@ TEST_F(Qxfile, SizeShowsProgressOnATerminalAndStopsOnCtrlC) {
   EXPECT_TRUE(itemAt(totals["items"], later)["size"].is_null());
   Outcome human = interrupted({"size", later, many});
   EXPECT_EQ(human.status, 130) << human;
-  EXPECT_TRUE(contains(human.out, "      -      -        " + later + "  (not reached)\n")) << human;
-  EXPECT_TRUE(contains(human.out, " total\nStopped with Ctrl-C: the totals are partial.\n"));
+  EXPECT_THAT(human.out, HasSubstr("      -      -        " + later + "  (not reached)\n"));
+  EXPECT_THAT(human.out, HasSubstr(" total\nStopped with Ctrl-C: the totals are partial.\n"));
 }
 
 TEST_F(Qxfile, ListingLevelsFollowThePositionsGiven) {
