@@ -30,9 +30,7 @@ class AclInspection : public ::testing::Test {
   qx::ArrayPtr list(const std::string& path) {
     error_ = qx::Error::errorWithDomain("primed", 1);
     qx::ArrayPtr listing = QXFileAcl::entriesForUrl(urlOf(path), &error_);
-    if (listing) {
-      EXPECT_FALSE(error_) << "a success clears the error";
-    }
+    EXPECT_TRUE(!listing || !error_) << "a success clears the error";
     return listing;
   }
   // The listing as text next to the one expected from `aces` and the mode.
@@ -308,8 +306,8 @@ TEST_F(AclInspection, FailuresCarryTheStepTheNumberAndTheTitle) {
     EXPECT_EQ(seen, row.expected);
     EXPECT_EQ(pathOf(error_), p(row.at)) << "the error's URL";
   }
-  EXPECT_EQ(xtesting::LiveAcls(), acls);
-  EXPECT_EQ(xtesting::LiveQualifiers(), qualifiers);
+  EXPECT_EQ(std::pair(xtesting::LiveAcls(), xtesting::LiveQualifiers()),
+            std::pair(acls, qualifiers));
 
   // Behind a folder only the owner can search, listing and effective access fail for others
   // on reading the ACL; an identity that cannot search there is granted nothing.

@@ -309,6 +309,16 @@ AclState stateOf(const std::string& path) {
   return state;
 }
 
+// The mode bits the item's POSIX ACL gives, then st_mode's, which show the mask.
+std::string modes(const std::string& path) {
+  struct stat st {};
+  mode_t bits = 0;
+  if (lstat(path.c_str(), &st) != 0 || ItemAcl::modeBits(path.c_str(), st, &bits) != 0) return "?";
+  char text[32];
+  std::snprintf(text, sizeof text, "%04o st_mode %04o", bits, st.st_mode & 0777);
+  return text;
+}
+
 class AclLayers : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -352,9 +362,9 @@ TEST_F(AclLayers, WritesLeaveTheKernelTheEnforcingAclAndReadBackStored) {
     ASSERT_EQ(write(path, row.entries), 0) << row.name;
     EXPECT_EQ(getfacl(path), row.getfacl) << row.name;
     AclState state = stateOf(path);
-    EXPECT_EQ(state.source, AclSource::Stored) << row.name;
-    EXPECT_EQ(state.entries, row.entries) << row.name;
-    EXPECT_EQ(state.item.mode, row.mode) << row.name << ": the mode stays";
+    EXPECT_EQ(std::tie(state.source, state.entries, state.item.mode),
+              std::tuple(AclSource::Stored, row.entries, row.mode))
+        << row.name << ": stored, read back, the mode kept";
     ASSERT_EQ(write(path, {}), 0);
     EXPECT_EQ(stateOf(path).source, AclSource::None) << row.name << ": emptied";
     EXPECT_EQ(lgetxattr(path.c_str(), ItemAcl::kPosixAccess, nullptr, 0), -1);
@@ -367,17 +377,10 @@ TEST_F(AclLayers, ModeWritesKeepTheGroupEntryApartFromTheMask) {
   ASSERT_EQ(write(path, {{ACL_EXTENDED_ALLOW, user(kMember),
                           ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA | ACL_EXECUTE, 0}}),
             0);
-  struct stat st;
-  ASSERT_EQ(lstat(path.c_str(), &st), 0);
-  mode_t bits = 0;
-  ASSERT_EQ(ItemAcl::modeBits(path.c_str(), st, &bits), 0);
-  EXPECT_EQ(bits, 0640u);
-  EXPECT_EQ(st.st_mode & 0777, 0670u) << "st_mode shows the mask";
+  EXPECT_EQ(modes(path), "0640 st_mode 0670");
   ASSERT_EQ(ItemAcl::setModeBits(path.c_str(), 0750), 0);
   EXPECT_EQ(getfacl(path), "user::rwx\nuser:2102:rwx\ngroup::r-x\nmask::rwx\nother::---\n\n");
-  ASSERT_EQ(lstat(path.c_str(), &st), 0);
-  ASSERT_EQ(ItemAcl::modeBits(path.c_str(), st, &bits), 0);
-  EXPECT_EQ(bits, 0750u);
+  EXPECT_EQ(modes(path), "0750 st_mode 0770");
   EXPECT_EQ(stateOf(path).source, AclSource::Stored) << "what the stored ACL maps to with 0750";
 
   // An ACL that grants nothing through its entries keeps a mask of r--: an empty one would
@@ -385,10 +388,7 @@ TEST_F(AclLayers, ModeWritesKeepTheGroupEntryApartFromTheMask) {
   const std::string closed = item("closed", 0604);
   ASSERT_EQ(write(closed, {{ACL_EXTENDED_DENY, user(kMember), ACL_READ_DATA, 0}}), 0);
   EXPECT_EQ(getfacl(closed), "user::rw-\nuser:2102:---\ngroup::---\nmask::r--\nother::r--\n\n");
-  ASSERT_EQ(lstat(closed.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0644u);
-  ASSERT_EQ(ItemAcl::modeBits(closed.c_str(), st, &bits), 0);
-  EXPECT_EQ(bits, 0604u);
+  EXPECT_EQ(modes(closed), "0604 st_mode 0644");
   ASSERT_EQ(ItemAcl::setModeBits(closed.c_str(), 0600), 0);
   EXPECT_EQ(getfacl(closed), "user::rw-\nuser:2102:---\ngroup::---\nmask::r--\nother::---\n\n");
   EXPECT_EQ(stateOf(closed).source, AclSource::Stored);
