@@ -231,14 +231,11 @@ TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
       const std::vector<uint8_t> bytes = qx::test::attributeFile(change.attribute).bytes;
       const KernelAccess::User writer =
           change.writer ? users_[change.writer - kOwner] : KernelAccess::User{0, 0, {0}};
-      EXPECT_EQ(KernelAccess::runAs(writer,
-                                    [&] {
-                                      return lsetxattr(path.c_str(), "user.qxfile.acl",
-                                                       bytes.data(), bytes.size(), 0)
-                                                 ? errno
-                                                 : 0;
-                                    }),
-                0);
+      auto set = [&] {
+        return lsetxattr(path.c_str(), "user.qxfile.acl", bytes.data(), bytes.size(), 0) ? errno
+                                                                                         : 0;
+      };
+      EXPECT_EQ(KernelAccess::runAs(writer, set), 0);
     }
     const Json shown = show(path);
     EXPECT_EQ(shown["stored"], change.stored) << shown.dump(2);
