@@ -6,18 +6,17 @@
 #include <pty.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "qxfile/Client.h"
+#include "tests/enforcement/QxfileCommand.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/ServiceSandbox.h"
@@ -35,33 +34,12 @@ using ::testing::Not;
 constexpr uid_t kAlice = 2201;
 constexpr gid_t kStaff = 3210;
 
-// One run of the qxfile command: how it ended and what it printed.
-struct Outcome {
-  int status = -1;  // the exit status; 1000 + the signal that ended it
-  std::string out;
-  std::string err;
-
-  // Standard output as JSON; a null document (and a test failure) when it is not.
-  Json json() const {
-    Json document = Json::parse(out, nullptr, false);
-    EXPECT_FALSE(document.is_discarded()) << "not JSON: " << out;
-    return document.is_discarded() ? Json() : document;
-  }
-};
-
-std::ostream& operator<<(std::ostream& stream, const Outcome& run) {
-  return stream << "status " << run.status << "\nstdout:\n" << run.out << "stderr:\n" << run.err;
-}
+using qx::test::QxfileCommand;
+using Outcome = QxfileCommand::Outcome;
 
 mode_t modeOf(const std::string& path) {
   struct stat st {};
   return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : mode_t(-1);
-}
-
-std::string contentOf(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
 }
 
 // Each test has a service of its own in a private socket folder, started by
@@ -74,16 +52,8 @@ class Qxfile : public ::testing::Test {
     EXPECT_TRUE(sandbox_.allGoneWithin(15s)) << "the service kept running without clients";
   }
 
-  // Runs qxfile with `args`, its output going to files; `whileRunning` is
-  // called with its pid once it has started. With `outTo`, standard output
-  // goes there instead and is not read back.
-  Outcome qxfile(std::vector<std::string> args, const std::function<void(pid_t)>& whileRunning = {},
-                 const std::string& outTo = "") {
-    const std::string out = outTo.empty() ? output_.path("out") : outTo;
-    const std::string err = output_.path("err");
-    args.insert(args.begin(), QX_CLI_EXECUTABLE);
-    const int status = qx::test::ChildProcess::run(std::move(args), out, err, whileRunning);
-    return {status, outTo.empty() ? contentOf(out) : "", contentOf(err)};
+  static Outcome qxfile(std::vector<std::string> args) {
+    return QxfileCommand::run(std::move(args));
   }
 
   // Runs qxfile with its standard output and error on a terminal; `out` is
@@ -127,7 +97,7 @@ class Qxfile : public ::testing::Test {
     EXPECT_FALSE(keeper.connect());
     const pid_t service = sandbox_.services().at(0);
     kill(service, SIGSTOP);
-    return qxfile(args, [&](pid_t pid) {
+    return QxfileCommand::run(args, [&](pid_t pid) {
       const std::string proc = "/proc/" + std::to_string(pid);
       auto catchesInterrupt = [&] {
         std::error_code ignored;
@@ -149,7 +119,6 @@ class Qxfile : public ::testing::Test {
 
   qx::test::ServiceSandbox sandbox_{QX_SERVICE_EXECUTABLE};
   qx::test::TempTree tree_{"qx-cli"};
-  qx::test::TempTree output_{"qx-cli-output"};
 };
 
 std::vector<std::string> strings(const Json& array) {
@@ -273,12 +242,12 @@ TEST_F(Qxfile, OutputThatCannotBeWrittenFailsTheCommand) {
   const std::string item = file("item");
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{"--help"}, {"acl", "show", item}, {"size", item, "--json"}}) {
-    Outcome run = qxfile(args, {}, "/dev/full");
+    Outcome run = QxfileCommand::run(args, {}, "/dev/full");
     EXPECT_EQ(run.status, 1) << args.front() << "\n" << run;
     EXPECT_THAT(run.err, HasSubstr("qxfile: couldn't write the output")) << run;
   }
   // A command that failed already keeps its status.
-  Outcome wrong = qxfile({"bogus"}, {}, "/dev/full");
+  Outcome wrong = QxfileCommand::run({"bogus"}, {}, "/dev/full");
   EXPECT_EQ(wrong.status, 2) << wrong;
 }
 
