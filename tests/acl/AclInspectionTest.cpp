@@ -1,5 +1,5 @@
-// Listing an item's ACL entries, whether an identity can reach an item, and
-// the permissions it effectively holds, on items owned by the test users.
+// Listing an item's ACL entries, whether an identity can reach an item, and the permissions it
+// effectively holds, on items owned by the test users.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -77,8 +77,8 @@ class AclInspection : public ::testing::Test {
   qx::ErrorPtr error_;
 };
 
-// Listings compared with records built from the entries and the mode by the shared builder,
-// whose rows are written out (tests/support/PermissionTrees.h): names, values and states.
+// Listings compared with records built from the entries and the mode by the shared builder, whose
+// rows are written out (tests/support/PermissionTrees.h): names, values and states.
 TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   std::string bare = tree_.ownedFile("bare");
   EXPECT_EQ(listed(bare), expected({}, 0644, false));
@@ -107,8 +107,8 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   ASSERT_TRUE(setAcl(folder, aces));
   EXPECT_EQ(listed(folder), expected(aces, 0755, true));
 
-  // POSIX leaves follow the mode. A link's own mode is 0777 on Linux; it is
-  // not a folder, and its target's ACL is not its.
+  // POSIX leaves follow the mode. A link's own mode is 0777 on Linux; it is not a folder, and its
+  // target's ACL is not its.
   std::string link = tree_.path("link");
   ASSERT_EQ(symlink(folder.c_str(), link.c_str()), 0);
   ASSERT_EQ(lchown(link.c_str(), kOther, kDenied), 0);
@@ -117,9 +117,8 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   EXPECT_EQ(listed(link), expected({}, 0777, false, kOther, kDenied));
 }
 
-// Every folder above the item is asked in turn, from the nearest up; the
-// first ACL entry about searching decides a folder, and an allow goes on to
-// its parent.
+// Every folder above the item is asked in turn, from the nearest up; the first ACL entry about
+// searching decides a folder, and an allow goes on to its parent.
 TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
   tree_.ownedFolder("team", 0710);
   tree_.ownedFolder("groupOnly", 0070, kMember, kTeam);
@@ -173,9 +172,9 @@ TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
       << "null out-parameters are allowed";
 }
 
-// Leaves of the effective access, item by item (all twelve of a file where every leaf is
-// named), with memberships from the group database; the rules themselves belong to the
-// evaluator's tests (tests/platform/xacl).
+// Leaves of the effective access, item by item (all twelve of a file where every leaf is named),
+// with memberships from the group database; the rules themselves belong to the evaluator's tests
+// (tests/platform/xacl).
 TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
   const qx::UuidPtr member = userUuid(kMember), team = groupUuid(kTeam), other = userUuid(kOther);
   const mode_t folder = S_IFDIR;
@@ -224,9 +223,9 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
   }
 }
 
-// Each failing step of listing, traversal and effective access: listing and effective access
-// wrap it under their titles, traversal reports the step itself with the answer it reached.
-// A release cannot fail for real; the interface's test hook makes one fail.
+// Each failing step of listing, traversal and effective access: listing and effective access wrap
+// it under their titles, traversal reports the step itself with the answer it reached. A release
+// cannot fail for real; the interface's test hook makes one fail.
 TEST_F(AclInspection, FailuresCarryTheStepTheNumberAndTheTitle) {
   const std::string listTitle = "Error retrieving file Access Control List entries";
   const std::string accessTitle = "Error retrieving effective file access permissions";
@@ -236,8 +235,8 @@ TEST_F(AclInspection, FailuresCarryTheStepTheNumberAndTheTitle) {
   ASSERT_TRUE(setDamagedAcl(tree_.ownedFile("damaged")));
   ASSERT_TRUE(setDamagedAcl(tree_.ownedFolder("d")));
   tree_.ownedFile("d/f");
-  // An entry naming neither a user nor a group cannot be matched, and a user without a passwd
-  // entry cannot be placed against the folder's group.
+  // An entry naming neither a user nor a group cannot be matched, and a user without a passwd entry
+  // cannot be placed against the folder's group.
   ASSERT_TRUE(
       setAcl(tree_.ownedFolder("u"),
              {allow(qx::Uuid::withString("01234567-89AB-CDEF-0123-456789ABCDEF"), ACL_SEARCH)}));
@@ -309,8 +308,8 @@ TEST_F(AclInspection, FailuresCarryTheStepTheNumberAndTheTitle) {
   EXPECT_EQ(std::pair(xtesting::LiveAcls(), xtesting::LiveQualifiers()),
             std::pair(acls, qualifiers));
 
-  // Behind a folder only the owner can search, listing and effective access fail for others
-  // on reading the ACL; an identity that cannot search there is granted nothing.
+  // Behind a folder only the owner can search, listing and effective access fail for others on
+  // reading the ACL; an identity that cannot search there is granted nothing.
   tree_.ownedFolder("private", 0700);
   std::string hidden = tree_.ownedFile("private/f", 0777);
   ASSERT_TRUE(setAcl(hidden, {allow(userUuid(kOther), ACL_READ_DATA)}));

@@ -1,6 +1,5 @@
-// Random ACLs written through a real service, then for every test user and
-// every one of read, write and execute, what the kernel grants against what
-// qxfile's effective access says.
+// Random ACLs written through a real service, then for every test user and every one of read, write
+// and execute, what the kernel grants against what qxfile's effective access says.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,10 +27,9 @@ using Json = nlohmann::json;
 
 constexpr int kAcls = 600;
 
-// The users of tests/support/users (KernelAccess::testUsers), the first of them owning every
-// item.
-// Named in entries: every user but the owner, and groups that hold the owner
-// (3101), one member (3102), nobody of the items (3104), several (3110, 3111).
+// The users of tests/support/users (KernelAccess::testUsers), the first of them owning every item.
+// Named in entries: every user but the owner, and groups that hold the owner (3101), one member
+// (3102), nobody of the items (3104), several (3110, 3111).
 const uid_t kNamedUsers[] = {2102, 2103, 2104, 2105};
 const gid_t kNamedGroups[] = {3101, 3102, 3104, 3110, 3111};
 const gid_t kOwningGroups[] = {3101, 3102, 3110, 3111};
@@ -136,9 +134,8 @@ bool listed(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// `qxfile acl show --json` marks an entry's right that stands for the operation as not
-// enforced for the user's class; `qxfile access --json` shows one of them denied and not
-// enforced.
+// `qxfile acl show --json` marks an entry's right that stands for the operation as not enforced for
+// the user's class; `qxfile access --json` shows one of them denied and not enforced.
 bool markedInListing(const Json& document, const Flagged& flagged, bool folder) {
   const auto& rights = folder ? flagged.operation->folderRights : flagged.operation->fileRights;
   for (const Json& entry : document.value("acl", Json::array())) {

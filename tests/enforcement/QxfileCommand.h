@@ -10,8 +10,7 @@
 
 namespace qx::test {
 
-// Runs the qxfile command built beside the tests, as a person would, and
-// keeps what it printed.
+// Runs the qxfile command built beside the tests, as a person would, and keeps what it printed.
 class QxfileCommand {
  public:
   struct Outcome {
@@ -22,8 +21,8 @@ class QxfileCommand {
     nlohmann::json json() const;
   };
 
-  // `whileRunning` is called with its pid once it has started. With `outTo`, standard output
-  // goes there instead and is not read back.
+  // `whileRunning` is called with its pid once it has started. With `outTo`, standard output goes
+  // there instead and is not read back.
   static Outcome run(std::vector<std::string> args,
                      const std::function<void(pid_t)>& whileRunning = {},
                      const std::string& outTo = "");

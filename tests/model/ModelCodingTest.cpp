@@ -34,8 +34,8 @@ std::shared_ptr<T> roundTrip(const qx::ObjectPtr& object, qx::ErrorPtr* error = 
                                                                 error ? error : &ignored));
 }
 
-// An object that archives under another class's wire name with the keys its
-// test chooses: how archives with missing or odd keys are made.
+// An object that archives under another class's wire name with the keys its test chooses: how
+// archives with missing or odd keys are made.
 class Impostor final : public qx::Object {
  public:
   Impostor(const qx::ClassInfo& cls, std::function<void(KeyedArchiver&)> encode)
@@ -57,8 +57,8 @@ const qx::ClassInfo kFakePermission("QXAclPermission", &qx::Object::classInfo())
 const qx::ClassInfo kFakeSizeItem("QXFileSizeItem", &qx::Object::classInfo());
 const qx::ClassInfo kFakeTreeNode("QXTreeNode", &qx::TreeNode::classInfo());
 
-// A tree as text: each node's class, record and children; "^" marks a child whose parent link
-// does not point back to the node above it.
+// A tree as text: each node's class, record and children; "^" marks a child whose parent link does
+// not point back to the node above it.
 std::string treeText(const qx::TreeNodePtr& node) {
   auto record = recordOf(node);
   std::string text = qx::cast<QXTreeNode>(node) ? "" : "(TreeNode)";
@@ -205,8 +205,8 @@ TEST_F(ModelCoding, TreesTravelWithEachChildAsAStandaloneArchive) {
 }
 
 TEST_F(ModelCoding, ForeignObjectsAndMalformedChildrenAreRefused) {
-  // A represented object that is no permission: refused at the top, but not
-  // inside a child archive, which is decoded unrestricted.
+  // A represented object that is no permission: refused at the top, but not inside a child archive,
+  // which is decoded unrestricted.
   auto stringNode = QXTreeNode::treeNodeWithRepresentedObject(qx::str("not a permission"));
   EXPECT_EQ(refusal<QXTreeNode>(stringNode), kCorrupt);
   auto decoded = roundTrip<QXTreeNode>(permissionNode("Read", 2, 0, {stringNode}));

@@ -1,5 +1,4 @@
-// Batch renames on real trees, with a question that answers as each case
-// needs.
+// Batch renames on real trees, with a question that answers as each case needs.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -15,8 +14,8 @@
 
 namespace {
 
-// While set to an errno, renameat2 fails with it and does nothing, as on a
-// file system that cannot refuse to replace.
+// While set to an errno, renameat2 fails with it and does nothing, as on a file system that cannot
+// refuse to replace.
 std::atomic<int> renameat2FailsWith{0};
 
 }  // namespace
@@ -121,8 +120,8 @@ TEST_F(QXFileRenameTest, EmptyListsGiveEmptyResultsWithoutAQuestion) {
   EXPECT_EQ(questions, 0);
 }
 
-// Only "/" (to ":"), line feed and carriage return (to " ") change; folders
-// and links are renamed themselves; surplus names are ignored.
+// Only "/" (to ":"), line feed and carriage return (to " ") change; folders and links are renamed
+// themselves; surplus names are ignored.
 TEST_F(QXFileRenameTest, NamesAreCleanedAndEverythingElseKept) {
   const std::vector<std::string> given = {
       "a/b/c",   "line\nfeed", "carriage\rreturn",         "\r\n/",
@@ -158,8 +157,8 @@ TEST_F(QXFileRenameTest, NamesAreCleanedAndEverythingElseKept) {
   expectFailure(outcome.error, EEXIST, tree.path("moved folder"));
 }
 
-// The question comes after the 31st rename and every 31 after; YES stops
-// there, with nothing undone.
+// The question comes after the 31st rename and every 31 after; YES stops there, with nothing
+// undone.
 TEST_F(QXFileRenameTest, ClientIsAskedEveryThirtyOneRenamesAndYesStops) {
   struct Row {
     int items;
@@ -204,8 +203,8 @@ TEST_F(QXFileRenameTest, FirstFailureEndsTheBatchAndKeepsTheRenamesBefore) {
   Outcome unnamed = rename(urls, names({"a"}));
   expectFailure(unnamed.error, EINVAL, tree.path("old-003"));
   EXPECT_EQ(unnamed.names, (std::vector<std::string>{"old-002"}));
-  // No names, a missing item, and what a hostile client may send: a name that
-  // is no string or holds a NUL byte, an element that is no file URL.
+  // No names, a missing item, and what a hostile client may send: a name that is no string or holds
+  // a NUL byte, an element that is no file URL.
   const std::string last = tree.path("old-003");
   const std::tuple<ArrayPtr, ArrayPtr, int, std::string> failures[] = {
       {Array::make({url("old-003")}), nullptr, EINVAL, last},
@@ -219,8 +218,8 @@ TEST_F(QXFileRenameTest, FirstFailureEndsTheBatchAndKeepsTheRenamesBefore) {
   EXPECT_FALSE(exists("cut"));
 }
 
-// renameat2 answering "not supported" falls back to a plain rename, which
-// replaces; any other failure of it is the item's error.
+// renameat2 answering "not supported" falls back to a plain rename, which replaces; any other
+// failure of it is the item's error.
 TEST_F(QXFileRenameTest, WithoutNoReplaceSupportAPlainRenameFollows) {
   struct Row {
     int renameat2Error;

@@ -1,6 +1,5 @@
-// The qxfile command end to end: the real binary against the real service,
-// with the users and groups of nss/; what it prints, how it exits, and what
-// the items carry afterwards.
+// The qxfile command end to end: the real binary against the real service, with the users and
+// groups of nss/; what it prints, how it exits, and what the items carry afterwards.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
@@ -42,8 +41,8 @@ mode_t modeOf(const std::string& path) {
   return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : mode_t(-1);
 }
 
-// Each test has a service of its own in a private socket folder, started by
-// the first qxfile that needs it and gone soon after the last one.
+// Each test has a service of its own in a private socket folder, started by the first qxfile that
+// needs it and gone soon after the last one.
 class Qxfile : public ::testing::Test {
  protected:
   // Open to the test users: effective access looks at the folders above an item.
@@ -56,8 +55,8 @@ class Qxfile : public ::testing::Test {
     return QxfileCommand::run(std::move(args));
   }
 
-  // Runs qxfile with its standard output and error on a terminal; `out` is
-  // everything the terminal received.
+  // Runs qxfile with its standard output and error on a terminal; `out` is everything the terminal
+  // received.
   static Outcome qxfileOnTerminal(std::vector<std::string> args) {
     args.insert(args.begin(), QX_CLI_EXECUTABLE);
     std::vector<char*> argv;
@@ -88,10 +87,9 @@ class Qxfile : public ::testing::Test {
     return tree_.path(name);
   }
 
-  // Runs qxfile and, once it has its handler for SIGINT, interrupts it: the
-  // command then answers the operation's next question with "stop". The
-  // service is held stopped until then (a client of the test keeps it
-  // running), so that the first report or question is the one answered.
+  // Runs qxfile and, once it has its handler for SIGINT, interrupts it: the command then answers
+  // the operation's next question with "stop". The service is held stopped until then (a client of
+  // the test keeps it running), so that the first report or question is the one answered.
   Outcome interrupted(const std::vector<std::string>& args) {
     qxfile::Client keeper;
     EXPECT_FALSE(keeper.connect());
@@ -236,8 +234,7 @@ TEST_F(Qxfile, OperationErrorsExitWithOneAndPrintDescriptionAndSuggestion) {
   EXPECT_EQ(noService.err.rfind("qxfile: ", 0), 0u) << noService;
 }
 
-// Output that cannot be written is a failure, also for a command that has
-// nothing else to report.
+// Output that cannot be written is a failure, also for a command that has nothing else to report.
 TEST_F(Qxfile, OutputThatCannotBeWrittenFailsTheCommand) {
   const std::string item = file("item");
   for (const std::vector<std::string>& args :

@@ -1,6 +1,5 @@
-// The keyed-archive layout the archiver writes, and what the unarchiver makes
-// of it: identities, shared classes, escaped keys, plain values, nesting,
-// restricted decoding.
+// The keyed-archive layout the archiver writes, and what the unarchiver makes of it: identities,
+// shared classes, escaped keys, plain values, nesting, restricted decoding.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -162,8 +161,8 @@ TEST_F(KeyedArchive, ArchivesNestInArchivesUpTo256LevelsAllTold) {
   EXPECT_TRUE(roundTrip(nestedArrays(kMaxArchiveDepth), &error)) << describe(error);
 }
 
-// A nesting node whose child list names one child archive `times` times; the
-// child archive carries `padding` bytes of unused objects.
+// A nesting node whose child list names one child archive `times` times; the child archive carries
+// `padding` bytes of unused objects.
 std::vector<uint8_t> repeatedChild(std::size_t times, std::size_t padding) {
   json nodeClass = classDict("QXTestNestingNode", {"QXTestNestingNode", "NSObject"});
   std::vector<uint8_t> child = writeJson(keyedArchive(json::array(
@@ -183,8 +182,7 @@ TEST_F(KeyedArchive, NestedArchivesCannotMultiplyTheInput) {
       cast<NestingNode>(KeyedUnarchiver::unarchiveObjectWithData(repeatedChild(50, 20000), &error));
   ASSERT_TRUE(few) << describe(error);
   EXPECT_EQ(few->children.size(), 50u);
-  // 5000 decodes of a 20 kB archive named from a 30 kB one: refused, not
-  // decoded 5000 times over.
+  // 5000 decodes of a 20 kB archive named from a 30 kB one: refused, not decoded 5000 times over.
   EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(repeatedChild(5000, 20000), &error));
   EXPECT_THAT(describe(error), HasSubstr("nested in each other"));
   // The budget belongs to one outermost archive only.
@@ -204,9 +202,8 @@ TEST_F(KeyedArchive, ExceptionsInCodingBecomeNilAndAnError) {
   EXPECT_TRUE(roundTrip(nestedArrays(kMaxArchiveDepth), &error)) << describe(error);
 }
 
-// The objects of one message share memory: each must stay whole while any
-// other of them is alive, whichever thread lets the others go (ASan and TSan
-// builds catch an early or racing release).
+// The objects of one message share memory: each must stay whole while any other of them is alive,
+// whichever thread lets the others go (ASan and TSan builds catch an early or racing release).
 TEST_F(KeyedArchive, DecodedObjectsOutliveTheDecodingAndEachOtherOnAnyThread) {
   auto records = MutableArray::make();
   for (int i = 0; i < 300; ++i) {
@@ -225,12 +222,11 @@ TEST_F(KeyedArchive, DecodedObjectsOutliveTheDecodingAndEachOtherOnAnyThread) {
   EXPECT_EQ(kept->objectForKeyAs<String>("name")->str(), "n123");
 }
 
-// Restricted decoding of one object named from several places: each reference
-// is checked against its own set. (Which classes one set lets through, where a
-// nested set takes over and that the archive's class chains are never trusted:
-// rows of data/archives.jsonl.)
-// One instance named by both entries of the root array, the entries decoded
-// one by one with sets of their own, in the order given.
+// Restricted decoding of one object named from several places: each reference is checked against
+// its own set. (Which classes one set lets through, where a nested set takes over and that the
+// archive's class chains are never trusted: rows of data/archives.jsonl.) One instance named by
+// both entries of the root array, the entries decoded one by one with sets of their own, in the
+// order given.
 struct Reference {
   std::size_t index;
   ClassSet set;

@@ -1,7 +1,7 @@
 // The pure rules (the kernel's POSIX check, the evaluator, the mapping to POSIX ACLs, the
-// translation back and the enforcement report) against hand-written expectations, then what a
-// write leaves the kernel, as getfacl shows it. What qxfile shows after changes made beside it
-// belongs to tests/enforcement.
+// translation back and the enforcement report) against hand-written expectations, then what a write
+// leaves the kernel, as getfacl shows it. What qxfile shows after changes made beside it belongs to
+// tests/enforcement.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -103,8 +103,8 @@ TEST(PosixCheck, KernelOrderOwnerNamedUserGroupsThenOthersMasked) {
   EXPECT_EQ(acl.modeBits(), 0641u);
   EXPECT_EQ(acl.statModeBits(), 0651u);
 
-  // With the mask empty the kernel leaves the ACL aside and answers from the mode; a mask
-  // that grants nothing through the entries keeps it to them.
+  // With the mask empty the kernel leaves the ACL aside and answers from the mode; a mask that
+  // grants nothing through the entries keeps it to them.
   const PosixAcl unmasked = parse("u::rw-,u:1001:---,g::---,g:2001:---,m::---,o::r--");
   const PosixAcl masked = parse("u::rw-,u:1001:---,g::---,g:2001:---,m::r--,o::r--");
   struct ByMask {
@@ -383,8 +383,8 @@ TEST_F(AclLayers, ModeWritesKeepTheGroupEntryApartFromTheMask) {
   EXPECT_EQ(modes(path), "0750 st_mode 0770");
   EXPECT_EQ(stateOf(path).source, AclSource::Stored) << "what the stored ACL maps to with 0750";
 
-  // An ACL that grants nothing through its entries keeps a mask of r--: an empty one would
-  // leave alice the other bits. st_mode shows it; the group's bits stay the entry's.
+  // An ACL that grants nothing through its entries keeps a mask of r--: an empty one would leave
+  // alice the other bits. st_mode shows it; the group's bits stay the entry's.
   const std::string closed = item("closed", 0604);
   ASSERT_EQ(write(closed, {{ACL_EXTENDED_DENY, user(kMember), ACL_READ_DATA, 0}}), 0);
   EXPECT_EQ(getfacl(closed), "user::rw-\nuser:2102:---\ngroup::---\nmask::r--\nother::r--\n\n");

@@ -185,8 +185,8 @@ TEST_F(ConnectionPair, InvalidationEndsPendingWorkAndRunsEachHandlerOnce) {
   connect(/*holdQuestions=*/true);
   std::weak_ptr<void> exported = service->exportedObject();
   ASSERT_FALSE(exported.expired());
-  // The service's worker waits for an answer the client holds back, and a
-  // second call waits behind it on the same serial queue.
+  // The service's worker waits for an answer the client holds back, and a second call waits behind
+  // it on the same serial queue.
   std::atomic<bool> replied{false};
   proxy->askClient(Number::numberWithInteger(3), [&](ArrayPtr) { replied = true; });
   ASSERT_TRUE(eventually([&] { return responder->questions().size() == 1; }));
@@ -233,9 +233,8 @@ TEST_F(ConnectionPair, ACallerWaitingForAReplyIsReleasedWhenThePeerGoesAway) {
   EXPECT_TRUE(eventually([&] { return counters->client == 1; }));
 }
 
-// Frames: a big-endian length before each payload. How a stream cut in any
-// pieces reads back is the frame_reader fuzz target's check, replayed on its
-// seeds by the suite.
+// Frames: a big-endian length before each payload. How a stream cut in any pieces reads back is the
+// frame_reader fuzz target's check, replayed on its seeds by the suite.
 TEST(XpcFrameReader, LengthsAreBigEndianAndRefusedAboveTheLimit) {
   EXPECT_EQ(XpcFrame::encode(std::vector<uint8_t>{9, 8}), (std::vector<uint8_t>{0, 0, 0, 2, 9, 8}));
   XpcFrameReader atLimit;  // exactly 256 MiB: allowed, and incomplete
@@ -249,9 +248,9 @@ TEST(XpcFrameReader, LengthsAreBigEndianAndRefusedAboveTheLimit) {
   EXPECT_FALSE(above.next());
 }
 
-// Reader threads run deliveries themselves and keep reading afterwards; a
-// delivery that blocks must hand reading over, or two peers writing to each
-// other from their deliveries would each wait for the other to read.
+// Reader threads run deliveries themselves and keep reading afterwards; a delivery that blocks must
+// hand reading over, or two peers writing to each other from their deliveries would each wait for
+// the other to read.
 class Peer {
  public:
   virtual ~Peer() = default;
@@ -276,8 +275,7 @@ const XpcProtocol& peerProtocol() {
   return protocol;
 }
 
-// Far more than a socket buffer holds, so that the write blocks until the
-// peer reads.
+// Far more than a socket buffer holds, so that the write blocks until the peer reads.
 constexpr std::size_t kLarge = 8u << 20;
 
 class Endpoint final : public Peer {
@@ -320,8 +318,8 @@ class ReadingTurn : public ::testing::Test {
 };
 
 TEST_F(ReadingTurn, PeersWritingLargeFramesToEachOtherFromDeliveriesBothGetThrough) {
-  // Both kicks are queued before reading starts, so each side's first
-  // delivery writes its large frame while the other side does the same.
+  // Both kicks are queued before reading starts, so each side's first delivery writes its large
+  // frame while the other side does the same.
   one->remote->kick();
   two->remote->kick();
   first->resume();
@@ -330,9 +328,9 @@ TEST_F(ReadingTurn, PeersWritingLargeFramesToEachOtherFromDeliveriesBothGetThrou
   EXPECT_TRUE(two->received.waitFor(std::chrono::seconds(20)));
 }
 
-// A thread that waits for its answers reads them itself, keeping the reading
-// turn between its questions; once it stays away (here: busy, never asking
-// again), the connection must read the other messages without it.
+// A thread that waits for its answers reads them itself, keeping the reading turn between its
+// questions; once it stays away (here: busy, never asking again), the connection must read the
+// other messages without it.
 TEST_F(ReadingTurn, AThreadThatStopsAskingDoesNotHoldUpTheReading) {
   first->resume();
   second->resume();

@@ -1,6 +1,5 @@
-// The test service as a real process: started on demand, shared, idle exit,
-// hostile frames, departed clients, other users, the socket folder, and a
-// listener out of descriptors.
+// The test service as a real process: started on demand, shared, idle exit, hostile frames,
+// departed clients, other users, the socket folder, and a listener out of descriptors.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
@@ -175,10 +174,10 @@ TEST_F(ServiceProcess, EightClientsStartedAtOnceShareOneService) {
   EXPECT_GT(std::atoi(answers.begin()->c_str()), 0);
 }
 
-// A service leaving when idle makes its last check for waiting connections
-// and closes its socket under the exclusive lock. Clients connect only under
-// the shared lock, so none can slip in between that check and the closing,
-// where the kernel would take the connection and the closing then drop it.
+// A service leaving when idle makes its last check for waiting connections and closes its socket
+// under the exclusive lock. Clients connect only under the shared lock, so none can slip in between
+// that check and the closing, where the kernel would take the connection and the closing then drop
+// it.
 TEST_F(ServiceProcess, ClientsConnectOnlyWhileNoServiceMakesItsLastCheck) {
   auto first = connectClient();
   ASSERT_TRUE(first);
@@ -197,8 +196,8 @@ TEST_F(ServiceProcess, ClientsConnectOnlyWhileNoServiceMakesItsLastCheck) {
   connection->invalidate();
 }
 
-// The root of a keyed archive read as plain JSON: arrays and dictionaries
-// by their NS.objects and NS.keys, other objects as they stand.
+// The root of a keyed archive read as plain JSON: arrays and dictionaries by their NS.objects and
+// NS.keys, other objects as they stand.
 json plain(const json& archive, const json& reference) {
   const json& value = archive["$objects"][reference["UID"].get<std::size_t>()];
   if (value == "$null") return nullptr;
@@ -215,8 +214,7 @@ json plain(const json& archive, const json& reference) {
   return result;
 }
 
-// The first message the peer sends on `fd`, as plain JSON; null when the
-// connection closes first.
+// The first message the peer sends on `fd`, as plain JSON; null when the connection closes first.
 json firstMessage(int fd) {
   timeval tv{5, 0};
   ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
@@ -232,10 +230,10 @@ json firstMessage(int fd) {
   return nullptr;
 }
 
-// data/frames.jsonl: what one client connection sends, a "frame" in hex or a
-// "message" (a keyed archive as JSON, written independently of the archiver)
-// framed, less "cut" bytes at the end; and the "answer" read back, or
-// "closes": the service closes that connection and goes on serving others.
+// data/frames.jsonl: what one client connection sends, a "frame" in hex or a "message" (a keyed
+// archive as JSON, written independently of the archiver) framed, less "cut" bytes at the end; and
+// the "answer" read back, or "closes": the service closes that connection and goes on serving
+// others.
 TEST_F(ServiceProcess, EachDataFrameGetsItsAnswerOrClosesOnlyItsOwnConnection) {
   auto good = connectClient();
   ASSERT_TRUE(good);
@@ -348,9 +346,9 @@ TEST_F(ServiceProcess, TheSocketFolderIsPrivateAndOursAndAMissingServiceIsAnErro
   EXPECT_TRUE(failure);
 }
 
-// The listener when the process has no descriptor to spare: a connection
-// waiting in the backlog cannot be accepted yet, and the listener waits for
-// descriptors to free up instead of polling the readable socket over and over.
+// The listener when the process has no descriptor to spare: a connection waiting in the backlog
+// cannot be accepted yet, and the listener waits for descriptors to free up instead of polling the
+// readable socket over and over.
 class SignallingDelegate final : public XpcListenerDelegate {
  public:
   bool shouldAcceptNewConnection(XpcListener&, const std::shared_ptr<XpcConnection>&) override {
