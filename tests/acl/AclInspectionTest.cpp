@@ -139,15 +139,10 @@ TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
   ASSERT_TRUE(setAcl(tree_.ownedFolder("open", 0700), {allow(groupUuid(kOtherGroup), ACL_SEARCH)}));
   ASSERT_TRUE(setAcl(tree_.ownedFolder("open/inner", 0700), {allowOther}));
 
-  struct Row {
-    std::string item;
-    qx::UuidPtr who;
-    std::string answer;
-  };
   const qx::UuidPtr owner = userUuid(kOwner), member = userUuid(kMember),
                     primary = userUuid(kPrimary), other = userUuid(kOther);
   // clang-format off
-  const Row rows[] = {
+  const std::tuple<std::string, qx::UuidPtr, std::string> rows[] = {
       {"team/f", owner, "yes"}, {"team/f", member, "yes"}, {"team/f", primary, "yes"},
       {"team/f", groupUuid(kTeam), "yes"}, {"team/f", other, "no"},
       {"team/f", groupUuid(kDenied), "no"},
@@ -159,12 +154,12 @@ TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
       {"closed/f", other, "no"}, {"outer/inner/f", other, "no"}, {"open/inner/f", other, "yes"},
   };
   // clang-format on
-  for (const Row& row : rows) {
-    if (!std::filesystem::exists(tree_.path(row.item))) tree_.ownedFile(row.item);
+  for (const auto& [item, who, answer] : rows) {
+    if (!std::filesystem::exists(tree_.path(item))) tree_.ownedFile(item);
   }
-  for (const Row& row : rows) {
-    EXPECT_EQ(traversable(tree_.path(row.item), row.who, row.answer), row.answer)
-        << row.item << " for " << row.who->UUIDString();
+  for (const auto& [item, who, answer] : rows) {
+    EXPECT_EQ(traversable(tree_.path(item), who, answer), answer)
+        << item << " for " << who->UUIDString();
   }
   EXPECT_EQ(traversable("/", userUuid(kOther), "yes"), "yes");
   EXPECT_TRUE(

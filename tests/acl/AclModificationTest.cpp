@@ -102,12 +102,7 @@ TEST(GetAcl, EachFailingStepNamesItselfAndStopsTheCall) {
   const auto badTag = aclEntry({3, userUuid(kMember), ACL_READ_DATA}, false);
   const auto noUuid = aclEntry(deny(nullptr, ACL_READ_DATA), false);
   const std::vector<qx::ObjectPtr> tooMany(ACL_MAX_ENTRIES, good);
-  struct Row {
-    std::vector<qx::ObjectPtr> entries;
-    int code;
-    std::string format;
-  };
-  const Row rows[] = {
+  const std::tuple<std::vector<qx::ObjectPtr>, int, std::string> rows[] = {
       {tooMany, ENOMEM,
        "Couldn't initialize file Acces Control List storage for file at path \"%s\"."},
       {{good, badTag}, EINVAL, kSetType},
@@ -126,16 +121,16 @@ TEST(GetAcl, EachFailingStepNamesItselfAndStopsTheCall) {
   EXPECT_EQ(
       build(std::vector<qx::ObjectPtr>(ACL_MAX_ENTRIES - 1, good)),
       aclText(std::vector<Ace>(ACL_MAX_ENTRIES - 1, allow(userUuid(kMember), ACL_READ_DATA))));
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.format);
+  for (const auto& [entries, code, format] : rows) {
+    SCOPED_TRACE(format);
     const size_t live = xtesting::LiveAcls();
     acl_t acl = reinterpret_cast<acl_t>(0x1);
     qx::ErrorPtr error;
-    EXPECT_FALSE(QXAclWriter::getAcl(&acl, qx::Array::make(row.entries), kPath, &error));
+    EXPECT_FALSE(QXAclWriter::getAcl(&acl, qx::Array::make(entries), kPath, &error));
     EXPECT_EQ(acl, reinterpret_cast<acl_t>(0x1)) << "the ACL out-parameter stays untouched";
     EXPECT_EQ(xtesting::LiveAcls(), live) << "the partly built ACL is released";
-    EXPECT_EQ(outcome(false, error), std::to_string(row.code) + "\n" + step(row.format, kPath) +
-                                         "\n" + std::strerror(row.code));
+    EXPECT_EQ(outcome(false, error),
+              std::to_string(code) + "\n" + step(format, kPath) + "\n" + std::strerror(code));
     EXPECT_EQ(pathOf(error), kPath);
   }
 }
@@ -205,13 +200,12 @@ class AclModification : public ::testing::Test {
   // "ok", or the failure as outcome() gives it; the error out-parameter is primed, so that a
   // success that leaves it set shows.
   std::string save(const qx::ArrayPtr& entries, const std::string& path) {
-    return outcome(QXFileAcl::setEntries(entries, urlOf(path), primed()), error_);
+    error_ = qx::Error::errorWithDomain(qx::kPOSIXErrorDomain, 1);
+    return outcome(QXFileAcl::setEntries(entries, urlOf(path), &error_), error_);
   }
   std::string propagate(const qx::ArrayPtr& entries, const std::string& top) {
-    return outcome(QXFileAcl::propagateEntries(entries, urlOf(top), primed()), error_);
-  }
-  qx::ErrorPtr* primed() {
-    return &(error_ = qx::Error::errorWithDomain(qx::kPOSIXErrorDomain, 1));
+    error_ = qx::Error::errorWithDomain(qx::kPOSIXErrorDomain, 1);
+    return outcome(QXFileAcl::propagateEntries(entries, urlOf(top), &error_), error_);
   }
   static bool isRoot() { return geteuid() == 0; }
 

@@ -221,29 +221,25 @@ TEST_F(QXFileRenameTest, FirstFailureEndsTheBatchAndKeepsTheRenamesBefore) {
 // renameat2 answering "not supported" falls back to a plain rename, which replaces; any other
 // failure of it is the item's error.
 TEST_F(QXFileRenameTest, WithoutNoReplaceSupportAPlainRenameFollows) {
-  struct Row {
-    int renameat2Error;
-    std::string target;
-    int expected;  // 0: renamed over the target
-  };
   tree.file("folder/full");
-  const Row rows[] = {{EINVAL, "taken", 0},
-                      {ENOSYS, "taken", 0},
-                      {EINVAL, "folder", EISDIR},
-                      {EXDEV, "elsewhere", EXDEV}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::strerror(row.renameat2Error) + (" to " + row.target));
+  // renameat2's error, the new name, the item's error (0: renamed over the target)
+  const std::tuple<int, std::string, int> rows[] = {{EINVAL, "taken", 0},
+                                                    {ENOSYS, "taken", 0},
+                                                    {EINVAL, "folder", EISDIR},
+                                                    {EXDEV, "elsewhere", EXDEV}};
+  for (const auto& [renameat2Error, target, expected] : rows) {
+    SCOPED_TRACE(std::strerror(renameat2Error) + (" to " + target));
     tree.file("taken", "taken");
     tree.file("item", "item");
-    renameat2FailsWith = row.renameat2Error;
-    Outcome outcome = rename(Array::make({url("item")}), names({row.target}));
+    renameat2FailsWith = renameat2Error;
+    Outcome outcome = rename(Array::make({url("item")}), names({target}));
     renameat2FailsWith = 0;
-    if (row.expected == 0) {
+    if (expected == 0) {
       EXPECT_FALSE(outcome.error);
       EXPECT_EQ(outcome.names, std::vector<std::string>{"item"});
       EXPECT_FALSE(exists("item"));
     } else {
-      expectFailure(outcome.error, row.expected, tree.path("item"));
+      expectFailure(outcome.error, expected, tree.path("item"));
       EXPECT_TRUE(exists("item") && exists("folder/full") && !exists("elsewhere"));
     }
   }

@@ -325,12 +325,9 @@ TEST(ServiceProcess, ArgumentsOutsideTheAllowedClassesAreRefusedBeforeAnyWork) {
   auto url = qx::Url::fileURLWithPath(item);
   auto urls = Array::make({url});
   auto names = Array::make({str("renamed")});
-  struct Row {
-    std::string selector;
-    std::vector<qx::ObjectPtr> arguments;
-    std::string refusedClass;
-  };
-  for (const Row& row : std::vector<Row>{
+  // The selector, its arguments, and the class named in the refusal.
+  for (const auto& [selector, arguments, refusedClass] :
+       std::vector<std::tuple<std::string, std::vector<qx::ObjectPtr>, std::string>>{
            {"setAclEntries:url:reply:",
             {Array::make({str("ACL"), str("POSIX"), qx::Number::numberWithInteger(0777)}), url},
             "NSNumber"},
@@ -345,8 +342,7 @@ TEST(ServiceProcess, ArgumentsOutsideTheAllowedClassesAreRefusedBeforeAnyWork) {
            {"renameUrls:names:reply:", {urls, urls->copy()}, "NSURL"},
            {"renameUrls:names:reply:", {urls, urls}, "NSURL"},
        }) {
-    EXPECT_THAT(send(*connection, row.selector, row.arguments), HasSubstr(row.refusedClass))
-        << row.selector;
+    EXPECT_THAT(send(*connection, selector, arguments), HasSubstr(refusedClass)) << selector;
   }
   struct stat st {};
   EXPECT_EQ(::lstat(item.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0640u);

@@ -78,13 +78,8 @@ std::string text(const PosixAcl& acl) {
 TEST(PosixCheck, KernelOrderOwnerNamedUserGroupsThenOthersMasked) {
   // Owner 1000, owning group 2000.
   const PosixAcl acl = parse("u::rw-,u:1001:rwx,g::r--,g:2001:-w-,m::r-x,o::--x");
-  struct Row {
-    std::optional<uint32_t> uid;
-    std::vector<uint32_t> gids;
-    uint16_t want;
-    bool granted;
-  };
-  const Row rows[] = {
+  // uid, groups, bits wanted, granted
+  const std::tuple<std::optional<uint32_t>, std::vector<uint32_t>, uint16_t, bool> rows[] = {
       {1000, {2000}, 4, true},   // the owner's own entry...
       {1000, {2000}, 1, false},  // ...decides, even where its group would grant
       {1001, {}, 4, true},       // named user, within the mask
@@ -96,9 +91,9 @@ TEST(PosixCheck, KernelOrderOwnerNamedUserGroupsThenOthersMasked) {
       {std::nullopt, {2000}, 4, true},
       {1002, {2000, 2001}, 6, false},  // no single group entry holds both bits
   };
-  for (const Row& row : rows) {
-    EXPECT_EQ(acl.permits(row.uid, row.gids, 1000, 2000, row.want), row.granted)
-        << (row.uid ? std::to_string(*row.uid) : "group") << " want " << row.want;
+  for (const auto& [uid, gids, want, granted] : rows) {
+    EXPECT_EQ(acl.permits(uid, gids, 1000, 2000, want), granted)
+        << (uid ? std::to_string(*uid) : "group") << " want " << want;
   }
   EXPECT_EQ(acl.modeBits(), 0641u);
   EXPECT_EQ(acl.statModeBits(), 0651u);

@@ -131,12 +131,8 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
     return reason;
   };
   auto url = Url::fileURLWithPath("/a");
-  struct Row {
-    std::string selector;
-    std::vector<ObjectPtr> arguments;
-    std::string reason;
-  };
-  for (const Row& row : std::vector<Row>{
+  for (const auto& [selector, arguments, reason] :
+       std::vector<std::tuple<std::string, std::vector<ObjectPtr>, std::string>>{
            // Classes outside the argument's set, at the top or nested.
            {"countUrls:reply:", {Array::make({url, str("b")})}, "NSString"},
            {"countUrls:reply:", {Dictionary::make()}, "refused"},
@@ -149,8 +145,7 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
            {"incrementWithReply:", {str("extra")}, "wrong number of arguments"},
            {"note:", {str("a reply to a method without one")}, "no reply"},
        }) {
-    EXPECT_THAT(refusal(row.selector, row.arguments), ::testing::HasSubstr(row.reason))
-        << row.selector;
+    EXPECT_THAT(refusal(selector, arguments), ::testing::HasSubstr(reason)) << selector;
   }
   EXPECT_FALSE(waitForReply(*client, "noSuchSelector:reply:", {}));
   // Sets for selectors or arguments the protocol lacks are not taken.
