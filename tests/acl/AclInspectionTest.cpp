@@ -173,14 +173,9 @@ TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
 TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
   const qx::UuidPtr member = userUuid(kMember), team = groupUuid(kTeam), other = userUuid(kOther);
   const mode_t folder = S_IFDIR;
-  struct Row {
-    mode_t mode;  // with S_IFDIR for a folder
-    std::vector<Ace> acl;
-    qx::UuidPtr who;
-    std::string expected;  // "Leaf=state" pairs to look at
-  };
   // clang-format off
-  const Row rows[] = {
+  // mode (with S_IFDIR for a folder), ACL, identity, "Leaf=state" pairs to look at
+  const std::tuple<mode_t, std::vector<Ace>, qx::UuidPtr, std::string> rows[] = {
       // The owner on 0644 (others on the mode alone are the evaluator's).
       {0644, {}, userUuid(kOwner),
        "Read Data=1, Execute File=0, Read Attributes=1, Read Extended Attributes=1, "
@@ -201,20 +196,20 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
   };
   // clang-format on
   int n = 0;
-  for (const Row& row : rows) {
+  for (const auto& [mode, acl, who, expected] : rows) {
     SCOPED_TRACE("row " + std::to_string(n));
     const std::string name = "item" + std::to_string(n++);
-    std::string path = (row.mode & S_IFDIR) ? tree_.ownedFolder(name, row.mode & 07777)
-                                            : tree_.ownedFile(name, row.mode);
-    ASSERT_TRUE(setAcl(path, row.acl));
-    States states = access(path, row.who);
+    std::string path =
+        (mode & S_IFDIR) ? tree_.ownedFolder(name, mode & 07777) : tree_.ownedFile(name, mode);
+    ASSERT_TRUE(setAcl(path, acl));
+    States states = access(path, who);
     std::string seen;  // the named leaves' states, in the row's order
-    for (size_t at = 0; at < row.expected.size(); at = row.expected.find(", ", at) + 2) {
-      const std::string leaf = row.expected.substr(at, row.expected.find('=', at) - at);
+    for (size_t at = 0; at < expected.size(); at = expected.find(", ", at) + 2) {
+      const std::string leaf = expected.substr(at, expected.find('=', at) - at);
       seen += (at ? ", " : "") + leaf + "=" + std::to_string(states[leaf]);
-      if (row.expected.find(", ", at) == std::string::npos) break;
+      if (expected.find(", ", at) == std::string::npos) break;
     }
-    EXPECT_EQ(seen, row.expected);
+    EXPECT_EQ(seen, expected);
   }
 }
 
