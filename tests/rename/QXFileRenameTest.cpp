@@ -160,32 +160,27 @@ TEST_F(QXFileRenameTest, NamesAreCleanedAndEverythingElseKept) {
 // The question comes after the 31st rename and every 31 after; YES stops there, with nothing
 // undone.
 TEST_F(QXFileRenameTest, ClientIsAskedEveryThirtyOneRenamesAndYesStops) {
-  struct Row {
-    int items;
-    int yesAt;  // 0: NO to every question
-    std::vector<int> renamedAtQuestions;
-    int renamed;
-  };
-  const Row rows[] = {{30, 1, {}, 30},
-                      {31, 1, {31}, 31},
-                      {62, 1, {31}, 31},
-                      {100, 3, {31, 62, 93}, 93},
-                      {95, 0, {31, 62, 93}, 95}};
-  for (const Row& row : rows) {
-    const std::string from = "r" + std::to_string(row.items) + "-";
+  // items, the question answered YES (0: NO to every one), renamed when asked, renamed in all
+  const std::tuple<int, int, std::vector<int>, int> rows[] = {{30, 1, {}, 30},
+                                                              {31, 1, {31}, 31},
+                                                              {62, 1, {31}, 31},
+                                                              {100, 3, {31, 62, 93}, 93},
+                                                              {95, 0, {31, 62, 93}, 95}};
+  for (const auto& [count, yesAt, renamedAtQuestions, renamed] : rows) {
+    const std::string from = "r" + std::to_string(count) + "-";
     const std::string to = from + "new-";
     SCOPED_TRACE(from);
     std::vector<int> seen;
-    Outcome outcome = rename(items(from, row.items), names(to, row.items), [&] {
-      seen.push_back(existing(to, row.items));
-      return static_cast<int>(seen.size()) == row.yesAt;
+    Outcome outcome = rename(items(from, count), names(to, count), [&] {
+      seen.push_back(existing(to, count));
+      return static_cast<int>(seen.size()) == yesAt;
     });
     EXPECT_FALSE(outcome.error);
-    EXPECT_EQ(seen, row.renamedAtQuestions);
-    ASSERT_EQ(outcome.names.size(), static_cast<size_t>(row.renamed));
+    EXPECT_EQ(seen, renamedAtQuestions);
+    ASSERT_EQ(outcome.names.size(), static_cast<size_t>(renamed));
     EXPECT_EQ(std::pair(outcome.paths.back(), outcome.names.back()),
-              std::pair(tree.path(numbered(to, row.renamed - 1)), numbered(from, row.renamed - 1)));
-    EXPECT_EQ(existing(from, row.items), row.items - row.renamed);
+              std::pair(tree.path(numbered(to, renamed - 1)), numbered(from, renamed - 1)));
+    EXPECT_EQ(existing(from, count), count - renamed);
   }
 }
 
