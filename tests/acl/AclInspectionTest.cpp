@@ -1,5 +1,5 @@
-// Listing an item's ACL entries, whether an identity can reach an item, and
-// the permissions it effectively holds, on items owned by the test users.
+// Listing an item's ACL entries, whether an identity can reach an item, and the permissions it
+// effectively holds, on items owned by the test users.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -30,9 +30,7 @@ class AclInspection : public ::testing::Test {
   qx::ArrayPtr list(const std::string& path) {
     error_ = qx::Error::errorWithDomain("primed", 1);
     qx::ArrayPtr listing = QXFileAcl::entriesForUrl(urlOf(path), &error_);
-    if (listing) {
-      EXPECT_FALSE(error_) << "a success clears the error";
-    }
+    EXPECT_TRUE(!listing || !error_) << "a success clears the error";
     return listing;
   }
   // The listing as text next to the one expected from `aces` and the mode.
@@ -79,8 +77,8 @@ class AclInspection : public ::testing::Test {
   qx::ErrorPtr error_;
 };
 
-// Listings compared with records built from the entries and the mode by the shared builder,
-// whose rows are written out (tests/support/PermissionTrees.h): names, values and states.
+// Listings compared with records built from the entries and the mode by the shared builder, whose
+// rows are written out (tests/support/PermissionTrees.h): names, values and states.
 TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   std::string bare = tree_.ownedFile("bare");
   EXPECT_EQ(listed(bare), expected({}, 0644, false));
@@ -109,8 +107,8 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   ASSERT_TRUE(setAcl(folder, aces));
   EXPECT_EQ(listed(folder), expected(aces, 0755, true));
 
-  // POSIX leaves follow the mode. A link's own mode is 0777 on Linux; it is
-  // not a folder, and its target's ACL is not its.
+  // POSIX leaves follow the mode. A link's own mode is 0777 on Linux; it is not a folder, and its
+  // target's ACL is not its.
   std::string link = tree_.path("link");
   ASSERT_EQ(symlink(folder.c_str(), link.c_str()), 0);
   ASSERT_EQ(lchown(link.c_str(), kOther, kDenied), 0);
@@ -119,9 +117,8 @@ TEST_F(AclInspection, ListingsKeepEntriesInOrderWithAppliesToAndPosixLeaves) {
   EXPECT_EQ(listed(link), expected({}, 0777, false, kOther, kDenied));
 }
 
-// Every folder above the item is asked in turn, from the nearest up; the
-// first ACL entry about searching decides a folder, and an allow goes on to
-// its parent.
+// Every folder above the item is asked in turn, from the nearest up; the first ACL entry about
+// searching decides a folder, and an allow goes on to its parent.
 TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
   tree_.ownedFolder("team", 0710);
   tree_.ownedFolder("groupOnly", 0070, kMember, kTeam);
@@ -142,15 +139,10 @@ TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
   ASSERT_TRUE(setAcl(tree_.ownedFolder("open", 0700), {allow(groupUuid(kOtherGroup), ACL_SEARCH)}));
   ASSERT_TRUE(setAcl(tree_.ownedFolder("open/inner", 0700), {allowOther}));
 
-  struct Row {
-    std::string item;
-    qx::UuidPtr who;
-    std::string answer;
-  };
   const qx::UuidPtr owner = userUuid(kOwner), member = userUuid(kMember),
                     primary = userUuid(kPrimary), other = userUuid(kOther);
   // clang-format off
-  const Row rows[] = {
+  const std::tuple<std::string, qx::UuidPtr, std::string> rows[] = {
       {"team/f", owner, "yes"}, {"team/f", member, "yes"}, {"team/f", primary, "yes"},
       {"team/f", groupUuid(kTeam), "yes"}, {"team/f", other, "no"},
       {"team/f", groupUuid(kDenied), "no"},
@@ -162,12 +154,12 @@ TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
       {"closed/f", other, "no"}, {"outer/inner/f", other, "no"}, {"open/inner/f", other, "yes"},
   };
   // clang-format on
-  for (const Row& row : rows) {
-    if (!std::filesystem::exists(tree_.path(row.item))) tree_.ownedFile(row.item);
+  for (const auto& [item, who, answer] : rows) {
+    if (!std::filesystem::exists(tree_.path(item))) tree_.ownedFile(item);
   }
-  for (const Row& row : rows) {
-    EXPECT_EQ(traversable(tree_.path(row.item), row.who, row.answer), row.answer)
-        << row.item << " for " << row.who->UUIDString();
+  for (const auto& [item, who, answer] : rows) {
+    EXPECT_EQ(traversable(tree_.path(item), who, answer), answer)
+        << item << " for " << who->UUIDString();
   }
   EXPECT_EQ(traversable("/", userUuid(kOther), "yes"), "yes");
   EXPECT_TRUE(
@@ -175,20 +167,15 @@ TEST_F(AclInspection, TraversalAsksEveryFolderUpToTheRoot) {
       << "null out-parameters are allowed";
 }
 
-// Leaves of the effective access, item by item (all twelve of a file where every leaf is
-// named), with memberships from the group database; the rules themselves belong to the
-// evaluator's tests (tests/platform/xacl).
+// Leaves of the effective access, item by item (all twelve of a file where every leaf is named),
+// with memberships from the group database; the rules themselves belong to the evaluator's tests
+// (tests/platform/xacl).
 TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
   const qx::UuidPtr member = userUuid(kMember), team = groupUuid(kTeam), other = userUuid(kOther);
   const mode_t folder = S_IFDIR;
-  struct Row {
-    mode_t mode;  // with S_IFDIR for a folder
-    std::vector<Ace> acl;
-    qx::UuidPtr who;
-    std::string expected;  // "Leaf=state" pairs to look at
-  };
   // clang-format off
-  const Row rows[] = {
+  // mode (with S_IFDIR for a folder), ACL, identity, "Leaf=state" pairs to look at
+  const std::tuple<mode_t, std::vector<Ace>, qx::UuidPtr, std::string> rows[] = {
       // The owner on 0644 (others on the mode alone are the evaluator's).
       {0644, {}, userUuid(kOwner),
        "Read Data=1, Execute File=0, Read Attributes=1, Read Extended Attributes=1, "
@@ -209,26 +196,26 @@ TEST_F(AclInspection, EffectiveAccessFollowsModeAndEntriesInOrder) {
   };
   // clang-format on
   int n = 0;
-  for (const Row& row : rows) {
+  for (const auto& [mode, acl, who, expected] : rows) {
     SCOPED_TRACE("row " + std::to_string(n));
     const std::string name = "item" + std::to_string(n++);
-    std::string path = (row.mode & S_IFDIR) ? tree_.ownedFolder(name, row.mode & 07777)
-                                            : tree_.ownedFile(name, row.mode);
-    ASSERT_TRUE(setAcl(path, row.acl));
-    States states = access(path, row.who);
+    std::string path =
+        (mode & S_IFDIR) ? tree_.ownedFolder(name, mode & 07777) : tree_.ownedFile(name, mode);
+    ASSERT_TRUE(setAcl(path, acl));
+    States states = access(path, who);
     std::string seen;  // the named leaves' states, in the row's order
-    for (size_t at = 0; at < row.expected.size(); at = row.expected.find(", ", at) + 2) {
-      const std::string leaf = row.expected.substr(at, row.expected.find('=', at) - at);
+    for (size_t at = 0; at < expected.size(); at = expected.find(", ", at) + 2) {
+      const std::string leaf = expected.substr(at, expected.find('=', at) - at);
       seen += (at ? ", " : "") + leaf + "=" + std::to_string(states[leaf]);
-      if (row.expected.find(", ", at) == std::string::npos) break;
+      if (expected.find(", ", at) == std::string::npos) break;
     }
-    EXPECT_EQ(seen, row.expected);
+    EXPECT_EQ(seen, expected);
   }
 }
 
-// Each failing step of listing, traversal and effective access: listing and effective access
-// wrap it under their titles, traversal reports the step itself with the answer it reached.
-// A release cannot fail for real; the interface's test hook makes one fail.
+// Each failing step of listing, traversal and effective access: listing and effective access wrap
+// it under their titles, traversal reports the step itself with the answer it reached. A release
+// cannot fail for real; the interface's test hook makes one fail.
 TEST_F(AclInspection, FailuresCarryTheStepTheNumberAndTheTitle) {
   const std::string listTitle = "Error retrieving file Access Control List entries";
   const std::string accessTitle = "Error retrieving effective file access permissions";
@@ -238,8 +225,8 @@ TEST_F(AclInspection, FailuresCarryTheStepTheNumberAndTheTitle) {
   ASSERT_TRUE(setDamagedAcl(tree_.ownedFile("damaged")));
   ASSERT_TRUE(setDamagedAcl(tree_.ownedFolder("d")));
   tree_.ownedFile("d/f");
-  // An entry naming neither a user nor a group cannot be matched, and a user without a passwd
-  // entry cannot be placed against the folder's group.
+  // An entry naming neither a user nor a group cannot be matched, and a user without a passwd entry
+  // cannot be placed against the folder's group.
   ASSERT_TRUE(
       setAcl(tree_.ownedFolder("u"),
              {allow(qx::Uuid::withString("01234567-89AB-CDEF-0123-456789ABCDEF"), ACL_SEARCH)}));
@@ -308,11 +295,11 @@ TEST_F(AclInspection, FailuresCarryTheStepTheNumberAndTheTitle) {
     EXPECT_EQ(seen, row.expected);
     EXPECT_EQ(pathOf(error_), p(row.at)) << "the error's URL";
   }
-  EXPECT_EQ(xtesting::LiveAcls(), acls);
-  EXPECT_EQ(xtesting::LiveQualifiers(), qualifiers);
+  EXPECT_EQ(std::pair(xtesting::LiveAcls(), xtesting::LiveQualifiers()),
+            std::pair(acls, qualifiers));
 
-  // Behind a folder only the owner can search, listing and effective access fail for others
-  // on reading the ACL; an identity that cannot search there is granted nothing.
+  // Behind a folder only the owner can search, listing and effective access fail for others on
+  // reading the ACL; an identity that cannot search there is granted nothing.
   tree_.ownedFolder("private", 0700);
   std::string hidden = tree_.ownedFile("private/f", 0777);
   ASSERT_TRUE(setAcl(hidden, {allow(userUuid(kOther), ACL_READ_DATA)}));

@@ -1,5 +1,5 @@
-// Building ACLs from entry records, saving a listing to an item, and
-// propagating a folder's settings down its tree.
+// Building ACLs from entry records, saving a listing to an item, and propagating a folder's
+// settings down its tree.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -64,8 +64,8 @@ QXAclEntryPtr withAppliesTo(const std::vector<QXTreeNodePtr>& children) {
 TEST(GetAcl, ReadsEveryNodeBySense) {
   const qx::UuidPtr member = userUuid(kMember);
   EXPECT_EQ(build({}), "");
-  // "This item" and "All descendants" set their flags when off, the others
-  // when on; a mixed child sets nothing.
+  // "This item" and "All descendants" set their flags when off, the others when on; a mixed child
+  // sets nothing.
   for (uint32_t flag : {ACL_ENTRY_ONLY_INHERIT, ACL_ENTRY_LIMIT_INHERIT, ACL_ENTRY_FILE_INHERIT,
                         ACL_ENTRY_DIRECTORY_INHERIT}) {
     const int64_t setting =
@@ -83,8 +83,8 @@ TEST(GetAcl, ReadsEveryNodeBySense) {
   EXPECT_EQ(build({memberEntry({read, write})}),
             aclText({allow(member, ACL_READ_DATA | ACL_DELETE)}));
 
-  // The "Applies to" node is remembered for the whole call: entries without
-  // one take the flags of the last one seen; a later one in an entry wins.
+  // The "Applies to" node is remembered for the whole call: entries without one take the flags of
+  // the last one seen; a later one in an entry wins.
   const uint32_t inherit = ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT;
   auto file = aclEntry(deny(member, ACL_READ_DATA, ACL_ENTRY_INHERITED), false);
   auto folder = aclEntry(allow(member, ACL_READ_DATA, inherit), true);
@@ -102,12 +102,7 @@ TEST(GetAcl, EachFailingStepNamesItselfAndStopsTheCall) {
   const auto badTag = aclEntry({3, userUuid(kMember), ACL_READ_DATA}, false);
   const auto noUuid = aclEntry(deny(nullptr, ACL_READ_DATA), false);
   const std::vector<qx::ObjectPtr> tooMany(ACL_MAX_ENTRIES, good);
-  struct Row {
-    std::vector<qx::ObjectPtr> entries;
-    int code;
-    std::string format;
-  };
-  const Row rows[] = {
+  const std::tuple<std::vector<qx::ObjectPtr>, int, std::string> rows[] = {
       {tooMany, ENOMEM,
        "Couldn't initialize file Acces Control List storage for file at path \"%s\"."},
       {{good, badTag}, EINVAL, kSetType},
@@ -126,24 +121,24 @@ TEST(GetAcl, EachFailingStepNamesItselfAndStopsTheCall) {
   EXPECT_EQ(
       build(std::vector<qx::ObjectPtr>(ACL_MAX_ENTRIES - 1, good)),
       aclText(std::vector<Ace>(ACL_MAX_ENTRIES - 1, allow(userUuid(kMember), ACL_READ_DATA))));
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.format);
+  for (const auto& [entries, code, format] : rows) {
+    SCOPED_TRACE(format);
     const size_t live = xtesting::LiveAcls();
     acl_t acl = reinterpret_cast<acl_t>(0x1);
     qx::ErrorPtr error;
-    EXPECT_FALSE(QXAclWriter::getAcl(&acl, qx::Array::make(row.entries), kPath, &error));
+    EXPECT_FALSE(QXAclWriter::getAcl(&acl, qx::Array::make(entries), kPath, &error));
     EXPECT_EQ(acl, reinterpret_cast<acl_t>(0x1)) << "the ACL out-parameter stays untouched";
     EXPECT_EQ(xtesting::LiveAcls(), live) << "the partly built ACL is released";
-    EXPECT_EQ(outcome(false, error), std::to_string(row.code) + "\n" + step(row.format, kPath) +
-                                         "\n" + std::strerror(row.code));
+    EXPECT_EQ(outcome(false, error),
+              std::to_string(code) + "\n" + step(format, kPath) + "\n" + std::strerror(code));
     EXPECT_EQ(pathOf(error), kPath);
   }
 }
 
-// Writing through a folder's descriptor, by the descriptor-relative calls and by
-// acl_set_link_np on the path through /proc that stands in for them, never reaches past the
-// item the walk examined. Propagation.FolderSwappedForALinkNeverLeadsChangesOutside races a
-// whole walk against such swaps; this is the deterministic check of the write itself.
+// Writing through a folder's descriptor, by the descriptor-relative calls and by acl_set_link_np on
+// the path through /proc that stands in for them, never reaches past the item the walk examined.
+// Propagation.FolderSwappedForALinkNeverLeadsChangesOutside races a whole walk against such swaps;
+// this is the deterministic check of the write itself.
 TEST(AclAttribute, OnlyTheExaminedItemIsWritten) {
   const Ace entry = allow(userUuid(kOther), ACL_READ_DATA | ACL_EXECUTE);
   for (bool descriptorCalls : {true, false}) {
@@ -192,6 +187,14 @@ void setLeaf(const qx::ArrayPtr& entries, size_t index, size_t group, size_t row
   QXAclEntry::resolveStateForPermissionNode(groupNode);
 }
 
+// Mode, owners, ctime and stored ACL: what a save or a propagation may change.
+std::string snapshot(const std::string& path) {
+  const struct stat st = lstatOf(path);
+  return std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + ":" +
+         std::to_string(st.st_gid) + " ctime " + std::to_string(st.st_ctim.tv_sec) + "." +
+         std::to_string(st.st_ctim.tv_nsec) + "\n" + storedAcl(path);
+}
+
 class AclModification : public ::testing::Test {
  protected:
   // "ok", or the failure as outcome() gives it; the error out-parameter is primed, so that a
@@ -228,8 +231,8 @@ TEST_F(AclModification, GetEditSetGetKeepsEveryEntryInOrder) {
   qx::ArrayPtr listed = QXFileAcl::entriesForUrl(urlOf(folder), &error_);
   ASSERT_NE(listed, nullptr);
   ASSERT_EQ(listed->count(), 1 + initial.size() + 1 + 3);
-  // A permission off and one on, a flag, the inherited mark, a new deny entry
-  // in the middle, and the mode bits of owner and everyone.
+  // A permission off and one on, a flag, the inherited mark, a new deny entry in the middle, and
+  // the mode bits of owner and everyone.
   auto edited = listed->mutableCopy();
   setLeaf(edited, 1, 0, 0, 0);  // member: "List Folder Contents" off
   setLeaf(edited, 1, 2, 1, 1);  // member: "Change Owner" on
@@ -253,8 +256,7 @@ TEST_F(AclModification, GetEditSetGetKeepsEveryEntryInOrder) {
             "write_data,append_data,delete,delete_child,write_attributes,write_extattributes,"
             "write_security,change_owner inherited,file_inherit,limit_inherit,only_inherit\n");
 
-  // A file's listing saved as it is reads back the same; one without ACL
-  // entries removes the ACL.
+  // A file's listing saved as it is reads back the same; one without ACL entries removes the ACL.
   const std::string file = tree_.path("file");
   tree_.file("file");
   const Aces fileAcl = {
@@ -269,8 +271,8 @@ TEST_F(AclModification, GetEditSetGetKeepsEveryEntryInOrder) {
   EXPECT_FALSE(hasAclAttribute(file));
 }
 
-// The pseudo-entries give the mode by position; a mixed node clears its bit;
-// changed permission bits drop the set-id bits; unchanged values make no call.
+// The pseudo-entries give the mode by position; a mixed node clears its bit; changed permission
+// bits drop the set-id bits; unchanged values make no call.
 TEST_F(AclModification, ModeBitsFollowThePseudoEntries) {
   const std::string file = tree_.path("file");
   tree_.file("file");
@@ -288,11 +290,10 @@ TEST_F(AclModification, ModeBitsFollowThePseudoEntries) {
   ASSERT_EQ(save(listing({}, pseudo), file), "ok");
   EXPECT_EQ(shownMode(file), 0757u);
 
-  const struct stat before = lstatOf(file);
+  const std::string before = snapshot(file);
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  ASSERT_EQ(save(listing({}, pseudoEntries(0757, before.st_uid, before.st_gid)), file), "ok");
-  EXPECT_EQ(lstatOf(file).st_ctim.tv_nsec, before.st_ctim.tv_nsec) << "matching values, no call";
-  EXPECT_EQ(lstatOf(file).st_ctim.tv_sec, before.st_ctim.tv_sec);
+  ASSERT_EQ(save(listing({}, pseudoEntries(0757, getuid(), getgid())), file), "ok");
+  EXPECT_EQ(snapshot(file), before) << "matching values, no call";
 }
 
 TEST_F(AclModification, OwnerAndGroupChangeAsRootOnly) {
@@ -305,8 +306,8 @@ TEST_F(AclModification, OwnerAndGroupChangeAsRootOnly) {
   ASSERT_EQ(save(listing({}, pseudoEntries(0640, kMember, kTeam)), file), "ok");
   EXPECT_EQ(owners(), "2102:3110");
   EXPECT_EQ(shownMode(file), 0640u);
-  // Identities are taken in order, whatever their type: a group first becomes
-  // the owner; a single identity changes the owner only.
+  // Identities are taken in order, whatever their type: a group first becomes the owner; a single
+  // identity changes the owner only.
   auto pseudo = pseudoEntries(0640, kMember, kOtherGroup);
   qx::cast<QXAclEntry>(pseudo[0])->setUuid(groupUuid(kOtherGroup));
   ASSERT_EQ(save(listing({}, pseudo), file), "ok");
@@ -329,9 +330,9 @@ TEST_F(AclModification, OwnerAndGroupChangeAsRootOnly) {
   EXPECT_EQ(shownMode(file), 0600u);
   EXPECT_EQ(owners(), "2102:3102");
 
-  // Another user's file writable by all: a request that repeats its mode and
-  // owners makes no call but the ACL write, which Linux keeps for the owner:
-  // the POSIX ACL is refused and nothing is stored.
+  // Another user's file writable by all: a request that repeats its mode and owners makes no call
+  // but the ACL write, which Linux keeps for the owner: the POSIX ACL is refused and nothing is
+  // stored.
   ASSERT_EQ(chown(file.c_str(), 0, 0), 0);
   ASSERT_EQ(chmod(file.c_str(), 0666), 0);
   const Ace entry = allow(userUuid(kOther), ACL_READ_DATA);
@@ -343,17 +344,17 @@ TEST_F(AclModification, OwnerAndGroupChangeAsRootOnly) {
             failure(EPERM, kSaveTitle, kSetMode, file));
 }
 
-// Identities are checked before anything is written, then the mode, the owners and the ACL
-// are written in that order. A link is changed itself or the step fails: Linux keeps neither
-// a link's mode nor an ACL on it, and its target is never touched.
+// Identities are checked before anything is written, then the mode, the owners and the ACL are
+// written in that order. A link is changed itself or the step fails: Linux keeps neither a link's
+// mode nor an ACL on it, and its target is never touched.
 TEST_F(AclModification, SaveFailuresComeInTheOrderOfTheSteps) {
   const std::string missing = tree_.path("missing"), file = tree_.path("file");
   EXPECT_EQ(
       save(listing({}, {}), missing),
       failure(ENOENT, kSaveTitle, "Couldn't retrieve file stat for file at path \"%s\".", missing));
   tree_.file("file");
-  // An unknown identity; with the owner's missing, the group's is the first one and names
-  // the owner.
+  // An unknown identity; with the owner's missing, the group's is the first one and names the
+  // owner.
   const std::string ownerId = "Couldn't retrieve file owner identifier for file at path \"%s\".";
   const std::tuple<qx::UuidPtr, qx::UuidPtr, std::string> ids[] = {
       {qx::Uuid::make(), groupUuid(getgid()), ownerId},
@@ -381,19 +382,18 @@ TEST_F(AclModification, SaveFailuresComeInTheOrderOfTheSteps) {
   const std::string link = tree_.path("link");
   tree_.file("target");
   tree_.link("link", "target");
-  const struct stat targetBefore = lstatOf(tree_.path("target"));
+  const std::string targetBefore = snapshot(tree_.path("target"));
   if (isRoot()) {
     ASSERT_EQ(save(listing({}, pseudoEntries(0777, kMember, kTeam)), link), "ok");
-    EXPECT_EQ(lstatOf(link).st_uid, kMember);
-    EXPECT_EQ(lstatOf(link).st_gid, kTeam);
+    EXPECT_EQ(std::pair(lstatOf(link).st_uid, lstatOf(link).st_gid), std::pair(kMember, kTeam));
   }
   const uid_t uid = lstatOf(link).st_uid;
   const gid_t gid = lstatOf(link).st_gid;
   EXPECT_EQ(save(listing({}, pseudoEntries(0700, uid, gid)), link),
             failure(EOPNOTSUPP, kSaveTitle, kSetMode, link));
 
-  // A failing release is reported when nothing failed before it; after a failed write the
-  // write's failure is, and the ACL is released all the same.
+  // A failing release is reported when nothing failed before it; after a failed write the write's
+  // failure is, and the ACL is released all the same.
   const auto request = listing({aclEntry(allow(userUuid(kOther), ACL_READ_DATA), false)}, {});
   const size_t live = xtesting::LiveAcls();
   for (const auto& [path, expected] :
@@ -406,17 +406,15 @@ TEST_F(AclModification, SaveFailuresComeInTheOrderOfTheSteps) {
   }
   EXPECT_EQ(xtesting::LiveAcls(), live);
   EXPECT_EQ(storedAcl(file), aclText({allow(userUuid(kOther), ACL_READ_DATA)}));
-  const struct stat targetAfter = lstatOf(tree_.path("target"));
-  EXPECT_EQ(targetAfter.st_mode, targetBefore.st_mode);
-  EXPECT_EQ(targetAfter.st_uid, targetBefore.st_uid);
+  EXPECT_EQ(snapshot(tree_.path("target")), targetBefore);
   EXPECT_FALSE(hasAclAttribute(tree_.path("target")));
 }
 
 // ---- Propagation ----
 
-// A folder entry for the member that files and folders inherit, and an
-// inherited deny entry for the team limited to one level; and their file forms,
-// without the folder-only permission and the inheritance flags.
+// A folder entry for the member that files and folders inherit, and an inherited deny entry for the
+// team limited to one level; and their file forms, without the folder-only permission and the
+// inheritance flags.
 const Ace kMemberAllow =
     allow(userUuid(kMember),
           ACL_LIST_DIRECTORY | ACL_SEARCH | ACL_ADD_FILE | ACL_DELETE_CHILD | ACL_READ_SECURITY,
@@ -427,14 +425,6 @@ const Ace kTeamDeny =
 const Aces kFileAcl{
     allow(userUuid(kMember), ACL_READ_DATA | ACL_EXECUTE | ACL_WRITE_DATA | ACL_READ_SECURITY),
     deny(groupUuid(kTeam), ACL_APPEND_DATA | ACL_DELETE, ACL_ENTRY_INHERITED)};
-
-// Mode, owners, ctime and stored ACL: what propagation may change.
-std::string snapshot(const std::string& path) {
-  const struct stat st = lstatOf(path);
-  return std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + ":" +
-         std::to_string(st.st_gid) + " ctime " + std::to_string(st.st_ctim.tv_sec) + "." +
-         std::to_string(st.st_ctim.tv_nsec) + "\n" + storedAcl(path);
-}
 
 class Propagation : public AclModification {
  protected:
@@ -465,25 +455,22 @@ TEST_F(Propagation, TreeGetsTheFolderSettingsFilesTheirFileForm) {
   tree_.link("top/link-file", "a.txt");
   tree_.link("top/link-out", "../outside");
   ASSERT_TRUE(setAcl(top, {allow(userUuid(kOther), ACL_SEARCH)}));
-  std::string before;
-  for (const std::string& path : {top, tree_.path("outside"), tree_.path("outside/o.txt")})
-    before += snapshot(path) + "\n";
+  auto unchanged = [&] {
+    return snapshot(top) + snapshot(tree_.path("outside")) + snapshot(tree_.path("outside/o.txt"));
+  };
+  const std::string before = unchanged();
   const mode_t linkMode = lstatOf(at("link-file")).st_mode;
   qx::ArrayPtr entries = request();
   const std::string requestBefore = listingText(entries);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
 
   ASSERT_EQ(propagate(entries, top), "ok");
-  std::string after;
-  for (const std::string& path : {top, tree_.path("outside"), tree_.path("outside/o.txt")})
-    after += snapshot(path) + "\n";
-  EXPECT_EQ(after, before) << "the top folder is never changed, links are not followed";
+  EXPECT_EQ(unchanged(), before) << "the top folder is never changed, links are not followed";
   for (const char* item : {"a.txt", "sub/b.txt", "sub/deeper/c.sh", "sub", "sub/deeper",
                            "sub/empty", "link-file", "link-out"}) {
     SCOPED_TRACE(item);
     const struct stat st = lstatOf(at(item));
-    EXPECT_EQ(st.st_uid, lstatOf(top).st_uid);
-    EXPECT_EQ(st.st_gid, lstatOf(top).st_gid);
+    EXPECT_EQ(std::pair(st.st_uid, st.st_gid), std::pair(lstatOf(top).st_uid, lstatOf(top).st_gid));
     if (S_ISLNK(st.st_mode)) {
       EXPECT_EQ(st.st_mode, linkMode) << "a link keeps its mode and takes no ACL";
       EXPECT_FALSE(hasAclAttribute(at(item)));
@@ -522,8 +509,8 @@ TEST_F(Propagation, FailuresEndTheWalkWithTheStepsMessage) {
             failure(EINVAL, kPropagateTitle, kSetType, top));
   EXPECT_EQ(snapshot(at("a.txt")), fileBefore) << "a bad entry fails before the walk";
 
-  // The file ACL is released first, then the folder ACL; a failing release is
-  // reported with the top folder's path once the walk is done.
+  // The file ACL is released first, then the folder ACL; a failing release is reported with the top
+  // folder's path once the walk is done.
   const size_t live = xtesting::LiveAcls();
   for (unsigned skip : {0u, 1u}) {
     ASSERT_EQ(chmod(at("a.txt").c_str(), 0644), 0);
@@ -536,8 +523,8 @@ TEST_F(Propagation, FailuresEndTheWalkWithTheStepsMessage) {
   }
   EXPECT_EQ(xtesting::LiveAcls(), live);
 
-  // A folder is changed after everything inside it: when an item inside
-  // fails (a FIFO cannot carry the ACL on Linux), the folder keeps its settings.
+  // A folder is changed after everything inside it: when an item inside fails (a FIFO cannot carry
+  // the ACL on Linux), the folder keeps its settings.
   tree_.folder("top/box", 0700);
   tree_.fifo("top/box/pipe");
   const std::string boxBefore = snapshot(at("box"));
@@ -546,8 +533,8 @@ TEST_F(Propagation, FailuresEndTheWalkWithTheStepsMessage) {
   EXPECT_EQ(shownMode(at("box/pipe")), 0750u) << "the changes before the failing one stay";
   EXPECT_EQ(snapshot(at("box")), boxBefore);
 
-  // The walk asks before each item; the first yes ends it, the items visited before stay
-  // changed and none after is touched.
+  // The walk asks before each item; the first yes ends it, the items visited before stay changed
+  // and none after is touched.
   for (const char* item : {"box/pipe", "box", "a.txt"}) ASSERT_EQ(remove(at(item).c_str()), 0);
   tree_.file("top/a.txt");
   tree_.file("top/b.txt");
@@ -575,10 +562,10 @@ TEST_F(Propagation, FailuresEndTheWalkWithTheStepsMessage) {
   EXPECT_EQ(snapshot(at("locked")), lockedBefore);
 }
 
-// Propagation runs as root over trees that other users can write. While it
-// runs, another thread keeps swapping a folder inside the tree for a link to
-// a folder outside it whose items have the same names. A walk that opened or
-// changed items by path would sooner or later change the outside items.
+// Propagation runs as root over trees that other users can write. While it runs, another thread
+// keeps swapping a folder inside the tree for a link to a folder outside it whose items have the
+// same names. A walk that opened or changed items by path would sooner or later change the outside
+// items.
 TEST_F(Propagation, FolderSwappedForALinkNeverLeadsChangesOutside) {
   if (!isRoot()) GTEST_SKIP() << "the attack matters, and owner changes work, as root";
   const std::string victim = at("victim"), parked = at("victim.parked"),

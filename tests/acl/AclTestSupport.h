@@ -28,8 +28,8 @@ namespace qxacltest {
 using namespace qx::xacl;
 using namespace qx::test;
 
-// A temporary folder everybody may search, whose items get their owners
-// (root only; failures show in the tests' own checks).
+// A temporary folder everybody may search, whose items get their owners (root only; failures show
+// in the tests' own checks).
 class AclTree : public TempTree {
  public:
   AclTree() : TempTree("qx-acl") {}
@@ -103,8 +103,8 @@ inline std::string attributeAcl(const std::string& path) {
   return AclCodec::decode(bytes, *acl.get()) != 0 ? "damaged" : aclText(acl.get());
 }
 
-// The owner, owning-group and other bits as the item's POSIX ACL shows them (the owning
-// group's from its entry, not the mask), with the set-id and sticky bits.
+// The owner, owning-group and other bits as the item's POSIX ACL shows them (the owning group's
+// from its entry, not the mask), with the set-id and sticky bits.
 inline mode_t shownMode(const std::string& path) {
   struct stat st;
   mode_t bits = 0;
@@ -170,8 +170,8 @@ inline std::string nodeText(const qx::ObjectPtr& object) {
   return all;
 }
 
-// A listing as text, markers and records alike, every node with its name,
-// permission and state, so that a difference shows where it is.
+// A listing as text, markers and records alike, every node with its name, permission and state, so
+// that a difference shows where it is.
 inline std::string listingText(const qx::ArrayPtr& entries) {
   if (!entries) return "no listing";
   std::string text;

@@ -11,8 +11,8 @@
 #include "qxfile/Records.h"
 #include "tests/support/AclFixtures.h"
 
-// Entry listings as a client writes them, and the rights read back from an
-// effective access answer, through the typed client records.
+// Entry listings as a client writes them, and the rights read back from an effective access answer,
+// through the typed client records.
 namespace qx::test::acl {
 
 inline constexpr int32_t kAllow = 1;
@@ -75,8 +75,7 @@ inline uint32_t grantedRights(const qxfile::EffectiveAccess& access) {
   return rights;
 }
 
-// An entry as text: tag, qualifier, rights, inheritance flags and the
-// inherited mark.
+// An entry as text: tag, qualifier, rights, inheritance flags and the inherited mark.
 inline std::string aceText(bool deny, const std::string& who, uint32_t rights, uint32_t flags,
                            bool inherited) {
   char text[128];
@@ -95,8 +94,8 @@ inline std::string aclPartText(const qxfile::AclListing& listing) {
   return text;
 }
 
-// `entries` as aclPartText shows them once written to a file or a folder:
-// a file has neither Delete Child nor inheritance flags.
+// `entries` as aclPartText shows them once written to a file or a folder: a file has neither Delete
+// Child nor inheritance flags.
 inline std::string aclPartText(const std::vector<Ace>& entries, bool folder) {
   std::string text;
   for (const Ace& ace : entries) {

@@ -9,10 +9,9 @@
 
 namespace qx::test {
 
-// What the kernel lets a user do with an item, asked in a forked child that
-// takes the user's ids and groups. A file is read with open(O_RDONLY),
-// written with open(O_WRONLY) and executed as far as access(X_OK) says; a
-// folder is read with open(O_DIRECTORY) and getdents64, written by creating
+// What the kernel lets a user do with an item, asked in a forked child that takes the user's ids
+// and groups. A file is read with open(O_RDONLY), written with open(O_WRONLY) and executed as far
+// as access(X_OK) says; a folder is read with open(O_DIRECTORY) and getdents64, written by creating
 // and removing a file in it, and searched as far as access(X_OK) says.
 class KernelAccess {
  public:
@@ -26,25 +25,23 @@ class KernelAccess {
     std::vector<gid_t> groups;  // every group, the primary one included
   };
 
-  // The user of that name as the user and group database gives it; uid 0
-  // when there is none.
+  // The user of that name as the user and group database gives it; uid 0 when there is none.
   static User userNamed(const std::string& name);
   // qxowner, qxmember, qxprimary, qxother and qxblocked of tests/support/users, in that order.
   static std::vector<User> testUsers();
 
-  // kRead, kWrite and kExecute for what `user` may do with `path`; ~0u when
-  // the child could not take the user's ids.
+  // kRead, kWrite and kExecute for what `user` may do with `path`; ~0u when the child could not
+  // take the user's ids.
   static unsigned granted(const std::string& path, bool folder, const User& user);
 
-  // kRead, kWrite and kExecute as qxfile's effective access `rights` (the
-  // extended ACL's permission bits) grant them: read is Read Data, write
-  // Write Data and Append Data (on a folder Add File, Add Subfolder, Delete
-  // Child and, as creating a file takes it, Search), execute is Execute.
+  // kRead, kWrite and kExecute as qxfile's effective access `rights` (the extended ACL's permission
+  // bits) grant them: read is Read Data, write Write Data and Append Data (on a folder Add File,
+  // Add Subfolder, Delete Child and, as creating a file takes it, Search), execute is Execute.
   static unsigned operationsOf(uint32_t rights, bool folder);
 
-  // Runs `body` in a child with the user's ids and groups and answers what it
-  // returned (0-99); 100 when the child could not take the ids. Only system
-  // calls in `body`: the parent may have threads.
+  // Runs `body` in a child with the user's ids and groups and answers what it returned (0-99); 100
+  // when the child could not take the ids. Only system calls in `body`: the parent may have
+  // threads.
   static int runAs(const User& user, const std::function<int()>& body);
 
   // What a shell command prints, standard error included.

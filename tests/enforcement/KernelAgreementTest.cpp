@@ -1,6 +1,5 @@
-// Random ACLs written through a real service, then for every test user and
-// every one of read, write and execute, what the kernel grants against what
-// qxfile's effective access says.
+// Random ACLs written through a real service, then for every test user and every one of read, write
+// and execute, what the kernel grants against what qxfile's effective access says.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,10 +27,9 @@ using Json = nlohmann::json;
 
 constexpr int kAcls = 600;
 
-// The users of tests/support/users (KernelAccess::testUsers), the first of them owning every
-// item.
-// Named in entries: every user but the owner, and groups that hold the owner
-// (3101), one member (3102), nobody of the items (3104), several (3110, 3111).
+// The users of tests/support/users (KernelAccess::testUsers), the first of them owning every item.
+// Named in entries: every user but the owner, and groups that hold the owner (3101), one member
+// (3102), nobody of the items (3104), several (3110, 3111).
 const uid_t kNamedUsers[] = {2102, 2103, 2104, 2105};
 const gid_t kNamedGroups[] = {3101, 3102, 3104, 3110, 3111};
 const gid_t kOwningGroups[] = {3101, 3102, 3110, 3111};
@@ -95,16 +93,10 @@ class Drawing {
       ace.who = groupUuid(kNamedGroups[below(std::size(kNamedGroups))]);
     }
     // The rights that POSIX bits stand for, often whole, and now and then others.
-    for (uint32_t right : {kReadData, kExecute}) {
-      if (below(2)) ace.rights |= right;
-    }
-    if (below(2)) {
-      ace.rights |= kWriteData | kAppendData | kDeleteChild;
-    } else {
-      for (uint32_t right : {kWriteData, kAppendData, kDeleteChild}) {
-        if (below(3) == 0) ace.rights |= right;
-      }
-    }
+    for (uint32_t right : {kReadData, kExecute}) ace.rights |= below(2) ? right : 0;
+    const bool wholeWrite = below(2);
+    for (uint32_t right : {kWriteData, kAppendData, kDeleteChild})
+      ace.rights |= wholeWrite || below(3) == 0 ? right : 0;
     if (below(3) == 0) ace.rights |= static_cast<uint32_t>(random_()) & 0x3f90;
     if (draw.folder) {
       if (below(2)) ace.flags |= kFileInherit;
@@ -142,9 +134,8 @@ bool listed(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// `qxfile acl show --json` marks an entry's right that stands for the operation as not
-// enforced for the user's class; `qxfile access --json` shows one of them denied and not
-// enforced.
+// `qxfile acl show --json` marks an entry's right that stands for the operation as not enforced for
+// the user's class; `qxfile access --json` shows one of them denied and not enforced.
 bool markedInListing(const Json& document, const Flagged& flagged, bool folder) {
   const auto& rights = folder ? flagged.operation->folderRights : flagged.operation->fileRights;
   for (const Json& entry : document.value("acl", Json::array())) {
@@ -168,10 +159,7 @@ bool markedInAccess(const Json& document, const Flagged& flagged, bool folder) {
 }
 
 TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
-  if (geteuid() != 0) {
-    GTEST_SKIP()
-        << "needs root: the items get owners and the kernel checks take the test users' ids";
-  }
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: items get owners, checks take users' ids";
   const std::vector<KernelAccess::User> users = KernelAccess::testUsers();
   for (const KernelAccess::User& user : users) ASSERT_NE(user.uid, 0u) << "tests/support/users";
   const uid_t owner = users[0].uid;
@@ -201,8 +189,7 @@ TEST(KernelAgreement, KernelNeverGrantsWhatQxfileDeniesBeyondTheMarkedDenials) {
         << "read back as written, every entry, flag and order";
     struct stat st {};
     ASSERT_EQ(lstat(path.c_str(), &st), 0);
-    ASSERT_EQ(st.st_uid, owner);
-    ASSERT_EQ(st.st_gid, draw.group);
+    ASSERT_EQ(std::pair(st.st_uid, st.st_gid), std::pair(owner, draw.group));
 
     std::vector<Flagged> flagged;
     for (const KernelAccess::User& user : users) {

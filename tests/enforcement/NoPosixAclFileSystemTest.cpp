@@ -1,6 +1,5 @@
-// A real file system mounted without POSIX ACLs, in a private mount
-// namespace: writing a non-empty ACL fails cleanly and stores nothing,
-// reading works.
+// A real file system mounted without POSIX ACLs, in a private mount namespace: writing a non-empty
+// ACL fails cleanly and stores nothing, reading works.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -42,8 +41,8 @@ std::string attribute(const std::string& path, const char* name) {
   return errno == ENODATA || errno == ENOTSUP ? "none" : std::strerror(errno);
 }
 
-// What qxfile does on the mounted file system, one finding a line. Only commands run here, so
-// that the child that mounted it starts no threads.
+// What qxfile does on the mounted file system, one finding a line. Only commands run here, so that
+// the child that mounted it starts no threads.
 std::string exercise(const std::string& mountPoint) {
   qx::test::ServiceSandbox sandbox(QX_SERVICE_EXECUTABLE);  // a service in this namespace
   const std::string file = mountPoint + "/file";

@@ -1,6 +1,5 @@
-// What qxfile shows after the item's POSIX ACL, mode or stored attribute was
-// changed behind its back, and that its effective access then agrees with
-// the kernel.
+// What qxfile shows after the item's POSIX ACL, mode or stored attribute was changed behind its
+// back, and that its effective access then agrees with the kernel.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -46,8 +45,8 @@ Names operator+(Names a, const Names& b) {
   return a;
 }
 
-// One extended entry as `acl show --json` prints it: tag, kind:id, the
-// permission names as a set, and the "Applies to" choices.
+// One extended entry as `acl show --json` prints it: tag, kind:id, the permission names as a set,
+// and the "Applies to" choices.
 std::string entryText(const Json& entry) {
   std::ostringstream text;
   text << entry.value("tag", "?") << " " << entry["identity"].value("kind", "?") << ":"
@@ -74,8 +73,8 @@ std::multiset<std::string> entriesOf(const Json& document) {
   return entries;
 }
 
-// getfacl's own lines for the item's access (or default) ACL, without its "#effective:"
-// comments; names come from the test users, as qxfile's do.
+// getfacl's own lines for the item's access (or default) ACL, without its "#effective:" comments;
+// names come from the test users, as qxfile's do.
 std::vector<std::string> getfaclLines(const std::string& path, bool defaults) {
   std::istringstream text(KernelAccess::output(std::string("getfacl --omit-header -c -p ") +
                                                (defaults ? "-d '" : "-a '") + path + "'"));
@@ -163,9 +162,9 @@ class OutsideChange : public ::testing::Test {
   std::vector<KernelAccess::User> users_;
 };
 
-// An item given `written` through the service (nothing: qxfile never wrote it), then changed
-// beside qxfile by `command` (run on the path) or by `attribute`, a file of
-// tests/platform/xacl/attributes written as the item's attribute by `writer`.
+// An item given `written` through the service (nothing: qxfile never wrote it), then changed beside
+// qxfile by `command` (run on the path) or by `attribute`, a file of tests/platform/xacl/attributes
+// written as the item's attribute by `writer`.
 struct Change {
   const char* name;
   bool folder;
@@ -200,16 +199,16 @@ TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
        {}, "setfacl -m u:2105:rw,g:3102:r", nullptr, 0,
        "none", {entryText("allow", "user", kBlocked, kFileR + kFileW),
                 entryText("allow", "group", kMemberGroup, kFileR)}},
-      // With an empty mask the kernel does not consult the ACL: everyone but the owner and
-      // the owning group's members gets the other bits, named or not.
+      // With an empty mask the kernel does not consult the ACL: everyone but the owner and the
+      // owning group's members gets the other bits, named or not.
       {"an empty mask leaves named entries to the other bits", false, 0604, kOwnerGroup,
        {}, "setfacl -m u:2104:-,g:3110:-", nullptr, 0,
        "none", {entryText("allow", "user", kOther, {}), entryText("allow", "group", kTeam, {})}},
       // Promises what Linux does not enforce until qxfile writes it again (below).
       {"an attribute of an earlier version, without a POSIX ACL", false, 0640, kTeam,
        {}, "", "earlier-version.attr", 0, "not in force", {}},
-      // A user who may write a file may rewrite its user attributes: the denial claimed
-      // there is not shown.
+      // A user who may write a file may rewrite its user attributes: the denial claimed there is
+      // not shown.
       {"a forged attribute gives way to what the kernel enforces", false, 0644, kOwnerGroup,
        {{kAllow, userUuid(kMember), kReadData | kWriteData | kAppendData}}, "", "forged.attr",
        kMember, "not in force", {entryText("allow", "user", kMember, kFileR + kFileW)}},
@@ -231,14 +230,11 @@ TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
       const std::vector<uint8_t> bytes = qx::test::attributeFile(change.attribute).bytes;
       const KernelAccess::User writer =
           change.writer ? users_[change.writer - kOwner] : KernelAccess::User{0, 0, {0}};
-      EXPECT_EQ(KernelAccess::runAs(writer,
-                                    [&] {
-                                      return lsetxattr(path.c_str(), "user.qxfile.acl",
-                                                       bytes.data(), bytes.size(), 0)
-                                                 ? errno
-                                                 : 0;
-                                    }),
-                0);
+      auto set = [&] {
+        return lsetxattr(path.c_str(), "user.qxfile.acl", bytes.data(), bytes.size(), 0) ? errno
+                                                                                         : 0;
+      };
+      EXPECT_EQ(KernelAccess::runAs(writer, set), 0);
     }
     const Json shown = show(path);
     EXPECT_EQ(shown["stored"], change.stored) << shown.dump(2);

@@ -1,11 +1,9 @@
-// Batch renames on real trees, with a question that answers as each case
-// needs.
+// Batch renames on real trees, with a question that answers as each case needs.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <tuple>
@@ -16,8 +14,8 @@
 
 namespace {
 
-// While set to an errno, renameat2 fails with it and does nothing, as on a
-// file system that cannot refuse to replace.
+// While set to an errno, renameat2 fails with it and does nothing, as on a file system that cannot
+// refuse to replace.
 std::atomic<int> renameat2FailsWith{0};
 
 }  // namespace
@@ -34,8 +32,6 @@ extern "C" int __wrap_renameat2(int oldDir, const char* oldPath, int newDir, con
 
 namespace qx {
 namespace {
-
-using namespace std::chrono_literals;
 
 struct Outcome {
   std::vector<std::string> paths;  // "urls": where the renamed items are now
@@ -124,8 +120,8 @@ TEST_F(QXFileRenameTest, EmptyListsGiveEmptyResultsWithoutAQuestion) {
   EXPECT_EQ(questions, 0);
 }
 
-// Only "/" (to ":"), line feed and carriage return (to " ") change; folders
-// and links are renamed themselves; surplus names are ignored.
+// Only "/" (to ":"), line feed and carriage return (to " ") change; folders and links are renamed
+// themselves; surplus names are ignored.
 TEST_F(QXFileRenameTest, NamesAreCleanedAndEverythingElseKept) {
   const std::vector<std::string> given = {
       "a/b/c",   "line\nfeed", "carriage\rreturn",         "\r\n/",
@@ -161,35 +157,30 @@ TEST_F(QXFileRenameTest, NamesAreCleanedAndEverythingElseKept) {
   expectFailure(outcome.error, EEXIST, tree.path("moved folder"));
 }
 
-// The question comes after the 31st rename and every 31 after; YES stops
-// there, with nothing undone.
+// The question comes after the 31st rename and every 31 after; YES stops there, with nothing
+// undone.
 TEST_F(QXFileRenameTest, ClientIsAskedEveryThirtyOneRenamesAndYesStops) {
-  struct Row {
-    int items;
-    int yesAt;  // 0: NO to every question
-    std::vector<int> renamedAtQuestions;
-    int renamed;
-  };
-  const Row rows[] = {{30, 1, {}, 30},
-                      {31, 1, {31}, 31},
-                      {62, 1, {31}, 31},
-                      {100, 3, {31, 62, 93}, 93},
-                      {95, 0, {31, 62, 93}, 95}};
-  for (const Row& row : rows) {
-    const std::string from = "r" + std::to_string(row.items) + "-";
+  // items, the question answered YES (0: NO to every one), renamed when asked, renamed in all
+  const std::tuple<int, int, std::vector<int>, int> rows[] = {{30, 1, {}, 30},
+                                                              {31, 1, {31}, 31},
+                                                              {62, 1, {31}, 31},
+                                                              {100, 3, {31, 62, 93}, 93},
+                                                              {95, 0, {31, 62, 93}, 95}};
+  for (const auto& [count, yesAt, renamedAtQuestions, renamed] : rows) {
+    const std::string from = "r" + std::to_string(count) + "-";
     const std::string to = from + "new-";
     SCOPED_TRACE(from);
     std::vector<int> seen;
-    Outcome outcome = rename(items(from, row.items), names(to, row.items), [&] {
-      seen.push_back(existing(to, row.items));
-      return static_cast<int>(seen.size()) == row.yesAt;
+    Outcome outcome = rename(items(from, count), names(to, count), [&] {
+      seen.push_back(existing(to, count));
+      return static_cast<int>(seen.size()) == yesAt;
     });
     EXPECT_FALSE(outcome.error);
-    EXPECT_EQ(seen, row.renamedAtQuestions);
-    ASSERT_EQ(outcome.names.size(), static_cast<size_t>(row.renamed));
-    EXPECT_EQ(outcome.paths.back(), tree.path(numbered(to, row.renamed - 1)));
-    EXPECT_EQ(outcome.names.back(), numbered(from, row.renamed - 1));
-    EXPECT_EQ(existing(from, row.items), row.items - row.renamed);
+    EXPECT_EQ(seen, renamedAtQuestions);
+    ASSERT_EQ(outcome.names.size(), static_cast<size_t>(renamed));
+    EXPECT_EQ(std::pair(outcome.paths.back(), outcome.names.back()),
+              std::pair(tree.path(numbered(to, renamed - 1)), numbered(from, renamed - 1)));
+    EXPECT_EQ(existing(from, count), count - renamed);
   }
 }
 
@@ -207,8 +198,8 @@ TEST_F(QXFileRenameTest, FirstFailureEndsTheBatchAndKeepsTheRenamesBefore) {
   Outcome unnamed = rename(urls, names({"a"}));
   expectFailure(unnamed.error, EINVAL, tree.path("old-003"));
   EXPECT_EQ(unnamed.names, (std::vector<std::string>{"old-002"}));
-  // No names, a missing item, and what a hostile client may send: a name that
-  // is no string or holds a NUL byte, an element that is no file URL.
+  // No names, a missing item, and what a hostile client may send: a name that is no string or holds
+  // a NUL byte, an element that is no file URL.
   const std::string last = tree.path("old-003");
   const std::tuple<ArrayPtr, ArrayPtr, int, std::string> failures[] = {
       {Array::make({url("old-003")}), nullptr, EINVAL, last},
@@ -222,35 +213,29 @@ TEST_F(QXFileRenameTest, FirstFailureEndsTheBatchAndKeepsTheRenamesBefore) {
   EXPECT_FALSE(exists("cut"));
 }
 
-// renameat2 answering "not supported" falls back to a plain rename, which
-// replaces; any other failure of it is the item's error.
+// renameat2 answering "not supported" falls back to a plain rename, which replaces; any other
+// failure of it is the item's error.
 TEST_F(QXFileRenameTest, WithoutNoReplaceSupportAPlainRenameFollows) {
-  struct Row {
-    int renameat2Error;
-    std::string target;
-    int expected;  // 0: renamed over the target
-  };
   tree.file("folder/full");
-  const Row rows[] = {{EINVAL, "taken", 0},
-                      {ENOSYS, "taken", 0},
-                      {EINVAL, "folder", EISDIR},
-                      {EXDEV, "elsewhere", EXDEV}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::strerror(row.renameat2Error) + (" to " + row.target));
+  // renameat2's error, the new name, the item's error (0: renamed over the target)
+  const std::tuple<int, std::string, int> rows[] = {{EINVAL, "taken", 0},
+                                                    {ENOSYS, "taken", 0},
+                                                    {EINVAL, "folder", EISDIR},
+                                                    {EXDEV, "elsewhere", EXDEV}};
+  for (const auto& [renameat2Error, target, expected] : rows) {
+    SCOPED_TRACE(std::strerror(renameat2Error) + (" to " + target));
     tree.file("taken", "taken");
     tree.file("item", "item");
-    renameat2FailsWith = row.renameat2Error;
-    Outcome outcome = rename(Array::make({url("item")}), names({row.target}));
+    renameat2FailsWith = renameat2Error;
+    Outcome outcome = rename(Array::make({url("item")}), names({target}));
     renameat2FailsWith = 0;
-    if (row.expected == 0) {
+    if (expected == 0) {
       EXPECT_FALSE(outcome.error);
       EXPECT_EQ(outcome.names, std::vector<std::string>{"item"});
       EXPECT_FALSE(exists("item"));
     } else {
-      expectFailure(outcome.error, row.expected, tree.path("item"));
-      EXPECT_TRUE(exists("item"));
-      EXPECT_TRUE(exists("folder/full"));
-      EXPECT_FALSE(exists("elsewhere"));
+      expectFailure(outcome.error, expected, tree.path("item"));
+      EXPECT_TRUE(exists("item") && exists("folder/full") && !exists("elsewhere"));
     }
   }
 }
@@ -259,8 +244,7 @@ TEST_F(QXFileRenameTest, WithoutNoReplaceSupportAPlainRenameFollows) {
 TEST_F(QXFileRenameTest, WithoutAQuestionTheBatchStopsAtTheFirst) {
   Outcome outcome = rename(items("c-", 40), names("c-new-", 40), nullptr);
   EXPECT_FALSE(outcome.error);
-  EXPECT_EQ(outcome.names.size(), 31u);
-  EXPECT_EQ(existing("c-", 40), 9);
+  EXPECT_EQ(std::pair(outcome.names.size(), existing("c-", 40)), std::pair(size_t{31}, 9));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
-// The service frame in process: a QXFileService and its delegate, or a
-// worker's questions to its client, on one end of a socket pair, a plain
-// connection on the other; and the real qxfile-service over its socket.
+// The service frame in process: a QXFileService and its delegate, or a worker's questions to its
+// client, on one end of a socket pair, a plain connection on the other; and the real qxfile-service
+// over its socket.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -34,6 +35,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using qx::test::eventually;
+using ::testing::HasSubstr;
 
 class ServiceFrame : public ::testing::Test {
  protected:
@@ -90,8 +92,8 @@ QXSizeUpdates twoUpdates() {
   return {{qx::IndexPath::make(), folder}, {qx::IndexPath::make(std::vector<uint64_t>{0}), file}};
 }
 
-// How a worker asks its client through `connection`, and what it concludes:
-// true when it is to stop.
+// How a worker asks its client through `connection`, and what it concludes: true when it is to
+// stop.
 struct Question {
   const char* name;
   std::function<bool(const std::shared_ptr<qx::XpcConnection>& connection)> stops;
@@ -108,8 +110,8 @@ const Question kQuestions[] = {
      [](const auto& connection) { return QXClientCallbacks::renameQuestion(connection)(); }, true},
 };
 
-// The workers' questions cross the connection with their senses kept, and
-// the size updates as records of their state.
+// The workers' questions cross the connection with their senses kept, and the size updates as
+// records of their state.
 TEST_F(ServiceFrame, TheClientsAnswersKeepTheirSenses) {
   auto responder = std::make_shared<qx::test::ScriptedResponder>([](int n) { return n == 2; },
                                                                  [](int n) { return n == 2; });
@@ -130,8 +132,8 @@ TEST_F(ServiceFrame, TheClientsAnswersKeepTheirSenses) {
   EXPECT_EQ(records, (std::vector<std::string>{"0 300 busy", "1 200"}));
 }
 
-// The client leaves while the workers wait, or there is no connection at
-// all: each worker is released, told to stop.
+// The client leaves while the workers wait, or there is no connection at all: each worker is
+// released, told to stop.
 TEST_F(ServiceFrame, AQuestionWithoutAnAnswerStops) {
   auto holding = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
   auto worker = workerTo(holding);
@@ -174,8 +176,8 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   EXPECT_EQ(serviceEnd->remoteObjectInterface()->protocol().name(), "QXFileResponse");
   EXPECT_EQ(serviceEnd->exportedInterface()->protocol().name(), "QXFileRequest");
   ASSERT_TRUE(serviceEnd->exportedObject());
-  // Resumed: a request is answered by the service's worker, with its error.
-  // (That the connection's end releases the service: ALongPropagationLeavesTheConnectionAnswering.)
+  // Resumed: a request is answered by the service's worker, with its error. (That the connection's
+  // end releases the service: ALongPropagationLeavesTheConnectionAnswering.)
   auto proxy = clientProxy();
   auto reply = qx::ReplyWaiter<qx::ErrorPtr>::wait([&](auto done) {
     proxy->setAclEntries(qx::Array::make(), qx::Url::fileURLWithPath(files.path("missing")),
@@ -185,9 +187,8 @@ TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
   EXPECT_EQ((*reply)->code(), ENOENT);
 }
 
-// Renames and size calculations of a connection run one at a time, in the
-// order they came, and wait for one that waits for its client; listings and
-// ACL requests of the connection do not.
+// Renames and size calculations of a connection run one at a time, in the order they came, and wait
+// for one that waits for its client; listings and ACL requests of the connection do not.
 TEST_F(ServiceFrame, OperationsQueueBehindOneWaitingForItsClientListingsDoNot) {
   for (int i = 0; i < 150; ++i) files.file("counted/" + std::to_string(i), "x");
   files.file("item", "x");
@@ -220,10 +221,9 @@ TEST_F(ServiceFrame, OperationsQueueBehindOneWaitingForItsClientListingsDoNot) {
   EXPECT_EQ((std::vector<int>{sizes, rename, sizesAgain}), (std::vector<int>{0, 1, 2}));
 }
 
-// A propagation over a large tree works on the connection's delivery queue
-// while a size calculation of the same connection waits for its client: the
-// client's answers to the size reports are still read, each one bringing the
-// next report, and the end of the connection stops both at once.
+// A propagation over a large tree works on the connection's delivery queue while a size calculation
+// of the same connection waits for its client: the client's answers to the size reports are still
+// read, each one bringing the next report, and the end of the connection stops both at once.
 TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
   constexpr int kFolders = 100, kFilesPerFolder = 1000;  // 100,100 items to propagate
   files.folder("deep", 0750);
@@ -282,9 +282,8 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
   EXPECT_LT(touched, kFolders);
 }
 
-// The real qxfile-service, reached over its socket with a plain connection:
-// the classes allowed in incoming arguments are enforced by the connection,
-// before any request reaches the service.
+// The real qxfile-service, reached over its socket with a plain connection: the classes allowed in
+// incoming arguments are enforced by the connection, before any request reaches the service.
 
 using qx::Array;
 using qx::str;
@@ -326,12 +325,9 @@ TEST(ServiceProcess, ArgumentsOutsideTheAllowedClassesAreRefusedBeforeAnyWork) {
   auto url = qx::Url::fileURLWithPath(item);
   auto urls = Array::make({url});
   auto names = Array::make({str("renamed")});
-  struct Row {
-    std::string selector;
-    std::vector<qx::ObjectPtr> arguments;
-    std::string refusedClass;
-  };
-  for (const Row& row : std::vector<Row>{
+  // The selector, its arguments, and the class named in the refusal.
+  for (const auto& [selector, arguments, refusedClass] :
+       std::vector<std::tuple<std::string, std::vector<qx::ObjectPtr>, std::string>>{
            {"setAclEntries:url:reply:",
             {Array::make({str("ACL"), str("POSIX"), qx::Number::numberWithInteger(0777)}), url},
             "NSNumber"},
@@ -341,14 +337,12 @@ TEST(ServiceProcess, ArgumentsOutsideTheAllowedClassesAreRefusedBeforeAnyWork) {
             "NSDictionary"},
            {"renameUrls:names:reply:", {Array::make({str(item)}), names}, "NSString"},
            {"getSizesWithUrls:reply:", {Array::make({qx::Uuid::make()})}, "NSUUID"},
-           // The names keep the default rule of collections: property-list objects only,
-           // also when the same array object is both arguments, archived and decoded once.
+           // The names keep the default rule of collections: property-list objects only, also when
+           // the same array object is both arguments, archived and decoded once.
            {"renameUrls:names:reply:", {urls, urls->copy()}, "NSURL"},
            {"renameUrls:names:reply:", {urls, urls}, "NSURL"},
        }) {
-    EXPECT_NE(send(*connection, row.selector, row.arguments).find(row.refusedClass),
-              std::string::npos)
-        << row.selector << " should be refused for " << row.refusedClass;
+    EXPECT_THAT(send(*connection, selector, arguments), HasSubstr(refusedClass)) << selector;
   }
   struct stat st {};
   EXPECT_EQ(::lstat(item.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0640u);

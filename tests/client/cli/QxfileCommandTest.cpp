@@ -1,23 +1,21 @@
-// The qxfile command end to end: the real binary against the real service,
-// with the users and groups of nss/; what it prints, how it exits, and what
-// the items carry afterwards.
-#include <fcntl.h>
+// The qxfile command end to end: the real binary against the real service, with the users and
+// groups of nss/; what it prints, how it exits, and what the items carry afterwards.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "qxfile/Client.h"
+#include "tests/enforcement/QxfileCommand.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/ServiceSandbox.h"
@@ -28,42 +26,23 @@ namespace {
 using namespace std::chrono_literals;
 using qx::test::eventually;
 using Json = nlohmann::json;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 // The users and groups of nss/.
 constexpr uid_t kAlice = 2201;
 constexpr gid_t kStaff = 3210;
 
-// One run of the qxfile command: how it ended and what it printed.
-struct Outcome {
-  int status = -1;  // the exit status; 1000 + the signal that ended it
-  std::string out;
-  std::string err;
-
-  // Standard output as JSON; a null document (and a test failure) when it is not.
-  Json json() const {
-    Json document = Json::parse(out, nullptr, false);
-    EXPECT_FALSE(document.is_discarded()) << "not JSON: " << out;
-    return document.is_discarded() ? Json() : document;
-  }
-};
-
-std::ostream& operator<<(std::ostream& stream, const Outcome& run) {
-  return stream << "status " << run.status << "\nstdout:\n" << run.out << "stderr:\n" << run.err;
-}
+using qx::test::QxfileCommand;
+using Outcome = QxfileCommand::Outcome;
 
 mode_t modeOf(const std::string& path) {
   struct stat st {};
   return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : mode_t(-1);
 }
 
-std::string contentOf(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
-// Each test has a service of its own in a private socket folder, started by
-// the first qxfile that needs it and gone soon after the last one.
+// Each test has a service of its own in a private socket folder, started by the first qxfile that
+// needs it and gone soon after the last one.
 class Qxfile : public ::testing::Test {
  protected:
   // Open to the test users: effective access looks at the folders above an item.
@@ -72,20 +51,12 @@ class Qxfile : public ::testing::Test {
     EXPECT_TRUE(sandbox_.allGoneWithin(15s)) << "the service kept running without clients";
   }
 
-  // Runs qxfile with `args`, its output going to files; `whileRunning` is
-  // called with its pid once it has started. With `outTo`, standard output
-  // goes there instead and is not read back.
-  Outcome qxfile(std::vector<std::string> args, const std::function<void(pid_t)>& whileRunning = {},
-                 const std::string& outTo = "") {
-    const std::string out = outTo.empty() ? output_.path("out") : outTo;
-    const std::string err = output_.path("err");
-    args.insert(args.begin(), QX_CLI_EXECUTABLE);
-    const int status = qx::test::ChildProcess::run(std::move(args), out, err, whileRunning);
-    return {status, outTo.empty() ? contentOf(out) : "", contentOf(err)};
+  static Outcome qxfile(std::vector<std::string> args) {
+    return QxfileCommand::run(std::move(args));
   }
 
-  // Runs qxfile with its standard output and error on a terminal; `out` is
-  // everything the terminal received.
+  // Runs qxfile with its standard output and error on a terminal; `out` is everything the terminal
+  // received.
   static Outcome qxfileOnTerminal(std::vector<std::string> args) {
     args.insert(args.begin(), QX_CLI_EXECUTABLE);
     std::vector<char*> argv;
@@ -116,16 +87,15 @@ class Qxfile : public ::testing::Test {
     return tree_.path(name);
   }
 
-  // Runs qxfile and, once it has its handler for SIGINT, interrupts it: the
-  // command then answers the operation's next question with "stop". The
-  // service is held stopped until then (a client of the test keeps it
-  // running), so that the first report or question is the one answered.
+  // Runs qxfile and, once it has its handler for SIGINT, interrupts it: the command then answers
+  // the operation's next question with "stop". The service is held stopped until then (a client of
+  // the test keeps it running), so that the first report or question is the one answered.
   Outcome interrupted(const std::vector<std::string>& args) {
     qxfile::Client keeper;
     EXPECT_FALSE(keeper.connect());
     const pid_t service = sandbox_.services().at(0);
     kill(service, SIGSTOP);
-    return qxfile(args, [&](pid_t pid) {
+    return QxfileCommand::run(args, [&](pid_t pid) {
       const std::string proc = "/proc/" + std::to_string(pid);
       auto catchesInterrupt = [&] {
         std::error_code ignored;
@@ -147,12 +117,7 @@ class Qxfile : public ::testing::Test {
 
   qx::test::ServiceSandbox sandbox_{QX_SERVICE_EXECUTABLE};
   qx::test::TempTree tree_{"qx-cli"};
-  qx::test::TempTree output_{"qx-cli-output"};
 };
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
 
 std::vector<std::string> strings(const Json& array) {
   std::vector<std::string> texts;
@@ -197,14 +162,14 @@ TEST_F(Qxfile, HelpAndWrongCommandLines) {
   for (const auto& [text, commands] : {std::pair{help.out, "acl access propagate size ls rename"},
                                        std::pair{aclHelp, "show add remove owner group mode"}}) {
     for (const std::string& command : words(commands))
-      EXPECT_TRUE(contains(text, "\n  " + command + " ")) << command;
+      EXPECT_THAT(text, HasSubstr("\n  " + command + " "));
   }
   EXPECT_EQ(qxfile({"--version"}).out.rfind("qxfile ", 0), 0u);
   for (const char* command : {"acl show", "acl add", "acl remove", "acl owner", "acl group",
                               "acl mode", "access", "propagate", "size", "ls", "rename"}) {
     Outcome run = qxfile(words(command + std::string(" --help")));
     EXPECT_EQ(run.status, 0) << run;
-    EXPECT_TRUE(contains(run.out, "--json")) << command << " takes --json";
+    EXPECT_THAT(run.out, HasSubstr("--json")) << command;
   }
 
   // data/wrong-command-lines.txt: each exits with 2 and says why.
@@ -224,7 +189,7 @@ TEST_F(Qxfile, HelpAndWrongCommandLines) {
     Outcome run = qxfile(words(row.substr(0, arrow), item));
     EXPECT_EQ(run.status, 2) << row << "\n" << run;
     EXPECT_FALSE(run.err.empty()) << row;
-    EXPECT_TRUE(contains(run.err, reason)) << row << "\n" << run;
+    EXPECT_THAT(run.err, HasSubstr(reason)) << row << "\n" << run;
     ++count;
   }
   EXPECT_EQ(count, 28);
@@ -247,8 +212,9 @@ TEST_F(Qxfile, OperationErrorsExitWithOneAndPrintDescriptionAndSuggestion) {
   EXPECT_EQ(document["identity"]["name"], "qxbob");
   EXPECT_EQ(document["error"]["domain"], "NSPOSIXErrorDomain");
   EXPECT_EQ(document["error"]["description"], "Error retrieving effective file access permissions");
-  EXPECT_TRUE(contains(document["error"]["suggestion"], missing));
-  EXPECT_TRUE(contains(json.err, "qxfile: Error retrieving effective file access permissions\n  "));
+  EXPECT_THAT(document["error"]["suggestion"].get<std::string>(), HasSubstr(missing));
+  EXPECT_THAT(json.err,
+              HasSubstr("qxfile: Error retrieving effective file access permissions\n  "));
 
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{"acl", "mode", missing, "600"},
@@ -256,7 +222,7 @@ TEST_F(Qxfile, OperationErrorsExitWithOneAndPrintDescriptionAndSuggestion) {
         {"size", missing}}) {
     Outcome failed = qxfile(args);
     EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_TRUE(contains(failed.err, "\n  ")) << "a suggestion line\n" << failed;
+    EXPECT_THAT(failed.err, HasSubstr("\n  ")) << "a suggestion line\n" << failed;
   }
   EXPECT_EQ(qxfile({"size", missing, "--json"}).json()["error"]["code"], ENOENT);
 
@@ -268,18 +234,17 @@ TEST_F(Qxfile, OperationErrorsExitWithOneAndPrintDescriptionAndSuggestion) {
   EXPECT_EQ(noService.err.rfind("qxfile: ", 0), 0u) << noService;
 }
 
-// Output that cannot be written is a failure, also for a command that has
-// nothing else to report.
+// Output that cannot be written is a failure, also for a command that has nothing else to report.
 TEST_F(Qxfile, OutputThatCannotBeWrittenFailsTheCommand) {
   const std::string item = file("item");
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{"--help"}, {"acl", "show", item}, {"size", item, "--json"}}) {
-    Outcome run = qxfile(args, {}, "/dev/full");
+    Outcome run = QxfileCommand::run(args, {}, "/dev/full");
     EXPECT_EQ(run.status, 1) << args.front() << "\n" << run;
-    EXPECT_TRUE(contains(run.err, "qxfile: couldn't write the output")) << run;
+    EXPECT_THAT(run.err, HasSubstr("qxfile: couldn't write the output")) << run;
   }
   // A command that failed already keeps its status.
-  Outcome wrong = qxfile({"bogus"}, {}, "/dev/full");
+  Outcome wrong = QxfileCommand::run({"bogus"}, {}, "/dev/full");
   EXPECT_EQ(wrong.status, 2) << wrong;
 }
 
@@ -318,7 +283,7 @@ TEST_F(Qxfile, AclEntriesRoundTripThroughAddAndRemove) {
                            "0: deny  group:qxstaff  Write: Delete; Administration: Change Owner",
                            "1: allow user:qxalice   Read: all; Write: all",
                            "applies to: This item, Child files, Child folders, All descendants"}) {
-    EXPECT_TRUE(contains(human.out, line)) << line << "\n" << human.out;
+    EXPECT_THAT(human.out, HasSubstr(line));
   }
   EXPECT_EQ(qxfile({"acl", "remove", shared, "1", "--json"}).json()["acl"].size(), 1u);
   EXPECT_TRUE(qxfile({"acl", "remove", shared, "group:qxstaff", "--json"}).json()["acl"].empty());
@@ -333,8 +298,7 @@ TEST_F(Qxfile, AclEntriesRoundTripThroughAddAndRemove) {
             (std::vector<std::string>{"Read Data", "Execute File", "Append Data"}));
   EXPECT_EQ(fileEntry["rights"], 0x2 | 0x8 | 0x20);
   Outcome unknown = qxfile({"acl", "add", report, "allow", "uid:4242", "read"});
-  EXPECT_TRUE(contains(unknown.out, "allow user:FFFFEEEE-DDDD-CCCC-BBBB-AAAA00001092  Read: all"))
-      << unknown.out;
+  EXPECT_THAT(unknown.out, HasSubstr("allow user:FFFFEEEE-DDDD-CCCC-BBBB-AAAA00001092  Read: all"));
   Json identity = qxfile({"acl", "show", report, "--json"}).json()["acl"][1]["identity"];
   EXPECT_EQ(identity["id"], 4242);
   EXPECT_TRUE(identity["name"].is_null());
@@ -344,13 +308,13 @@ TEST_F(Qxfile, ModeOwnerAndGroupChangeTheItem) {
   std::string item = file("item");
   EXPECT_EQ(qxfile({"acl", "mode", item, "750", "--json"}).json()["mode"], "0750");
   EXPECT_EQ(modeOf(item), 0750u);
-  EXPECT_TRUE(contains(qxfile({"acl", "mode", item, "0604"}).out, "mode:  0604 (rw----r--)"));
+  EXPECT_THAT(qxfile({"acl", "mode", item, "0604"}).out, HasSubstr("mode:  0604 (rw----r--)"));
   EXPECT_EQ(modeOf(item), 0604u);
 
   if (geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
   EXPECT_EQ(qxfile({"acl", "owner", item, "qxalice", "--json"}).json()["owner"]["name"], "qxalice");
-  EXPECT_TRUE(contains(qxfile({"acl", "group", item, "qxstaff"}).out,
-                       "owner: user:qxalice\ngroup: group:qxstaff\n"));
+  EXPECT_THAT(qxfile({"acl", "group", item, "qxstaff"}).out,
+              HasSubstr("owner: user:qxalice\ngroup: group:qxstaff\n"));
   struct stat info {};
   ASSERT_EQ(lstat(item.c_str(), &info), 0);
   EXPECT_EQ(info.st_uid, kAlice);
@@ -363,14 +327,13 @@ TEST_F(Qxfile, EffectiveAccessAsJsonAndAsText) {
   ASSERT_EQ(owner.status, 0) << owner;
   std::vector<std::string> leaves = accessLeaves(owner.json());
   ASSERT_EQ(leaves.size(), 12u);
-  EXPECT_EQ(leaves[0], "Read Data=1");
-  EXPECT_EQ(leaves[1], "Execute File=0");
+  EXPECT_EQ(std::vector(leaves.begin(), leaves.begin() + 2),
+            (std::vector<std::string>{"Read Data=1", "Execute File=0"}));
   // A user named bare.
   Outcome human = qxfile({"access", notes, "qxalice"});
-  EXPECT_TRUE(
-      contains(human.out, "Effective access of user:qxalice to " + notes +
-                              "\n(K: the kernel enforces this answer)\nRead\n  no  K  Read Data\n"))
-      << human.out;
+  EXPECT_THAT(human.out,
+              HasSubstr("Effective access of user:qxalice to " + notes +
+                        "\n(K: the kernel enforces this answer)\nRead\n  no  K  Read Data\n"));
 }
 
 TEST_F(Qxfile, PropagationReportsWhatItGaveEverythingBelow) {
@@ -384,8 +347,8 @@ TEST_F(Qxfile, PropagationReportsWhatItGaveEverythingBelow) {
   EXPECT_EQ(result["aclEntries"], 1);
   EXPECT_EQ(result["mode"], "0755");
   EXPECT_EQ(modeOf(below), 0755u);
-  EXPECT_TRUE(contains(qxfile({"propagate", top}).out,
-                       "Propagated to everything below " + top + ":\n  1 ACL entry"));
+  EXPECT_THAT(qxfile({"propagate", top}).out,
+              HasSubstr("Propagated to everything below " + top + ":\n  1 ACL entry"));
   Json error = qxfile({"propagate", below, "--json"}).json()["error"];
   EXPECT_EQ(error["code"], ENOTDIR);
   EXPECT_EQ(error["description"],
@@ -431,9 +394,9 @@ TEST_F(Qxfile, SizeShowsProgressOnATerminalAndStopsOnCtrlC) {
   for (int i = 0; i < 300; ++i) file("many/f" + std::to_string(i), 10);
   Outcome terminal = qxfileOnTerminal({"size", many});
   ASSERT_EQ(terminal.status, 0) << terminal;
-  EXPECT_TRUE(contains(terminal.out, "\r\033[KCounting...")) << terminal.out;
-  EXPECT_TRUE(contains(terminal.out, "\r\033[K2.9 KiB  3,000 bytes  " + many)) << terminal.out;
-  EXPECT_FALSE(contains(qxfileOnTerminal({"size", many, "--json"}).out, "Counting"));
+  EXPECT_THAT(terminal.out, HasSubstr("\r\033[KCounting..."));
+  EXPECT_THAT(terminal.out, HasSubstr("\r\033[K2.9 KiB  3,000 bytes  " + many));
+  EXPECT_THAT(qxfileOnTerminal({"size", many, "--json"}).out, Not(HasSubstr("Counting")));
   EXPECT_EQ(qxfile({"size", many}).out, "2.9 KiB  3,000 bytes  " + many + "\n");
 
   for (int i = 300; i < 1000; ++i) file("many/f" + std::to_string(i), 10);
@@ -449,8 +412,8 @@ TEST_F(Qxfile, SizeShowsProgressOnATerminalAndStopsOnCtrlC) {
   EXPECT_TRUE(itemAt(totals["items"], later)["size"].is_null());
   Outcome human = interrupted({"size", later, many});
   EXPECT_EQ(human.status, 130) << human;
-  EXPECT_TRUE(contains(human.out, "      -      -        " + later + "  (not reached)\n")) << human;
-  EXPECT_TRUE(contains(human.out, " total\nStopped with Ctrl-C: the totals are partial.\n"));
+  EXPECT_THAT(human.out, HasSubstr("      -      -        " + later + "  (not reached)\n"));
+  EXPECT_THAT(human.out, HasSubstr(" total\nStopped with Ctrl-C: the totals are partial.\n"));
 }
 
 TEST_F(Qxfile, ListingLevelsFollowThePositionsGiven) {

@@ -1,7 +1,7 @@
 // The pure rules (the kernel's POSIX check, the evaluator, the mapping to POSIX ACLs, the
-// translation back and the enforcement report) against hand-written expectations, then what a
-// write leaves the kernel, as getfacl shows it. What qxfile shows after changes made beside it
-// belongs to tests/enforcement.
+// translation back and the enforcement report) against hand-written expectations, then what a write
+// leaves the kernel, as getfacl shows it. What qxfile shows after changes made beside it belongs to
+// tests/enforcement.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -78,13 +78,8 @@ std::string text(const PosixAcl& acl) {
 TEST(PosixCheck, KernelOrderOwnerNamedUserGroupsThenOthersMasked) {
   // Owner 1000, owning group 2000.
   const PosixAcl acl = parse("u::rw-,u:1001:rwx,g::r--,g:2001:-w-,m::r-x,o::--x");
-  struct Row {
-    std::optional<uint32_t> uid;
-    std::vector<uint32_t> gids;
-    uint16_t want;
-    bool granted;
-  };
-  const Row rows[] = {
+  // uid, groups, bits wanted, granted
+  const std::tuple<std::optional<uint32_t>, std::vector<uint32_t>, uint16_t, bool> rows[] = {
       {1000, {2000}, 4, true},   // the owner's own entry...
       {1000, {2000}, 1, false},  // ...decides, even where its group would grant
       {1001, {}, 4, true},       // named user, within the mask
@@ -96,35 +91,30 @@ TEST(PosixCheck, KernelOrderOwnerNamedUserGroupsThenOthersMasked) {
       {std::nullopt, {2000}, 4, true},
       {1002, {2000, 2001}, 6, false},  // no single group entry holds both bits
   };
-  for (const Row& row : rows) {
-    EXPECT_EQ(acl.permits(row.uid, row.gids, 1000, 2000, row.want), row.granted)
-        << (row.uid ? std::to_string(*row.uid) : "group") << " want " << row.want;
+  for (const auto& [uid, gids, want, granted] : rows) {
+    EXPECT_EQ(acl.permits(uid, gids, 1000, 2000, want), granted)
+        << (uid ? std::to_string(*uid) : "group") << " want " << want;
   }
   EXPECT_EQ(acl.modeBits(), 0641u);
   EXPECT_EQ(acl.statModeBits(), 0651u);
 
-  // With the mask empty the kernel leaves the ACL aside and answers from the mode; a mask
-  // that grants nothing through the entries keeps it to them.
+  // With the mask empty the kernel leaves the ACL aside and answers from the mode; a mask that
+  // grants nothing through the entries keeps it to them.
   const PosixAcl unmasked = parse("u::rw-,u:1001:---,g::---,g:2001:---,m::---,o::r--");
   const PosixAcl masked = parse("u::rw-,u:1001:---,g::---,g:2001:---,m::r--,o::r--");
-  struct ByMask {
-    uint32_t uid;
-    std::vector<uint32_t> gids;
-    uint16_t want;
-    bool unmaskedGrants, maskedGrants;
-  };
-  const ByMask byMask[] = {
+  // uid, groups, bits wanted, granted with the empty mask, with the mask r--
+  const std::tuple<uint32_t, std::vector<uint32_t>, uint16_t, bool, bool> byMask[] = {
       {1000, {2000}, 2, true, true},    // the owner's bits either way
       {1001, {}, 4, true, false},       // a named user: the other bits, or its entry
       {1002, {2001}, 4, true, false},   // a named group's member, likewise
       {1002, {2000}, 4, false, false},  // the owning group: the mode's group bits, none
       {1003, {}, 4, true, true},        // others
   };
-  for (const ByMask& row : byMask) {
-    EXPECT_EQ(unmasked.permits(row.uid, row.gids, 1000, 2000, row.want), row.unmaskedGrants)
-        << row.uid << " want " << row.want << ", empty mask";
-    EXPECT_EQ(masked.permits(row.uid, row.gids, 1000, 2000, row.want), row.maskedGrants)
-        << row.uid << " want " << row.want << ", mask r--";
+  for (const auto& [uid, gids, want, unmaskedGrants, maskedGrants] : byMask) {
+    EXPECT_EQ(unmasked.permits(uid, gids, 1000, 2000, want), unmaskedGrants)
+        << uid << " want " << want << ", empty mask";
+    EXPECT_EQ(masked.permits(uid, gids, 1000, 2000, want), maskedGrants)
+        << uid << " want " << want << ", mask r--";
   }
   EXPECT_EQ(masked.modeBits(), 0604u);
   EXPECT_EQ(masked.statModeBits(), 0644u);
@@ -135,13 +125,6 @@ TEST(Evaluator, FirstApplyingEntryDecidesThenTheMode) {
   const AclIdentity owner = AclIdentity::user(1000, {2000});
   const ItemOwnership file{1000, 2000, 0640, false};
   const ItemOwnership folder{1000, 2000, 0776, true};
-  struct Row {
-    const char* name;
-    ExtendedEntries entries;
-    AclIdentity who;
-    ItemOwnership item;
-    uint32_t granted;
-  };
   const uint32_t otherFill = ACL_DELETE | ACL_READ_ATTRIBUTES | ACL_READ_SECURITY;
   const uint32_t ownerFill = ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA |
                              ACL_READ_EXTATTRIBUTES | ACL_WRITE_EXTATTRIBUTES |
@@ -149,7 +132,8 @@ TEST(Evaluator, FirstApplyingEntryDecidesThenTheMode) {
   const uint32_t search = ACL_SEARCH, attributes = ACL_READ_ATTRIBUTES;
   const uint32_t security = ACL_READ_SECURITY, changes = ACL_ADD_FILE | ACL_DELETE_CHILD;
   // clang-format off
-  const Row rows[] = {
+  // name, entries, identity, item, rights granted
+  const std::tuple<const char*, ExtendedEntries, AclIdentity, ItemOwnership, uint32_t> rows[] = {
       {"mode only, others", {}, alice, file, otherFill},
       {"mode only, owner", {}, owner, file, ownerFill},
       {"group deny before user allow",
@@ -177,10 +161,10 @@ TEST(Evaluator, FirstApplyingEntryDecidesThenTheMode) {
       {"entries for a group one is not in", {deny(group(2002), ACL_DELETE)}, alice, file, otherFill},
   };
   // clang-format on
-  for (const Row& row : rows) {
-    AccessEvaluator::Decision d = AccessEvaluator::evaluate(row.entries, row.who, row.item);
-    EXPECT_EQ(d.status, 0) << row.name;
-    EXPECT_EQ(d.granted, row.granted) << row.name << std::hex << " got 0x" << d.granted;
+  for (const auto& [name, entries, who, item, granted] : rows) {
+    AccessEvaluator::Decision d = AccessEvaluator::evaluate(entries, who, item);
+    EXPECT_EQ(d.status, 0) << name;
+    EXPECT_EQ(d.granted, granted) << name << std::hex << " got 0x" << d.granted;
   }
   // A user without a passwd entry cannot be placed against a group.
   AclIdentity unknown = AclIdentity::user(1999, {});
@@ -197,18 +181,12 @@ TEST(Mapping, NamedEntriesGetEffectiveAccessModeStays) {
   PosixMapping::Identities users;
   users[user(1001)] = AclIdentity::user(1001, {3001, 2001});
   users[user(1002)] = AclIdentity::user(1002, {2000});
-  struct Row {
-    const char* name;
-    ExtendedEntries entries;
-    ItemOwnership item;
-    const char* access;
-    const char* defaults;  // "" for none
-  };
   const uint32_t rw = ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA;
   const uint32_t both = ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT;
   const ItemOwnership file0640{1000, 2000, 0640, false};
   // clang-format off
-  const Row rows[] = {
+  // name, entries, item, access ACL, default ACL ("" for none)
+  const std::tuple<const char*, ExtendedEntries, ItemOwnership, const char*, const char*> rows[] = {
       {"a named user", {allow(user(1001), rw)}, file0640,
        "u::rw-,u:1001:rw-,g::r--,m::rw-,o::---", ""},
       {"write needs both rights", {allow(user(1001), ACL_READ_DATA | ACL_WRITE_DATA)}, file0640,
@@ -242,10 +220,10 @@ TEST(Mapping, NamedEntriesGetEffectiveAccessModeStays) {
       {"no entries: the mode alone", {}, {1000, 2000, 0754, true}, "u::rwx,g::r-x,o::r--", ""},
   };
   // clang-format on
-  for (const Row& row : rows) {
-    PosixMapping::Enforced enforced = PosixMapping::enforce(row.entries, row.item, users);
-    EXPECT_EQ(text(enforced.access), row.access) << row.name;
-    EXPECT_EQ(enforced.defaults ? text(*enforced.defaults) : "", row.defaults) << row.name;
+  for (const auto& [name, entries, item, access, defaults] : rows) {
+    PosixMapping::Enforced enforced = PosixMapping::enforce(entries, item, users);
+    EXPECT_EQ(text(enforced.access), access) << name;
+    EXPECT_EQ(enforced.defaults ? text(*enforced.defaults) : "", defaults) << name;
   }
 }
 
@@ -309,6 +287,16 @@ AclState stateOf(const std::string& path) {
   return state;
 }
 
+// The mode bits the item's POSIX ACL gives, then st_mode's, which show the mask.
+std::string modes(const std::string& path) {
+  struct stat st {};
+  mode_t bits = 0;
+  if (lstat(path.c_str(), &st) != 0 || ItemAcl::modeBits(path.c_str(), st, &bits) != 0) return "?";
+  char text[32];
+  std::snprintf(text, sizeof text, "%04o st_mode %04o", bits, st.st_mode & 0777);
+  return text;
+}
+
 class AclLayers : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -325,17 +313,11 @@ class AclLayers : public ::testing::Test {
 };
 
 TEST_F(AclLayers, WritesLeaveTheKernelTheEnforcingAclAndReadBackStored) {
-  struct Row {
-    const char* name;
-    bool folder;
-    mode_t mode;
-    ExtendedEntries entries;
-    std::string getfacl;
-  };
   const uint32_t rw = ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA;
   const uint32_t inherit = ACL_ENTRY_FILE_INHERIT | ACL_ENTRY_DIRECTORY_INHERIT;
   // clang-format off
-  const Row rows[] = {
+  // name, folder, mode, entries, what getfacl shows
+  const std::tuple<const char*, bool, mode_t, ExtendedEntries, std::string> rows[] = {
       {"user", false, 0640, {allow(user(kMember), rw)},
        "user::rw-\nuser:2102:rw-\ngroup::r--\nmask::rw-\nother::---\n\n"},
       // qxblocked is in qxteam: the deny comes first; qxteam's own entry loses w.
@@ -347,16 +329,16 @@ TEST_F(AclLayers, WritesLeaveTheKernelTheEnforcingAclAndReadBackStored) {
        "default:user:2102:r-x\ndefault:group::r-x\ndefault:mask::r-x\ndefault:other::---\n\n"},
   };
   // clang-format on
-  for (const Row& row : rows) {
-    const std::string path = item(row.name, row.mode, row.folder);
-    ASSERT_EQ(write(path, row.entries), 0) << row.name;
-    EXPECT_EQ(getfacl(path), row.getfacl) << row.name;
+  for (const auto& [name, folder, mode, entries, shown] : rows) {
+    const std::string path = item(name, mode, folder);
+    ASSERT_EQ(write(path, entries), 0) << name;
+    EXPECT_EQ(getfacl(path), shown) << name;
     AclState state = stateOf(path);
-    EXPECT_EQ(state.source, AclSource::Stored) << row.name;
-    EXPECT_EQ(state.entries, row.entries) << row.name;
-    EXPECT_EQ(state.item.mode, row.mode) << row.name << ": the mode stays";
+    EXPECT_EQ(std::tie(state.source, state.entries, state.item.mode),
+              std::tuple(AclSource::Stored, entries, mode))
+        << name << ": stored, read back, the mode kept";
     ASSERT_EQ(write(path, {}), 0);
-    EXPECT_EQ(stateOf(path).source, AclSource::None) << row.name << ": emptied";
+    EXPECT_EQ(stateOf(path).source, AclSource::None) << name << ": emptied";
     EXPECT_EQ(lgetxattr(path.c_str(), ItemAcl::kPosixAccess, nullptr, 0), -1);
     EXPECT_EQ(lgetxattr(path.c_str(), kAclAttributeName, nullptr, 0), -1);
   }
@@ -367,28 +349,18 @@ TEST_F(AclLayers, ModeWritesKeepTheGroupEntryApartFromTheMask) {
   ASSERT_EQ(write(path, {{ACL_EXTENDED_ALLOW, user(kMember),
                           ACL_READ_DATA | ACL_WRITE_DATA | ACL_APPEND_DATA | ACL_EXECUTE, 0}}),
             0);
-  struct stat st;
-  ASSERT_EQ(lstat(path.c_str(), &st), 0);
-  mode_t bits = 0;
-  ASSERT_EQ(ItemAcl::modeBits(path.c_str(), st, &bits), 0);
-  EXPECT_EQ(bits, 0640u);
-  EXPECT_EQ(st.st_mode & 0777, 0670u) << "st_mode shows the mask";
+  EXPECT_EQ(modes(path), "0640 st_mode 0670");
   ASSERT_EQ(ItemAcl::setModeBits(path.c_str(), 0750), 0);
   EXPECT_EQ(getfacl(path), "user::rwx\nuser:2102:rwx\ngroup::r-x\nmask::rwx\nother::---\n\n");
-  ASSERT_EQ(lstat(path.c_str(), &st), 0);
-  ASSERT_EQ(ItemAcl::modeBits(path.c_str(), st, &bits), 0);
-  EXPECT_EQ(bits, 0750u);
+  EXPECT_EQ(modes(path), "0750 st_mode 0770");
   EXPECT_EQ(stateOf(path).source, AclSource::Stored) << "what the stored ACL maps to with 0750";
 
-  // An ACL that grants nothing through its entries keeps a mask of r--: an empty one would
-  // leave alice the other bits. st_mode shows it; the group's bits stay the entry's.
+  // An ACL that grants nothing through its entries keeps a mask of r--: an empty one would leave
+  // alice the other bits. st_mode shows it; the group's bits stay the entry's.
   const std::string closed = item("closed", 0604);
   ASSERT_EQ(write(closed, {{ACL_EXTENDED_DENY, user(kMember), ACL_READ_DATA, 0}}), 0);
   EXPECT_EQ(getfacl(closed), "user::rw-\nuser:2102:---\ngroup::---\nmask::r--\nother::r--\n\n");
-  ASSERT_EQ(lstat(closed.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0644u);
-  ASSERT_EQ(ItemAcl::modeBits(closed.c_str(), st, &bits), 0);
-  EXPECT_EQ(bits, 0604u);
+  EXPECT_EQ(modes(closed), "0604 st_mode 0644");
   ASSERT_EQ(ItemAcl::setModeBits(closed.c_str(), 0600), 0);
   EXPECT_EQ(getfacl(closed), "user::rw-\nuser:2102:---\ngroup::---\nmask::r--\nother::---\n\n");
   EXPECT_EQ(stateOf(closed).source, AclSource::Stored);

@@ -1,4 +1,5 @@
 // Connections joined by socket pairs, and the frames they exchange.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -130,12 +131,8 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
     return reason;
   };
   auto url = Url::fileURLWithPath("/a");
-  struct Row {
-    std::string selector;
-    std::vector<ObjectPtr> arguments;
-    std::string reason;
-  };
-  for (const Row& row : std::vector<Row>{
+  for (const auto& [selector, arguments, reason] :
+       std::vector<std::tuple<std::string, std::vector<ObjectPtr>, std::string>>{
            // Classes outside the argument's set, at the top or nested.
            {"countUrls:reply:", {Array::make({url, str("b")})}, "NSString"},
            {"countUrls:reply:", {Dictionary::make()}, "refused"},
@@ -148,18 +145,16 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
            {"incrementWithReply:", {str("extra")}, "wrong number of arguments"},
            {"note:", {str("a reply to a method without one")}, "no reply"},
        }) {
-    EXPECT_NE(refusal(row.selector, row.arguments).find(row.reason), std::string::npos)
-        << row.selector << " should be refused for " << row.reason;
+    EXPECT_THAT(refusal(selector, arguments), ::testing::HasSubstr(reason)) << selector;
   }
   EXPECT_FALSE(waitForReply(*client, "noSuchSelector:reply:", {}));
   // Sets for selectors or arguments the protocol lacks are not taken.
   ClassSet only{&Array::classInfo(), &Url::classInfo()};
-  EXPECT_FALSE(service->exportedInterface()->setClasses(only, "noSuchSelector:", 0, false));
-  EXPECT_FALSE(service->exportedInterface()->setClasses(only, "countUrls:reply:", 1, false));
-  EXPECT_FALSE(service->exportedInterface()->setClasses(only, "countUrls:reply:", 1, true));
-  EXPECT_TRUE(service->exportedInterface()
-                  ->classes("countUrls:reply:", 0, true)
-                  .allows(Number::classInfo()))
+  auto& exported = *service->exportedInterface();
+  EXPECT_FALSE(exported.setClasses(only, "noSuchSelector:", 0, false));
+  EXPECT_FALSE(exported.setClasses(only, "countUrls:reply:", 1, false));
+  EXPECT_FALSE(exported.setClasses(only, "countUrls:reply:", 1, true));
+  EXPECT_TRUE(exported.classes("countUrls:reply:", 0, true).allows(Number::classInfo()))
       << "setting an argument's set leaves the reply's alone";
   EXPECT_TRUE(service->isValid() && client->isValid());
   auto count = ReplyWaiter<NumberPtr>::wait([&](auto done) {
@@ -185,8 +180,8 @@ TEST_F(ConnectionPair, InvalidationEndsPendingWorkAndRunsEachHandlerOnce) {
   connect(/*holdQuestions=*/true);
   std::weak_ptr<void> exported = service->exportedObject();
   ASSERT_FALSE(exported.expired());
-  // The service's worker waits for an answer the client holds back, and a
-  // second call waits behind it on the same serial queue.
+  // The service's worker waits for an answer the client holds back, and a second call waits behind
+  // it on the same serial queue.
   std::atomic<bool> replied{false};
   proxy->askClient(Number::numberWithInteger(3), [&](ArrayPtr) { replied = true; });
   ASSERT_TRUE(eventually([&] { return responder->questions().size() == 1; }));
@@ -213,9 +208,9 @@ TEST_F(ConnectionPair, InvalidationEndsPendingWorkAndRunsEachHandlerOnce) {
   EXPECT_FALSE(waitForReply(*client, "incrementWithReply:", {}));
   responder->answerHeld(false);  // answering after the end goes nowhere
   std::this_thread::sleep_for(20ms);
-  EXPECT_EQ(counters->client.load(), 1);
-  EXPECT_EQ(counters->service.load(), 1);
-  EXPECT_FALSE(replied.load());
+  EXPECT_EQ(std::tuple(counters->client.load(), counters->service.load(), replied.load()),
+            std::tuple(1, 1, false))
+      << "invalidation handlers, and no reply";
 }
 
 TEST_F(ConnectionPair, ACallerWaitingForAReplyIsReleasedWhenThePeerGoesAway) {
@@ -233,10 +228,8 @@ TEST_F(ConnectionPair, ACallerWaitingForAReplyIsReleasedWhenThePeerGoesAway) {
   EXPECT_TRUE(eventually([&] { return counters->client == 1; }));
 }
 
-// Frames: a big-endian length before each payload. How a stream cut in any
-// pieces reads back is the frame_reader fuzz target's check, replayed on its
-// seeds by the suite.
-
+// Frames: a big-endian length before each payload. How a stream cut in any pieces reads back is the
+// frame_reader fuzz target's check, replayed on its seeds by the suite.
 TEST(XpcFrameReader, LengthsAreBigEndianAndRefusedAboveTheLimit) {
   EXPECT_EQ(XpcFrame::encode(std::vector<uint8_t>{9, 8}), (std::vector<uint8_t>{0, 0, 0, 2, 9, 8}));
   XpcFrameReader atLimit;  // exactly 256 MiB: allowed, and incomplete
@@ -245,16 +238,14 @@ TEST(XpcFrameReader, LengthsAreBigEndianAndRefusedAboveTheLimit) {
   EXPECT_EQ(atLimit.buffered(), 6u);
   XpcFrameReader above;
   above.append(std::vector<uint8_t>{0x10, 0x00, 0x00, 0x01});
-  EXPECT_FALSE(above.next());
-  EXPECT_TRUE(above.failed());
+  EXPECT_TRUE(!above.next() && above.failed());
   above.append(std::vector<uint8_t>{0, 0, 0, 0});  // nothing after a broken header counts
   EXPECT_FALSE(above.next());
 }
 
-// Reader threads run deliveries themselves and keep reading afterwards; a
-// delivery that blocks must hand reading over, or two peers writing to each
-// other from their deliveries would each wait for the other to read.
-
+// Reader threads run deliveries themselves and keep reading afterwards; a delivery that blocks must
+// hand reading over, or two peers writing to each other from their deliveries would each wait for
+// the other to read.
 class Peer {
  public:
   virtual ~Peer() = default;
@@ -279,8 +270,7 @@ const XpcProtocol& peerProtocol() {
   return protocol;
 }
 
-// Far more than a socket buffer holds, so that the write blocks until the
-// peer reads.
+// Far more than a socket buffer holds, so that the write blocks until the peer reads.
 constexpr std::size_t kLarge = 8u << 20;
 
 class Endpoint final : public Peer {
@@ -323,8 +313,8 @@ class ReadingTurn : public ::testing::Test {
 };
 
 TEST_F(ReadingTurn, PeersWritingLargeFramesToEachOtherFromDeliveriesBothGetThrough) {
-  // Both kicks are queued before reading starts, so each side's first
-  // delivery writes its large frame while the other side does the same.
+  // Both kicks are queued before reading starts, so each side's first delivery writes its large
+  // frame while the other side does the same.
   one->remote->kick();
   two->remote->kick();
   first->resume();
@@ -333,9 +323,9 @@ TEST_F(ReadingTurn, PeersWritingLargeFramesToEachOtherFromDeliveriesBothGetThrou
   EXPECT_TRUE(two->received.waitFor(std::chrono::seconds(20)));
 }
 
-// A thread that waits for its answers reads them itself, keeping the reading
-// turn between its questions; once it stays away (here: busy, never asking
-// again), the connection must read the other messages without it.
+// A thread that waits for its answers reads them itself, keeping the reading turn between its
+// questions; once it stays away (here: busy, never asking again), the connection must read the
+// other messages without it.
 TEST_F(ReadingTurn, AThreadThatStopsAskingDoesNotHoldUpTheReading) {
   first->resume();
   second->resume();

@@ -1,6 +1,6 @@
-// The test service as a real process: started on demand, shared, idle exit,
-// hostile frames, departed clients, other users, the socket folder, and a
-// listener out of descriptors.
+// The test service as a real process: started on demand, shared, idle exit, hostile frames,
+// departed clients, other users, the socket folder, and a listener out of descriptors.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -40,6 +40,7 @@ namespace {
 using namespace std::chrono_literals;
 using qx::test::eventually;
 namespace fs = std::filesystem;
+using ::testing::HasSubstr;
 using testing::json;
 
 inline bool writeAll(int fd, std::span<const uint8_t> bytes) {
@@ -113,10 +114,9 @@ TEST_F(ServiceProcess, StartsOnDemandServesEachClientItsOwnObjectAndExitsWhenIdl
   ASSERT_GT(pid, 0);
   EXPECT_NE(pid, ::getpid());
   EXPECT_EQ(pidOf(second), pid);
-  EXPECT_EQ(increment(first), 1);
-  EXPECT_EQ(increment(first), 2);
-  EXPECT_EQ(increment(second), 1);
-  EXPECT_EQ(increment(first), 3);
+  const int64_t counts[] = {increment(first), increment(first), increment(second),
+                            increment(first)};
+  EXPECT_THAT(counts, ::testing::ElementsAre(1, 2, 1, 3)) << "each client its own counter";
 
   // An open connection keeps the service up past its idle time.
   first->invalidate();
@@ -131,8 +131,8 @@ TEST_F(ServiceProcess, StartsOnDemandServesEachClientItsOwnObjectAndExitsWhenIdl
   // The next client starts a new service on the stale socket.
   auto third = connectClient();
   ASSERT_TRUE(third);
-  EXPECT_GT(pidOf(third), 0);
-  EXPECT_NE(pidOf(third), pid);
+  const pid_t restarted = pidOf(third);
+  EXPECT_TRUE(restarted > 0 && restarted != pid) << restarted;
   third->invalidate();
   EXPECT_TRUE(sandbox.allGoneWithin(10s));
 }
@@ -174,10 +174,10 @@ TEST_F(ServiceProcess, EightClientsStartedAtOnceShareOneService) {
   EXPECT_GT(std::atoi(answers.begin()->c_str()), 0);
 }
 
-// A service leaving when idle makes its last check for waiting connections
-// and closes its socket under the exclusive lock. Clients connect only under
-// the shared lock, so none can slip in between that check and the closing,
-// where the kernel would take the connection and the closing then drop it.
+// A service leaving when idle makes its last check for waiting connections and closes its socket
+// under the exclusive lock. Clients connect only under the shared lock, so none can slip in between
+// that check and the closing, where the kernel would take the connection and the closing then drop
+// it.
 TEST_F(ServiceProcess, ClientsConnectOnlyWhileNoServiceMakesItsLastCheck) {
   auto first = connectClient();
   ASSERT_TRUE(first);
@@ -196,8 +196,8 @@ TEST_F(ServiceProcess, ClientsConnectOnlyWhileNoServiceMakesItsLastCheck) {
   connection->invalidate();
 }
 
-// The root of a keyed archive read as plain JSON: arrays and dictionaries
-// by their NS.objects and NS.keys, other objects as they stand.
+// The root of a keyed archive read as plain JSON: arrays and dictionaries by their NS.objects and
+// NS.keys, other objects as they stand.
 json plain(const json& archive, const json& reference) {
   const json& value = archive["$objects"][reference["UID"].get<std::size_t>()];
   if (value == "$null") return nullptr;
@@ -214,8 +214,7 @@ json plain(const json& archive, const json& reference) {
   return result;
 }
 
-// The first message the peer sends on `fd`, as plain JSON; null when the
-// connection closes first.
+// The first message the peer sends on `fd`, as plain JSON; null when the connection closes first.
 json firstMessage(int fd) {
   timeval tv{5, 0};
   ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
@@ -231,10 +230,10 @@ json firstMessage(int fd) {
   return nullptr;
 }
 
-// data/frames.jsonl: what one client connection sends, a "frame" in hex or a
-// "message" (a keyed archive as JSON, written independently of the archiver)
-// framed, less "cut" bytes at the end; and the "answer" read back, or
-// "closes": the service closes that connection and goes on serving others.
+// data/frames.jsonl: what one client connection sends, a "frame" in hex or a "message" (a keyed
+// archive as JSON, written independently of the archiver) framed, less "cut" bytes at the end; and
+// the "answer" read back, or "closes": the service closes that connection and goes on serving
+// others.
 TEST_F(ServiceProcess, EachDataFrameGetsItsAnswerOrClosesOnlyItsOwnConnection) {
   auto good = connectClient();
   ASSERT_TRUE(good);
@@ -258,8 +257,7 @@ TEST_F(ServiceProcess, EachDataFrameGetsItsAnswerOrClosesOnlyItsOwnConnection) {
     } else {
       json answer = firstMessage(raw.get());
       if (row.contains("reason holds")) {
-        EXPECT_NE(answer.value("reason", "").find(row["reason holds"]), std::string::npos)
-            << answer;
+        EXPECT_THAT(answer.value("reason", ""), HasSubstr(row["reason holds"])) << answer;
         answer.erase("reason");
       }
       EXPECT_EQ(answer, row["answer"]);
@@ -318,12 +316,12 @@ TEST_F(ServiceProcess, TheSocketFolderIsPrivateAndOursAndAMissingServiceIsAnErro
     return XpcServiceSocket::socketDirectory(&error) ? "accepted" : error;
   };
   ASSERT_EQ(::chmod(inner.c_str(), 0750), 0);
-  EXPECT_NE(refusal(inner).find("open to other users"), std::string::npos);
+  EXPECT_THAT(refusal(inner), HasSubstr("open to other users"));
   ASSERT_EQ(::chmod(inner.c_str(), 0700), 0);
-  EXPECT_NE(refusal(link).find("not a folder"), std::string::npos);
+  EXPECT_THAT(refusal(link), HasSubstr("not a folder"));
   if (::geteuid() == 0) {
     ASSERT_EQ(::chown(inner.c_str(), 65534, 65534), 0);
-    EXPECT_NE(refusal(inner).find("belongs to another user"), std::string::npos);
+    EXPECT_THAT(refusal(inner), HasSubstr("belongs to another user"));
   }
 
   // Without a folder given: the runtime folder, else one in /tmp named for the user.
@@ -341,17 +339,16 @@ TEST_F(ServiceProcess, TheSocketFolderIsPrivateAndOursAndAMissingServiceIsAnErro
   ::setenv("QXFILE_SOCKET_DIR", sandbox.socketFolder().c_str(), 1);
   std::string missing = sandbox.socketFolder() + "/no-such-service";
   EXPECT_FALSE(XpcServiceSocket::connectStartingService(missing, &error));
-  EXPECT_NE(error.find("Couldn't start the service"), std::string::npos);
+  EXPECT_THAT(error, HasSubstr("Couldn't start the service"));
   EXPECT_FALSE(fs::exists(socketPath()));
   ErrorPtr failure;
   EXPECT_FALSE(XpcConnection::connectToService(missing, &failure));
   EXPECT_TRUE(failure);
 }
 
-// The listener when the process has no descriptor to spare: a connection
-// waiting in the backlog cannot be accepted yet, and the listener waits for
-// descriptors to free up instead of polling the readable socket over and over.
-
+// The listener when the process has no descriptor to spare: a connection waiting in the backlog
+// cannot be accepted yet, and the listener waits for descriptors to free up instead of polling the
+// readable socket over and over.
 class SignallingDelegate final : public XpcListenerDelegate {
  public:
   bool shouldAcceptNewConnection(XpcListener&, const std::shared_ptr<XpcConnection>&) override {
@@ -398,13 +395,10 @@ std::string acceptWithoutDescriptors(const std::string& path) {
   listener->invalidate();
   accepting.join();
 
-  std::string problems;
-  if (spent > 100) {
-    problems += "the listener used " + std::to_string(static_cast<int>(spent)) +
-                " ms of processor time in 500 ms without descriptors; ";
-  }
-  if (!accepted) problems += "the waiting connection was never accepted";
-  return problems;
+  return (spent > 100 ? "the listener used " + std::to_string(static_cast<int>(spent)) +
+                            " ms of processor time in 500 ms without descriptors; "
+                      : "") +
+         (accepted ? "" : "the waiting connection was never accepted");
 }
 
 TEST(XpcListenerDescriptors, OutOfDescriptorsItWaitsAndAcceptsOnceSomeFreeUp) {

@@ -19,8 +19,8 @@
 
 namespace qx::xpctest {
 
-// Sends an invocation and waits for its reply arguments; nullopt when no
-// reply comes (refused, or the connection ends first).
+// Sends an invocation and waits for its reply arguments; nullopt when no reply comes (refused, or
+// the connection ends first).
 inline std::optional<std::vector<ObjectPtr>> waitForReply(XpcConnection& connection,
                                                           std::string selector,
                                                           std::vector<ObjectPtr> arguments) {
@@ -31,9 +31,9 @@ inline std::optional<std::vector<ObjectPtr>> waitForReply(XpcConnection& connect
 
 using EchoReply = OnceCallback<void(ErrorPtr, ArrayPtr, bool)>;
 
-// The protocol of the test service: an echo of an object that names its own
-// sets, a collection and a BOOL, a restricted argument, per-connection state, a request whose
-// worker asks the client and waits for each answer, and a method without a reply block.
+// The protocol of the test service: an echo of an object that names its own sets, a collection and
+// a BOOL, a restricted argument, per-connection state, a request whose worker asks the client and
+// waits for each answer, and a method without a reply block.
 class TestRequest {
  public:
   virtual ~TestRequest() = default;
@@ -42,9 +42,8 @@ class TestRequest {
   virtual void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) = 0;
   virtual void incrementWithReply(OnceCallback<void(NumberPtr)> reply) = 0;
   virtual void processIdWithReply(OnceCallback<void(NumberPtr)> reply) = 0;
-  // On the object's operation queue: asks the client `count` questions, each
-  // time waiting for the answer; replies with the answers. Released with no
-  // answer, it stops.
+  // On the object's operation queue: asks the client `count` questions, each time waiting for the
+  // answer; replies with the answers. Released with no answer, it stops.
   virtual void askClient(NumberPtr count, OnceCallback<void(ArrayPtr)> reply) = 0;
   virtual void note(StringPtr text) = 0;
   virtual void notesWithReply(OnceCallback<void(ArrayPtr)> reply) = 0;
@@ -109,9 +108,8 @@ inline const XpcProtocol& testResponseProtocol() {
   return protocol;
 }
 
-// The exported object of one test-service connection. Like the service's own
-// per-connection object it holds its connection and invalidates it when
-// destroyed.
+// The exported object of one test-service connection. Like the service's own per-connection object
+// it holds its connection and invalidates it when destroyed.
 class TestService final : public TestRequest, public std::enable_shared_from_this<TestService> {
  public:
   explicit TestService(std::shared_ptr<XpcConnection> connection)
@@ -178,8 +176,8 @@ class TestServiceDelegate final : public XpcListenerDelegate {
   }
 };
 
-// The client side's exported object: answers questions at once, or holds the
-// reply blocks until answerHeld().
+// The client side's exported object: answers questions at once, or holds the reply blocks until
+// answerHeld().
 class TestClient final : public TestResponse {
  public:
   explicit TestClient(bool hold = false) : hold_(hold) {}
