@@ -14,8 +14,12 @@ qx::ObjectPtr QXFileSizeItem::initWithCoder(qx::KeyedUnarchiver& coder) {
 }
 
 void QXFileSizeItem::encodeWithCoder(qx::KeyedArchiver& coder) const {
-  coder.encodeInteger(size_, "size");
-  coder.encodeBool(busy_, "busy");
+  encodeValues(coder, size_, busy_);
+}
+
+void QXFileSizeItem::encodeValues(qx::KeyedArchiver& coder, int64_t size, bool busy) {
+  coder.encodeInteger(size, "size");
+  coder.encodeBool(busy, "busy");
 }
 
 std::string QXFileSizeItem::description() const {

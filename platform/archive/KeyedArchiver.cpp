@@ -339,10 +339,14 @@ void KeyedArchiver::encodeStringObject(std::string_view text, std::string_view k
 // A new UID every time: an object made for the call would be a new object,
 // never one archived before.
 void KeyedArchiver::encodeNewObject(uint32_t value, std::string_view key) {
+  encodeUid(newObject(value), key);
+}
+
+uint32_t KeyedArchiver::newObject(uint32_t value) {
   auto uid = static_cast<uint32_t>(state_.objects.size());
   state_.objects.push_back(value);
   state_.uidValues.push_back(State::kNoValue);
-  encodeUid(uid, key);
+  return uid;
 }
 
 // Array elements go on the stack above the current object's pairs; encoding
@@ -352,8 +356,20 @@ std::size_t KeyedArchiver::beginArray() {
 }
 
 void KeyedArchiver::addArrayElement(const ObjectPtr& object) {
-  uint32_t uid = uidFor(object);
+  addArrayUid(uidFor(object));
+}
+
+void KeyedArchiver::addArrayUid(uint32_t uid) {
   state_.stack.push_back(uidValue(state_, uid));
+}
+
+// As uidFor writes a String or an integer Number met for the first time.
+uint32_t KeyedArchiver::stringObject(std::string_view text) {
+  return newObject(state_.plist.addString(text));
+}
+
+uint32_t KeyedArchiver::integerObject(int64_t value) {
+  return newObject(state_.plist.addInteger(value));
 }
 
 void KeyedArchiver::endArray(std::size_t start, std::string_view key) {
@@ -394,28 +410,42 @@ void KeyedArchiver::encodeArrayOfObjects(const std::vector<ObjectPtr>& objects,
 }
 
 DataPtr KeyedArchiver::archivedDataWithRootObject(const ObjectPtr& root) {
+  std::vector<uint8_t> bytes =
+      archiveOfRoot([&](KeyedArchiver& coder) { return coder.uidFor(root); });
+  if (bytes.empty()) return nullptr;
+  try {
+    return Data::make(std::move(bytes));
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+std::vector<uint8_t> KeyedArchiver::archiveOfRoot(
+    const std::function<uint32_t(KeyedArchiver&)>& writeRoot) {
   try {
     ScratchPool<State>::Lease lease;
     State& state = *lease;
     KeyedArchiver coder(state);
-    BinaryPlist& plist = state.plist;
-    state.objects.push_back(plist.addString("$null"));
+    state.objects.push_back(state.plist.addString("$null"));
     state.uidValues.push_back(State::kNoValue);
-    state.classKey = plist.addString("$class");
-    uint32_t rootUid = coder.uidFor(root);
-
-    Ref rootKey = plist.addString("root");
-    Ref rootValue = uidValue(state, rootUid);
-    Ref keys[] = {plist.addString("$archiver"), plist.addString("$objects"),
-                  plist.addString("$top"), plist.addString("$version")};
-    Ref values[] = {plist.addString("NSKeyedArchiver"), plist.addArray(state.objects),
-                    plist.addDictionary({&rootKey, 1}, {&rootValue, 1}), plist.addInteger(100000)};
-    Ref top = plist.addDictionary(keys, values);
-    return Data::make(plist.write(top));
+    state.classKey = state.plist.addString("$class");
+    return coder.finish(writeRoot(coder));
   } catch (...) {
     // Out of memory, or an encodeWithCoder that threw: no archive.
-    return nullptr;
+    return {};
   }
+}
+
+std::vector<uint8_t> KeyedArchiver::finish(uint32_t rootUid) {
+  BinaryPlist& plist = state_.plist;
+  Ref rootKey = plist.addString("root");
+  Ref rootValue = uidValue(state_, rootUid);
+  Ref keys[] = {plist.addString("$archiver"), plist.addString("$objects"), plist.addString("$top"),
+                plist.addString("$version")};
+  Ref values[] = {plist.addString("NSKeyedArchiver"), plist.addArray(state_.objects),
+                  plist.addDictionary({&rootKey, 1}, {&rootValue, 1}), plist.addInteger(100000)};
+  Ref top = plist.addDictionary(keys, values);
+  return plist.write(top);
 }
 
 }  // namespace qx

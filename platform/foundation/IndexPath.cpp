@@ -131,20 +131,25 @@ std::string IndexPath::description() const {
 }
 
 void IndexPath::encodeWithCoder(KeyedArchiver& coder) const {
-  coder.encodeInteger(static_cast<int64_t>(length_), "NSIndexPathLength");
-  if (length_ == 1) {
-    coder.encodeInteger(static_cast<int64_t>(data()[0]), "NSIndexPathValue");
-  } else if (length_ >= 2) {
+  encodeIndexes(coder, span());
+}
+
+void IndexPath::encodeIndexes(KeyedArchiver& coder, std::span<const uint64_t> indexes) {
+  std::size_t length = indexes.size();
+  coder.encodeInteger(static_cast<int64_t>(length), "NSIndexPathLength");
+  if (length == 1) {
+    coder.encodeInteger(static_cast<int64_t>(indexes[0]), "NSIndexPathValue");
+  } else if (length >= 2) {
     // Paths of a tree are short: their bytes are built on the stack.
     std::array<uint8_t, 16 * kMaxLeb128Bytes> local;
     std::vector<uint8_t> large;
     uint8_t* begin = local.data();
-    if (length_ * kMaxLeb128Bytes > local.size()) {
-      large.resize(length_ * kMaxLeb128Bytes);
+    if (length * kMaxLeb128Bytes > local.size()) {
+      large.resize(length * kMaxLeb128Bytes);
       begin = large.data();
     }
     uint8_t* end = begin;
-    for (uint64_t index : span()) end = writeLeb128(index, end);
+    for (uint64_t index : indexes) end = writeLeb128(index, end);
     coder.encodeDataObject({begin, end}, "NSIndexPathData");
   }
 }

@@ -48,6 +48,8 @@ class IndexPath final : public Object {
   std::size_t hash() const override;
   std::string description() const override;
   void encodeWithCoder(KeyedArchiver& coder) const override;
+  // The keys of a path of `indexes`, written without the object.
+  static void encodeIndexes(KeyedArchiver& coder, std::span<const uint64_t> indexes);
 
  private:
   static constexpr std::size_t kInline = 4;
