@@ -17,11 +17,6 @@ void QXFileSizeItem::encodeWithCoder(qx::KeyedArchiver& coder) const {
   encodeValues(coder, size_, busy_);
 }
 
-void QXFileSizeItem::encodeValues(qx::KeyedArchiver& coder, int64_t size, bool busy) {
-  coder.encodeInteger(size, "size");
-  coder.encodeBool(busy, "busy");
-}
-
 std::string QXFileSizeItem::description() const {
   return "<QXFileSizeItem size=" + std::to_string(size_) + (busy_ ? " busy" : "") + ">";
 }

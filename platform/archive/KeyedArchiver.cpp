@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 
@@ -153,7 +154,7 @@ struct KeyedArchiver::State {
 
 namespace {
 
-Ref uidValue(KeyedArchiver::State& state, uint32_t uid) {
+Ref uidValueOf(KeyedArchiver::State& state, uint32_t uid) {
   // One entry per UID: uidFor and classUid grow it with `objects`.
   Ref& value = state.uidValues[uid];
   if (value == KeyedArchiver::State::kNoValue) value = state.plist.addUid(uid);
@@ -168,7 +169,7 @@ Ref uidValue(KeyedArchiver::State& state, uint32_t uid) {
 // literals, which lie a few bytes apart, so the address is mixed before it
 // picks a slot, and a few slots from there are probed so that two keys of one
 // record that meet in a slot do not push each other out on every record.
-Ref keyValue(KeyedArchiver::State& state, std::string_view key) {
+Ref keyValueOf(KeyedArchiver::State& state, std::string_view key) {
   if (key.starts_with('$')) return state.plist.addString("$" + std::string(key));
   auto bits = reinterpret_cast<uintptr_t>(key.data()) ^ key.size();
   std::size_t first = (bits * 0x9E3779B97F4A7C15ULL) >> 58;
@@ -274,16 +275,16 @@ KeyedArchiver::OpenObject KeyedArchiver::openObject() {
 void KeyedArchiver::closeObject(const OpenObject& open, const ClassInfo& cls) {
   uint32_t classRef = classUid(cls);
   state_.stack.push_back(state_.classKey);
-  state_.stack.push_back(uidValue(state_, classRef));
+  state_.stack.push_back(uidValueOf(state_, classRef));
   std::span<const Ref> pairs(state_.stack.data() + open.start, state_.stack.size() - open.start);
   state_.objects[open.uid] = state_.plist.addDictionaryOfPairs(pairs);
   state_.stack.resize(open.start);
 }
 
 void KeyedArchiver::encodeUid(uint32_t uid, std::string_view key) {
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   state_.stack.push_back(k);
-  state_.stack.push_back(uidValue(state_, uid));
+  state_.stack.push_back(uidValueOf(state_, uid));
 }
 
 uint32_t KeyedArchiver::sharedUid(const ClassInfo& cls, std::string_view identity) const {
@@ -305,25 +306,25 @@ void KeyedArchiver::encodeInt(int32_t value, std::string_view key) {
 }
 
 void KeyedArchiver::encodeInteger(int64_t value, std::string_view key) {
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   state_.stack.push_back(k);
   state_.stack.push_back(state_.plist.addInteger(value));
 }
 
 void KeyedArchiver::encodeBool(bool value, std::string_view key) {
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   state_.stack.push_back(k);
   state_.stack.push_back(state_.plist.addBool(value));
 }
 
 void KeyedArchiver::encodeDouble(double value, std::string_view key) {
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   state_.stack.push_back(k);
   state_.stack.push_back(state_.plist.addReal(value));
 }
 
 void KeyedArchiver::encodeBytes(std::span<const uint8_t> bytes, std::string_view key) {
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   state_.stack.push_back(k);
   state_.stack.push_back(state_.plist.addData(bytes));
 }
@@ -360,7 +361,7 @@ void KeyedArchiver::addArrayElement(const ObjectPtr& object) {
 }
 
 void KeyedArchiver::addArrayUid(uint32_t uid) {
-  state_.stack.push_back(uidValue(state_, uid));
+  state_.stack.push_back(uidValueOf(state_, uid));
 }
 
 // As uidFor writes a String or an integer Number met for the first time.
@@ -374,7 +375,7 @@ uint32_t KeyedArchiver::integerObject(int64_t value) {
 
 void KeyedArchiver::endArray(std::size_t start, std::string_view key) {
   std::span<const Ref> elements(state_.stack.data() + start, state_.stack.size() - start);
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   Ref array = sharedArray(k, elements);
   state_.stack.resize(start);
   state_.stack.push_back(k);
@@ -409,6 +410,53 @@ void KeyedArchiver::encodeArrayOfObjects(const std::vector<ObjectPtr>& objects,
   endArray(start, key);
 }
 
+KeyedArchiver::Value KeyedArchiver::keyValue(std::string_view key) {
+  return keyValueOf(state_, key);
+}
+
+KeyedArchiver::Value KeyedArchiver::integerValue(int64_t value) {
+  return state_.plist.addInteger(value);
+}
+
+KeyedArchiver::Value KeyedArchiver::boolValue(bool value) {
+  return state_.plist.addBool(value);
+}
+
+KeyedArchiver::Value KeyedArchiver::uidValue(uint32_t uid) {
+  return uidValueOf(state_, uid);
+}
+
+uint32_t KeyedArchiver::dataObject(std::span<const uint8_t> bytes) {
+  return newObject(state_.plist.addData(bytes));
+}
+
+uint32_t KeyedArchiver::reserveObject() {
+  return openObject().uid;
+}
+
+// The dictionary closeObject makes from the same pairs.
+void KeyedArchiver::fillObject(uint32_t uid, const ClassInfo& cls, std::span<const Value> keys,
+                               std::span<const Value> values) {
+  constexpr std::size_t kMost = 15;
+  if (keys.size() != values.size() || keys.size() > kMost) throw std::length_error("fillObject");
+  Value allKeys[kMost + 1];
+  Value allValues[kMost + 1];
+  // Element by element: a call of memmove costs more than these few copies.
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    allKeys[i] = keys[i];
+    allValues[i] = values[i];
+  }
+  uint32_t classRef = classUid(cls);
+  allKeys[keys.size()] = state_.classKey;
+  allValues[keys.size()] = uidValueOf(state_, classRef);
+  state_.objects[uid] =
+      state_.plist.addDictionary({allKeys, keys.size() + 1}, {allValues, keys.size() + 1});
+}
+
+KeyedArchiver::Value KeyedArchiver::arrayOfUids(Value key, std::span<const Value> uids) {
+  return sharedArray(key, uids);
+}
+
 DataPtr KeyedArchiver::archivedDataWithRootObject(const ObjectPtr& root) {
   std::vector<uint8_t> bytes =
       archiveOfRoot([&](KeyedArchiver& coder) { return coder.uidFor(root); });
@@ -439,7 +487,7 @@ std::vector<uint8_t> KeyedArchiver::archiveOfRoot(
 std::vector<uint8_t> KeyedArchiver::finish(uint32_t rootUid) {
   BinaryPlist& plist = state_.plist;
   Ref rootKey = plist.addString("root");
-  Ref rootValue = uidValue(state_, rootUid);
+  Ref rootValue = uidValueOf(state_, rootUid);
   Ref keys[] = {plist.addString("$archiver"), plist.addString("$objects"), plist.addString("$top"),
                 plist.addString("$version")};
   Ref values[] = {plist.addString("NSKeyedArchiver"), plist.addArray(state_.objects),

@@ -105,6 +105,31 @@ class KeyedArchiver {
     encodeUid(uid, key);
   }
 
+  // Writing by values, for objects written many times (the records of a
+  // report): the same property list values, in the same order, as the encode
+  // calls and the object's encodeWithCoder make, without gathering pairs on a
+  // stack or looking a key up by its text on every call. A Value names a value
+  // of this archive's property list; 0 is never a key.
+  using Value = uint32_t;
+  // The key value of `key`, as the encode calls use it.
+  Value keyValue(std::string_view key);
+  Value integerValue(int64_t value);
+  Value boolValue(bool value);
+  // The UID value naming object `uid`.
+  Value uidValue(uint32_t uid);
+  // A new NSData object of `bytes` (encodeDataObject without its key).
+  uint32_t dataObject(std::span<const uint8_t> bytes);
+  // A new object's UID, taken before its contents are written (its slot
+  // among the objects comes before theirs)...
+  uint32_t reserveObject();
+  // ...and its dictionary once they are: `keys[i]` holds `values[i]`, then
+  // $class names `cls`.
+  void fillObject(uint32_t uid, const ClassInfo& cls, std::span<const Value> keys,
+                  std::span<const Value> values);
+  // An inline array of UID values under the key value `key`, shared with
+  // the last one written under that key when they are equal.
+  Value arrayOfUids(Value key, std::span<const Value> uids);
+
   ~KeyedArchiver();
   KeyedArchiver(const KeyedArchiver&) = delete;
   KeyedArchiver& operator=(const KeyedArchiver&) = delete;

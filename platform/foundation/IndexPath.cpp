@@ -134,24 +134,17 @@ void IndexPath::encodeWithCoder(KeyedArchiver& coder) const {
   encodeIndexes(coder, span());
 }
 
-void IndexPath::encodeIndexes(KeyedArchiver& coder, std::span<const uint64_t> indexes) {
-  std::size_t length = indexes.size();
-  coder.encodeInteger(static_cast<int64_t>(length), "NSIndexPathLength");
-  if (length == 1) {
-    coder.encodeInteger(static_cast<int64_t>(indexes[0]), "NSIndexPathValue");
-  } else if (length >= 2) {
-    // Paths of a tree are short: their bytes are built on the stack.
-    std::array<uint8_t, 16 * kMaxLeb128Bytes> local;
-    std::vector<uint8_t> large;
-    uint8_t* begin = local.data();
-    if (length * kMaxLeb128Bytes > local.size()) {
-      large.resize(length * kMaxLeb128Bytes);
-      begin = large.data();
-    }
-    uint8_t* end = begin;
-    for (uint64_t index : indexes) end = writeLeb128(index, end);
-    coder.encodeDataObject({begin, end}, "NSIndexPathData");
+std::span<const uint8_t> IndexPath::archivedBytes(std::span<const uint64_t> indexes,
+                                                  std::span<uint8_t, kLocalBytes> local,
+                                                  std::vector<uint8_t>& large) {
+  uint8_t* begin = local.data();
+  if (indexes.size() * kMaxLeb128Bytes > local.size()) {
+    large.resize(indexes.size() * kMaxLeb128Bytes);
+    begin = large.data();
   }
+  uint8_t* end = begin;
+  for (uint64_t index : indexes) end = writeLeb128(index, end);
+  return {begin, end};
 }
 
 }  // namespace qx
