@@ -51,6 +51,15 @@ std::vector<Shape> shapes() {
   repeated.push_back(repeated.front());
   repeated.push_back({repeated[1].indexPath, repeated[0].item});
   all.push_back({"repeated objects", repeated});
+  // Path forms and busy flags interleaved: each form's keys and each class
+  // first met in the middle of the report.
+  QXSizeUpdates mixed;
+  for (uint64_t i = 0; i < 12; ++i) {
+    std::vector<uint64_t> path(i % 4, i);
+    mixed.push_back(update(path, int64_t(i % 5) * 3, i % 2 == 1));
+  }
+  mixed.push_back(mixed[5]);
+  all.push_back({"mixed", mixed});
   all.push_back({"absent values",
                  {{nullptr, QXFileSizeItem::make(1)}, {qx::IndexPath::make({1, 2}), nullptr}}});
   return all;
