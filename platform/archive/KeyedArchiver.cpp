@@ -118,9 +118,16 @@ struct KeyedArchiver::State {
   };
   KeyCacheEntry keyCache[64];
   static constexpr std::size_t kKeyProbes = 4;
-  // The class met last and its UID: records of one class follow each other.
-  const ClassInfo* lastClass = nullptr;
-  uint32_t lastClassUid = 0;
+  // Classes met recently and their UIDs, by the class's address: the
+  // records of a report alternate between three classes.
+  struct RecentClass {
+    const ClassInfo* cls = nullptr;
+    uint32_t uid = 0;
+  };
+  RecentClass recentClasses[8];
+  static std::size_t recentSlot(const ClassInfo& cls) {
+    return (reinterpret_cast<uintptr_t>(&cls) * 0x9E3779B97F4A7C15ULL) >> 61;
+  }
   // The last inline array of UIDs written under each key (by the key's Ref):
   // the records of an array of dictionaries nearly always hold the same keys,
   // and an array equal to the one before it is shared instead of written
@@ -141,8 +148,7 @@ struct KeyedArchiver::State {
     uidValues.clear();
     stack.clear();
     classKey = 0;
-    lastClass = nullptr;
-    lastClassUid = 0;
+    std::fill(std::begin(recentClasses), std::end(recentClasses), RecentClass{});
     lastArrays.clear();
     std::fill(std::begin(keyCache), std::end(keyCache), KeyCacheEntry{});
     bool small = uids.clear();
@@ -211,6 +217,15 @@ Ref plainValue(BinaryPlist& plist, const Object& object, const ClassInfo& cls) {
   return plist.addInteger(number.integerValue());
 }
 
+// Element by element: the arrays compared are a record's few references,
+// fewer than a call of memcmp costs.
+bool sameRefs(std::span<const Ref> a, std::span<const Ref> b) {
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (a[i] != b[i]) return false;
+  }
+  return true;
+}
+
 bool isPlainClass(const ClassInfo& cls) {
   return &cls == &String::classInfo() || &cls == &Number::classInfo() || &cls == &Data::classInfo();
 }
@@ -220,11 +235,11 @@ bool isPlainClass(const ClassInfo& cls) {
 KeyedArchiver::~KeyedArchiver() = default;
 
 uint32_t KeyedArchiver::classUid(const ClassInfo& cls) {
-  if (state_.lastClass == &cls) return state_.lastClassUid;
+  State::RecentClass& recent = state_.recentClasses[State::recentSlot(cls)];
+  if (recent.cls == &cls) return recent.uid;
   for (const auto& [known, uid] : state_.classUids) {
     if (known == &cls) {
-      state_.lastClass = &cls;
-      state_.lastClassUid = uid;
+      recent = {&cls, uid};
       return uid;
     }
   }
@@ -237,8 +252,7 @@ uint32_t KeyedArchiver::classUid(const ClassInfo& cls) {
   state_.objects.push_back(plist.addDictionary(keys, values));
   state_.uidValues.push_back(State::kNoValue);
   state_.classUids.emplace_back(&cls, uid);
-  state_.lastClass = &cls;
-  state_.lastClassUid = uid;
+  recent = {&cls, uid};
   return uid;
 }
 
@@ -391,8 +405,7 @@ BinaryPlist::Ref KeyedArchiver::sharedArray(Ref k, std::span<const Ref> elements
   BinaryPlist& plist = state_.plist;
   for (auto& [key, last] : state_.lastArrays) {
     if (key != k) continue;
-    if (plist.count(last) == elements.size() &&
-        std::equal(elements.begin(), elements.end(), plist.elements(last).begin())) {
+    if (plist.count(last) == elements.size() && sameRefs(elements, plist.elements(last))) {
       return last;
     }
     last = plist.addArray(elements);
