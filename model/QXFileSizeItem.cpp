@@ -14,8 +14,7 @@ qx::ObjectPtr QXFileSizeItem::initWithCoder(qx::KeyedUnarchiver& coder) {
 }
 
 void QXFileSizeItem::encodeWithCoder(qx::KeyedArchiver& coder) const {
-  coder.encodeInteger(size_, "size");
-  coder.encodeBool(busy_, "busy");
+  encodeValues(coder, size_, busy_);
 }
 
 std::string QXFileSizeItem::description() const {

@@ -21,6 +21,13 @@ class QXFileSizeItem final : public qx::Object {
   static constexpr bool supportsSecureCoding() { return true; }
   static qx::ObjectPtr initWithCoder(qx::KeyedUnarchiver& coder);
   void encodeWithCoder(qx::KeyedArchiver& coder) const override;
+  // The keys of an item of `size` and `busy`, written without the object by
+  // a coder with KeyedArchiver's encodeInteger and encodeBool.
+  template <class Coder>
+  static void encodeValues(Coder& coder, int64_t size, bool busy) {
+    coder.encodeInteger(size, "size");
+    coder.encodeBool(busy, "busy");
+  }
 
   int64_t size() const { return size_; }
   void setSize(int64_t size) { size_ = size; }

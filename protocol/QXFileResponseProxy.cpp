@@ -7,3 +7,8 @@ void QXFileResponseProxy::progressWithReply(AnswerReply reply) {
 void QXFileResponseProxy::updateFileSizes(qx::ArrayPtr sizes, AnswerReply reply) {
   send(&QXFileResponse::updateFileSizes, std::move(reply), sizes);
 }
+
+void QXFileResponseProxy::updateFileSizesWritten(const qx::XpcMessage::ArgumentWriter& sizes,
+                                                 AnswerReply reply) {
+  sendWritten(&QXFileResponse::updateFileSizes, std::move(reply), {&sizes, 1});
+}

@@ -13,4 +13,7 @@ class QXFileResponseProxy final : public QXFileResponse, qx::XpcRemoteProxy {
 
   void progressWithReply(AnswerReply reply) override;
   void updateFileSizes(qx::ArrayPtr sizes, AnswerReply reply) override;
+  // The same call with the records written into the message by `sizes`
+  // instead of archived from an array (the report the service sends most).
+  void updateFileSizesWritten(const qx::XpcMessage::ArgumentWriter& sizes, AnswerReply reply);
 };

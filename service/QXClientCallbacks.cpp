@@ -8,6 +8,8 @@
 #include "platform/foundation/MutableArray.h"
 #include "platform/foundation/String.h"
 #include "protocol/QXFileResponse.h"
+#include "protocol/QXFileResponseProxy.h"
+#include "service/QXSizeReportWriter.h"
 
 namespace {
 
@@ -36,11 +38,16 @@ qx::ArrayPtr QXClientCallbacks::wireRecords(const QXSizeUpdates& updates) {
 }
 
 QXFileSizes::Report QXClientCallbacks::sizeReport(std::shared_ptr<qx::XpcConnection> connection) {
-  return [client = connection ? connection->remoteObjectProxy<QXFileResponse>()
-                              : nullptr](const QXSizeUpdates& batch) {
+  auto proxy = connection ? connection->remoteObjectProxy<QXFileResponse>() : nullptr;
+  return [client =
+              std::static_pointer_cast<QXFileResponseProxy>(proxy)](const QXSizeUpdates& batch) {
     if (!client) return false;
     std::optional<bool> goOn = qx::ReplyWaiter<bool>::wait([&](QXFileResponse::AnswerReply reply) {
-      client->updateFileSizes(wireRecords(batch), std::move(reply));
+      // Written straight from the records: the same message as
+      // updateFileSizes(wireRecords(batch)) sends.
+      client->updateFileSizesWritten(
+          [&](qx::KeyedArchiver& coder) { return QXSizeReportWriter::writeRecords(coder, batch); },
+          std::move(reply));
     });
     return goOn.value_or(false);
   };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 
@@ -117,9 +118,16 @@ struct KeyedArchiver::State {
   };
   KeyCacheEntry keyCache[64];
   static constexpr std::size_t kKeyProbes = 4;
-  // The class met last and its UID: records of one class follow each other.
-  const ClassInfo* lastClass = nullptr;
-  uint32_t lastClassUid = 0;
+  // Classes met recently and their UIDs, by the class's address: the
+  // records of a report alternate between three classes.
+  struct RecentClass {
+    const ClassInfo* cls = nullptr;
+    uint32_t uid = 0;
+  };
+  RecentClass recentClasses[8];
+  static std::size_t recentSlot(const ClassInfo& cls) {
+    return (reinterpret_cast<uintptr_t>(&cls) * 0x9E3779B97F4A7C15ULL) >> 61;
+  }
   // The last inline array of UIDs written under each key (by the key's Ref):
   // the records of an array of dictionaries nearly always hold the same keys,
   // and an array equal to the one before it is shared instead of written
@@ -140,8 +148,7 @@ struct KeyedArchiver::State {
     uidValues.clear();
     stack.clear();
     classKey = 0;
-    lastClass = nullptr;
-    lastClassUid = 0;
+    std::fill(std::begin(recentClasses), std::end(recentClasses), RecentClass{});
     lastArrays.clear();
     std::fill(std::begin(keyCache), std::end(keyCache), KeyCacheEntry{});
     bool small = uids.clear();
@@ -153,7 +160,7 @@ struct KeyedArchiver::State {
 
 namespace {
 
-Ref uidValue(KeyedArchiver::State& state, uint32_t uid) {
+Ref uidValueOf(KeyedArchiver::State& state, uint32_t uid) {
   // One entry per UID: uidFor and classUid grow it with `objects`.
   Ref& value = state.uidValues[uid];
   if (value == KeyedArchiver::State::kNoValue) value = state.plist.addUid(uid);
@@ -168,7 +175,7 @@ Ref uidValue(KeyedArchiver::State& state, uint32_t uid) {
 // literals, which lie a few bytes apart, so the address is mixed before it
 // picks a slot, and a few slots from there are probed so that two keys of one
 // record that meet in a slot do not push each other out on every record.
-Ref keyValue(KeyedArchiver::State& state, std::string_view key) {
+Ref keyValueOf(KeyedArchiver::State& state, std::string_view key) {
   if (key.starts_with('$')) return state.plist.addString("$" + std::string(key));
   auto bits = reinterpret_cast<uintptr_t>(key.data()) ^ key.size();
   std::size_t first = (bits * 0x9E3779B97F4A7C15ULL) >> 58;
@@ -210,6 +217,15 @@ Ref plainValue(BinaryPlist& plist, const Object& object, const ClassInfo& cls) {
   return plist.addInteger(number.integerValue());
 }
 
+// Element by element: the arrays compared are a record's few references,
+// fewer than a call of memcmp costs.
+bool sameRefs(std::span<const Ref> a, std::span<const Ref> b) {
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (a[i] != b[i]) return false;
+  }
+  return true;
+}
+
 bool isPlainClass(const ClassInfo& cls) {
   return &cls == &String::classInfo() || &cls == &Number::classInfo() || &cls == &Data::classInfo();
 }
@@ -219,11 +235,11 @@ bool isPlainClass(const ClassInfo& cls) {
 KeyedArchiver::~KeyedArchiver() = default;
 
 uint32_t KeyedArchiver::classUid(const ClassInfo& cls) {
-  if (state_.lastClass == &cls) return state_.lastClassUid;
+  State::RecentClass& recent = state_.recentClasses[State::recentSlot(cls)];
+  if (recent.cls == &cls) return recent.uid;
   for (const auto& [known, uid] : state_.classUids) {
     if (known == &cls) {
-      state_.lastClass = &cls;
-      state_.lastClassUid = uid;
+      recent = {&cls, uid};
       return uid;
     }
   }
@@ -236,8 +252,7 @@ uint32_t KeyedArchiver::classUid(const ClassInfo& cls) {
   state_.objects.push_back(plist.addDictionary(keys, values));
   state_.uidValues.push_back(State::kNoValue);
   state_.classUids.emplace_back(&cls, uid);
-  state_.lastClass = &cls;
-  state_.lastClassUid = uid;
+  recent = {&cls, uid};
   return uid;
 }
 
@@ -274,16 +289,16 @@ KeyedArchiver::OpenObject KeyedArchiver::openObject() {
 void KeyedArchiver::closeObject(const OpenObject& open, const ClassInfo& cls) {
   uint32_t classRef = classUid(cls);
   state_.stack.push_back(state_.classKey);
-  state_.stack.push_back(uidValue(state_, classRef));
+  state_.stack.push_back(uidValueOf(state_, classRef));
   std::span<const Ref> pairs(state_.stack.data() + open.start, state_.stack.size() - open.start);
   state_.objects[open.uid] = state_.plist.addDictionaryOfPairs(pairs);
   state_.stack.resize(open.start);
 }
 
 void KeyedArchiver::encodeUid(uint32_t uid, std::string_view key) {
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   state_.stack.push_back(k);
-  state_.stack.push_back(uidValue(state_, uid));
+  state_.stack.push_back(uidValueOf(state_, uid));
 }
 
 uint32_t KeyedArchiver::sharedUid(const ClassInfo& cls, std::string_view identity) const {
@@ -305,25 +320,25 @@ void KeyedArchiver::encodeInt(int32_t value, std::string_view key) {
 }
 
 void KeyedArchiver::encodeInteger(int64_t value, std::string_view key) {
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   state_.stack.push_back(k);
   state_.stack.push_back(state_.plist.addInteger(value));
 }
 
 void KeyedArchiver::encodeBool(bool value, std::string_view key) {
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   state_.stack.push_back(k);
   state_.stack.push_back(state_.plist.addBool(value));
 }
 
 void KeyedArchiver::encodeDouble(double value, std::string_view key) {
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   state_.stack.push_back(k);
   state_.stack.push_back(state_.plist.addReal(value));
 }
 
 void KeyedArchiver::encodeBytes(std::span<const uint8_t> bytes, std::string_view key) {
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   state_.stack.push_back(k);
   state_.stack.push_back(state_.plist.addData(bytes));
 }
@@ -339,10 +354,14 @@ void KeyedArchiver::encodeStringObject(std::string_view text, std::string_view k
 // A new UID every time: an object made for the call would be a new object,
 // never one archived before.
 void KeyedArchiver::encodeNewObject(uint32_t value, std::string_view key) {
+  encodeUid(newObject(value), key);
+}
+
+uint32_t KeyedArchiver::newObject(uint32_t value) {
   auto uid = static_cast<uint32_t>(state_.objects.size());
   state_.objects.push_back(value);
   state_.uidValues.push_back(State::kNoValue);
-  encodeUid(uid, key);
+  return uid;
 }
 
 // Array elements go on the stack above the current object's pairs; encoding
@@ -352,13 +371,25 @@ std::size_t KeyedArchiver::beginArray() {
 }
 
 void KeyedArchiver::addArrayElement(const ObjectPtr& object) {
-  uint32_t uid = uidFor(object);
-  state_.stack.push_back(uidValue(state_, uid));
+  addArrayUid(uidFor(object));
+}
+
+void KeyedArchiver::addArrayUid(uint32_t uid) {
+  state_.stack.push_back(uidValueOf(state_, uid));
+}
+
+// As uidFor writes a String or an integer Number met for the first time.
+uint32_t KeyedArchiver::stringObject(std::string_view text) {
+  return newObject(state_.plist.addString(text));
+}
+
+uint32_t KeyedArchiver::integerObject(int64_t value) {
+  return newObject(state_.plist.addInteger(value));
 }
 
 void KeyedArchiver::endArray(std::size_t start, std::string_view key) {
   std::span<const Ref> elements(state_.stack.data() + start, state_.stack.size() - start);
-  Ref k = keyValue(state_, key);
+  Ref k = keyValueOf(state_, key);
   Ref array = sharedArray(k, elements);
   state_.stack.resize(start);
   state_.stack.push_back(k);
@@ -374,8 +405,7 @@ BinaryPlist::Ref KeyedArchiver::sharedArray(Ref k, std::span<const Ref> elements
   BinaryPlist& plist = state_.plist;
   for (auto& [key, last] : state_.lastArrays) {
     if (key != k) continue;
-    if (plist.count(last) == elements.size() &&
-        std::equal(elements.begin(), elements.end(), plist.elements(last).begin())) {
+    if (plist.count(last) == elements.size() && sameRefs(elements, plist.elements(last))) {
       return last;
     }
     last = plist.addArray(elements);
@@ -393,29 +423,90 @@ void KeyedArchiver::encodeArrayOfObjects(const std::vector<ObjectPtr>& objects,
   endArray(start, key);
 }
 
+KeyedArchiver::Value KeyedArchiver::keyValue(std::string_view key) {
+  return keyValueOf(state_, key);
+}
+
+KeyedArchiver::Value KeyedArchiver::integerValue(int64_t value) {
+  return state_.plist.addInteger(value);
+}
+
+KeyedArchiver::Value KeyedArchiver::boolValue(bool value) {
+  return state_.plist.addBool(value);
+}
+
+KeyedArchiver::Value KeyedArchiver::uidValue(uint32_t uid) {
+  return uidValueOf(state_, uid);
+}
+
+uint32_t KeyedArchiver::dataObject(std::span<const uint8_t> bytes) {
+  return newObject(state_.plist.addData(bytes));
+}
+
+uint32_t KeyedArchiver::reserveObject() {
+  return openObject().uid;
+}
+
+// The dictionary closeObject makes from the same pairs.
+void KeyedArchiver::fillObject(uint32_t uid, const ClassInfo& cls, std::span<const Value> keys,
+                               std::span<const Value> values) {
+  constexpr std::size_t kMost = 15;
+  if (keys.size() != values.size() || keys.size() > kMost) throw std::length_error("fillObject");
+  Value allKeys[kMost + 1];
+  Value allValues[kMost + 1];
+  // Element by element: a call of memmove costs more than these few copies.
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    allKeys[i] = keys[i];
+    allValues[i] = values[i];
+  }
+  uint32_t classRef = classUid(cls);
+  allKeys[keys.size()] = state_.classKey;
+  allValues[keys.size()] = uidValueOf(state_, classRef);
+  state_.objects[uid] =
+      state_.plist.addDictionary({allKeys, keys.size() + 1}, {allValues, keys.size() + 1});
+}
+
+KeyedArchiver::Value KeyedArchiver::arrayOfUids(Value key, std::span<const Value> uids) {
+  return sharedArray(key, uids);
+}
+
 DataPtr KeyedArchiver::archivedDataWithRootObject(const ObjectPtr& root) {
+  std::vector<uint8_t> bytes =
+      archiveOfRoot([&](KeyedArchiver& coder) { return coder.uidFor(root); });
+  if (bytes.empty()) return nullptr;
+  try {
+    return Data::make(std::move(bytes));
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+std::vector<uint8_t> KeyedArchiver::archiveOfRoot(
+    const std::function<uint32_t(KeyedArchiver&)>& writeRoot) {
   try {
     ScratchPool<State>::Lease lease;
     State& state = *lease;
     KeyedArchiver coder(state);
-    BinaryPlist& plist = state.plist;
-    state.objects.push_back(plist.addString("$null"));
+    state.objects.push_back(state.plist.addString("$null"));
     state.uidValues.push_back(State::kNoValue);
-    state.classKey = plist.addString("$class");
-    uint32_t rootUid = coder.uidFor(root);
-
-    Ref rootKey = plist.addString("root");
-    Ref rootValue = uidValue(state, rootUid);
-    Ref keys[] = {plist.addString("$archiver"), plist.addString("$objects"),
-                  plist.addString("$top"), plist.addString("$version")};
-    Ref values[] = {plist.addString("NSKeyedArchiver"), plist.addArray(state.objects),
-                    plist.addDictionary({&rootKey, 1}, {&rootValue, 1}), plist.addInteger(100000)};
-    Ref top = plist.addDictionary(keys, values);
-    return Data::make(plist.write(top));
+    state.classKey = state.plist.addString("$class");
+    return coder.finish(writeRoot(coder));
   } catch (...) {
     // Out of memory, or an encodeWithCoder that threw: no archive.
-    return nullptr;
+    return {};
   }
+}
+
+std::vector<uint8_t> KeyedArchiver::finish(uint32_t rootUid) {
+  BinaryPlist& plist = state_.plist;
+  Ref rootKey = plist.addString("root");
+  Ref rootValue = uidValueOf(state_, rootUid);
+  Ref keys[] = {plist.addString("$archiver"), plist.addString("$objects"), plist.addString("$top"),
+                plist.addString("$version")};
+  Ref values[] = {plist.addString("NSKeyedArchiver"), plist.addArray(state_.objects),
+                  plist.addDictionary({&rootKey, 1}, {&rootValue, 1}), plist.addInteger(100000)};
+  Ref top = plist.addDictionary(keys, values);
+  return plist.write(top);
 }
 
 }  // namespace qx

@@ -131,22 +131,20 @@ std::string IndexPath::description() const {
 }
 
 void IndexPath::encodeWithCoder(KeyedArchiver& coder) const {
-  coder.encodeInteger(static_cast<int64_t>(length_), "NSIndexPathLength");
-  if (length_ == 1) {
-    coder.encodeInteger(static_cast<int64_t>(data()[0]), "NSIndexPathValue");
-  } else if (length_ >= 2) {
-    // Paths of a tree are short: their bytes are built on the stack.
-    std::array<uint8_t, 16 * kMaxLeb128Bytes> local;
-    std::vector<uint8_t> large;
-    uint8_t* begin = local.data();
-    if (length_ * kMaxLeb128Bytes > local.size()) {
-      large.resize(length_ * kMaxLeb128Bytes);
-      begin = large.data();
-    }
-    uint8_t* end = begin;
-    for (uint64_t index : span()) end = writeLeb128(index, end);
-    coder.encodeDataObject({begin, end}, "NSIndexPathData");
+  encodeIndexes(coder, span());
+}
+
+std::span<const uint8_t> IndexPath::archivedBytes(std::span<const uint64_t> indexes,
+                                                  std::span<uint8_t, kLocalBytes> local,
+                                                  std::vector<uint8_t>& large) {
+  uint8_t* begin = local.data();
+  if (indexes.size() * kMaxLeb128Bytes > local.size()) {
+    large.resize(indexes.size() * kMaxLeb128Bytes);
+    begin = large.data();
   }
+  uint8_t* end = begin;
+  for (uint64_t index : indexes) end = writeLeb128(index, end);
+  return {begin, end};
 }
 
 }  // namespace qx

@@ -48,9 +48,30 @@ class IndexPath final : public Object {
   std::size_t hash() const override;
   std::string description() const override;
   void encodeWithCoder(KeyedArchiver& coder) const override;
+  // The keys of a path of `indexes`, written without the object by a coder
+  // with KeyedArchiver's encodeInteger and encodeDataObject.
+  template <class Coder>
+  static void encodeIndexes(Coder& coder, std::span<const uint64_t> indexes) {
+    coder.encodeInteger(static_cast<int64_t>(indexes.size()), "NSIndexPathLength");
+    if (indexes.size() == 1) {
+      coder.encodeInteger(static_cast<int64_t>(indexes[0]), "NSIndexPathValue");
+    } else if (indexes.size() >= 2) {
+      // Paths of a tree are short: their bytes are built on the stack.
+      uint8_t local[kLocalBytes];
+      std::vector<uint8_t> large;
+      coder.encodeDataObject(archivedBytes(indexes, local, large), "NSIndexPathData");
+    }
+  }
 
  private:
   static constexpr std::size_t kInline = 4;
+  static constexpr std::size_t kLocalBytes = 160;
+
+  // The archived form of two or more indexes (NSIndexPathData), in `local`
+  // when it fits, else in `large`.
+  static std::span<const uint8_t> archivedBytes(std::span<const uint64_t> indexes,
+                                                std::span<uint8_t, kLocalBytes> local,
+                                                std::vector<uint8_t>& large);
 
   const uint64_t* data() const { return length_ <= kInline ? inline_ : heap_.get(); }
 

@@ -514,6 +514,29 @@ void XpcConnection::deliverInvocation(XpcMessage message, std::shared_ptr<XpcInt
 
 void XpcConnection::sendInvocation(std::string selector, std::vector<ObjectPtr> arguments,
                                    XpcReplyHandler reply, XpcErrorHandler onError) {
+  sendEncodedInvocation(
+      std::move(selector),
+      [&](const std::string& name, uint64_t sequence) {
+        return XpcMessage::invocation(name, std::move(arguments), sequence).encode();
+      },
+      std::move(reply), std::move(onError));
+}
+
+void XpcConnection::sendWrittenInvocation(std::string selector,
+                                          std::span<const XpcMessage::ArgumentWriter> arguments,
+                                          XpcReplyHandler reply, XpcErrorHandler onError) {
+  sendEncodedInvocation(
+      std::move(selector),
+      [&](const std::string& name, uint64_t sequence) {
+        return XpcMessage::encodeInvocation(name, arguments, sequence);
+      },
+      std::move(reply), std::move(onError));
+}
+
+void XpcConnection::sendEncodedInvocation(
+    std::string selector,
+    const std::function<std::vector<uint8_t>(const std::string&, uint64_t)>& encode,
+    XpcReplyHandler reply, XpcErrorHandler onError) {
   std::vector<ClassSet> replySets;
   if (reply) {
     if (auto interface = remoteObjectInterface()) {
@@ -535,8 +558,7 @@ void XpcConnection::sendInvocation(std::string selector, std::vector<ObjectPtr> 
           sequence, Pending{selector, std::move(replySets), std::move(reply), std::move(onError)});
     }
   }
-  std::vector<uint8_t> payload =
-      XpcMessage::invocation(std::move(selector), std::move(arguments), sequence).encode();
+  std::vector<uint8_t> payload = encode(selector, sequence);
   if (payload.empty() || payload.size() > kMaxFramePayload) {
     if (auto pending = takePending(sequence)) {
       endWithoutReply(std::move(*pending), kXpcConnectionRefusedError,

@@ -25,6 +25,7 @@
 #include "platform/xpc/UniqueFd.h"
 #include "platform/xpc/XpcFrame.h"
 #include "platform/xpc/XpcInterface.h"
+#include "platform/xpc/XpcMessage.h"
 
 namespace qx {
 
@@ -138,6 +139,11 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection>, public
   // `reply` is dropped uncalled.
   void sendInvocation(std::string selector, std::vector<ObjectPtr> arguments,
                       XpcReplyHandler reply = nullptr, XpcErrorHandler onError = nullptr);
+  // The same for arguments written into the archive by `arguments`
+  // (XpcMessage::encodeInvocation) instead of archived as objects.
+  void sendWrittenInvocation(std::string selector,
+                             std::span<const XpcMessage::ArgumentWriter> arguments,
+                             XpcReplyHandler reply = nullptr, XpcErrorHandler onError = nullptr);
 
   // True on the thread of this connection's delivery queue.
   bool isDeliveryQueueCurrent() const { return deliveryQueue_.isCurrent(); }
@@ -211,6 +217,11 @@ class XpcConnection : public std::enable_shared_from_this<XpcConnection>, public
   void deliverInvocation(XpcMessage message, std::shared_ptr<XpcInterface> interface,
                          const XpcMethod* method);
   void sendMessage(const XpcMessage& message);
+  // Sends the invocation whose payload `encode(selector, sequence)` makes.
+  void sendEncodedInvocation(
+      std::string selector,
+      const std::function<std::vector<uint8_t>(const std::string&, uint64_t)>& encode,
+      XpcReplyHandler reply, XpcErrorHandler onError);
   bool writeFrame(std::span<const uint8_t> payload);
   std::optional<Pending> takePending(uint64_t sequence);
   void endWithoutReply(Pending pending, int64_t code, std::string reason);

@@ -222,6 +222,29 @@ std::vector<uint8_t> XpcMessage::encode() const {
   return data ? data->bytes() : std::vector<uint8_t>();
 }
 
+std::vector<uint8_t> XpcMessage::encodeInvocation(std::string_view selector,
+                                                  std::span<const ArgumentWriter> arguments,
+                                                  uint64_t sequence) {
+  // The root dictionary as encode() archives it: its keys, then its values.
+  auto writeValue = [&](KeyedArchiver& coder, std::size_t i) -> uint32_t {
+    if (i == 0) return coder.stringObject(selector);
+    if (i == 2) return coder.integerObject(static_cast<int64_t>(sequence));
+    return coder.objectOfClass(Array::classInfo(), [&](KeyedArchiver& array) {
+      array.encodeArrayOfUids(
+          arguments.size(), [&](std::size_t j) { return arguments[j](array); }, "NS.objects");
+    });
+  };
+  return KeyedArchiver::archiveOfRoot([&](KeyedArchiver& coder) {
+    return coder.objectOfClass(Dictionary::classInfo(), [&](KeyedArchiver& root) {
+      const std::string_view keys[] = {kSelector, kArguments, kSequence};
+      root.encodeArrayOfUids(
+          3, [&](std::size_t i) { return root.stringObject(keys[i]); }, "NS.keys");
+      root.encodeArrayOfUids(
+          3, [&](std::size_t i) { return writeValue(root, i); }, "NS.objects");
+    });
+  });
+}
+
 XpcIncoming XpcIncoming::decode(std::span<const uint8_t> payload, XpcArgumentSets& sets) {
   XpcIncoming result;
   bool visited = false;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -11,6 +12,8 @@
 #include "platform/foundation/Object.h"
 
 namespace qx {
+
+class KeyedArchiver;
 
 // The three messages that cross a connection. Each frame holds one keyed
 // archive whose root is a dictionary:
@@ -36,6 +39,17 @@ struct XpcMessage {
 
   // The keyed archive of the message (the frame payload).
   std::vector<uint8_t> encode() const;
+
+  // Writes one argument into the archive without an object and answers its
+  // UID (KeyedArchiver's writing without objects).
+  using ArgumentWriter = std::function<uint32_t(KeyedArchiver&)>;
+  // The payload that encode() makes for an invocation whose arguments are
+  // objects with the contents `arguments` write: the same bytes, for the
+  // messages sent often enough to be written from plain values. Empty when
+  // memory runs out.
+  static std::vector<uint8_t> encodeInvocation(std::string_view selector,
+                                               std::span<const ArgumentWriter> arguments,
+                                               uint64_t sequence);
 };
 
 // The sets that decode the arguments of incoming messages, one per argument.

@@ -54,6 +54,21 @@ class XpcRemoteProxy {
         errorHandlerForCall());
   }
 
+  // The same with the arguments written into the archive by `arguments`
+  // instead of archived as objects (messages sent often enough for that).
+  template <class F, class... R>
+  void sendWritten(F method, OnceCallback<void(R...)> reply,
+                   std::span<const XpcMessage::ArgumentWriter> arguments) {
+    connection_->sendWrittenInvocation(
+        selectorOf(method), arguments,
+        [reply = std::move(reply),
+         onError = errorHandler_](std::vector<ObjectPtr> objects) mutable {
+          if (!deliver(reply, objects, std::index_sequence_for<R...>{}) && onError)
+            onError(Error::errorWithDomain(kCocoaErrorDomain, kXpcConnectionRefusedError));
+        },
+        errorHandlerForCall());
+  }
+
   template <class F, class... A>
   void sendWithoutReply(F method, const A&... arguments) {
     connection_->sendInvocation(selectorOf(method),
