@@ -80,17 +80,22 @@ GPtrArray* sizeUpdates(const std::vector<qxfile::SizeUpdate>& updates) {
 }
 
 // The progress callback of a size calculation, called on the caller's context.
+// Reports still queued there when the call's cancellable is cancelled are
+// dropped: once the caller has cancelled, it hears no more progress.
 struct Progress {
   QxfileSizeProgress callback;
   gpointer data;
   GDestroyNotify notify;
   GMainContext* context;
+  GCancellable* cancellable;
 
-  Progress(QxfileSizeProgress callback, gpointer data, GDestroyNotify notify)
+  Progress(QxfileSizeProgress callback, gpointer data, GDestroyNotify notify,
+           GCancellable* cancellable)
       : callback(callback),
         data(data),
         notify(notify),
-        context(g_main_context_ref_thread_default()) {}
+        context(g_main_context_ref_thread_default()),
+        cancellable(cancellable ? G_CANCELLABLE(g_object_ref(cancellable)) : nullptr) {}
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
@@ -112,6 +117,7 @@ struct Progress {
           +[](gpointer release) { delete static_cast<Release*>(release); });
     }
     g_main_context_unref(context);
+    if (cancellable) g_object_unref(cancellable);
   }
 
   void deliver(const std::vector<qxfile::SizeUpdate>& updates,
@@ -124,7 +130,9 @@ struct Progress {
         context, G_PRIORITY_DEFAULT,
         +[](gpointer data) -> gboolean {
           auto* report = static_cast<Report*>(data);
-          report->progress->callback(report->updates, report->progress->data);
+          const auto& progress = *report->progress;
+          if (!g_cancellable_is_cancelled(progress.cancellable))
+            progress.callback(report->updates, progress.data);
           return G_SOURCE_REMOVE;
         },
         new Report{self, sizeUpdates(updates)},
@@ -170,7 +178,7 @@ void qxfile_client_get_sizes_async(QxfileClient* self, const char* const* paths,
   g_task_set_source_tag(call->task(), reinterpret_cast<gpointer>(qxfile_client_get_sizes_async));
   std::shared_ptr<Progress> reports;
   if (progress) {
-    reports = std::make_shared<Progress>(progress, progress_data, progress_notify);
+    reports = std::make_shared<Progress>(progress, progress_data, progress_notify, cancellable);
   } else if (progress_notify) {
     progress_notify(progress_data);
   }

@@ -43,7 +43,8 @@ gboolean qxfile_client_connect(QxfileClient* self, GError** error);
  * @progress: (scope notified) (nullable) (closure progress_data): called with each report
  * @progress_data: data for @progress
  * @progress_notify: (nullable): frees @progress_data once no report will come
- * @cancellable: (nullable): stops the calculation at its next report
+ * @cancellable: (nullable): stops the calculation at its next report; no report reaches @progress
+ *   once it is cancelled
  * @callback: called on the caller's main context when the calculation has ended
  * @user_data: data for @callback
  *
