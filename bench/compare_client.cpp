@@ -24,6 +24,7 @@
 // R is the typed layer's time over the internal one's. The typed client runs
 // size calculations on a connection of their own, made by the first one (in
 // the warm-up) and kept for the next.
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -60,9 +61,13 @@ struct Options {
   int runs = 9;
 };
 
+// A step that went wrong; caught in main, after the scratch folders are gone.
+struct Failure {
+  std::string what;
+};
+
 [[noreturn]] void fail(const std::string& what) {
-  fprintf(stderr, "bench_compare_client: %s\n", what.c_str());
-  std::exit(1);
+  throw Failure{what};
 }
 
 std::optional<Options> parse(int argc, char** argv) {
@@ -250,7 +255,7 @@ std::pair<double, double> alternate(int runs, const std::function<void()>& typed
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   const auto options = parse(argc, argv);
   if (!options) {
     fprintf(stderr, "usage: bench_compare_client [--files N] [--requests N] [--runs R]\n");
@@ -310,4 +315,13 @@ int main(int argc, char** argv) {
            typedSizes, internalSizes);
   }
   return 0;
+}
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const Failure& failure) {
+    fprintf(stderr, "bench_compare_client: %s\n", failure.what.c_str());
+    return 1;
+  }
 }
