@@ -1,5 +1,6 @@
 #include "client/lib/RecordConversion.h"
 
+#include "client/lib/IdentityNameCache.h"
 #include "model/QXAclPermission.h"
 #include "model/QXAclTables.h"
 #include "model/QXFileSizeItem.h"
@@ -10,7 +11,6 @@
 #include "platform/foundation/String.h"
 #include "platform/foundation/TreeNode.h"
 #include "platform/foundation/Url.h"
-#include "platform/membership/IdentityNames.h"
 #include "platform/membership/IdentityUuid.h"
 #include "protocol/QXFileResponse.h"
 
@@ -153,12 +153,12 @@ QXAclEntryPtr posixRecord(const PosixEntry& entry, bool folder) {
 }  // namespace
 
 Identity Identity::user(uint32_t uid) {
-  return Identity{Kind::User, uid, qx::IdentityNames::userName(uid).value_or(""),
+  return Identity{Kind::User, uid, IdentityNameCache::userName(uid),
                   RecordConversion::uuid({Kind::User, uid, "", ""})->UUIDString()};
 }
 
 Identity Identity::group(uint32_t gid) {
-  return Identity{Kind::Group, gid, qx::IdentityNames::groupName(gid).value_or(""),
+  return Identity{Kind::Group, gid, IdentityNameCache::groupName(gid),
                   RecordConversion::uuid({Kind::Group, gid, "", ""})->UUIDString()};
 }
 
