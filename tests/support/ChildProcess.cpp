@@ -22,7 +22,7 @@ void writeAll(int fd, const std::string& text) {
 }  // namespace
 
 std::string ChildProcess::runAs(uid_t uid, gid_t gid, const std::function<std::string()>& body,
-                                unsigned seconds) {
+                                unsigned seconds, const std::vector<gid_t>& groups) {
   int fds[2];
   if (pipe(fds) != 0) return "pipe failed";
   pid_t pid = fork();
@@ -30,7 +30,8 @@ std::string ChildProcess::runAs(uid_t uid, gid_t gid, const std::function<std::s
   if (pid == 0) {
     close(fds[0]);
     alarm(seconds);
-    bool dropped = uid == 0 || (setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(uid) == 0);
+    bool dropped = uid == 0 || (setgroups(groups.size(), groups.data()) == 0 && setgid(gid) == 0 &&
+                                setuid(uid) == 0);
     writeAll(fds[1], dropped ? body() : "could not drop privileges");
     _exit(0);
   }
