@@ -66,15 +66,13 @@ class AclInspection : public ::testing::Test {
     for (const auto& group : *groups) text += treeText(group) + "\n";
     return text;
   }
-  // The access granting `rights`: the rows of an entry, every group mixed (-1).
+  // The access granting `rights`: the rows of an entry without "Applies to", every group mixed.
   static std::string granting(uint32_t rights, bool folder) {
     std::string text;
-    for (const PermissionGroup& group : permissionGroups(folder)) {
-      std::vector<QXTreeNodePtr> leaves;
-      for (const PermissionRow& row : group.rows) {
-        leaves.push_back(node(row.name, row.value, (rights & row.value) ? 1 : 0));
-      }
-      text += treeText(node(group.name, 2, -1, leaves)) + "\n";
+    auto groups = entryRecord(nullptr, 1, rights, 0, folder)->permissions();
+    for (size_t group = 0; group < 3; ++group) {
+      recordOf(groups->objectAtIndex(group))->setState(-1);
+      text += treeText(groups->objectAtIndex(group)) + "\n";
     }
     return text;
   }
