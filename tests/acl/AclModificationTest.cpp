@@ -276,8 +276,6 @@ TEST_F(AclModification, OwnerAndGroupChangeAsRootOnly) {
             failure(EPERM, kSaveTitle, kSetEntries, file));
   EXPECT_EQ(storedAcl(file), "no ACL");
   EXPECT_FALSE(hasAclAttribute(file));
-  EXPECT_EQ(saveAs(listing({}, pseudoEntries(0664, 0, 0))),
-            failure(EPERM, kSaveTitle, kSetMode, file));
 }
 
 // Identities are checked before anything is written, then the mode, the owners and the ACL are
