@@ -115,7 +115,7 @@ TEST_F(ModelCoding, EntriesRoundTripWithTheirWholeTree) {
 TEST_F(ModelCoding, MissingKeysGiveTheCodersDefaults) {
   auto entry =
       roundTrip<QXAclEntry>(impostor(kFakeEntry, [](KeyedArchiver& c) { c.encodeInt(2, "tag"); }));
-  EXPECT_EQ(entry ? entryText(entry) : "refused", "everyone tag 2:");
+  EXPECT_EQ(entry ? entryText(entry) : "refused", "everyone tag 2: nil");
   // Decoding goes through the designated initialiser, not init: permission 0.
   auto permission = roundTrip<QXAclPermission>(impostor(kFakePermission, [](KeyedArchiver&) {}));
   ASSERT_TRUE(permission);

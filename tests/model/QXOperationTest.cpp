@@ -44,6 +44,7 @@ TEST(QXOperationErrno, TheStepDescribesTheSystemTextSuggestsAndThePathBecomesAUr
   };
   for (const auto& [code, path, expected] : cases) {
     ErrorPtr error = QXOperation::errorWithErrno(code, "Step failed.", path);
+    ASSERT_TRUE(error);
     auto url = error->userInfo()->objectForKeyAs<qx::Url>(qx::kURLErrorKey);
     EXPECT_EQ(error->domain() + " " + std::to_string(error->code()) + " " +
                   error->localizedDescription() + "\n" +

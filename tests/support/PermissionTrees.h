@@ -52,13 +52,12 @@ inline std::string treeText(const ObjectPtr& object) {
   return text + "]";
 }
 
-// An entry record as text: identity, tag, the inherited mark and every tree.
+// An entry record as text: identity, tag, the inherited mark and every tree ("nil" for none).
 inline std::string entryText(const QXAclEntryPtr& entry) {
   std::string text = (entry->uuid() ? entry->uuid()->UUIDString() : "everyone") + " tag " +
                      std::to_string(entry->tag()) + (entry->inherited() ? " inherited" : "") + ":";
-  if (entry->permissions()) {
-    for (const ObjectPtr& node : *entry->permissions()) text += " " + treeText(node);
-  }
+  if (!entry->permissions()) return text + " nil";
+  for (const ObjectPtr& node : *entry->permissions()) text += " " + treeText(node);
   return text;
 }
 
