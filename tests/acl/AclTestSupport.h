@@ -156,35 +156,13 @@ inline qx::ArrayPtr listing(const std::vector<qx::ObjectPtr>& aclEntries,
   return array;
 }
 
-// A node and its children as text: "Name:0xPERMISSION=STATE, Child:0x..=.., ...".
-inline std::string nodeText(const qx::ObjectPtr& object) {
-  auto record = recordOf(object);
-  char text[96];
-  std::snprintf(text, sizeof text, "%s:0x%x=%lld", nameOf(object).c_str(),
-                record ? static_cast<uint32_t>(record->permission()) : 0u,
-                record ? static_cast<long long>(record->state()) : -99LL);
-  std::string all = text;
-  if (auto tree = qx::cast<qx::TreeNode>(object)) {
-    for (const auto& child : tree->childNodes()) all += ", " + nodeText(child);
-  }
-  return all;
-}
-
-// A listing as text, markers and records alike, every node with its name, permission and state, so
-// that a difference shows where it is.
+// A listing as text, markers and records alike, one a line, so that a difference shows where it is.
 inline std::string listingText(const qx::ArrayPtr& entries) {
   if (!entries) return "no listing";
   std::string text;
   for (const qx::ObjectPtr& object : *entries) {
     auto entry = qx::cast<QXAclEntry>(object);
-    if (!entry) {
-      text += qx::cast<qx::String>(object)->str() + "\n";
-      continue;
-    }
-    text += (entry->uuid() ? entry->uuid()->UUIDString() : "everyone") + " tag " +
-            std::to_string(entry->tag()) + (entry->inherited() ? " inherited" : "") + ":";
-    for (const qx::ObjectPtr& node : *entry->permissions()) text += " [" + nodeText(node) + "]";
-    text += "\n";
+    text += (entry ? entryText(entry) : qx::cast<qx::String>(object)->str()) + "\n";
   }
   return text;
 }

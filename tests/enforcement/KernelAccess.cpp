@@ -1,23 +1,21 @@
 #include "tests/enforcement/KernelAccess.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <utility>
+
+#include "tests/support/ChildProcess.h"
 
 namespace qx::test {
 
 namespace {
 
-constexpr int kNoIds = 100;
-
-// Runs in the child: only system calls, the parent may have threads.
 unsigned folderAccess(const char* path, const char* probe) {
   unsigned granted = 0;
   int fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -51,48 +49,29 @@ unsigned fileAccess(const char* path) {
 
 }  // namespace
 
-KernelAccess::User KernelAccess::userNamed(const std::string& name) {
-  struct passwd* entry = getpwnam(name.c_str());
-  if (!entry) return {0, 0, {}};
-  User user{entry->pw_uid, entry->pw_gid, std::vector<gid_t>(64)};
-  int count = static_cast<int>(user.groups.size());
-  if (getgrouplist(name.c_str(), entry->pw_gid, user.groups.data(), &count) < 0) count = 0;
-  user.groups.resize(static_cast<std::size_t>(count));
-  return user;
-}
-
 std::vector<KernelAccess::User> KernelAccess::testUsers() {
   std::vector<User> users;
   for (const char* name : {"qxowner", "qxmember", "qxprimary", "qxother", "qxblocked"}) {
-    users.push_back(userNamed(name));
+    const struct passwd* entry = getpwnam(name);
+    User user{entry ? entry->pw_uid : 0, entry ? entry->pw_gid : 0, std::vector<gid_t>(64)};
+    int count = static_cast<int>(user.groups.size());
+    if (!entry || getgrouplist(name, user.gid, user.groups.data(), &count) < 0) count = 0;
+    user.groups.resize(static_cast<std::size_t>(count));
+    users.push_back(std::move(user));
   }
   return users;
 }
 
-int KernelAccess::runAs(const User& user, const std::function<int()>& body) {
-  pid_t pid = fork();
-  if (pid < 0) return kNoIds;
-  if (pid == 0) {
-    if (setgroups(user.groups.size(), user.groups.data()) != 0 ||
-        setresgid(user.gid, user.gid, user.gid) != 0 ||
-        setresuid(user.uid, user.uid, user.uid) != 0) {
-      _exit(kNoIds);
-    }
-    _exit(body());
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : kNoIds;
-}
-
 unsigned KernelAccess::granted(const std::string& path, bool folder, const User& user) {
   const std::string probe = path + "/.kernel-access-probe";
-  const int answer = runAs(user, [&] {
-    return static_cast<int>(folder ? folderAccess(path.c_str(), probe.c_str())
-                                   : fileAccess(path.c_str()));
-  });
-  return answer == kNoIds ? ~0u : static_cast<unsigned>(answer);
+  const std::string answer = ChildProcess::runAs(
+      user.uid, user.gid,
+      [&] {
+        return std::to_string(folder ? folderAccess(path.c_str(), probe.c_str())
+                                     : fileAccess(path.c_str()));
+      },
+      20, user.groups);
+  return answer.size() == 1 && std::isdigit(answer[0]) ? std::stoul(answer) : ~0u;
 }
 
 std::string KernelAccess::output(const std::string& command) {

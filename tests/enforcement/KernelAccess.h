@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -25,9 +24,8 @@ class KernelAccess {
     std::vector<gid_t> groups;  // every group, the primary one included
   };
 
-  // The user of that name as the user and group database gives it; uid 0 when there is none.
-  static User userNamed(const std::string& name);
-  // qxowner, qxmember, qxprimary, qxother and qxblocked of tests/support/users, in that order.
+  // qxowner, qxmember, qxprimary, qxother and qxblocked of tests/support/users, in that order, as
+  // the user and group database gives them; uid 0 for one it does not know.
   static std::vector<User> testUsers();
 
   // kRead, kWrite and kExecute for what `user` may do with `path`; ~0u when the child could not
@@ -38,11 +36,6 @@ class KernelAccess {
   // bits) grant them: read is Read Data, write Write Data and Append Data (on a folder Add File,
   // Add Subfolder, Delete Child and, as creating a file takes it, Search), execute is Execute.
   static unsigned operationsOf(uint32_t rights, bool folder);
-
-  // Runs `body` in a child with the user's ids and groups and answers what it returned (0-99); 100
-  // when the child could not take the ids. Only system calls in `body`: the parent may have
-  // threads.
-  static int runAs(const User& user, const std::function<int()>& body);
 
   // What a shell command prints, standard error included.
   static std::string output(const std::string& command);

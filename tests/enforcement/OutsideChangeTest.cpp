@@ -5,8 +5,10 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <set>
 #include <sstream>
@@ -19,6 +21,7 @@
 #include "tests/enforcement/KernelAccess.h"
 #include "tests/enforcement/QxfileCommand.h"
 #include "tests/support/AclFixtures.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/ServiceSandbox.h"
 #include "tests/support/TempTree.h"
 
@@ -75,21 +78,15 @@ std::multiset<std::string> entriesOf(const Json& document) {
 
 // getfacl's own lines for the item's access (or default) ACL, without its "#effective:" comments;
 // names come from the test users, as qxfile's do.
-std::vector<std::string> getfaclLines(const std::string& path, bool defaults) {
+Json getfaclLines(const std::string& path, bool defaults) {
   std::istringstream text(KernelAccess::output(std::string("getfacl --omit-header -c -p ") +
                                                (defaults ? "-d '" : "-a '") + path + "'"));
-  std::vector<std::string> lines;
+  Json lines = Json::array();
   for (std::string line; std::getline(text, line);) {
     line = line.substr(0, line.find_first_of("\t #"));
     if (!line.empty()) lines.push_back(line);
   }
   return lines;
-}
-
-// The POSIX lines qxfile prints.
-std::vector<std::string> posixLines(const Json& lines) {
-  if (!lines.is_array()) return {"not a list of lines: " + lines.dump()};
-  return lines.get<std::vector<std::string>>();
 }
 
 class OutsideChange : public ::testing::Test {
@@ -101,14 +98,6 @@ class OutsideChange : public ::testing::Test {
     for (const KernelAccess::User& user : users_) ASSERT_NE(user.uid, 0u) << "tests/support/users";
     std::optional<qxfile::Error> error = client_.connect();
     ASSERT_FALSE(error) << error->description;
-  }
-
-  std::string item(const std::string& name, bool folder, mode_t mode, gid_t group) {
-    folder ? tree_.folder(name, 0700) : tree_.file(name, "contents");
-    const std::string path = tree_.path(name);
-    EXPECT_EQ(chown(path.c_str(), kOwner, group), 0);
-    EXPECT_EQ(chmod(path.c_str(), mode), 0);
-    return path;
   }
 
   // Writes `entries` through the service, keeping the item's owner, group and mode.
@@ -146,14 +135,6 @@ class OutsideChange : public ::testing::Test {
       said += std::to_string(user.uid) + ":" + (error ? "error" : letters(granted));
     }
     EXPECT_EQ(said, kernel) << "qxfile against the kernel";
-  }
-
-  void expectPosixAsGetfacl(const Json& document, const std::string& path) {
-    const Json posix = document.value("posix", Json::object());
-    EXPECT_EQ(posixLines(posix.value("access", Json())), getfaclLines(path, false))
-        << document.dump(2);
-    EXPECT_EQ(posixLines(posix.value("default", Json::array())), getfaclLines(path, true))
-        << document.dump(2);
   }
 
   qx::test::ServiceSandbox sandbox_{QX_SERVICE_EXECUTABLE};
@@ -217,8 +198,10 @@ TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
   int n = 0;
   for (const Change& change : changes) {
     SCOPED_TRACE(change.name);
-    const std::string path =
-        item("item" + std::to_string(n++), change.folder, change.mode, change.group);
+    const std::string name = "item" + std::to_string(n++), path = tree_.path(name);
+    change.folder ? tree_.folder(name, 0700) : tree_.file(name, "contents");
+    ASSERT_EQ(chown(path.c_str(), kOwner, change.group), 0);
+    ASSERT_EQ(chmod(path.c_str(), change.mode), 0);
     if (!change.written.empty()) {
       write(path, change.written);
       EXPECT_EQ(show(path)["stored"], "current");
@@ -231,10 +214,11 @@ TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
       const KernelAccess::User writer =
           change.writer ? users_[change.writer - kOwner] : KernelAccess::User{0, 0, {0}};
       auto set = [&] {
-        return lsetxattr(path.c_str(), "user.qxfile.acl", bytes.data(), bytes.size(), 0) ? errno
-                                                                                         : 0;
+        const int result =
+            lsetxattr(path.c_str(), "user.qxfile.acl", bytes.data(), bytes.size(), 0);
+        return result == 0 ? "set" : std::string(std::strerror(errno));
       };
-      EXPECT_EQ(KernelAccess::runAs(writer, set), 0);
+      EXPECT_EQ(ChildProcess::runAs(writer.uid, writer.gid, set, 20, writer.groups), "set");
     }
     const Json shown = show(path);
     EXPECT_EQ(shown["stored"], change.stored) << shown.dump(2);
@@ -244,7 +228,9 @@ TEST_F(OutsideChange, ShowsWhatLinuxEnforcesAndAgreesWithTheKernel) {
     if (change.shownMode) {
       EXPECT_EQ(shown["mode"], change.shownMode);
     }
-    expectPosixAsGetfacl(shown, path);
+    const Json posix = shown.value("posix", Json::object());
+    EXPECT_EQ(posix.value("access", Json()), getfaclLines(path, false)) << shown.dump(2);
+    EXPECT_EQ(posix.value("default", Json::array()), getfaclLines(path, true)) << shown.dump(2);
     expectAgreement(path);
   }
 

@@ -9,20 +9,8 @@
 
 namespace qx::test {
 
-namespace {
-
-void writeAll(int fd, const std::string& text) {
-  for (size_t done = 0; done < text.size();) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n <= 0) return;
-    done += static_cast<size_t>(n);
-  }
-}
-
-}  // namespace
-
 std::string ChildProcess::runAs(uid_t uid, gid_t gid, const std::function<std::string()>& body,
-                                unsigned seconds) {
+                                unsigned seconds, const std::vector<gid_t>& groups) {
   int fds[2];
   if (pipe(fds) != 0) return "pipe failed";
   pid_t pid = fork();
@@ -30,8 +18,14 @@ std::string ChildProcess::runAs(uid_t uid, gid_t gid, const std::function<std::s
   if (pid == 0) {
     close(fds[0]);
     alarm(seconds);
-    bool dropped = uid == 0 || (setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(uid) == 0);
-    writeAll(fds[1], dropped ? body() : "could not drop privileges");
+    bool dropped = uid == 0 || (setgroups(groups.size(), groups.data()) == 0 && setgid(gid) == 0 &&
+                                setuid(uid) == 0);
+    const std::string text = dropped ? body() : "could not drop privileges";
+    for (size_t done = 0; done < text.size();) {
+      const ssize_t n = write(fds[1], text.data() + done, text.size() - done);
+      if (n <= 0) break;
+      done += static_cast<size_t>(n);
+    }
     _exit(0);
   }
   close(fds[1]);

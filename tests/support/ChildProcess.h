@@ -12,13 +12,13 @@ namespace qx::test {
 // block and crash, without taking the test process with it.
 class ChildProcess {
  public:
-  // Runs `body` in a child as `uid`/`gid` without supplementary groups (as
+  // Runs `body` in a child as `uid`/`gid` with the supplementary `groups` (as
   // the test process itself when `uid` is 0) and answers the text it
   // returned. A child that cannot take the ids answers "could not drop
   // privileges"; one killed after `seconds` answers "child timed out", one
   // that died otherwise "child died".
   static std::string runAs(uid_t uid, gid_t gid, const std::function<std::string()>& body,
-                           unsigned seconds = 20);
+                           unsigned seconds = 20, const std::vector<gid_t>& groups = {});
 
   // Runs the program `argv[0]` with `argv`, standard input from /dev/null and
   // its output into the files `out` and `err`; `whileRunning` is called with

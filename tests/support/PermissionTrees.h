@@ -34,10 +34,31 @@ inline std::string nameOf(const ObjectPtr& node) {
   return record && record->name() ? record->name()->str() : "<nil>";
 }
 
-inline std::vector<std::string> childNames(const TreeNodePtr& node) {
-  std::vector<std::string> names;
-  for (const auto& child : node->childNodes()) names.push_back(nameOf(child));
-  return names;
+// A node and everything below it as text: "Name:PERMISSION=STATE[child,...,]"; "^" marks a child
+// whose parent link does not point back, "(TreeNode)" a node of the plain class.
+inline std::string treeText(const ObjectPtr& object) {
+  auto node = cast<TreeNode>(object);
+  if (!node) return "<not a node>";
+  std::string text = cast<QXTreeNode>(node) ? "" : "(TreeNode)";
+  if (auto record = recordOf(node)) {
+    text += nameOf(node) + ":" + std::to_string(static_cast<uint32_t>(record->permission())) + "=" +
+            std::to_string(record->state());
+  }
+  if (node->childNodes().empty()) return text;
+  text += "[";
+  for (const auto& child : node->childNodes()) {
+    text += (child->parentNode() == node ? "" : "^") + treeText(child) + ",";
+  }
+  return text + "]";
+}
+
+// An entry record as text: identity, tag, the inherited mark and every tree ("nil" for none).
+inline std::string entryText(const QXAclEntryPtr& entry) {
+  std::string text = (entry->uuid() ? entry->uuid()->UUIDString() : "everyone") + " tag " +
+                     std::to_string(entry->tag()) + (entry->inherited() ? " inherited" : "") + ":";
+  if (!entry->permissions()) return text + " nil";
+  for (const ObjectPtr& node : *entry->permissions()) text += " " + treeText(node);
+  return text;
 }
 
 struct PermissionRow {

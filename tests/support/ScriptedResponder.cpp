@@ -31,11 +31,6 @@ std::vector<ArrayPtr> ScriptedResponder::reports() {
   return reports_;
 }
 
-int ScriptedResponder::questions() {
-  std::lock_guard lock(mutex_);
-  return questionCount_;
-}
-
 bool ScriptedResponder::waitForCalls(std::size_t count) {
   std::unique_lock lock(mutex_);
   return arrived_.wait_for(lock, std::chrono::seconds(20), [&] {

@@ -26,7 +26,6 @@ class ScriptedResponder final : public QXFileResponse {
   void progressWithReply(AnswerReply reply) override;
 
   std::vector<ArrayPtr> reports();
-  int questions();
   // Waits until `count` callbacks of either kind have arrived.
   bool waitForCalls(std::size_t count);
   void answerHeld(bool answer);

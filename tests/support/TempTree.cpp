@@ -19,13 +19,14 @@ void check(bool ok, const std::string& what) {
   if (!ok) throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-// Creates the folders missing above `path` with mode 0755, as mkdir -p would.
-void parents(const std::string& path) {
+// Creates the folders missing above `path` with mode 0755, as mkdir -p would; answers `path`.
+std::string parents(const std::string& path) {
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
     const std::string folder = path.substr(0, slash);
     if (mkdir(folder.c_str(), 0755) == 0) chmod(folder.c_str(), 0755);
   }
+  return path;
 }
 
 }  // namespace
@@ -51,15 +52,13 @@ TempTree::~TempTree() {
 }
 
 void TempTree::folder(const std::string& relative, mode_t mode) const {
-  std::string p = path(relative);
-  parents(p);
+  const std::string p = parents(path(relative));
   check(mkdir(p.c_str(), 0755) == 0, "mkdir " + p);
   check(chmod(p.c_str(), mode) == 0, "chmod " + p);
 }
 
 void TempTree::file(const std::string& relative, const std::string& contents) const {
-  std::string p = path(relative);
-  parents(p);
+  const std::string p = parents(path(relative));
   int fd = ::open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   check(fd >= 0, "create " + p);
   bool written =
@@ -71,14 +70,12 @@ void TempTree::file(const std::string& relative, const std::string& contents) co
 }
 
 void TempTree::link(const std::string& relative, const std::string& target) const {
-  std::string p = path(relative);
-  parents(p);
+  const std::string p = parents(path(relative));
   check(symlink(target.c_str(), p.c_str()) == 0, "symlink " + p);
 }
 
 void TempTree::fifo(const std::string& relative) const {
-  std::string p = path(relative);
-  parents(p);
+  const std::string p = parents(path(relative));
   check(mkfifo(p.c_str(), 0644) == 0, "mkfifo " + p);
 }
 

@@ -8,13 +8,11 @@
 
 namespace {
 
-// Makes the test process see only the users and groups of `fixtureDir`/passwd and
-// `fixtureDir`/group: unless nss_wrapper is already set up, the process re-executes itself
-// with LD_PRELOAD=`library` and NSS_WRAPPER_PASSWD/GROUP set. Called from a constructor
-// function, before main, so the tests never run against the machine's users.
-// `tsanSuppressions` names the thread sanitizer's suppressions for the wrapper itself.
-void reexecWithNssWrapper(const char* library, const std::string& fixtureDir,
-                          const std::string& tsanSuppressions) {
+// Makes the test process see only the users and groups of QX_TEST_USERS/passwd and
+// QX_TEST_USERS/group: unless nss_wrapper is already set up, the process re-executes itself
+// with the wrapper library preloaded and NSS_WRAPPER_PASSWD/GROUP set. Runs before main, so
+// the tests never run against the machine's users.
+__attribute__((constructor(101))) void useTestUsers() {
   if (getenv("NSS_WRAPPER_PASSWD") != nullptr || getenv("QX_NSS_WRAPPER_REEXEC") != nullptr) return;
   std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
   std::vector<std::string> args;
@@ -29,20 +27,17 @@ void reexecWithNssWrapper(const char* library, const std::string& fixtureDir,
     const char* existing = getenv(name);
     setenv(name, (existing && *existing ? existing + (":" + value) : value).c_str(), 1);
   };
-  append("LD_PRELOAD", library);
-  append("TSAN_OPTIONS", "suppressions=" + tsanSuppressions);
+  append("LD_PRELOAD", QX_NSS_WRAPPER_LIBRARY);
+  // The thread sanitizer's suppressions for the wrapper itself.
+  append("TSAN_OPTIONS",
+         "suppressions=" QX_SOURCE_DIR "/tests/platform/membership/nss-wrapper.tsan.supp");
   // A sanitizer runtime wants to be loaded first; the wrapper library comes before it here.
   append("ASAN_OPTIONS", "verify_asan_link_order=0");
-  setenv("NSS_WRAPPER_PASSWD", (fixtureDir + "/passwd").c_str(), 1);
-  setenv("NSS_WRAPPER_GROUP", (fixtureDir + "/group").c_str(), 1);
+  setenv("NSS_WRAPPER_PASSWD", QX_TEST_USERS "/passwd", 1);
+  setenv("NSS_WRAPPER_GROUP", QX_TEST_USERS "/group", 1);
   setenv("QX_NSS_WRAPPER_REEXEC", "1", 1);
   execv("/proc/self/exe", argv.data());
   // Not reached unless exec failed; the tests then report that the users are missing.
-}
-
-__attribute__((constructor(101))) void useTestUsers() {
-  reexecWithNssWrapper(QX_NSS_WRAPPER_LIBRARY, QX_TEST_USERS,
-                       QX_SOURCE_DIR "/tests/platform/membership/nss-wrapper.tsan.supp");
 }
 
 }  // namespace
