@@ -84,53 +84,22 @@ class ServiceFrame : public ::testing::Test {
   qx::test::TempTree files{"qx-frame"};
 };
 
-QXSizeUpdates twoUpdates() {
-  auto folder = QXFileSizeItem::make(300);
-  folder->setBusy(true);
-  auto file = QXFileSizeItem::make(200);
-  file->setBusy(false);
-  return {{qx::IndexPath::make(), folder}, {qx::IndexPath::make(std::vector<uint64_t>{0}), file}};
-}
-
 // How a worker asks its client through `connection`, and what it concludes: true when it is to
 // stop.
 struct Question {
   const char* name;
   std::function<bool(const std::shared_ptr<qx::XpcConnection>& connection)> stops;
-  bool stopAnswer;  // the client's answer that means "stop"
 };
 
 const Question kQuestions[] = {
     {"size report",
      [](const auto& connection) {
-       return !QXClientCallbacks::sizeReport(connection)(twoUpdates());
-     },
-     false},
+       return !QXClientCallbacks::sizeReport(connection)(
+           {{qx::IndexPath::make(), QXFileSizeItem::make(1)}});
+     }},
     {"rename question",
-     [](const auto& connection) { return QXClientCallbacks::renameQuestion(connection)(); }, true},
+     [](const auto& connection) { return QXClientCallbacks::renameQuestion(connection)(); }},
 };
-
-// The workers' questions cross the connection with their senses kept, and the size updates as
-// records of their state.
-TEST_F(ServiceFrame, TheClientsAnswersKeepTheirSenses) {
-  auto responder = std::make_shared<qx::test::ScriptedResponder>([](int n) { return n == 2; },
-                                                                 [](int n) { return n == 2; });
-  auto worker = workerTo(responder);
-  for (const Question& question : kQuestions) {
-    EXPECT_EQ(question.stops(worker), !question.stopAnswer) << question.name << " NO";
-    EXPECT_EQ(question.stops(worker), question.stopAnswer) << question.name << " YES";
-  }
-  ASSERT_EQ(responder->reports().size(), 2u);
-  std::vector<std::string> records;
-  for (const auto& object : *responder->reports()[0]) {
-    auto record = qx::cast<qx::Dictionary>(object);
-    auto path = record->objectForKeyAs<qx::IndexPath>("QXIndexPath");
-    auto item = record->objectForKeyAs<QXFileSizeItem>("QXFileSizeItem");
-    records.push_back(std::to_string(path->indexes().size()) + " " + std::to_string(item->size()) +
-                      (item->busy() ? " busy" : ""));
-  }
-  EXPECT_EQ(records, (std::vector<std::string>{"0 300 busy", "1 200"}));
-}
 
 // The client leaves while the workers wait, or there is no connection at all: each worker is
 // released, told to stop.
@@ -149,42 +118,6 @@ TEST_F(ServiceFrame, AQuestionWithoutAnAnswerStops) {
     ASSERT_EQ(asking[i].wait_for(10s), std::future_status::ready) << kQuestions[i].name;
     EXPECT_TRUE(asking[i].get()) << kQuestions[i].name;
   }
-}
-
-TEST_F(ServiceFrame, AServiceHoldsItsConnectionAndClosesItWhenDestroyed) {
-  auto alone = std::make_shared<QXFileService>();
-  EXPECT_FALSE(alone->connection());
-  EXPECT_EQ(alone->queue().label(), "org.qxfile.FileService.OperationQueue");
-  alone.reset();
-  EXPECT_TRUE(serviceEnd->isValid()) << "a service without a connection touches none";
-
-  serviceEnd->setExportedInterface(
-      qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol()));
-  auto service = std::make_shared<QXFileService>(serviceEnd);
-  EXPECT_EQ(service->connection(), serviceEnd);
-  serviceEnd->resume();
-  std::atomic<bool> clientSawEnd{false};
-  clientEnd->setInvalidationHandler([&] { clientSawEnd = true; });
-  clientEnd->resume();
-  service.reset();
-  EXPECT_FALSE(serviceEnd->isValid());
-  EXPECT_TRUE(eventually([&] { return clientSawEnd.load(); }));
-}
-
-TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
-  ASSERT_TRUE(accept());
-  EXPECT_EQ(serviceEnd->remoteObjectInterface()->protocol().name(), "QXFileResponse");
-  EXPECT_EQ(serviceEnd->exportedInterface()->protocol().name(), "QXFileRequest");
-  ASSERT_TRUE(serviceEnd->exportedObject());
-  // Resumed: a request is answered by the service's worker, with its error. (That the connection's
-  // end releases the service: ALongPropagationLeavesTheConnectionAnswering.)
-  auto proxy = clientProxy();
-  auto reply = qx::ReplyWaiter<qx::ErrorPtr>::wait([&](auto done) {
-    proxy->setAclEntries(qx::Array::make(), qx::Url::fileURLWithPath(files.path("missing")),
-                         std::move(done));
-  });
-  ASSERT_TRUE(reply && *reply);
-  EXPECT_EQ((*reply)->code(), ENOENT);
 }
 
 // Renames and size calculations of a connection run one at a time, in the order they came, and wait
