@@ -1,11 +1,11 @@
 // The client library against the real service: client mechanics only.
 // Per-request routing and cancelling, completions called once from any
-// thread, callbacks that never outlive their client, the records crossing
-// both ways, and reconnecting. What each request does to files is the
-// workers' tests', and how the service queues them the service's.
+// thread, callbacks that never outlive their client, and reconnecting. What
+// each request does to files is the workers' tests', how the service queues
+// them the service's, and the records the requests carry show in the
+// command line's and the GObject client's tests.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -33,8 +33,6 @@ struct Heard {
   std::mutex mutex;
   std::vector<SizeUpdate> updates;
   int reports = 0;
-  int reportsAfterCancel = 0;
-  std::atomic<bool> cancelled{false};
   std::promise<std::pair<std::vector<SizeUpdate>, std::optional<Error>>> done;
   std::atomic<int> completions{0};
   qx::Semaphore firstReport;
@@ -49,7 +47,6 @@ struct Heard {
       {
         std::lock_guard lock(mutex);
         updates.insert(updates.end(), batch.begin(), batch.end());
-        reportsAfterCancel += cancelled ? 1 : 0;
         if (reports++ == 0) firstReport.signal();
       }
       if (reports == 1 && first) first();
@@ -107,7 +104,6 @@ TEST_F(TypedClient, TwoCalculationsHearOnlyOfThemselvesAndOneIsCancelledAlone) {
   cancelMe = client.getSizes({tree_.path("sevens")}, {sevens.onUpdate([&] {
                                ASSERT_TRUE(thousands.firstReport.waitFor(10s));
                                ASSERT_TRUE(handleKept.waitFor(10s));
-                               sevens.cancelled = true;
                                cancelMe.cancel();
                              })},
                              sevens.completion());
@@ -121,7 +117,6 @@ TEST_F(TypedClient, TwoCalculationsHearOnlyOfThemselvesAndOneIsCancelledAlone) {
   EXPECT_FALSE(sevensDone.second);
   EXPECT_FALSE(thousandsDone.second);
   EXPECT_EQ(sevens.reports, 1) << "nothing is delivered after cancel()";
-  EXPECT_EQ(sevens.reportsAfterCancel, 0);
   EXPECT_LT(rootSize(sevensDone.first), 900 * 7) << "stopped at the report after cancel()";
   EXPECT_EQ(rootSize(thousandsDone.first), 900 * 1000);
   EXPECT_GE(thousands.reports, 9);
@@ -240,53 +235,6 @@ TEST_F(TypedClient, EveryCompletionComesOnceFromAnyThread) {
   EXPECT_EQ(failures.load(), 0);
 }
 
-TEST_F(TypedClient, RecordsCrossBothWays) {
-  files("folder", 3, 1);
-  const auto item = tree_.path("folder/f0");
-  Client client;
-  ASSERT_FALSE(client.connect());
-  BlockingClient blocking(client);
-  std::optional<Error> error;
-
-  auto listing = blocking.getAcl(item, &error);
-  ASSERT_FALSE(error) << error->description;
-  EXPECT_FALSE(listing.folder);
-  EXPECT_EQ(listing.owner.identity.kind, qxfile::Identity::Kind::User);
-  EXPECT_EQ(listing.owner.identity.id, ::getuid());
-  EXPECT_EQ(listing.everyone.identity.kind, qxfile::Identity::Kind::Everyone);
-
-  listing.acl.push_back(
-      {qxfile::Identity::group(::getgid()), true, false, qxfile::kWriteData | qxfile::kDelete, 0});
-  listing.owner.bits = 6;
-  listing.group.bits = 4;
-  listing.everyone.bits = 0;
-  ASSERT_TRUE(blocking.setAcl(item, listing, &error)) << error->description;
-  struct stat st {};
-  ASSERT_EQ(::stat(item.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0640u);
-  auto reread = blocking.getAcl(item, &error);
-  ASSERT_EQ(reread.acl.size(), 1u);
-  EXPECT_EQ(reread.acl[0].identity.id, ::getgid());
-  EXPECT_TRUE(reread.acl[0].deny);
-  EXPECT_EQ(reread.acl[0].rights, qxfile::kWriteData | qxfile::kDelete);
-  EXPECT_EQ(reread.mode(), 0640u);
-
-  auto access = blocking.getAccess(item, qxfile::Identity::group(::getgid()), &error);
-  ASSERT_EQ(access.groups.size(), 3u);
-  EXPECT_EQ(access.groups[0].name, "Read");
-
-  auto levels = blocking.listContents(tree_.path("folder"), {}, &error);
-  ASSERT_EQ(levels.size(), 1u);
-  ASSERT_EQ(levels[0].size(), 3u);
-  ASSERT_EQ(::stat(levels[0][0].keptPath.c_str(), &st), 0);
-  EXPECT_EQ(levels[0][0].inode, st.st_ino);
-
-  auto missing = blocking.getAcl(tree_.path("gone"), &error);
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain, "NSPOSIXErrorDomain");
-  EXPECT_EQ(error->code, ENOENT);
-}
-
 // A blocking call in a callback would wait for an answer that only this
 // thread could deliver.
 TEST_F(TypedClient, BlockingInACallbackFailsAtOnce) {
@@ -306,7 +254,8 @@ TEST_F(TypedClient, BlockingInACallbackFailsAtOnce) {
 }
 
 // A service that dies ends the calculation waiting on it with "connection
-// invalid"; connecting again reaches a new one.
+// invalid"; connecting again reaches a new one, and so does a calculation
+// sent on a connection that has not yet noticed its service died.
 TEST_F(TypedClient, AServiceThatDiesEndsWhatWaitsAndTheClientReconnects) {
   files("items", 150, 1);
   Client client;
@@ -332,6 +281,11 @@ TEST_F(TypedClient, AServiceThatDiesEndsWhatWaitsAndTheClientReconnects) {
   EXPECT_FALSE(error);
   blocking.getSizes({tree_.path("items")}, {}, &error);
   EXPECT_FALSE(error) << "a calculation after the restart gets a working connection";
+  // Its connection, kept for the next calculation, may not have heard of the service's end when
+  // that is sent: the calculation then goes again on a new connection.
+  ::kill(sandbox_.services().at(0), SIGKILL);
+  blocking.getSizes({tree_.path("items")}, {}, &error);
+  EXPECT_FALSE(error) << "a calculation on a kept connection whose service died";
   EXPECT_EQ(heard.completions, 1);
 }
 
@@ -358,10 +312,6 @@ TEST_F(TypedClient, ARenameStopsWhenItsPolicySays) {
     EXPECT_FALSE(error);
     EXPECT_EQ(asked.load(), 1);
     EXPECT_LT(result.renamed.size(), items.size());
-    ASSERT_EQ(result.renamed.size(), result.previousNames.size());
-    ASSERT_FALSE(result.renamed.empty());
-    EXPECT_EQ(result.renamed[0].filename(), "g0");
-    EXPECT_EQ(result.previousNames[0], "f0");
   }
 }
 
