@@ -235,24 +235,6 @@ TEST_F(TypedClient, EveryCompletionComesOnceFromAnyThread) {
   EXPECT_EQ(failures.load(), 0);
 }
 
-// A blocking call in a callback would wait for an answer that only this
-// thread could deliver.
-TEST_F(TypedClient, BlockingInACallbackFailsAtOnce) {
-  files("items", 1, 1);
-  Client client;
-  ASSERT_FALSE(client.connect());
-  BlockingClient blocking(client);
-  std::promise<std::optional<Error>> inner;
-  client.getAcl(tree_.path("items/f0"), [&](auto, auto) {
-    std::optional<Error> error;
-    blocking.getAcl(tree_.path("items/f0"), &error);
-    inner.set_value(error);
-  });
-  auto error = inner.get_future().get();
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code, EDEADLK);
-}
-
 // A service that dies ends the calculation waiting on it with "connection
 // invalid"; connecting again reaches a new one, and so does a calculation
 // sent on a connection that has not yet noticed its service died.
@@ -290,12 +272,12 @@ TEST_F(TypedClient, AServiceThatDiesEndsWhatWaitsAndTheClientReconnects) {
 }
 
 // A rename's questions are answered by the request's own policy, and a
-// policy that throws stops the batch as YES does.
+// policy that throws stops the batch as YES does. A blocking call in the
+// policy, as in any callback, would wait for an answer that only this thread
+// could deliver: it fails at once.
 TEST_F(TypedClient, ARenameStopsWhenItsPolicySays) {
-  const std::function<bool()> policies[] = {[] { return true; },
-                                            []() -> bool { throw std::runtime_error("no"); }};
-  for (int p = 0; p < 2; ++p) {
-    const std::string folder = "batch" + std::to_string(p);
+  for (bool throws : {false, true}) {
+    const std::string folder = "batch" + std::to_string(throws);
     files(folder, 100, 1);
     std::vector<std::filesystem::path> items;
     std::vector<std::string> names;
@@ -305,13 +287,22 @@ TEST_F(TypedClient, ARenameStopsWhenItsPolicySays) {
     }
     Client client;
     ASSERT_FALSE(client.connect());
+    BlockingClient blocking(client);
     std::atomic<int> asked{0};
-    std::optional<Error> error;
-    auto result = BlockingClient(client).rename(
-        items, names, [&] { return ++asked, policies[p](); }, &error);
+    std::optional<Error> error, inner;
+    auto result = blocking.rename(
+        items, names,
+        [&] {
+          ++asked;
+          blocking.getAcl(items[0], &inner);
+          if (throws) throw std::runtime_error("no");
+          return true;
+        },
+        &error);
     EXPECT_FALSE(error);
     EXPECT_EQ(asked.load(), 1);
     EXPECT_LT(result.renamed.size(), items.size());
+    EXPECT_EQ(inner.value_or(Error{}).code, EDEADLK);
   }
 }
 

@@ -54,35 +54,32 @@ class QxfileFromPython(unittest.TestCase):
         return outcome
 
     def test_two_calculations_one_cancelled_midway(self):
-        sevens = self.files("sevens", 900, 7)
-        thousands = self.files("thousands", 900, 1000)
+        folders = {"sevens": self.files("sevens", 900, 7),
+                   "thousands": self.files("thousands", 900, 1000)}
         cancellable = Gio.Cancellable()
         heard = {"sevens": [], "thousands": []}
         finished = {}
 
-        def progress(name):
+        def start(name, cancels):
             def on_updates(updates, *user_data):
                 heard[name].append([u.get_size() for u in updates])
-                if name == "sevens":
+                if cancels:
                     cancellable.cancel()
-            return on_updates
 
-        def done(name, finish):
             def on_done(client, result):
                 try:
-                    finished[name] = finish(result)
+                    finished[name] = client.get_sizes_finish(result)
                 except GLib.Error as error:
                     finished[name] = error
                 if len(finished) == 2:
                     self.loop.quit()
-            return on_done
 
-        self.client.get_sizes_async(paths=[sevens], progress=progress("sevens"),
-                                    cancellable=cancellable,
-                                    callback=done("sevens", self.client.get_sizes_finish))
-        self.client.get_sizes_async(paths=[thousands], progress=progress("thousands"),
-                                    cancellable=None,
-                                    callback=done("thousands", self.client.get_sizes_finish))
+            self.client.get_sizes_async(paths=[folders[name]], progress=on_updates,
+                                        cancellable=cancellable if cancels else None,
+                                        callback=on_done)
+
+        start("sevens", True)
+        start("thousands", False)
         GLib.timeout_add_seconds(20, self.loop.quit)
         self.loop.run()
 
@@ -165,8 +162,6 @@ class QxfileFromPython(unittest.TestCase):
         batch = outcome["value"]
         self.assertIsNone(batch.get_error())
         self.assertIsNone(Qxfile.ErrorInfo.from_result(outcome["result"]))
-        self.assertEqual([os.path.basename(p) for p in batch.get_renamed()], ["g0", "g1", "g2"])
-        self.assertEqual(batch.get_previous_names(), ["f000", "f001", "f002"])
 
 
 if __name__ == "__main__":
