@@ -131,7 +131,6 @@ TEST_F(TypedClient, TwoCalculationsHearOnlyOfThemselvesAndOneIsCancelledAlone) {
 TEST_F(TypedClient, NoCallbackRunsOnceTheClientIsGone) {
   files("items", 150, 1);
   const std::vector<std::filesystem::path> items{tree_.path("items")};
-  auto ignore = [](auto, auto) {};
   struct Steps {
     std::atomic<int> running{0}, completed{0};
     qx::Semaphore started;
@@ -160,7 +159,7 @@ TEST_F(TypedClient, NoCallbackRunsOnceTheClientIsGone) {
                      steps->started.signal();
                      return false;
                    }},
-                   ignore);
+                   [](auto, auto) {});
   EXPECT_TRUE(steps->started.waitFor(10s)) << "a callback that destroys its client never ended";
 }
 

@@ -23,7 +23,6 @@
 #include "platform/xpc/XpcListener.h"
 #include "protocol/QXFileRequest.h"
 #include "service/QXClientCallbacks.h"
-#include "service/QXFileService.h"
 #include "service/QXFileServiceDelegate.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/ScriptedResponder.h"
@@ -68,15 +67,6 @@ class ServiceFrame : public ::testing::Test {
     return clientEnd->remoteObjectProxy<QXFileRequest>();
   }
 
-  // The service end as a worker's connection to a client exporting `responder`.
-  std::shared_ptr<qx::XpcConnection> workerTo(std::shared_ptr<QXFileResponse> responder) {
-    serviceEnd->setRemoteObjectInterface(
-        qx::XpcInterface::interfaceWithProtocol(QXFileResponse::protocol()));
-    serviceEnd->resume();
-    clientProxy(std::move(responder));
-    return serviceEnd;
-  }
-
   std::shared_ptr<qx::XpcConnection> serviceEnd;
   std::shared_ptr<qx::XpcConnection> clientEnd;
   qx::test::TempTree files{"qx-frame"};
@@ -103,11 +93,12 @@ const Question kQuestions[] = {
 // released, told to stop.
 TEST_F(ServiceFrame, AQuestionWithoutAnAnswerStops) {
   auto holding = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
-  auto worker = workerTo(holding);
+  ASSERT_TRUE(accept());
+  clientProxy(holding);
   std::vector<std::future<bool>> asking;
   for (const Question& question : kQuestions) {
     EXPECT_TRUE(question.stops(nullptr)) << question.name;
-    asking.push_back(std::async(std::launch::async, [&] { return question.stops(worker); }));
+    asking.push_back(std::async(std::launch::async, [&] { return question.stops(serviceEnd); }));
   }
   ASSERT_TRUE(holding->waitForCalls(std::size(kQuestions)));
   for (auto& stop : asking) EXPECT_EQ(stop.wait_for(100ms), std::future_status::timeout);
@@ -134,14 +125,13 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
   }
   for (int i = 0; i < 2000; ++i) files.file("counted/" + std::to_string(i), "x");
   files.file("item", "x");
-  auto modeOf = [&](const std::string& relative) {
-    struct stat st {};
-    return ::lstat(files.path(relative).c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-  };
   auto touchedFolders = [&] {
     int touched = 0;
-    for (int folder = 0; folder < kFolders; ++folder)
-      touched += modeOf("deep/" + std::to_string(folder)) != 0755 ? 1 : 0;
+    for (int folder = 0; folder < kFolders; ++folder) {
+      struct stat st {};
+      ::lstat(files.path("deep/" + std::to_string(folder)).c_str(), &st);
+      touched += (st.st_mode & 07777) != 0755 ? 1 : 0;
+    }
     return touched;
   };
 

@@ -35,9 +35,6 @@ class SizesTest : public ::testing::Test {
     for (int i = 0; i < count; ++i)
       tree.file(folder + "/" + std::to_string(1000 + i), std::string(bytes, 'x'));
   }
-  UrlPtr url(const std::string& relative) const {
-    return Url::fileURLWithPath(tree.path(relative));
-  }
 
   static Records recordsOf(const QXSizeUpdates& updates) {
     Records records;
@@ -52,7 +49,7 @@ class SizesTest : public ::testing::Test {
   }
   Outcome sizes(const std::vector<std::string>& items, const QXFileSizes::Report& report) const {
     std::vector<ObjectPtr> urls;
-    for (const auto& item : items) urls.push_back(url(item));
+    for (const auto& item : items) urls.push_back(Url::fileURLWithPath(tree.path(item)));
     ErrorPtr error = Error::errorWithDomain("unset", -1);
     std::optional<QXSizeUpdates> result =
         QXFileSizes::getSizesWithUrls(Array::make(std::move(urls)), report, &error);

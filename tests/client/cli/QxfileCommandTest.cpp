@@ -301,7 +301,6 @@ TEST_F(Qxfile, EffectiveAccessAsJsonAndAsText) {
   ASSERT_EQ(owner.status, 0) << owner;
   Json groups = owner.json()["access"];
   ASSERT_EQ(groups.size(), 3u) << groups.dump();
-  EXPECT_EQ(groups[0]["group"], "Read");
   EXPECT_EQ(groups[0]["permissions"][0]["granted"], true);
   EXPECT_EQ(groups[0]["permissions"][1],
             (Json{{"name", "Execute File"}, {"value", 8}, {"granted", false}, {"enforced", true}}));
