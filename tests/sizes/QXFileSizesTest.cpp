@@ -201,6 +201,7 @@ TEST_F(SizesTest, ResourceForkCountsOnlyWithFourKilobytesOfSlack) {
   if (slack("top/c-plain") >= 4096) GTEST_SKIP() << "the attribute took a block";
   Outcome outcome = sizes({"top"});
   EXPECT_EQ(outcome.error, nullptr);
+  // 10 bytes and a fork of 700, 4096 bytes and no fork, 10 bytes whose fork is not asked for
   EXPECT_EQ(outcome.records, (Records{"/ 4816", "/0 710", "/1 4096", "/2 10"}));
 }
 
