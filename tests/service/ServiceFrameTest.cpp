@@ -1,6 +1,5 @@
 // The service frame in process: a QXFileService and its delegate, or a worker's questions to its
-// client, on one end of a socket pair, a plain connection on the other; and the real qxfile-service
-// over its socket.
+// client, on one end of a socket pair, a plain connection on the other.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -24,11 +23,9 @@
 #include "platform/xpc/XpcListener.h"
 #include "protocol/QXFileRequest.h"
 #include "service/QXClientCallbacks.h"
-#include "service/QXFileService.h"
 #include "service/QXFileServiceDelegate.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/ScriptedResponder.h"
-#include "tests/support/ServiceSandbox.h"
 #include "tests/support/TempTree.h"
 
 namespace {
@@ -70,77 +67,38 @@ class ServiceFrame : public ::testing::Test {
     return clientEnd->remoteObjectProxy<QXFileRequest>();
   }
 
-  // The service end as a worker's connection to a client exporting `responder`.
-  std::shared_ptr<qx::XpcConnection> workerTo(std::shared_ptr<QXFileResponse> responder) {
-    serviceEnd->setRemoteObjectInterface(
-        qx::XpcInterface::interfaceWithProtocol(QXFileResponse::protocol()));
-    serviceEnd->resume();
-    clientProxy(std::move(responder));
-    return serviceEnd;
-  }
-
   std::shared_ptr<qx::XpcConnection> serviceEnd;
   std::shared_ptr<qx::XpcConnection> clientEnd;
   qx::test::TempTree files{"qx-frame"};
 };
-
-QXSizeUpdates twoUpdates() {
-  auto folder = QXFileSizeItem::make(300);
-  folder->setBusy(true);
-  auto file = QXFileSizeItem::make(200);
-  file->setBusy(false);
-  return {{qx::IndexPath::make(), folder}, {qx::IndexPath::make(std::vector<uint64_t>{0}), file}};
-}
 
 // How a worker asks its client through `connection`, and what it concludes: true when it is to
 // stop.
 struct Question {
   const char* name;
   std::function<bool(const std::shared_ptr<qx::XpcConnection>& connection)> stops;
-  bool stopAnswer;  // the client's answer that means "stop"
 };
 
 const Question kQuestions[] = {
     {"size report",
      [](const auto& connection) {
-       return !QXClientCallbacks::sizeReport(connection)(twoUpdates());
-     },
-     false},
+       return !QXClientCallbacks::sizeReport(connection)(
+           {{qx::IndexPath::make(), QXFileSizeItem::make(1)}});
+     }},
     {"rename question",
-     [](const auto& connection) { return QXClientCallbacks::renameQuestion(connection)(); }, true},
+     [](const auto& connection) { return QXClientCallbacks::renameQuestion(connection)(); }},
 };
-
-// The workers' questions cross the connection with their senses kept, and the size updates as
-// records of their state.
-TEST_F(ServiceFrame, TheClientsAnswersKeepTheirSenses) {
-  auto responder = std::make_shared<qx::test::ScriptedResponder>([](int n) { return n == 2; },
-                                                                 [](int n) { return n == 2; });
-  auto worker = workerTo(responder);
-  for (const Question& question : kQuestions) {
-    EXPECT_EQ(question.stops(worker), !question.stopAnswer) << question.name << " NO";
-    EXPECT_EQ(question.stops(worker), question.stopAnswer) << question.name << " YES";
-  }
-  ASSERT_EQ(responder->reports().size(), 2u);
-  std::vector<std::string> records;
-  for (const auto& object : *responder->reports()[0]) {
-    auto record = qx::cast<qx::Dictionary>(object);
-    auto path = record->objectForKeyAs<qx::IndexPath>("QXIndexPath");
-    auto item = record->objectForKeyAs<QXFileSizeItem>("QXFileSizeItem");
-    records.push_back(std::to_string(path->indexes().size()) + " " + std::to_string(item->size()) +
-                      (item->busy() ? " busy" : ""));
-  }
-  EXPECT_EQ(records, (std::vector<std::string>{"0 300 busy", "1 200"}));
-}
 
 // The client leaves while the workers wait, or there is no connection at all: each worker is
 // released, told to stop.
 TEST_F(ServiceFrame, AQuestionWithoutAnAnswerStops) {
   auto holding = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
-  auto worker = workerTo(holding);
+  ASSERT_TRUE(accept());
+  clientProxy(holding);
   std::vector<std::future<bool>> asking;
   for (const Question& question : kQuestions) {
     EXPECT_TRUE(question.stops(nullptr)) << question.name;
-    asking.push_back(std::async(std::launch::async, [&] { return question.stops(worker); }));
+    asking.push_back(std::async(std::launch::async, [&] { return question.stops(serviceEnd); }));
   }
   ASSERT_TRUE(holding->waitForCalls(std::size(kQuestions)));
   for (auto& stop : asking) EXPECT_EQ(stop.wait_for(100ms), std::future_status::timeout);
@@ -151,79 +109,11 @@ TEST_F(ServiceFrame, AQuestionWithoutAnAnswerStops) {
   }
 }
 
-TEST_F(ServiceFrame, AServiceHoldsItsConnectionAndClosesItWhenDestroyed) {
-  auto alone = std::make_shared<QXFileService>();
-  EXPECT_FALSE(alone->connection());
-  EXPECT_EQ(alone->queue().label(), "org.qxfile.FileService.OperationQueue");
-  alone.reset();
-  EXPECT_TRUE(serviceEnd->isValid()) << "a service without a connection touches none";
-
-  serviceEnd->setExportedInterface(
-      qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol()));
-  auto service = std::make_shared<QXFileService>(serviceEnd);
-  EXPECT_EQ(service->connection(), serviceEnd);
-  serviceEnd->resume();
-  std::atomic<bool> clientSawEnd{false};
-  clientEnd->setInvalidationHandler([&] { clientSawEnd = true; });
-  clientEnd->resume();
-  service.reset();
-  EXPECT_FALSE(serviceEnd->isValid());
-  EXPECT_TRUE(eventually([&] { return clientSawEnd.load(); }));
-}
-
-TEST_F(ServiceFrame, TheDelegateAcceptsWithBothProtocolsAndAServiceOfItsOwn) {
-  ASSERT_TRUE(accept());
-  EXPECT_EQ(serviceEnd->remoteObjectInterface()->protocol().name(), "QXFileResponse");
-  EXPECT_EQ(serviceEnd->exportedInterface()->protocol().name(), "QXFileRequest");
-  ASSERT_TRUE(serviceEnd->exportedObject());
-  // Resumed: a request is answered by the service's worker, with its error. (That the connection's
-  // end releases the service: ALongPropagationLeavesTheConnectionAnswering.)
-  auto proxy = clientProxy();
-  auto reply = qx::ReplyWaiter<qx::ErrorPtr>::wait([&](auto done) {
-    proxy->setAclEntries(qx::Array::make(), qx::Url::fileURLWithPath(files.path("missing")),
-                         std::move(done));
-  });
-  ASSERT_TRUE(reply && *reply);
-  EXPECT_EQ((*reply)->code(), ENOENT);
-}
-
-// Renames and size calculations of a connection run one at a time, in the order they came, and wait
-// for one that waits for its client; listings and ACL requests of the connection do not.
-TEST_F(ServiceFrame, OperationsQueueBehindOneWaitingForItsClientListingsDoNot) {
-  for (int i = 0; i < 150; ++i) files.file("counted/" + std::to_string(i), "x");
-  files.file("item", "x");
-  ASSERT_TRUE(accept());
-  auto responder = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
-  auto proxy = clientProxy(responder);
-  auto counted = qx::Array::make({qx::Url::fileURLWithPath(files.path("counted"))});
-  auto item = qx::Url::fileURLWithPath(files.path("item"));
-  // Where each reply came in the order of replies.
-  std::atomic<int> replies{0}, sizes{-1}, rename{-1}, sizesAgain{-1};
-  proxy->getSizesWithUrls(counted, [&](qx::ArrayPtr, qx::ErrorPtr) { sizes = replies++; });
-  ASSERT_TRUE(responder->waitForCalls(1));
-  proxy->renameUrls(qx::Array::make({item}), qx::Array::make({qx::str("renamed")}),
-                    [&](qx::ArrayPtr, qx::ArrayPtr, qx::ErrorPtr) { rename = replies++; });
-  proxy->getSizesWithUrls(counted, [&](qx::ArrayPtr, qx::ErrorPtr) { sizesAgain = replies++; });
-  auto levels = qx::ReplyWaiter<qx::ArrayPtr, qx::ErrorPtr>::wait([&](auto done) {
-    proxy->getContentsOfDirectory(item, qx::IndexPath::make(), std::move(done));
-  });
-  EXPECT_TRUE(levels && std::get<0>(*levels));
-  auto entries = qx::ReplyWaiter<qx::ArrayPtr, qx::ErrorPtr>::wait(
-      [&](auto done) { proxy->getAclEntriesWithUrl(item, std::move(done)); });
-  EXPECT_TRUE(entries && std::get<0>(*entries));
-  std::this_thread::sleep_for(100ms);
-  EXPECT_EQ(replies.load(), 0);
-  EXPECT_FALSE(std::filesystem::exists(files.path("renamed")));
-  responder->answerHeld(true);
-  ASSERT_TRUE(responder->waitForCalls(2)) << "the second calculation's report";
-  responder->answerHeld(true);
-  ASSERT_TRUE(eventually([&] { return sizes >= 0 && rename >= 0 && sizesAgain >= 0; }));
-  EXPECT_EQ((std::vector<int>{sizes, rename, sizesAgain}), (std::vector<int>{0, 1, 2}));
-}
-
-// A propagation over a large tree works on the connection's delivery queue while a size calculation
-// of the same connection waits for its client: the client's answers to the size reports are still
-// read, each one bringing the next report, and the end of the connection stops both at once.
+// A size calculation of a connection waits for its client: a rename of the connection queues behind
+// it, a listing and an ACL request do not. A propagation over a large tree then works on the
+// connection's delivery queue: the client's answers to the size reports are still read, each one
+// bringing the next report, an ACL request waits behind the propagation, and the end of the
+// connection stops everything at once.
 TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
   constexpr int kFolders = 100, kFilesPerFolder = 1000;  // 100,100 items to propagate
   files.folder("deep", 0750);
@@ -234,14 +124,14 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
       files.file(name + "/" + std::to_string(file));
   }
   for (int i = 0; i < 2000; ++i) files.file("counted/" + std::to_string(i), "x");
-  auto modeOf = [&](const std::string& relative) {
-    struct stat st {};
-    return ::lstat(files.path(relative).c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-  };
+  files.file("item", "x");
   auto touchedFolders = [&] {
     int touched = 0;
-    for (int folder = 0; folder < kFolders; ++folder)
-      touched += modeOf("deep/" + std::to_string(folder)) != 0755 ? 1 : 0;
+    for (int folder = 0; folder < kFolders; ++folder) {
+      struct stat st {};
+      ::lstat(files.path("deep/" + std::to_string(folder)).c_str(), &st);
+      touched += (st.st_mode & 07777) != 0755 ? 1 : 0;
+    }
     return touched;
   };
 
@@ -250,15 +140,22 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
   auto responder = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
   auto proxy = clientProxy(responder);
   auto deep = qx::Url::fileURLWithPath(files.path("deep"));
-  auto entries = qx::ReplyWaiter<qx::ArrayPtr, qx::ErrorPtr>::wait(
-      [&](auto done) { proxy->getAclEntriesWithUrl(deep, std::move(done)); });
-  ASSERT_TRUE(entries && std::get<0>(*entries)) << "the folder's own settings to propagate";
 
   // The calculation first: it reaches its first report and waits there.
   std::atomic<bool> answered{false};
   proxy->getSizesWithUrls(qx::Array::make({qx::Url::fileURLWithPath(files.path("counted"))}),
                           [&](qx::ArrayPtr, qx::ErrorPtr) { answered = true; });
   ASSERT_TRUE(responder->waitForCalls(1));
+  proxy->renameUrls(qx::Array::make({qx::Url::fileURLWithPath(files.path("item"))}),
+                    qx::Array::make({qx::str("renamed")}),
+                    [&](qx::ArrayPtr, qx::ArrayPtr, qx::ErrorPtr) { answered = true; });
+  auto levels = qx::ReplyWaiter<qx::ArrayPtr, qx::ErrorPtr>::wait([&](auto done) {
+    proxy->getContentsOfDirectory(deep, qx::IndexPath::make(), std::move(done));
+  });
+  EXPECT_TRUE(levels && std::get<0>(*levels));
+  auto entries = qx::ReplyWaiter<qx::ArrayPtr, qx::ErrorPtr>::wait(
+      [&](auto done) { proxy->getAclEntriesWithUrl(deep, std::move(done)); });
+  ASSERT_TRUE(entries && std::get<0>(*entries)) << "the folder's own settings to propagate";
   proxy->propagateAclEntries(std::get<0>(*entries), deep, [&](qx::ErrorPtr) { answered = true; });
   proxy->getAclEntriesWithUrl(deep, [&](qx::ArrayPtr, qx::ErrorPtr) { answered = true; });
   ASSERT_TRUE(eventually([&] { return touchedFolders() > 0; })) << "the propagation runs";
@@ -269,21 +166,20 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
     ASSERT_TRUE(responder->waitForCalls(report)) << "report " << report;
   }
   ASSERT_LT(touchedFolders(), kFolders) << "the tree is too small to outlast the reports";
-  EXPECT_FALSE(answered.load()) << "an ACL request waits for the propagation before it";
+  EXPECT_FALSE(answered.load()) << "the rename waits for the calculation, the ACL request for the "
+                                   "propagation before it";
+  EXPECT_FALSE(std::filesystem::exists(files.path("renamed")));
 
   auto closed = std::chrono::steady_clock::now();
   clientEnd->invalidate();
   EXPECT_TRUE(eventually([&] { return exported.expired(); }, std::chrono::seconds(1)))
-      << "both workers let their service go within a second";
+      << "every operation lets its service go within a second";
   EXPECT_LT(std::chrono::steady_clock::now() - closed, std::chrono::seconds(1));
   const int touched = touchedFolders();
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(touchedFolders(), touched) << "the propagation stopped";
   EXPECT_LT(touched, kFolders);
 }
-
-// The real qxfile-service, reached over its socket with a plain connection: the classes allowed in
-// incoming arguments are enforced by the connection, before any request reaches the service.
 
 using qx::Array;
 using qx::str;
@@ -307,18 +203,11 @@ std::string send(qx::XpcConnection& connection, const std::string& selector,
   return *outcome;
 }
 
-TEST(ServiceProcess, ArgumentsOutsideTheAllowedClassesAreRefusedBeforeAnyWork) {
-  registerModelClasses();
-  qx::test::ServiceSandbox sandbox(QX_SERVICE_EXECUTABLE);
-  qx::test::TempTree files("qx-service");
-  qx::ErrorPtr error;
-  auto connection = qx::XpcConnection::connectToService(QX_SERVICE_EXECUTABLE, &error);
-  ASSERT_TRUE(connection) << error->description();
-  // Replies may hold URLs and size records, as the client library allows.
-  auto requests = qx::XpcInterface::interfaceWithProtocol(QXFileRequest::protocol());
-  ASSERT_TRUE(QXFileRequest::restrictReplies(*requests));
-  connection->setRemoteObjectInterface(requests);
-  connection->resume();
+// The classes allowed in incoming arguments are enforced by the connection, before any request
+// reaches the service.
+TEST_F(ServiceFrame, ArgumentsOutsideTheAllowedClassesAreRefusedBeforeAnyWork) {
+  ASSERT_TRUE(accept());
+  clientProxy();
   files.file("item", "x");
   std::string item = files.path("item");
   ::chmod(item.c_str(), 0640);
@@ -342,20 +231,19 @@ TEST(ServiceProcess, ArgumentsOutsideTheAllowedClassesAreRefusedBeforeAnyWork) {
            {"renameUrls:names:reply:", {urls, urls->copy()}, "NSURL"},
            {"renameUrls:names:reply:", {urls, urls}, "NSURL"},
        }) {
-    EXPECT_THAT(send(*connection, selector, arguments), HasSubstr(refusedClass)) << selector;
+    EXPECT_THAT(send(*clientEnd, selector, arguments), HasSubstr(refusedClass)) << selector;
   }
   struct stat st {};
   EXPECT_EQ(::lstat(item.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0640u);
   // Strings, arrays, entries and their tree nodes pass and reach the worker.
   auto entry = QXAclEntry::make(qx::Uuid::make(), 1, Array::make(), false);
-  EXPECT_EQ(send(*connection,
+  EXPECT_EQ(send(*clientEnd,
                  "setAclEntries:url:reply:", {Array::make({str("ACL"), entry, str("POSIX")}), url}),
             "replied");
-  EXPECT_EQ(send(*connection, "getSizesWithUrls:reply:", {urls}), "replied");
-  EXPECT_EQ(send(*connection, "renameUrls:names:reply:", {urls, names}), "replied");
+  EXPECT_EQ(send(*clientEnd, "getSizesWithUrls:reply:", {urls}), "replied");
+  EXPECT_EQ(send(*clientEnd, "renameUrls:names:reply:", {urls, names}), "replied");
   EXPECT_TRUE(std::filesystem::exists(files.path("renamed")));
-  EXPECT_TRUE(connection->isValid());
-  connection->invalidate();
+  EXPECT_TRUE(clientEnd->isValid());
 }
 
 }  // namespace

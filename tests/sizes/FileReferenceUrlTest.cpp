@@ -11,45 +11,28 @@
 #include "platform/archive/KeyedUnarchiver.h"
 #include "platform/foundation/FileReferenceUrl.h"
 #include "platform/foundation/Foundation.h"
+#include "tests/platform/archive/support/ArchiveTestSupport.h"
 #include "tests/support/TempTree.h"
 
 namespace qx {
-
-// An NSURL archive in the older form of file references: the identity in
-// the string, the kept path (when given) beside it. (Malformed references:
-// rows of tests/platform/archive/data/archives.jsonl.)
-class ForgedUrl final : public Object {
-  QX_DECLARE_CLASS()
-
- public:
-  ForgedUrl(std::string relative, ObjectPtr kept) : relative_(std::move(relative)), kept_(kept) {}
-  void encodeWithCoder(KeyedArchiver& coder) const override {
-    coder.encodeObject(nullptr, "NS.base");
-    coder.encodeObject(str(relative_), "NS.relative");
-    if (kept_) coder.encodeObject(kept_, "qx.path");
-  }
-
- private:
-  std::string relative_;
-  ObjectPtr kept_;
-};
-
-QX_DEFINE_CLASS(ForgedUrl, "NSURL", Object)
-
 namespace {
 
 ObjectPtr roundTrip(const ObjectPtr& object) {
-  registerFoundationClasses();
-  DataPtr data = KeyedArchiver::archivedDataWithRootObject(object);
-  ErrorPtr error;
-  ObjectPtr decoded =
-      KeyedUnarchiver::unarchivedObjectOfClasses({&Url::classInfo()}, *data, &error);
-  EXPECT_EQ(decoded == nullptr, error != nullptr);
-  return decoded;
+  return KeyedUnarchiver::unarchivedObjectOfClasses({&Url::classInfo()}, testing::archived(object));
 }
 
-UrlPtr forged(const std::string& relative, ObjectPtr kept) {
-  return cast<Url>(roundTrip(std::make_shared<ForgedUrl>(relative, std::move(kept))));
+// An NSURL archive in the older form of file references: the identity in the string, the kept path
+// (when given) beside it. (Malformed references: rows of
+// tests/platform/archive/data/archives.jsonl.)
+UrlPtr forged(const std::string& relative, const std::string& kept) {
+  using testing::uid;
+  testing::json url = {{"NS.base", uid(0)}, {"NS.relative", uid(2)}, {"$class", uid(3)}};
+  if (!kept.empty()) url["qx.path"] = uid(4);
+  testing::json objects = {"$null", url, relative,
+                           testing::classDict("NSURL", {"NSURL", "NSObject"})};
+  if (!kept.empty()) objects.push_back(kept);
+  return cast<Url>(KeyedUnarchiver::unarchivedObjectOfClasses(
+      {&Url::classInfo()}, testing::writeJson(testing::keyedArchive(objects))));
 }
 
 std::size_t occurrences(const std::string& text, const std::string& part) {
@@ -59,6 +42,7 @@ std::size_t occurrences(const std::string& text, const std::string& part) {
 }
 
 TEST(FileReferenceUrl, IsMadeFromAnItemAndCrossesAnArchiveWithItsKeptPath) {
+  registerFoundationClasses();
   test::TempTree tree("qx-reference");
   tree.file("with space%");
   struct stat st;
@@ -84,7 +68,6 @@ TEST(FileReferenceUrl, IsMadeFromAnItemAndCrossesAnArchiveWithItsKeptPath) {
   EXPECT_EQ(occurrences(bytes, "file://" + Url::percentEncodePath(tree.root()) + "/"), 1u);
   EXPECT_EQ(occurrences(bytes, "with%20space%25"), 1u);
   EXPECT_EQ(occurrences(bytes, "a%3Ab"), 1u) << "no name reads as a scheme";
-  registerFoundationClasses();
   ErrorPtr error;
   auto both = cast<Array>(KeyedUnarchiver::unarchivedObjectOfClasses(
       {&Array::classInfo(), &Url::classInfo()}, *data, &error));
@@ -105,8 +88,8 @@ TEST(FileReferenceUrl, IsMadeFromAnItemAndCrossesAnArchiveWithItsKeptPath) {
   EXPECT_FALSE(plain->isFileReferenceURL());
 
   // The older form: the identity in the string, the kept path beside it.
-  auto older = forged(reference->absoluteString(),
-                      str("file://" + Url::percentEncodePath(tree.path("moved"))));
+  auto older =
+      forged(reference->absoluteString(), "file://" + Url::percentEncodePath(tree.path("moved")));
   ASSERT_NE(older, nullptr);
   EXPECT_TRUE(older->isEqual(*reference));
   EXPECT_EQ(older->path(), tree.path("moved"));
@@ -117,7 +100,7 @@ TEST(FileReferenceUrl, IsMadeFromAnItemAndCrossesAnArchiveWithItsKeptPath) {
   EXPECT_FALSE(decoded->isDirectory().has_value());
 
   // Without a kept path, or with one that names another item: no present path.
-  for (ObjectPtr kept : {ObjectPtr(), ObjectPtr(str("file://" + tree.root()))}) {
+  for (const std::string& kept : {std::string(), "file://" + tree.root()}) {
     auto bare = forged("file:///.file/id=1.2", kept);
     ASSERT_NE(bare, nullptr);
     EXPECT_TRUE(bare->isFileReferenceURL());

@@ -6,32 +6,20 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <optional>
 
 #include "platform/foundation/Foundation.h"
 #include "sizes/QXFileSizes.h"
+#include "tests/sizes/ErrorText.h"
 #include "tests/support/AsNobody.h"
 #include "tests/support/TempTree.h"
 
 namespace qx {
 namespace {
 
-// One size update: where it is in the result tree, its total, and whether
-// that total may still grow.
-struct SizeRecord {
-  std::vector<uint64_t> indexPath;
-  int64_t size = -999;
-  bool busy = true;
-  bool operator==(const SizeRecord&) const = default;
-  friend std::ostream& operator<<(std::ostream& out, const SizeRecord& record) {
-    return out << testing::PrintToString(record.indexPath) << " " << record.size
-               << (record.busy ? " busy" : "");
-  }
-};
-using Records = std::vector<SizeRecord>;
-using Paths = std::vector<std::string>;
+// The records of a result or a report, one text each: "/<index path> <size>[ busy]", busy while the
+// total may still grow.
+using Records = std::vector<std::string>;
 
 struct Outcome {
   Records records;
@@ -47,20 +35,21 @@ class SizesTest : public ::testing::Test {
     for (int i = 0; i < count; ++i)
       tree.file(folder + "/" + std::to_string(1000 + i), std::string(bytes, 'x'));
   }
-  UrlPtr url(const std::string& relative) const {
-    return Url::fileURLWithPath(tree.path(relative));
-  }
 
-  // The records as a client would read them when they are handed over.
   static Records recordsOf(const QXSizeUpdates& updates) {
     Records records;
-    for (const QXSizeUpdate& update : updates)
-      records.push_back({update.indexPath->indexes(), update.item->size(), update.item->busy()});
+    for (const QXSizeUpdate& update : updates) {
+      std::string text = "/";
+      for (uint64_t index : update.indexPath->indexes())
+        text += (text.size() > 1 ? "/" : "") + std::to_string(index);
+      records.push_back(text + " " + std::to_string(update.item->size()) +
+                        (update.item->busy() ? " busy" : ""));
+    }
     return records;
   }
   Outcome sizes(const std::vector<std::string>& items, const QXFileSizes::Report& report) const {
     std::vector<ObjectPtr> urls;
-    for (const auto& item : items) urls.push_back(url(item));
+    for (const auto& item : items) urls.push_back(Url::fileURLWithPath(tree.path(item)));
     ErrorPtr error = Error::errorWithDomain("unset", -1);
     std::optional<QXSizeUpdates> result =
         QXFileSizes::getSizesWithUrls(Array::make(std::move(urls)), report, &error);
@@ -73,7 +62,6 @@ class SizesTest : public ::testing::Test {
       return answer;
     });
   }
-  Records report(std::size_t n) { return reports.at(n); }
 
   // A file of `bytes` whose allocation reaches `allocated` bytes.
   void allocated(const std::string& relative, std::size_t bytes, off_t allocated) const {
@@ -95,7 +83,7 @@ class SizesTest : public ::testing::Test {
 
 TEST_F(SizesTest, ResultTreeOfFilesFoldersAndLinks) {
   tree.file("one", std::string(1234, 'x'));
-  EXPECT_EQ(sizes({"one"}).records, (Records{{{}, 1234, false}}));
+  EXPECT_EQ(sizes({"one"}).records, (Records{"/ 1234"}));
 
   // Two folders: an artificial root, and the folders in byte order of their paths.
   tree.file("A/x", std::string(10, 'x'));
@@ -104,21 +92,15 @@ TEST_F(SizesTest, ResultTreeOfFilesFoldersAndLinks) {
   tree.file("B/inner/w", std::string(4000, 'x'));
   Outcome two = sizes({"B", "A"});
   EXPECT_EQ(two.error, nullptr);
-  EXPECT_EQ(two.records, (Records{{{}, 4330, false},
-                                  {{0}, 30, false},
-                                  {{0, 0}, 10, false},
-                                  {{0, 1}, 20, false},
-                                  {{1}, 4300, false},
-                                  {{1, 0}, 4000, false},
-                                  {{1, 0, 0}, 4000, false},
-                                  {{1, 1}, 300, false}}));
+  EXPECT_EQ(two.records, (Records{"/ 4330", "/0 30", "/0/0 10", "/0/1 20", "/1 4300", "/1/0 4000",
+                                  "/1/0/0 4000", "/1/1 300"}));
 
   // Links count as themselves, never as what they point to.
   tree.link("links/to-B", tree.path("B"));
   tree.link("links/to-nothing", "nowhere");
   Outcome links = sizes({"links"});
   ASSERT_EQ(links.records.size(), 3u);
-  EXPECT_EQ(links.records[0].size, static_cast<int64_t>(tree.path("B").size() + 7));
+  EXPECT_EQ(links.records[0], "/ " + std::to_string(tree.path("B").size() + 7));
 
   Outcome none = sizes({});
   EXPECT_FALSE(none.nil);
@@ -133,36 +115,38 @@ TEST_F(SizesTest, EveryHundredFilesMakeAReportWithTheOpenFoldersBusy) {
   for (int i = 0; i < 100; ++i) tree.file("f/" + std::to_string(1000 + i), std::string(i, 'x'));
   Outcome hundred = sizes({"f"});
   ASSERT_EQ(reports.size(), 1u);
-  Records first = report(0);
+  Records first = reports.at(0);
   ASSERT_EQ(first.size(), 101u);
-  EXPECT_EQ(first[0], (SizeRecord{{}, 4950, true}));
-  for (uint64_t i = 0; i < 100; ++i) EXPECT_EQ(first[i + 1], (SizeRecord{{i}, int64_t(i), false}));
-  EXPECT_EQ(hundred.records, (Records{{{}, 4950, false}}));
+  EXPECT_EQ(first[0], "/ 4950 busy");
+  for (int i = 0; i < 100; ++i)
+    EXPECT_EQ(first[i + 1], "/" + std::to_string(i) + " " + std::to_string(i));
+  EXPECT_EQ(hundred.records, (Records{"/ 4950"}));
 
   for (int i = 0; i < 30; ++i) tree.folder("top/empty" + std::to_string(100 + i));
   files("top/sub", 150, 2);
   Outcome mixed = sizes({"top"});
   ASSERT_EQ(reports.size(), 2u) << "30 empty folders and 150 files make one report";
-  Records second = report(1);
+  Records second = reports.at(1);
   ASSERT_EQ(second.size(), 1u + 31u + 100u);
-  EXPECT_EQ(second[1], (SizeRecord{{0}, 0, false})) << "an empty folder is final at once";
-  EXPECT_EQ(second[31], (SizeRecord{{30}, 200, true}));
+  EXPECT_EQ(second[1], "/0 0") << "an empty folder is final at once";
+  EXPECT_EQ(second[31], "/30 200 busy");
   ASSERT_EQ(mixed.records.size(), 2u + 50u);
-  EXPECT_EQ(mixed.records[0], (SizeRecord{{}, 300, false}));
-  EXPECT_EQ(mixed.records[1], (SizeRecord{{30}, 300, false}));
-  EXPECT_EQ(mixed.records[2], (SizeRecord{{30, 100}, 2, false}));
+  EXPECT_EQ(Records(mixed.records.begin(), mixed.records.begin() + 3),
+            (Records{"/ 300", "/30 300", "/30/100 2"}));
 }
 
+// NO to the first report, or no report to ask when the first is due, stops the walk: the batch it
+// carried, made final, is the result.
 TEST_F(SizesTest, NoToTheFirstReportStopsWithThatBatchMadeFinal) {
   files("f", 250, 1);
   answer = false;
   Outcome outcome = sizes({"f"});
   EXPECT_EQ(outcome.error, nullptr);
   ASSERT_EQ(reports.size(), 1u);
-  EXPECT_EQ(report(0)[0], (SizeRecord{{}, 100, true}));
+  EXPECT_EQ(reports.at(0)[0], "/ 100 busy");
   ASSERT_EQ(outcome.records.size(), 101u);
-  EXPECT_EQ(outcome.records[0], (SizeRecord{{}, 100, false}));
-  EXPECT_EQ(outcome.records[100], (SizeRecord{{99}, 1, false}));
+  EXPECT_EQ(outcome.records[0] + ", " + outcome.records[100], "/ 100, /99 1");
+  EXPECT_EQ(sizes({"f"}, nullptr).records, outcome.records);
 
   // A resource-fork query that found nothing leaves ENODATA behind it; a stop
   // right after it is caught by the late errno check.
@@ -171,20 +155,18 @@ TEST_F(SizesTest, NoToTheFirstReportStopsWithThatBatchMadeFinal) {
   tree.file("g/2000-after", "1");
   Outcome late = sizes({"g"});
   EXPECT_TRUE(late.nil);
-  ASSERT_NE(late.error, nullptr);
-  EXPECT_EQ(late.error->code(), ENODATA);
-  EXPECT_EQ(late.error->localizedDescription(), "Error calculating file sizes");
+  EXPECT_EQ(test::errorText(late.error),
+            "ENODATA: Error calculating file sizes | Couldn't retrieve folder hierarchy item for "
+            "folder at path \"" +
+                tree.path("g") + "\". No data available");
 }
 
 TEST_F(SizesTest, UnreadableFolderIsASoftErrorAndMissingPathAHardOne) {
   Outcome missing = sizes({"missing"});
   EXPECT_TRUE(missing.nil);
-  ASSERT_NE(missing.error, nullptr);
-  EXPECT_EQ(missing.error->code(), ENOENT);
-  EXPECT_EQ(missing.error->localizedDescription(), "Error calculating file sizes");
-  EXPECT_EQ(missing.error->localizedRecoverySuggestion().value_or(""),
-            "Couldn't get folder hierarchy item at path \"" + tree.path("missing") + "\". " +
-                std::strerror(ENOENT));
+  EXPECT_EQ(test::errorText(missing.error),
+            "ENOENT: Error calculating file sizes | Couldn't get folder hierarchy item at path \"" +
+                tree.path("missing") + "\". No such file or directory");
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to take another user's identity";
   tree.folder("top/a-locked", 0700);
@@ -197,13 +179,10 @@ TEST_F(SizesTest, UnreadableFolderIsASoftErrorAndMissingPathAHardOne) {
     outcome = sizes({"top"});
   }
   EXPECT_FALSE(outcome.nil);
-  EXPECT_EQ(outcome.records,
-            (Records{{{}, 7, false}, {{0}, 0, false}, {{1}, 0, false}, {{2}, 7, false}}));
-  ASSERT_NE(outcome.error, nullptr);
-  EXPECT_EQ(outcome.error->code(), EACCES);
-  EXPECT_EQ(
-      outcome.error->localizedDescription(),
-      "Couldn't read folder contents for folder at path \"" + tree.path("top/a-locked") + "\".")
+  EXPECT_EQ(outcome.records, (Records{"/ 7", "/0 0", "/1 0", "/2 7"}));
+  EXPECT_EQ(test::errorText(outcome.error),
+            "EACCES: Couldn't read folder contents for folder at path \"" +
+                tree.path("top/a-locked") + "\". | Permission denied")
       << "unwrapped, and the first one";
 }
 
@@ -222,20 +201,8 @@ TEST_F(SizesTest, ResourceForkCountsOnlyWithFourKilobytesOfSlack) {
   if (slack("top/c-plain") >= 4096) GTEST_SKIP() << "the attribute took a block";
   Outcome outcome = sizes({"top"});
   EXPECT_EQ(outcome.error, nullptr);
-  EXPECT_EQ(outcome.records, (Records{{{}, 10 + 700 + 4096 + 10, false},
-                                      {{0}, 710, false},
-                                      {{1}, 4096, false},
-                                      {{2}, 10, false}}));
-}
-
-// Without a report to ask, the first report due stops the walk: the batch it
-// would have carried is the result.
-TEST_F(SizesTest, WithoutAReportTheFirstDueReportStops) {
-  files("f", 300, 3);
-  Outcome outcome = sizes({"f"}, nullptr);
-  EXPECT_EQ(outcome.error, nullptr);
-  ASSERT_EQ(outcome.records.size(), 101u);
-  EXPECT_EQ(outcome.records[0], (SizeRecord{{}, 300, false}));
+  // 10 bytes and a fork of 700, 4096 bytes and no fork, 10 bytes whose fork is not asked for
+  EXPECT_EQ(outcome.records, (Records{"/ 4816", "/0 710", "/1 4096", "/2 10"}));
 }
 
 }  // namespace
