@@ -67,6 +67,17 @@ class Call {
   bool finished_ = false;
 };
 
+// Queues `function` on `context`. (g_main_context_invoke_full would run it at
+// once on the calling thread, the client's reply thread, whenever nothing
+// iterates the context at that moment.)
+void queueOn(GMainContext* context, GSourceFunc function, gpointer data, GDestroyNotify destroy) {
+  GSource* source = g_idle_source_new();
+  g_source_set_priority(source, G_PRIORITY_DEFAULT);
+  g_source_set_callback(source, function, data, destroy);
+  g_source_attach(source, context);
+  g_source_unref(source);
+}
+
 void returnError(GTask* task, const qxfile::Error& error) {
   GErrorConversion::keepOn(task, error);
   g_task_return_error(task, GErrorConversion::make(error));
@@ -106,8 +117,8 @@ struct Progress {
         GDestroyNotify notify;
         gpointer data;
       };
-      g_main_context_invoke_full(
-          context, G_PRIORITY_DEFAULT,
+      queueOn(
+          context,
           +[](gpointer release) -> gboolean {
             auto* r = static_cast<Release*>(release);
             r->notify(r->data);
@@ -126,8 +137,8 @@ struct Progress {
       std::shared_ptr<Progress> progress;
       GPtrArray* updates;
     };
-    g_main_context_invoke_full(
-        context, G_PRIORITY_DEFAULT,
+    queueOn(
+        context,
         +[](gpointer data) -> gboolean {
           auto* report = static_cast<Report*>(data);
           const auto& progress = *report->progress;

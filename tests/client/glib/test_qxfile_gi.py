@@ -4,6 +4,7 @@ import errno
 import os
 import shutil
 import tempfile
+import threading
 import time
 import unittest
 
@@ -60,9 +61,11 @@ class QxfileFromPython(unittest.TestCase):
         cancellable = Gio.Cancellable()
         heard = {"sevens": [], "thousands": []}
         finished = {}
+        threads = set()
 
         def start(name, cancels):
             def on_updates(updates, *user_data):
+                threads.add(threading.get_ident())
                 heard[name].append([u.get_size() for u in updates])
                 if cancels:
                     time.sleep(0.2)  # the calculation's next reports queue up behind this one
@@ -80,13 +83,15 @@ class QxfileFromPython(unittest.TestCase):
                                         cancellable=cancellable if cancels else None,
                                         callback=on_done)
 
-        def start_both():  # from the running loop, where each report waits for its turn
-            start("sevens", True)
-            start("thousands", False)
-
-        GLib.idle_add(start_both)
+        # The first is started before the loop runs, so its first reports come
+        # while nothing iterates the context; the second from the running loop.
+        start("thousands", False)
+        time.sleep(0.3)
+        GLib.idle_add(start, "sevens", True)
         GLib.timeout_add_seconds(20, self.loop.quit)
         self.loop.run()
+
+        self.assertEqual(threads, {threading.get_ident()}, "progress runs on the caller's context")
 
         self.assertIsInstance(finished["sevens"], GLib.Error)
         self.assertTrue(finished["sevens"].matches(Gio.io_error_quark(),
