@@ -11,18 +11,12 @@
 #include "service/QXClientCallbacks.h"
 #include "sizes/QXFileSizes.h"
 
-QXFileService::QXFileService() : QXFileService(nullptr) {}
-
 QXFileService::QXFileService(std::shared_ptr<qx::XpcConnection> connection)
     : connection_(std::move(connection)) {
   auto interface = connection_ ? connection_->exportedInterface() : nullptr;
   // The rules were checked when the service started (QXFileServiceDelegate).
   [[maybe_unused]] bool restricted = !interface || QXFileRequest::restrictArguments(*interface);
   assert(restricted);
-}
-
-QXFileService::~QXFileService() {
-  if (connection_) connection_->invalidate();
 }
 
 qx::SerialQueue& QXFileService::queue() {

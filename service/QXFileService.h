@@ -20,9 +20,9 @@
 //   a time in arrival order (the queue is made by the first of them);
 // - listings on the global concurrent queue, beside anything else.
 //
-// The service holds its connection and invalidates it when destroyed; the
-// connection holds the service as its exported object until it is
-// invalidated, and each queued request holds it until its reply has gone.
+// The service holds its connection; the connection holds the service as its
+// exported object until it is invalidated, and each queued request holds it
+// until its reply has gone. So a service outlives its connection's end.
 class QXFileService final : public QXFileRequest,
                             public std::enable_shared_from_this<QXFileService> {
  public:
@@ -30,20 +30,14 @@ class QXFileService final : public QXFileRequest,
   // ".OperationQueue".
   static constexpr const char* kOperationQueueLabel = "org.qxfile.FileService.OperationQueue";
 
-  // A service without a connection; destroying it touches no connection.
-  QXFileService();
   // Restricts the classes allowed in the incoming entries and URL arrays on
   // the connection's exported interface (which must be set before), then
   // keeps the connection. The operation queue is not made yet.
   explicit QXFileService(std::shared_ptr<qx::XpcConnection> connection);
-  ~QXFileService() override;
   QXFileService(const QXFileService&) = delete;
   QXFileService& operator=(const QXFileService&) = delete;
 
   const std::shared_ptr<qx::XpcConnection>& connection() const { return connection_; }
-  void setConnection(std::shared_ptr<qx::XpcConnection> connection) {
-    connection_ = std::move(connection);
-  }
   // The operation queue, made on first use. Called only from the connection's
   // delivery queue, which is serial, so making it needs no lock (checked in
   // debug builds).
