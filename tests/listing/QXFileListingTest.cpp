@@ -6,7 +6,7 @@
 #include "listing/QXFileListing.h"
 #include "platform/foundation/FileReferenceUrl.h"
 #include "platform/foundation/Foundation.h"
-#include "tests/sizes/ErrorText.h"
+#include "tests/support/ErrorText.h"
 #include "tests/support/AsNobody.h"
 #include "tests/support/TempTree.h"
 

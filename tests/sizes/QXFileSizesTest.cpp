@@ -10,7 +10,7 @@
 
 #include "platform/foundation/Foundation.h"
 #include "sizes/QXFileSizes.h"
-#include "tests/sizes/ErrorText.h"
+#include "tests/support/ErrorText.h"
 #include "tests/support/AsNobody.h"
 #include "tests/support/TempTree.h"
 
