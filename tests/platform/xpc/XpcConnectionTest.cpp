@@ -118,35 +118,17 @@ TEST_F(ConnectionPair, AWorkerAsksTheClientAndWaitsForEachAnswer) {
 
 TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
   connect();
-  auto refusal = [&](std::string selector, std::vector<ObjectPtr> arguments) {
-    Semaphore done;
-    std::string reason = "replied";
-    client->sendInvocation(
-        std::move(selector), std::move(arguments), [&](std::vector<ObjectPtr>) { done.signal(); },
-        [&](ErrorPtr error) {
-          reason = error->localizedDescription();
-          done.signal();
-        });
-    EXPECT_TRUE(done.waitFor(10s));
-    return reason;
-  };
-  auto url = Url::fileURLWithPath("/a");
-  for (const auto& [selector, arguments, reason] :
-       std::vector<std::tuple<std::string, std::vector<ObjectPtr>, std::string>>{
-           // Classes outside the argument's set, at the top or nested.
-           {"countUrls:reply:", {Array::make({url, str("b")})}, "NSString"},
-           {"countUrls:reply:", {Dictionary::make()}, "refused"},
-           {"echoError:array:flag:reply:", {str("no error"), nullptr, nullptr}, "NSString"},
-           // A collection argument without a set takes property-list elements only.
-           {"echoError:array:flag:reply:",
-            {nullptr, Array::make({Uuid::make()}), Number::numberWithBool(true)},
-            "NSUUID"},
-           {"noSuchSelector:reply:", {}, "unknown selector"},
-           {"incrementWithReply:", {str("extra")}, "wrong number of arguments"},
-           {"note:", {str("a reply to a method without one")}, "no reply"},
-       }) {
-    EXPECT_THAT(refusal(selector, arguments), ::testing::HasSubstr(reason)) << selector;
-  }
+  // What each refusal says: rows of data/frames.jsonl. Here: it reaches the caller's error handler.
+  Semaphore refused;
+  std::string reason = "replied";
+  client->sendInvocation(
+      "countUrls:reply:", {Dictionary::make()}, [&](std::vector<ObjectPtr>) { refused.signal(); },
+      [&](ErrorPtr error) {
+        reason = error->localizedDescription();
+        refused.signal();
+      });
+  ASSERT_TRUE(refused.waitFor(10s));
+  EXPECT_THAT(reason, ::testing::HasSubstr("refused"));
   EXPECT_FALSE(waitForReply(*client, "noSuchSelector:reply:", {}));
   // Sets for selectors or arguments the protocol lacks are not taken.
   ClassSet only{&Array::classInfo(), &Url::classInfo()};
@@ -158,7 +140,8 @@ TEST_F(ConnectionPair, RefusedInvocationsGetAnErrorAndTheConnectionGoesOn) {
       << "setting an argument's set leaves the reply's alone";
   EXPECT_TRUE(service->isValid() && client->isValid());
   auto count = ReplyWaiter<NumberPtr>::wait([&](auto done) {
-    proxy->countUrls(Array::make({url, Url::fileURLWithPath("/b")}), std::move(done));
+    proxy->countUrls(Array::make({Url::fileURLWithPath("/a"), Url::fileURLWithPath("/b")}),
+                     std::move(done));
   });
   ASSERT_TRUE(count && *count);
   EXPECT_EQ((*count)->integerValue(), 2);

@@ -264,7 +264,7 @@ TEST_F(ServiceProcess, EachDataFrameGetsItsAnswerOrClosesOnlyItsOwnConnection) {
     }
     EXPECT_EQ(increment(good), ++served);
   }
-  EXPECT_EQ(served, 10);
+  EXPECT_EQ(served, 16);
   EXPECT_EQ(sandbox.services(), std::vector<pid_t>{pid});
   good->invalidate();
 }
