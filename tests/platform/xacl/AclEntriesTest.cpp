@@ -206,7 +206,7 @@ TEST(AclFree, ReleasesOnlyWhatItHandedOutAndOnlyOnce) {
   EXPECT_EQ(testing::LiveQualifiers(), qualifiers);
 }
 
-TEST(AclTextTest, EntriesReadAsOneLineEachWithNamesOrUuids) {
+TEST(AclText, EntriesReadAsOneLineEachWithNamesOrUuids) {
   ASSERT_NE(getpwnam("qxmember"), nullptr) << "tests/support/users through nss_wrapper";
   AclHandle acl = buildAcl({
       {ACL_EXTENDED_ALLOW, "FFFFEEEE-DDDD-CCCC-BBBB-AAAA00000836", ACL_READ_DATA | ACL_EXECUTE,
