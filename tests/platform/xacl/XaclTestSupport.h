@@ -46,18 +46,24 @@ struct EntryFields {
 };
 
 // Adds an entry through the interface; a null qualifier or an undefined tag is left unset.
-inline acl_entry_t addEntry(acl_t acl, const EntryFields& fields) {
+inline acl_entry_t addEntry(acl_t acl, acl_tag_t tag, const unsigned char* qualifier,
+                            acl_perm_t perms, acl_flag_t flags) {
   acl_entry_t entry = nullptr;
   acl_permset_t permset = nullptr;
   acl_flagset_t flagset = nullptr;
   int status = acl_create_entry(&acl, &entry);
-  if (fields.tag != ACL_UNDEFINED_TAG) status |= acl_set_tag_type(entry, fields.tag);
-  if (fields.qualifier) status |= acl_set_qualifier(entry, uuidOf(fields.qualifier).data());
+  if (tag != ACL_UNDEFINED_TAG) status |= acl_set_tag_type(entry, tag);
+  if (qualifier) status |= acl_set_qualifier(entry, qualifier);
   status |= acl_get_permset(entry, &permset) | acl_get_flagset_np(entry, &flagset);
-  if (fields.perms != 0) status |= acl_add_perm(permset, fields.perms);
-  if (fields.flags != 0) status |= acl_add_flag_np(flagset, fields.flags);
+  if (perms != 0) status |= acl_add_perm(permset, perms);
+  if (flags != 0) status |= acl_add_flag_np(flagset, flags);
   EXPECT_EQ(status, 0) << "building an entry";
   return entry;
+}
+
+inline acl_entry_t addEntry(acl_t acl, const EntryFields& fields) {
+  return addEntry(acl, fields.tag, fields.qualifier ? uuidOf(fields.qualifier).data() : nullptr,
+                  fields.perms, fields.flags);
 }
 
 inline AclHandle buildAcl(const std::vector<EntryFields>& entries) {
