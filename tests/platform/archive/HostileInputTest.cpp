@@ -76,8 +76,8 @@ void checkArchive(const json& row) {
   }
   EXPECT_FALSE(decoded);
   ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain(), kCocoaErrorDomain);
-  EXPECT_EQ(error->code(), kCoderReadCorruptError);
+  EXPECT_EQ(std::pair(error->domain(), error->code()),
+            std::pair(std::string(kCocoaErrorDomain), kCoderReadCorruptError));
   EXPECT_EQ(missing(describe(error), row["refused with"]), "");
   if (restricted) return;
   ErrorPtr anySet;

@@ -69,9 +69,8 @@ TEST(SerialQueue, RunsEveryTaskOneAtATimeInOrderOnANamedThreadAndDrainsOnDestruc
   }
   ASSERT_EQ(order.size(), 200u);
   for (int i = 0; i < 200; ++i) EXPECT_EQ(order[i], i);
-  EXPECT_FALSE(overlapped);
-  EXPECT_TRUE(current);
-  EXPECT_STREQ(name, "org.qxfile.File");
+  EXPECT_EQ(std::tuple(overlapped, current, std::string(name)),
+            std::tuple(false, true, "org.qxfile.File"));
 }
 
 TEST(SerialQueue, ABlockedQueueBlocksNoOtherAndOneReleasedFromItsOwnTaskDrains) {

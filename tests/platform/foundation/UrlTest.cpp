@@ -84,10 +84,9 @@ TEST(FoundationUrl, ResourceValuesComeFromTheItemWithoutFollowingLinks) {
   EXPECT_EQ(cast<Url>(value)->path(), tree.path("folder"));
   EXPECT_FALSE(url("missing")->getResourceValue(&value, kURLIsDirectoryKey, &error));
   EXPECT_EQ(value, nullptr);
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain(), kCocoaErrorDomain);
-  EXPECT_EQ(error->code(), 260);
-  EXPECT_EQ(error->underlyingError()->code(), ENOENT);
+  ASSERT_TRUE(error && error->underlyingError());
+  EXPECT_EQ(std::tuple(error->domain(), error->code(), error->underlyingError()->code()),
+            std::tuple(kCocoaErrorDomain, 260, ENOENT));
 
   // The root has no parent, and that is no failure.
   auto root = Url::fileURLWithPath("/");
