@@ -49,10 +49,10 @@ TEST(FoundationError, DescriptionsFallBackToTheReasonThenTheDomain) {
   EXPECT_EQ(error->underlyingError(), underlying);
   EXPECT_NE(error->description().find("Code=513"), std::string::npos);
   auto bare = Error::errorWithDomain(kCocoaErrorDomain, 1);
-  EXPECT_EQ(bare->localizedRecoverySuggestion(), std::nullopt);
-  EXPECT_EQ(bare->underlyingError(), nullptr);
   ASSERT_TRUE(bare->userInfo());
-  EXPECT_EQ(bare->userInfo()->count(), 0u);
+  EXPECT_EQ(std::tuple(bare->localizedRecoverySuggestion(), bare->underlyingError(),
+                       bare->userInfo()->count()),
+            std::tuple(std::nullopt, nullptr, 0u));
 }
 
 TEST(FoundationValues, EqualityFollowsContents) {

@@ -70,9 +70,9 @@ TEST(MembershipTest, IdsAndTheirUuidFormsMapBothWays) {
        }) {
     id_t id = 7;
     int type = 7;
-    EXPECT_EQ(mbr_uuid_to_id(row.uuid.bytes, &id, &type), row.status) << text(row.uuid);
-    EXPECT_EQ(id, row.id) << text(row.uuid);
-    EXPECT_EQ(type, row.type) << text(row.uuid);
+    const int status = mbr_uuid_to_id(row.uuid.bytes, &id, &type);
+    EXPECT_EQ(std::tuple(status, id, type), std::tuple(row.status, row.id, row.type))
+        << text(row.uuid);
   }
   id_t id;
   int type;
@@ -121,9 +121,7 @@ TEST(IdentityNamesTest, FindsUsersAndGroupsByIdAndName) {
   int error = -1;
   auto alice = IdentityNames::user(kAlice, &error);
   ASSERT_TRUE(alice.has_value());
-  EXPECT_EQ(error, 0);
-  EXPECT_EQ(alice->name, "qxalice");
-  EXPECT_EQ(alice->gid, 3001u);
+  EXPECT_EQ(std::tuple(error, alice->name, alice->gid), std::tuple(0, "qxalice", 3001u));
   EXPECT_EQ(IdentityNames::userNamed("qxbob")->uid, 2002u);
   EXPECT_EQ(IdentityNames::userName(kCarol), "qxcarol");
   EXPECT_EQ(IdentityNames::groupName(kStaff), "qxstaff");

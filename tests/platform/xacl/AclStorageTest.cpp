@@ -1,5 +1,5 @@
 // ACLs kept in the item's attribute: layout, round trips, errors, damage and special files.
-// What is read back is compared in the text form, whose own names are pinned in AclTextTest.
+// What is read back is compared in the text form, whose own names are pinned in AclEntriesTest.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -33,7 +33,7 @@ using EchoReply = OnceCallback<void(ErrorPtr, ArrayPtr, bool)>;
 
 // The protocol of the test service: an echo of an object that names its own sets, a collection and
 // a BOOL, a restricted argument, per-connection state, a request whose worker asks the client and
-// waits for each answer, and a method without a reply block.
+// waits for each answer, a method without a reply block, and a reply larger than a socket buffer.
 class TestRequest {
  public:
   virtual ~TestRequest() = default;
@@ -47,6 +47,8 @@ class TestRequest {
   virtual void askClient(NumberPtr count, OnceCallback<void(ArrayPtr)> reply) = 0;
   virtual void note(StringPtr text) = 0;
   virtual void notesWithReply(OnceCallback<void(ArrayPtr)> reply) = 0;
+  // Replies, from the delivery itself, with `length` bytes.
+  virtual void fill(NumberPtr length, OnceCallback<void(DataPtr)> reply) = 0;
 };
 
 // The protocol the test client exports.
@@ -78,6 +80,9 @@ class TestRequestProxy final : public TestRequest, XpcRemoteProxy {
   void notesWithReply(OnceCallback<void(ArrayPtr)> reply) override {
     send(&TestRequest::notesWithReply, std::move(reply));
   }
+  void fill(NumberPtr length, OnceCallback<void(DataPtr)> reply) override {
+    send(&TestRequest::fill, std::move(reply), length);
+  }
 };
 
 class TestResponseProxy final : public TestResponse, XpcRemoteProxy {
@@ -98,6 +103,7 @@ inline const XpcProtocol& testRequestProtocol() {
                          xpcMethod("askClient:reply:", &TestRequest::askClient),
                          xpcMethod("note:", &TestRequest::note),
                          xpcMethod("notesWithReply:", &TestRequest::notesWithReply),
+                         xpcMethod("fill:reply:", &TestRequest::fill),
                      });
   return protocol;
 }
@@ -150,6 +156,9 @@ class TestService final : public TestRequest, public std::enable_shared_from_thi
   }
   void note(StringPtr text) override { notes_.push_back(text); }
   void notesWithReply(OnceCallback<void(ArrayPtr)> reply) override { reply(Array::make(notes_)); }
+  void fill(NumberPtr length, OnceCallback<void(DataPtr)> reply) override {
+    reply(Data::make(std::vector<uint8_t>(length ? length->integerValue() : 0, 0x5a)));
+  }
 
  private:
   std::shared_ptr<XpcConnection> connection_;
