@@ -4,7 +4,7 @@
 #include <bit>
 #include <stdexcept>
 
-#include "platform/archive/KeyedArchiver.h"
+#include "platform/archive/KeyedArchiveWriter.h"
 #include "platform/foundation/Dictionary.h"
 #include "platform/foundation/MutableArray.h"
 #include "platform/xpc/XpcMessage.h"
@@ -43,8 +43,8 @@ class WrittenObjects {
   std::size_t mask_;
 };
 
-// The keys and values of one object, written by value (KeyedArchiver's
-// writing by values) in the order its encode calls would write them. Its keys
+// The keys and values of one object, written by value in the order its
+// encode calls would write them. Its keys
 // are interned once per archive: the i-th key of an object of one shape is
 // the same literal every time, and is found by its address.
 class ObjectValues {
@@ -53,22 +53,22 @@ class ObjectValues {
 
   struct Keys {
     const char* texts[kMostKeys] = {};
-    qx::KeyedArchiver::Value values[kMostKeys] = {};
+    qx::KeyedArchiveWriter::Value values[kMostKeys] = {};
   };
 
-  ObjectValues(qx::KeyedArchiver& coder, Keys& keys) : coder_(coder), keys_(keys) {}
+  ObjectValues(qx::KeyedArchiveWriter& coder, Keys& keys) : coder_(coder), keys_(keys) {}
 
   void encodeInteger(int64_t value, std::string_view key) {
-    qx::KeyedArchiver::Value k = keyValue(key);
+    qx::KeyedArchiveWriter::Value k = keyValue(key);
     add(k, coder_.integerValue(value));
   }
   void encodeBool(bool value, std::string_view key) {
-    qx::KeyedArchiver::Value k = keyValue(key);
+    qx::KeyedArchiveWriter::Value k = keyValue(key);
     add(k, coder_.boolValue(value));
   }
   void encodeDataObject(std::span<const uint8_t> bytes, std::string_view key) {
     uint32_t uid = coder_.dataObject(bytes);
-    qx::KeyedArchiver::Value k = keyValue(key);
+    qx::KeyedArchiveWriter::Value k = keyValue(key);
     add(k, coder_.uidValue(uid));
   }
 
@@ -77,7 +77,7 @@ class ObjectValues {
   }
 
  private:
-  qx::KeyedArchiver::Value keyValue(std::string_view key) {
+  qx::KeyedArchiveWriter::Value keyValue(std::string_view key) {
     if (count_ >= kMostKeys) throw std::length_error("too many keys");
     if (keys_.texts[count_] != key.data()) {
       keys_.values[count_] = coder_.keyValue(key);
@@ -85,15 +85,15 @@ class ObjectValues {
     }
     return keys_.values[count_];
   }
-  void add(qx::KeyedArchiver::Value key, qx::KeyedArchiver::Value value) {
+  void add(qx::KeyedArchiveWriter::Value key, qx::KeyedArchiveWriter::Value value) {
     keyRefs_[count_] = key;
     values_[count_++] = value;
   }
 
-  qx::KeyedArchiver& coder_;
+  qx::KeyedArchiveWriter& coder_;
   Keys& keys_;
-  qx::KeyedArchiver::Value keyRefs_[kMostKeys];
-  qx::KeyedArchiver::Value values_[kMostKeys];
+  qx::KeyedArchiveWriter::Value keyRefs_[kMostKeys];
+  qx::KeyedArchiveWriter::Value values_[kMostKeys];
   std::size_t count_ = 0;
 };
 
@@ -103,12 +103,12 @@ std::vector<uint8_t> QXSizeReportWriter::invocation(std::string_view selector,
                                                     const QXSizeUpdates& updates,
                                                     uint64_t sequence) {
   const qx::XpcMessage::ArgumentWriter records[] = {
-      [&](qx::KeyedArchiver& coder) { return writeRecords(coder, updates); }};
+      [&](qx::KeyedArchiveWriter& coder) { return writeRecords(coder, updates); }};
   return qx::XpcMessage::encodeInvocation(selector, records, sequence);
 }
 
-uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiver& coder, const QXSizeUpdates& updates) {
-  using Value = qx::KeyedArchiver::Value;
+uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiveWriter& coder, const QXSizeUpdates& updates) {
+  using Value = qx::KeyedArchiveWriter::Value;
   WrittenObjects written(updates.size());
   // The two keys are one string object each, shared by every record.
   uint32_t keyUids[2] = {0, 0};
@@ -159,8 +159,11 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiver& coder, const QXSize
     coder.fillObject(uid, qx::Dictionary::classInfo(), recordKeys, recordValues);
     return uid;
   };
-  return coder.objectOfClass(qx::MutableArray::classInfo(), [&](qx::KeyedArchiver& array) {
-    array.encodeArrayOfUids(
-        updates.size(), [&](std::size_t i) { return recordUid(updates[i]); }, "NS.objects");
-  });
+  uint32_t array = coder.reserveObject();
+  std::vector<Value> records(updates.size());
+  for (std::size_t i = 0; i < updates.size(); ++i) records[i] = coder.uidValue(recordUid(updates[i]));
+  Value key = coder.keyValue("NS.objects");
+  Value elements = coder.arrayOfUids(key, records);
+  coder.fillObject(array, qx::MutableArray::classInfo(), {&key, 1}, {&elements, 1});
+  return array;
 }
