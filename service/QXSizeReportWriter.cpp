@@ -44,9 +44,9 @@ class WrittenObjects {
 };
 
 // The keys and values of one object, written by value in the order its
-// encode calls would write them. Its keys
-// are interned once per archive: the i-th key of an object of one shape is
-// the same literal every time, and is found by its address.
+// encode calls would write them. Its keys are interned once per archive: the
+// i-th key of an object of one shape is the same literal every time, and is
+// found by its address.
 class ObjectValues {
  public:
   static constexpr std::size_t kMostKeys = 4;
@@ -72,8 +72,10 @@ class ObjectValues {
     add(k, coder_.uidValue(uid));
   }
 
-  void fill(uint32_t uid, const qx::ClassInfo& cls) {
-    coder_.fillObject(uid, cls, {keyRefs_, count_}, {values_, count_});
+  // `classValue` is kept for the next object of class `cls` (0 at first).
+  void fill(uint32_t uid, qx::KeyedArchiveWriter::Value& classValue, const qx::ClassInfo& cls) {
+    if (classValue == 0) classValue = coder_.classValue(cls);
+    coder_.fillObject(uid, classValue, {keyRefs_, count_}, {values_, count_});
   }
 
  private:
@@ -117,6 +119,10 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiveWriter& coder, const Q
   Value nsObjects = 0;
   ObjectValues::Keys pathKeys[3];  // by the form of the path: none, one, more indexes
   ObjectValues::Keys itemKeys;
+  // The UID values of the class dictionaries, once written (0 until then).
+  Value pathClass = 0;
+  Value itemClass = 0;
+  Value recordClass = 0;
   auto pathUid = [&](const qx::IndexPathPtr& path) -> uint32_t {
     if (!path) return 0;
     uint32_t& uid = written.uidOf(path.get());
@@ -124,7 +130,7 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiveWriter& coder, const Q
       uid = coder.reserveObject();
       ObjectValues values(coder, pathKeys[std::min<std::size_t>(path->length(), 2)]);
       qx::IndexPath::encodeIndexes(values, path->span());
-      values.fill(uid, qx::IndexPath::classInfo());
+      values.fill(uid, pathClass, qx::IndexPath::classInfo());
     }
     return uid;
   };
@@ -135,7 +141,7 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiveWriter& coder, const Q
       uid = coder.reserveObject();
       ObjectValues values(coder, itemKeys);
       QXFileSizeItem::encodeValues(values, item->size(), item->busy());
-      values.fill(uid, QXFileSizeItem::classInfo());
+      values.fill(uid, itemClass, QXFileSizeItem::classInfo());
     }
     return uid;
   };
@@ -156,7 +162,8 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiveWriter& coder, const Q
     if (nsObjects == 0) nsObjects = coder.keyValue("NS.objects");
     Value recordValues[2] = {recordKeys[1], coder.arrayOfUids(nsObjects, objectValues)};
     recordKeys[1] = nsObjects;
-    coder.fillObject(uid, qx::Dictionary::classInfo(), recordKeys, recordValues);
+    if (recordClass == 0) recordClass = coder.classValue(qx::Dictionary::classInfo());
+    coder.fillObject(uid, recordClass, recordKeys, recordValues);
     return uid;
   };
   uint32_t array = coder.reserveObject();
@@ -164,6 +171,7 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiveWriter& coder, const Q
   for (std::size_t i = 0; i < updates.size(); ++i) records[i] = coder.uidValue(recordUid(updates[i]));
   Value key = coder.keyValue("NS.objects");
   Value elements = coder.arrayOfUids(key, records);
-  coder.fillObject(array, qx::MutableArray::classInfo(), {&key, 1}, {&elements, 1});
+  coder.fillObject(array, coder.classValue(qx::MutableArray::classInfo()), {&key, 1},
+                   {&elements, 1});
   return array;
 }

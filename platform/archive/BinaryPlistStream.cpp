@@ -10,23 +10,31 @@ using namespace plistbytes;
 
 void BinaryPlistStream::start(unsigned refWidth, std::size_t expectedBytes) {
   refWidth_ = refWidth;
-  offsets_.clear();
+  count_ = 0;
   if (stringCount_ > 0) std::fill(strings_.begin(), strings_.end(), SharedString{});
   stringCount_ = 0;
   bools_[0] = bools_[1] = kNone;
   std::fill(std::begin(integers_), std::end(integers_), RecentInteger{});
-  // finish() hands the output away: this is usually a new buffer.
-  if (out_.size() < expectedBytes) out_.resize(expectedBytes);
-  std::memcpy(out_.data(), kMagic, sizeof kMagic);
+  used_ = 0;
+  if (capacity_ < expectedBytes) grow(expectedBytes);
+  std::memcpy(out_.get(), kMagic, sizeof kMagic);
   used_ = kHeaderSize;
 }
 
 void BinaryPlistStream::grow(std::size_t bytes) {
-  out_.resize(std::max(used_ + bytes, std::max<std::size_t>(2 * out_.size(), 256)));
+  std::size_t capacity = std::max(used_ + bytes, std::max<std::size_t>(2 * capacity_, 256));
+  auto larger = std::make_unique_for_overwrite<uint8_t[]>(capacity);
+  if (used_ > 0) std::memcpy(larger.get(), out_.get(), used_);
+  out_ = std::move(larger);
+  capacity_ = capacity;
+}
+
+void BinaryPlistStream::growOffsets() {
+  offsets_.resize(std::max<std::size_t>(2 * offsets_.size(), 1024));
 }
 
 std::size_t BinaryPlistStream::memoryUse() const {
-  return out_.capacity() + offsets_.capacity() * sizeof(std::size_t) +
+  return capacity_ + offsets_.capacity() * sizeof(std::size_t) +
          strings_.capacity() * sizeof(SharedString);
 }
 
@@ -38,7 +46,7 @@ BinaryPlistStream::Ref BinaryPlistStream::findAscii(std::string_view text,
     const SharedString& known = strings_[i];
     if (known.ref == kNone) return kNone;
     if (known.hash == hash && known.length == text.size() &&
-        std::memcmp(out_.data() + known.at, text.data(), text.size()) == 0) {
+        std::memcmp(out_.get() + known.at, text.data(), text.size()) == 0) {
       return known.ref;
     }
   }
@@ -75,92 +83,28 @@ BinaryPlistStream::Ref BinaryPlistStream::addString(std::string_view utf8) {
   return ref;
 }
 
-BinaryPlistStream::Ref BinaryPlistStream::addInteger(int64_t value) {
-  RecentInteger& recent = integers_[recentIntegerSlot(value)];
-  if (recent.ref != kNone && recent.value == value) return recent.ref;
-  uint8_t* p = room(9);
-  Ref ref = next();
-  advanceTo(writeInteger(p, value));
-  recent = {value, ref};
-  return ref;
-}
-
-BinaryPlistStream::Ref BinaryPlistStream::addBool(bool value) {
-  Ref& shared = bools_[value ? 1 : 0];
-  if (shared == kNone) {
-    uint8_t* p = room(1);
-    shared = next();
-    *p = value ? 0x09 : 0x08;
-    ++used_;
-  }
-  return shared;
-}
-
-BinaryPlistStream::Ref BinaryPlistStream::addUid(uint32_t value) {
-  uint8_t* p = room(5);
-  Ref ref = next();
-  advanceTo(writeUid(p, value));
-  return ref;
-}
-
-BinaryPlistStream::Ref BinaryPlistStream::addData(std::span<const uint8_t> bytes) {
-  uint8_t* p = room(lengthHeaderSize(bytes.size()) + bytes.size());
-  Ref ref = next();
-  p = writeMarker(p, 0x4, bytes.size());
-  if (!bytes.empty()) std::memcpy(p, bytes.data(), bytes.size());
-  advanceTo(p + bytes.size());
-  return ref;
-}
-
-BinaryPlistStream::Ref BinaryPlistStream::addArray(std::span<const Ref> elements) {
-  uint8_t* p = room(lengthHeaderSize(elements.size()) + elements.size() * refWidth_);
-  Ref ref = next();
-  p = writeMarker(p, 0xA, elements.size());
-  advanceTo(writeRefs(p, elements.data(), elements.size(), refWidth_));
-  return ref;
-}
-
-BinaryPlistStream::Ref BinaryPlistStream::addDictionary(std::span<const Ref> keys,
-                                                        std::span<const Ref> values) {
-  uint8_t* p = room(lengthHeaderSize(keys.size()) + 2 * keys.size() * refWidth_);
-  Ref ref = next();
-  p = writeMarker(p, 0xD, keys.size());
-  p = writeRefs(p, keys.data(), keys.size(), refWidth_);
-  advanceTo(writeRefs(p, values.data(), values.size(), refWidth_));
-  return ref;
-}
-
-BinaryPlistStream::Ref BinaryPlistStream::addDictionary(std::span<const Ref> keys,
-                                                        std::span<const Ref> values, Ref lastKey,
-                                                        Ref lastValue) {
-  std::size_t pairs = keys.size() + 1;
-  uint8_t* p = room(lengthHeaderSize(pairs) + 2 * pairs * refWidth_);
-  Ref ref = next();
-  p = writeMarker(p, 0xD, pairs);
-  p = writeRefs(p, keys.data(), keys.size(), refWidth_);
-  p = writeRefs(p, &lastKey, 1, refWidth_);
-  p = writeRefs(p, values.data(), values.size(), refWidth_);
-  advanceTo(writeRefs(p, &lastValue, 1, refWidth_));
-  return ref;
-}
-
 std::vector<uint8_t> BinaryPlistStream::finish(Ref top) {
   std::size_t tableOffset = used_;
   unsigned offsetWidth = tableWidthFor(tableOffset);
-  uint8_t* p = room(offsets_.size() * offsetWidth + kTrailerSize);
-  for (std::size_t offset : offsets_) p = writeBigEndian(p, offset, offsetWidth);
+  uint8_t* p = room(count_ * offsetWidth + kTrailerSize);
+  // Each offset as eight bytes, then the end moves by the width: the
+  // trailer's room takes what runs past the last one.
+  unsigned shift = 64 - 8 * offsetWidth;
+  for (std::size_t i = 0; i < count_; ++i) {
+    uint64_t bytes = __builtin_bswap64(uint64_t(offsets_[i]) << shift);
+    std::memcpy(p, &bytes, 8);
+    p += offsetWidth;
+  }
   std::memset(p, 0, 6);
   p[6] = static_cast<uint8_t>(offsetWidth);
   p[7] = static_cast<uint8_t>(refWidth_);
-  writeBigEndian(p + 8, offsets_.size(), 8);
+  writeBigEndian(p + 8, count_, 8);
   writeBigEndian(p + 16, top, 8);
   writeBigEndian(p + 24, tableOffset, 8);
   advanceTo(p + kTrailerSize);
-  out_.resize(used_);
-  std::vector<uint8_t> bytes = std::move(out_);
-  out_.clear();
+  std::vector<uint8_t> bytes(out_.get(), out_.get() + used_);
   used_ = 0;
-  offsets_.clear();
+  count_ = 0;
   return bytes;
 }
 

@@ -2,57 +2,38 @@
 
 #include <string>
 
-#include "platform/archive/BinaryPlistStream.h"
 #include "platform/archive/ScratchPool.h"
 
 namespace qx {
+namespace {
 
-using Ref = BinaryPlistStream::Ref;
-
-struct KeyedArchiveWriter::State {
-  BinaryPlistStream plist;
-  // $objects: the plist value of each UID; a reserved slot holds kNoValue
-  // until its object is filled.
-  std::vector<Ref> objects;
-  // One plist UID value per UID number, made on first use.
-  std::vector<Ref> uidValues;
-  std::vector<std::pair<const ClassInfo*, uint32_t>> classUids;
-  Ref classKey = 0;
-  // The last inline array of UIDs written under each key, with its elements:
-  // an array equal to the one before it under the same key is shared, as
-  // KeyedArchiver shares it (the NS.keys of every record of a report).
-  struct LastArray {
-    Ref key = 0;
-    Ref array = 0;
-    std::vector<Ref> elements;
-  };
-  static constexpr std::size_t kSharedArrayKeys = 8;
-  LastArray lastArrays[kSharedArrayKeys];
-  std::size_t lastArrayCount = 0;
-  // Guesses for the next archive of this thread: the reference width and
-  // the size of the last one.
-  unsigned refWidth = 2;
-  std::size_t lastBytes = 4096;
-
-  static constexpr Ref kNoValue = 0xffffffffU;
-  // A state that held more than this is not kept for the next archive.
-  static constexpr std::size_t kKeepBytes = 4 << 20;
-
-  void reset() {
-    objects.clear();
-    uidValues.clear();
-    classUids.clear();
-    classKey = 0;
-    lastArrayCount = 0;
+// Element by element: the arrays compared are a record's few references,
+// fewer than a call of memcmp costs.
+bool sameRefs(std::span<const KeyedArchiveWriter::Value> a,
+              std::span<const KeyedArchiveWriter::Value> b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (a[i] != b[i]) return false;
   }
+  return true;
+}
 
-  // Empties the state for the next archive of this thread (ScratchPool).
-  bool recycle() {
-    reset();
-    return plist.memoryUse() + (objects.capacity() + uidValues.capacity()) * sizeof(Ref) <=
-           kKeepBytes;
-  }
-};
+// A state that held more than this is not kept for the next archive.
+constexpr std::size_t kKeepBytes = 4 << 20;
+
+}  // namespace
+
+void KeyedArchiveWriter::State::reset() {
+  objects.clear();
+  classUids.clear();
+  classKey = 0;
+  lastArrayCount = 0;
+}
+
+bool KeyedArchiveWriter::State::recycle() {
+  reset();
+  return plist.memoryUse() + objects.capacity() * sizeof(Slot) <= kKeepBytes;
+}
 
 KeyedArchiveWriter::~KeyedArchiveWriter() = default;
 
@@ -80,8 +61,7 @@ std::vector<uint8_t> KeyedArchiveWriter::attempt(
   state.reset();
   state.plist.start(refWidth, state.lastBytes + state.lastBytes / 8);
   KeyedArchiveWriter coder(state);
-  state.objects.push_back(state.plist.addString("$null"));
-  state.uidValues.push_back(State::kNoValue);
+  coder.newObject(state.plist.addString("$null"));
   state.classKey = state.plist.addString("$class");
   uint32_t root = writeRoot(coder);
   std::vector<uint8_t> bytes = coder.finish(root);
@@ -92,13 +72,15 @@ std::vector<uint8_t> KeyedArchiveWriter::attempt(
 
 std::vector<uint8_t> KeyedArchiveWriter::finish(uint32_t rootUid) {
   BinaryPlistStream& plist = state_.plist;
-  Ref rootKey = plist.addString("root");
-  Ref rootValue = uidValue(rootUid);
-  Ref keys[] = {plist.addString("$archiver"), plist.addString("$objects"), plist.addString("$top"),
-                plist.addString("$version")};
-  Ref values[] = {plist.addString("NSKeyedArchiver"), plist.addArray(state_.objects),
-                  plist.addDictionary({&rootKey, 1}, {&rootValue, 1}), plist.addInteger(100000)};
-  Ref top = plist.addDictionary(keys, values);
+  Value rootKey = plist.addString("root");
+  Value rootValue = uidValue(rootUid);
+  const std::vector<State::Slot>& objects = state_.objects;
+  Value keys[] = {plist.addString("$archiver"), plist.addString("$objects"),
+                  plist.addString("$top"), plist.addString("$version")};
+  Value values[] = {plist.addString("NSKeyedArchiver"),
+                    plist.addArray(objects.size(), [&](std::size_t i) { return objects[i].value; }),
+                    plist.addDictionary({&rootKey, 1}, {&rootValue, 1}), plist.addInteger(100000)};
+  Value top = plist.addDictionary(keys, values);
   state_.refWidth = BinaryPlistStream::refWidthFor(plist.count());
   return plist.finish(top);
 }
@@ -108,10 +90,10 @@ uint32_t KeyedArchiveWriter::classUid(const ClassInfo& cls) {
     if (known == &cls) return uid;
   }
   BinaryPlistStream& plist = state_.plist;
-  std::vector<Ref> names;
+  std::vector<Value> names;
   for (std::string_view name : cls.chain()) names.push_back(plist.addString(name));
-  Ref keys[] = {plist.addString("$classname"), plist.addString("$classes")};
-  Ref values[] = {plist.addString(cls.name()), plist.addArray(names)};
+  Value keys[] = {plist.addString("$classname"), plist.addString("$classes")};
+  Value values[] = {plist.addString(cls.name()), plist.addArray(names)};
   uint32_t uid = newObject(plist.addDictionary(keys, values));
   state_.classUids.emplace_back(&cls, uid);
   return uid;
@@ -124,63 +106,17 @@ KeyedArchiveWriter::Value KeyedArchiveWriter::keyValue(std::string_view key) {
   return state_.plist.addString(key);
 }
 
-KeyedArchiveWriter::Value KeyedArchiveWriter::integerValue(int64_t value) {
-  return state_.plist.addInteger(value);
-}
-
-KeyedArchiveWriter::Value KeyedArchiveWriter::boolValue(bool value) {
-  return state_.plist.addBool(value);
-}
-
-KeyedArchiveWriter::Value KeyedArchiveWriter::uidValue(uint32_t uid) {
-  Ref& value = state_.uidValues[uid];
-  if (value == State::kNoValue) value = state_.plist.addUid(uid);
-  return value;
-}
-
-uint32_t KeyedArchiveWriter::newObject(Value value) {
-  auto uid = static_cast<uint32_t>(state_.objects.size());
-  state_.objects.push_back(value);
-  state_.uidValues.push_back(State::kNoValue);
-  return uid;
-}
-
-uint32_t KeyedArchiveWriter::stringObject(std::string_view text) {
-  return newObject(state_.plist.addString(text));
-}
-
-uint32_t KeyedArchiveWriter::integerObject(int64_t value) {
-  return newObject(state_.plist.addInteger(value));
-}
-
-uint32_t KeyedArchiveWriter::dataObject(std::span<const uint8_t> bytes) {
-  return newObject(state_.plist.addData(bytes));
-}
-
-uint32_t KeyedArchiveWriter::reserveObject() {
-  return newObject(State::kNoValue);
-}
-
-void KeyedArchiveWriter::fillObject(uint32_t uid, const ClassInfo& cls,
-                                    std::span<const Value> keys, std::span<const Value> values) {
-  Value classValue = uidValue(classUid(cls));
-  state_.objects[uid] = state_.plist.addDictionary(keys, values, state_.classKey, classValue);
-}
-
 KeyedArchiveWriter::Value KeyedArchiveWriter::arrayOfUids(Value key, std::span<const Value> uids) {
   BinaryPlistStream& plist = state_.plist;
   for (std::size_t i = 0; i < state_.lastArrayCount; ++i) {
     State::LastArray& last = state_.lastArrays[i];
     if (last.key != key) continue;
-    if (last.elements.size() == uids.size() &&
-        std::equal(uids.begin(), uids.end(), last.elements.begin())) {
-      return last.array;
-    }
+    if (sameRefs(last.elements, uids)) return last.array;
     last.array = plist.addArray(uids);
     last.elements.assign(uids.begin(), uids.end());
     return last.array;
   }
-  Ref array = plist.addArray(uids);
+  Value array = plist.addArray(uids);
   if (state_.lastArrayCount < State::kSharedArrayKeys) {
     State::LastArray& last = state_.lastArrays[state_.lastArrayCount++];
     last.key = key;

@@ -237,7 +237,7 @@ std::vector<uint8_t> XpcMessage::encodeInvocation(std::string_view selector,
       elements.push_back(coder.uidValue(argument(coder)));
     Value key = coder.keyValue("NS.objects");
     Value array = coder.arrayOfUids(key, elements);
-    coder.fillObject(uid, Array::classInfo(), {&key, 1}, {&array, 1});
+    coder.fillObject(uid, coder.classValue(Array::classInfo()), {&key, 1}, {&array, 1});
     return uid;
   };
   return KeyedArchiveWriter::archiveOfRoot([&](KeyedArchiveWriter& coder) {
@@ -254,7 +254,7 @@ std::vector<uint8_t> XpcMessage::encodeInvocation(std::string_view selector,
     Value nsObjects = coder.keyValue("NS.objects");
     Value rootKeys[] = {nsKeys, nsObjects};
     Value rootValues[] = {keyArray, coder.arrayOfUids(nsObjects, values)};
-    coder.fillObject(root, Dictionary::classInfo(), rootKeys, rootValues);
+    coder.fillObject(root, coder.classValue(Dictionary::classInfo()), rootKeys, rootValues);
     return root;
   });
 }
