@@ -108,6 +108,12 @@ class BinaryPlistStream {
     Ref ref = next();
     p = plistbytes::writeMarker(p, 0xD, pairs);
     References refs(*this);
+    if (keys.size() == 2 && values.size() == 2) {
+      // The usual object (a record, an index path, a size item), unrolled.
+      p = refs.write(refs.write(refs.write(p, keys[0]), keys[1]), lastKey);
+      advanceTo(refs.write(refs.write(refs.write(p, values[0]), values[1]), lastValue));
+      return ref;
+    }
     p = refs.write(refs.write(p, keys), lastKey);
     advanceTo(refs.write(refs.write(p, values), lastValue));
     return ref;

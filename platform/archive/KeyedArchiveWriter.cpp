@@ -107,22 +107,24 @@ KeyedArchiveWriter::Value KeyedArchiveWriter::keyValue(std::string_view key) {
 }
 
 KeyedArchiveWriter::Value KeyedArchiveWriter::arrayOfUids(Value key, std::span<const Value> uids) {
-  BinaryPlistStream& plist = state_.plist;
+  State::LastArray* last = nullptr;
   for (std::size_t i = 0; i < state_.lastArrayCount; ++i) {
-    State::LastArray& last = state_.lastArrays[i];
-    if (last.key != key) continue;
-    if (sameRefs(last.elements, uids)) return last.array;
-    last.array = plist.addArray(uids);
-    last.elements.assign(uids.begin(), uids.end());
-    return last.array;
+    if (state_.lastArrays[i].key == key) {
+      last = &state_.lastArrays[i];
+      break;
+    }
   }
-  Value array = plist.addArray(uids);
-  if (state_.lastArrayCount < State::kSharedArrayKeys) {
-    State::LastArray& last = state_.lastArrays[state_.lastArrayCount++];
-    last.key = key;
-    last.array = array;
-    last.elements.assign(uids.begin(), uids.end());
+  if (last && sameRefs(last->elements, uids)) return last->array;
+  Value array = state_.plist.addArray(uids);
+  if (!last) {
+    if (state_.lastArrayCount == State::kSharedArrayKeys) return array;
+    last = &state_.lastArrays[state_.lastArrayCount++];
+    last->key = key;
   }
+  last->array = array;
+  // Element by element, as sameRefs compares them.
+  last->elements.resize(uids.size());
+  for (std::size_t i = 0; i < uids.size(); ++i) last->elements[i] = uids[i];
   return array;
 }
 
