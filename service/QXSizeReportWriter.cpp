@@ -109,7 +109,8 @@ std::vector<uint8_t> QXSizeReportWriter::invocation(std::string_view selector,
   return qx::XpcMessage::encodeInvocation(selector, records, sequence);
 }
 
-uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiveWriter& coder, const QXSizeUpdates& updates) {
+uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiveWriter& coder,
+                                          const QXSizeUpdates& updates) {
   using Value = qx::KeyedArchiveWriter::Value;
   WrittenObjects written(updates.size());
   // The two keys are one string object each, shared by every record.
@@ -168,7 +169,8 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiveWriter& coder, const Q
   };
   uint32_t array = coder.reserveObject();
   std::vector<Value> records(updates.size());
-  for (std::size_t i = 0; i < updates.size(); ++i) records[i] = coder.uidValue(recordUid(updates[i]));
+  for (std::size_t i = 0; i < updates.size(); ++i)
+    records[i] = coder.uidValue(recordUid(updates[i]));
   Value key = coder.keyValue("NS.objects");
   Value elements = coder.arrayOfUids(key, records);
   coder.fillObject(array, coder.classValue(qx::MutableArray::classInfo()), {&key, 1},

@@ -38,8 +38,7 @@ std::size_t BinaryPlistStream::memoryUse() const {
          strings_.capacity() * sizeof(SharedString);
 }
 
-BinaryPlistStream::Ref BinaryPlistStream::findAscii(std::string_view text,
-                                                    std::size_t hash) const {
+BinaryPlistStream::Ref BinaryPlistStream::findAscii(std::string_view text, std::size_t hash) const {
   if (strings_.empty()) return kNone;
   std::size_t mask = strings_.size() - 1;
   for (std::size_t i = hash & mask;; i = (i + 1) & mask) {

@@ -112,8 +112,9 @@ class KeyedArchiveWriter {
   explicit KeyedArchiveWriter(State& state) : state_(state) {}
   // One attempt with references of `refWidth` bytes; empty when that width
   // turns out wrong (State::refWidth then holds the right one).
-  static std::vector<uint8_t> attempt(State& state, unsigned refWidth,
-                                      const std::function<uint32_t(KeyedArchiveWriter&)>& writeRoot);
+  static std::vector<uint8_t> attempt(
+      State& state, unsigned refWidth,
+      const std::function<uint32_t(KeyedArchiveWriter&)>& writeRoot);
   uint32_t newObject(Value value) {
     auto uid = static_cast<uint32_t>(state_.objects.size());
     state_.objects.push_back({value, State::kNoValue});
