@@ -39,7 +39,7 @@ class KeyedArchiveWriter {
   Value integerValue(int64_t value) { return state_.plist.addInteger(value); }
   Value boolValue(bool value) { return state_.plist.addBool(value); }
   // The UID value naming object `uid`.
-  Value uidValue(uint32_t uid) {
+  [[gnu::always_inline]] Value uidValue(uint32_t uid) {
     Value& value = state_.objects[uid].uidValue;
     if (value == State::kNoValue) value = state_.plist.addUid(uid);
     return value;
@@ -115,7 +115,7 @@ class KeyedArchiveWriter {
   static std::vector<uint8_t> attempt(
       State& state, unsigned refWidth,
       const std::function<uint32_t(KeyedArchiveWriter&)>& writeRoot);
-  uint32_t newObject(Value value) {
+  [[gnu::always_inline]] uint32_t newObject(Value value) {
     auto uid = static_cast<uint32_t>(state_.objects.size());
     state_.objects.push_back({value, State::kNoValue});
     return uid;
