@@ -46,7 +46,9 @@ QXFileSizes::Report QXClientCallbacks::sizeReport(std::shared_ptr<qx::XpcConnect
       // Written straight from the records: the same message as
       // updateFileSizes(wireRecords(batch)) sends.
       client->updateFileSizesWritten(
-          [&](qx::KeyedArchiver& coder) { return QXSizeReportWriter::writeRecords(coder, batch); },
+          [&](qx::KeyedArchiveWriter& coder) {
+            return QXSizeReportWriter::writeRecords(coder, batch);
+          },
           std::move(reply));
     });
     return goOn.value_or(false);

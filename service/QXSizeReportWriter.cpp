@@ -4,7 +4,7 @@
 #include <bit>
 #include <stdexcept>
 
-#include "platform/archive/KeyedArchiver.h"
+#include "platform/archive/KeyedArchiveWriter.h"
 #include "platform/foundation/Dictionary.h"
 #include "platform/foundation/MutableArray.h"
 #include "platform/xpc/XpcMessage.h"
@@ -43,41 +43,43 @@ class WrittenObjects {
   std::size_t mask_;
 };
 
-// The keys and values of one object, written by value (KeyedArchiver's
-// writing by values) in the order its encode calls would write them. Its keys
-// are interned once per archive: the i-th key of an object of one shape is
-// the same literal every time, and is found by its address.
+// The keys and values of one object, written by value in the order its
+// encode calls would write them. Its keys are interned once per archive: the
+// i-th key of an object of one shape is the same literal every time, and is
+// found by its address.
 class ObjectValues {
  public:
   static constexpr std::size_t kMostKeys = 4;
 
   struct Keys {
     const char* texts[kMostKeys] = {};
-    qx::KeyedArchiver::Value values[kMostKeys] = {};
+    qx::KeyedArchiveWriter::Value values[kMostKeys] = {};
   };
 
-  ObjectValues(qx::KeyedArchiver& coder, Keys& keys) : coder_(coder), keys_(keys) {}
+  ObjectValues(qx::KeyedArchiveWriter& coder, Keys& keys) : coder_(coder), keys_(keys) {}
 
   void encodeInteger(int64_t value, std::string_view key) {
-    qx::KeyedArchiver::Value k = keyValue(key);
+    qx::KeyedArchiveWriter::Value k = keyValue(key);
     add(k, coder_.integerValue(value));
   }
   void encodeBool(bool value, std::string_view key) {
-    qx::KeyedArchiver::Value k = keyValue(key);
+    qx::KeyedArchiveWriter::Value k = keyValue(key);
     add(k, coder_.boolValue(value));
   }
   void encodeDataObject(std::span<const uint8_t> bytes, std::string_view key) {
     uint32_t uid = coder_.dataObject(bytes);
-    qx::KeyedArchiver::Value k = keyValue(key);
+    qx::KeyedArchiveWriter::Value k = keyValue(key);
     add(k, coder_.uidValue(uid));
   }
 
-  void fill(uint32_t uid, const qx::ClassInfo& cls) {
-    coder_.fillObject(uid, cls, {keyRefs_, count_}, {values_, count_});
+  // `classValue` is kept for the next object of class `cls` (0 at first).
+  void fill(uint32_t uid, qx::KeyedArchiveWriter::Value& classValue, const qx::ClassInfo& cls) {
+    if (classValue == 0) classValue = coder_.classValue(cls);
+    coder_.fillObject(uid, classValue, {keyRefs_, count_}, {values_, count_});
   }
 
  private:
-  qx::KeyedArchiver::Value keyValue(std::string_view key) {
+  qx::KeyedArchiveWriter::Value keyValue(std::string_view key) {
     if (count_ >= kMostKeys) throw std::length_error("too many keys");
     if (keys_.texts[count_] != key.data()) {
       keys_.values[count_] = coder_.keyValue(key);
@@ -85,15 +87,15 @@ class ObjectValues {
     }
     return keys_.values[count_];
   }
-  void add(qx::KeyedArchiver::Value key, qx::KeyedArchiver::Value value) {
+  void add(qx::KeyedArchiveWriter::Value key, qx::KeyedArchiveWriter::Value value) {
     keyRefs_[count_] = key;
     values_[count_++] = value;
   }
 
-  qx::KeyedArchiver& coder_;
+  qx::KeyedArchiveWriter& coder_;
   Keys& keys_;
-  qx::KeyedArchiver::Value keyRefs_[kMostKeys];
-  qx::KeyedArchiver::Value values_[kMostKeys];
+  qx::KeyedArchiveWriter::Value keyRefs_[kMostKeys];
+  qx::KeyedArchiveWriter::Value values_[kMostKeys];
   std::size_t count_ = 0;
 };
 
@@ -103,12 +105,13 @@ std::vector<uint8_t> QXSizeReportWriter::invocation(std::string_view selector,
                                                     const QXSizeUpdates& updates,
                                                     uint64_t sequence) {
   const qx::XpcMessage::ArgumentWriter records[] = {
-      [&](qx::KeyedArchiver& coder) { return writeRecords(coder, updates); }};
+      [&](qx::KeyedArchiveWriter& coder) { return writeRecords(coder, updates); }};
   return qx::XpcMessage::encodeInvocation(selector, records, sequence);
 }
 
-uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiver& coder, const QXSizeUpdates& updates) {
-  using Value = qx::KeyedArchiver::Value;
+uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiveWriter& coder,
+                                          const QXSizeUpdates& updates) {
+  using Value = qx::KeyedArchiveWriter::Value;
   WrittenObjects written(updates.size());
   // The two keys are one string object each, shared by every record.
   uint32_t keyUids[2] = {0, 0};
@@ -117,6 +120,10 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiver& coder, const QXSize
   Value nsObjects = 0;
   ObjectValues::Keys pathKeys[3];  // by the form of the path: none, one, more indexes
   ObjectValues::Keys itemKeys;
+  // The UID values of the class dictionaries, once written (0 until then).
+  Value pathClass = 0;
+  Value itemClass = 0;
+  Value recordClass = 0;
   auto pathUid = [&](const qx::IndexPathPtr& path) -> uint32_t {
     if (!path) return 0;
     uint32_t& uid = written.uidOf(path.get());
@@ -124,7 +131,7 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiver& coder, const QXSize
       uid = coder.reserveObject();
       ObjectValues values(coder, pathKeys[std::min<std::size_t>(path->length(), 2)]);
       qx::IndexPath::encodeIndexes(values, path->span());
-      values.fill(uid, qx::IndexPath::classInfo());
+      values.fill(uid, pathClass, qx::IndexPath::classInfo());
     }
     return uid;
   };
@@ -135,7 +142,7 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiver& coder, const QXSize
       uid = coder.reserveObject();
       ObjectValues values(coder, itemKeys);
       QXFileSizeItem::encodeValues(values, item->size(), item->busy());
-      values.fill(uid, QXFileSizeItem::classInfo());
+      values.fill(uid, itemClass, QXFileSizeItem::classInfo());
     }
     return uid;
   };
@@ -156,11 +163,17 @@ uint32_t QXSizeReportWriter::writeRecords(qx::KeyedArchiver& coder, const QXSize
     if (nsObjects == 0) nsObjects = coder.keyValue("NS.objects");
     Value recordValues[2] = {recordKeys[1], coder.arrayOfUids(nsObjects, objectValues)};
     recordKeys[1] = nsObjects;
-    coder.fillObject(uid, qx::Dictionary::classInfo(), recordKeys, recordValues);
+    if (recordClass == 0) recordClass = coder.classValue(qx::Dictionary::classInfo());
+    coder.fillObject(uid, recordClass, recordKeys, recordValues);
     return uid;
   };
-  return coder.objectOfClass(qx::MutableArray::classInfo(), [&](qx::KeyedArchiver& array) {
-    array.encodeArrayOfUids(
-        updates.size(), [&](std::size_t i) { return recordUid(updates[i]); }, "NS.objects");
-  });
+  uint32_t array = coder.reserveObject();
+  std::vector<Value> records(updates.size());
+  for (std::size_t i = 0; i < updates.size(); ++i)
+    records[i] = coder.uidValue(recordUid(updates[i]));
+  Value key = coder.keyValue("NS.objects");
+  Value elements = coder.arrayOfUids(key, records);
+  coder.fillObject(array, coder.classValue(qx::MutableArray::classInfo()), {&key, 1},
+                   {&elements, 1});
+  return array;
 }

@@ -6,7 +6,7 @@
 #include "sizes/QXSizeUpdate.h"
 
 namespace qx {
-class KeyedArchiver;
+class KeyedArchiveWriter;
 }
 
 // Writes the size report, the message the service sends most (one per 100
@@ -14,10 +14,11 @@ class KeyedArchiver;
 //
 // Hand-written for speed: archiving the report as objects builds an array,
 // a dictionary per record and its keys, then looks every object up by
-// identity while it is written; that was most of the cost of a report. This
-// writer makes the same archive (the same bytes, which the tests check
-// against archiving QXClientCallbacks::wireRecords) with no objects in
-// between.
+// identity while it is written, and holds the property list in a table
+// before laying it out; that was most of the cost of a report. This writer
+// makes the same archive (the same bytes, which the tests check against
+// archiving QXClientCallbacks::wireRecords) with no objects in between,
+// straight to its bytes (KeyedArchiveWriter).
 class QXSizeReportWriter {
  public:
   QXSizeReportWriter() = delete;
@@ -28,5 +29,5 @@ class QXSizeReportWriter {
   static std::vector<uint8_t> invocation(std::string_view selector, const QXSizeUpdates& updates,
                                          uint64_t sequence);
   // Writes the records as the array wireRecords makes; answers its UID.
-  static uint32_t writeRecords(qx::KeyedArchiver& coder, const QXSizeUpdates& updates);
+  static uint32_t writeRecords(qx::KeyedArchiveWriter& coder, const QXSizeUpdates& updates);
 };

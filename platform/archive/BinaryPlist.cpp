@@ -5,13 +5,12 @@
 #include <iterator>
 #include <limits>
 
+#include "platform/archive/PlistBytes.h"
+
 namespace qx {
 namespace {
 
-constexpr uint8_t kMagic[8] = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
-constexpr std::size_t kHeaderSize = 8;
-constexpr std::size_t kTrailerSize = 32;
-constexpr char32_t kReplacement = 0xFFFD;
+using namespace plistbytes;
 
 // Big-endian integers of 1 to 8 bytes. The widths that writers use (1, 2, 4
 // and 8) take one load or store each: these run once per reference.
@@ -37,151 +36,6 @@ inline uint64_t readBigEndian(const uint8_t* p, unsigned width) {
       return value;
     }
   }
-}
-
-inline uint8_t* writeBigEndian(uint8_t* p, uint64_t value, unsigned width) {
-  switch (width) {
-    case 1:
-      p[0] = static_cast<uint8_t>(value);
-      return p + 1;
-    case 2:
-      p[0] = static_cast<uint8_t>(value >> 8);
-      p[1] = static_cast<uint8_t>(value);
-      return p + 2;
-    case 3:
-      p[0] = static_cast<uint8_t>(value >> 16);
-      p[1] = static_cast<uint8_t>(value >> 8);
-      p[2] = static_cast<uint8_t>(value);
-      return p + 3;
-    case 4: {
-      uint32_t v = __builtin_bswap32(static_cast<uint32_t>(value));
-      std::memcpy(p, &v, 4);
-      return p + 4;
-    }
-    case 8: {
-      uint64_t v = __builtin_bswap64(value);
-      std::memcpy(p, &v, 8);
-      return p + 8;
-    }
-    default:
-      for (unsigned i = width; i-- > 0;) {
-        p[i] = static_cast<uint8_t>(value);
-        value >>= 8;
-      }
-      return p + width;
-  }
-}
-
-template <unsigned Width>
-uint8_t* writeRefsOf(uint8_t* p, const uint32_t* refs, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) p = writeBigEndian(p, refs[i], Width);
-  return p;
-}
-
-// The width of an integer or UID that holds `largest`.
-unsigned widthFor(uint64_t largest) {
-  if (largest <= 0xff) return 1;
-  if (largest <= 0xffff) return 2;
-  if (largest <= 0xffffffffULL) return 4;
-  return 8;
-}
-
-// The width of the offsets and object references of a table whose largest is
-// `largest`: any number of bytes will do, and 3 keeps archives of up to 16M
-// objects or bytes a quarter smaller than 4 would.
-unsigned tableWidthFor(uint64_t largest) {
-  unsigned width = 1;
-  while (width < 8 && (largest >> (8 * width)) != 0) ++width;
-  return width;
-}
-
-bool isAscii(const uint8_t* p, std::size_t length) {
-  uint64_t seen = 0;
-  std::size_t i = 0;
-  for (; i + 8 <= length; i += 8) {
-    uint64_t word;
-    std::memcpy(&word, p + i, 8);
-    seen |= word;
-  }
-  for (; i < length; ++i) seen |= p[i];
-  return (seen & 0x8080808080808080ULL) == 0;
-}
-
-// Calls `emit` with each code point of `text`, replacing each maximal invalid
-// subsequence (a bad lead byte, or a lead byte with the valid continuation
-// bytes that follow it) with U+FFFD.
-template <class Emit>
-void forEachCodePoint(std::string_view text, Emit&& emit) {
-  auto* p = reinterpret_cast<const uint8_t*>(text.data());
-  std::size_t n = text.size();
-  std::size_t i = 0;
-  while (i < n) {
-    uint8_t lead = p[i];
-    if (lead < 0x80) {
-      emit(char32_t(lead));
-      ++i;
-      continue;
-    }
-    unsigned need;
-    char32_t cp;
-    uint8_t low = 0x80, high = 0xBF;  // range of the first continuation byte
-    if (lead >= 0xC2 && lead <= 0xDF) {
-      need = 1, cp = lead & 0x1F;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-      need = 2, cp = lead & 0x0F;
-      if (lead == 0xE0) low = 0xA0;
-      if (lead == 0xED) high = 0x9F;  // no UTF-16 surrogates
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-      need = 3, cp = lead & 0x07;
-      if (lead == 0xF0) low = 0x90;
-      if (lead == 0xF4) high = 0x8F;  // nothing above U+10FFFF
-    } else {
-      emit(kReplacement);
-      ++i;
-      continue;
-    }
-    std::size_t j = i + 1;
-    bool valid = true;
-    for (unsigned k = 0; k < need; ++k, ++j) {
-      uint8_t lo = k == 0 ? low : 0x80;
-      uint8_t hi = k == 0 ? high : 0xBF;
-      if (j >= n || p[j] < lo || p[j] > hi) {
-        valid = false;
-        break;
-      }
-      cp = (cp << 6) | (p[j] & 0x3F);
-    }
-    emit(valid ? cp : kReplacement);
-    i = j;
-  }
-}
-
-unsigned integerWidth(int64_t value) {
-  if (value < 0) return 8;
-  return widthFor(static_cast<uint64_t>(value));
-}
-
-uint64_t lengthHeaderSize(uint64_t length) {
-  return length < 15 ? 1 : 2 + integerWidth(static_cast<int64_t>(length));
-}
-
-std::size_t utf16Units(std::string_view text) {
-  std::size_t units = 0;
-  forEachCodePoint(text, [&](char32_t cp) { units += cp >= 0x10000 ? 2 : 1; });
-  return units;
-}
-
-uint8_t* writeUtf16(uint8_t* out, std::string_view text) {
-  forEachCodePoint(text, [&](char32_t cp) {
-    if (cp >= 0x10000) {
-      cp -= 0x10000;
-      out = writeBigEndian(out, 0xD800 + (cp >> 10), 2);
-      out = writeBigEndian(out, 0xDC00 + (cp & 0x3FF), 2);
-    } else {
-      out = writeBigEndian(out, cp, 2);
-    }
-  });
-  return out;
 }
 
 void appendUtf8(std::string& out, char32_t cp) {
@@ -218,18 +72,6 @@ void appendUtf16AsUtf8(std::string& out, const uint8_t* p, std::size_t units) {
   }
 }
 
-uint64_t load64(const char* p) {
-  uint64_t v;
-  std::memcpy(&v, p, 8);
-  return v;
-}
-
-uint32_t load32(const char* p) {
-  uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
-}
-
 // Equality of two byte strings of the same length, without a library call for
 // the short keys that archives are made of.
 bool sameBytes(const char* a, const char* b, std::size_t n) {
@@ -242,22 +84,6 @@ bool sameBytes(const char* a, const char* b, std::size_t n) {
     if (a[i] != b[i]) return false;
   }
   return true;
-}
-
-std::size_t hashBytes(std::string_view text) {
-  const char* p = text.data();
-  std::size_t n = text.size();
-  uint64_t h = (n + 1) * 0x9E3779B97F4A7C15ULL;
-  if (n >= 8) {
-    for (std::size_t i = 0; i + 8 <= n; i += 8) h = (h ^ load64(p + i)) * 0xff51afd7ed558ccdULL;
-    h ^= load64(p + n - 8);  // the last 8 bytes, overlapping
-  } else if (n >= 4) {
-    h ^= (uint64_t(load32(p)) << 32) | load32(p + n - 4);
-  } else {
-    for (std::size_t i = 0; i < n; ++i) h = (h ^ static_cast<unsigned char>(p[i])) << 8 | (h >> 56);
-  }
-  h *= 0xc4ceb9fe1a85ec53ULL;
-  return static_cast<std::size_t>(h ^ (h >> 32));
 }
 
 }  // namespace
@@ -816,7 +642,8 @@ BinaryPlist::Ref BinaryPlist::addBool(bool value) {
 BinaryPlist::Ref BinaryPlist::addInteger(int64_t value) {
   // Recent values are shared: a length or a device number that recurs in
   // every record of an archive is written once.
-  Ref& recent = recentIntegers_[static_cast<uint64_t>(value) * 0x9E3779B97F4A7C15ULL >> 59];
+  static_assert(sizeof(recentIntegers_) / sizeof(Ref) == kRecentIntegers);
+  Ref& recent = recentIntegers_[recentIntegerSlot(value)];
   if (recent != kNoRef && nodes_[recent].integer == value) return recent;
   Ref ref;
   push(Type::Integer, ref).integer = value;
@@ -1002,37 +829,12 @@ class BinaryPlistWriter {
   using Node = BinaryPlist::Node;
   using Type = BinaryPlist::Type;
 
-  static uint8_t* writeInteger(uint8_t* p, int64_t value) {
-    unsigned width = integerWidth(value);
-    *p++ = static_cast<uint8_t>(0x10 | (width == 1 ? 0 : width == 2 ? 1 : width == 4 ? 2 : 3));
-    return writeBigEndian(p, static_cast<uint64_t>(value), width);
-  }
-
-  static uint8_t* writeMarker(uint8_t* p, uint8_t kind, uint64_t length) {
-    if (length < 15) {
-      *p++ = static_cast<uint8_t>(kind << 4 | length);
-      return p;
-    }
-    *p++ = static_cast<uint8_t>(kind << 4 | 0x0F);
-    return writeInteger(p, static_cast<int64_t>(length));
-  }
-
   std::string_view text(const Node& node) const {
     return {reinterpret_cast<const char*>(plist_.bytesOf(node)), node.length};
   }
 
   uint8_t* writeRefs(uint8_t* p, std::size_t first, std::size_t count) const {
-    const BinaryPlist::Ref* refs = plist_.refs_.data() + first;
-    switch (refSize_) {
-      case 1:
-        return writeRefsOf<1>(p, refs, count);
-      case 2:
-        return writeRefsOf<2>(p, refs, count);
-      case 3:
-        return writeRefsOf<3>(p, refs, count);
-      default:
-        return writeRefsOf<4>(p, refs, count);
-    }
+    return plistbytes::writeRefs(p, plist_.refs_.data() + first, count, refSize_);
   }
 
   uint8_t* writeNode(uint8_t* p, const Node& node) const {
@@ -1052,11 +854,8 @@ class BinaryPlistWriter {
         std::memcpy(&bits, &node.real, 8);
         return writeBigEndian(p, bits, 8);
       }
-      case Type::Uid: {
-        unsigned width = widthFor(static_cast<uint64_t>(node.integer));
-        *p++ = static_cast<uint8_t>(0x80 | (width - 1));
-        return writeBigEndian(p, static_cast<uint64_t>(node.integer), width);
-      }
+      case Type::Uid:
+        return writeUid(p, static_cast<uint64_t>(node.integer));
       case Type::Data:
         p = writeMarker(p, 0x4, node.length);
         if (node.length) std::memcpy(p, plist_.bytesOf(node), node.length);

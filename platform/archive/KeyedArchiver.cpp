@@ -378,15 +378,6 @@ void KeyedArchiver::addArrayUid(uint32_t uid) {
   state_.stack.push_back(uidValueOf(state_, uid));
 }
 
-// As uidFor writes a String or an integer Number met for the first time.
-uint32_t KeyedArchiver::stringObject(std::string_view text) {
-  return newObject(state_.plist.addString(text));
-}
-
-uint32_t KeyedArchiver::integerObject(int64_t value) {
-  return newObject(state_.plist.addInteger(value));
-}
-
 void KeyedArchiver::endArray(std::size_t start, std::string_view key) {
   std::span<const Ref> elements(state_.stack.data() + start, state_.stack.size() - start);
   Ref k = keyValueOf(state_, key);
@@ -421,53 +412,6 @@ void KeyedArchiver::encodeArrayOfObjects(const std::vector<ObjectPtr>& objects,
   std::size_t start = beginArray();
   for (const ObjectPtr& object : objects) addArrayElement(object);
   endArray(start, key);
-}
-
-KeyedArchiver::Value KeyedArchiver::keyValue(std::string_view key) {
-  return keyValueOf(state_, key);
-}
-
-KeyedArchiver::Value KeyedArchiver::integerValue(int64_t value) {
-  return state_.plist.addInteger(value);
-}
-
-KeyedArchiver::Value KeyedArchiver::boolValue(bool value) {
-  return state_.plist.addBool(value);
-}
-
-KeyedArchiver::Value KeyedArchiver::uidValue(uint32_t uid) {
-  return uidValueOf(state_, uid);
-}
-
-uint32_t KeyedArchiver::dataObject(std::span<const uint8_t> bytes) {
-  return newObject(state_.plist.addData(bytes));
-}
-
-uint32_t KeyedArchiver::reserveObject() {
-  return openObject().uid;
-}
-
-// The dictionary closeObject makes from the same pairs.
-void KeyedArchiver::fillObject(uint32_t uid, const ClassInfo& cls, std::span<const Value> keys,
-                               std::span<const Value> values) {
-  constexpr std::size_t kMost = 15;
-  if (keys.size() != values.size() || keys.size() > kMost) throw std::length_error("fillObject");
-  Value allKeys[kMost + 1];
-  Value allValues[kMost + 1];
-  // Element by element: a call of memmove costs more than these few copies.
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    allKeys[i] = keys[i];
-    allValues[i] = values[i];
-  }
-  uint32_t classRef = classUid(cls);
-  allKeys[keys.size()] = state_.classKey;
-  allValues[keys.size()] = uidValueOf(state_, classRef);
-  state_.objects[uid] =
-      state_.plist.addDictionary({allKeys, keys.size() + 1}, {allValues, keys.size() + 1});
-}
-
-KeyedArchiver::Value KeyedArchiver::arrayOfUids(Value key, std::span<const Value> uids) {
-  return sharedArray(key, uids);
 }
 
 DataPtr KeyedArchiver::archivedDataWithRootObject(const ObjectPtr& root) {

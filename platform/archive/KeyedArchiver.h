@@ -50,44 +50,7 @@ class KeyedArchiver {
     endArray(start, key);
   }
 
-  // An object of class `cls` written from its keys alone, with no instance
-  // behind it: `encode(coder)` writes the keys, as an encodeWithCoder would.
-  // A new UID every time.
-  template <class Encode>
-  void encodeObjectOfClass(const ClassInfo& cls, std::string_view key, Encode&& encode) {
-    encodeUid(objectOfClass(cls, std::forward<Encode>(encode)), key);
-  }
-
-  // Writing without objects. The messages sent most (a report of size
-  // records) are written straight from plain values: the calls below make
-  // the same property list values, in the same order, as archiving objects
-  // with these contents would, so the bytes are the same, without building
-  // the objects or looking each one up by identity.
-  //
-  // The archive whose root is the object `writeRoot` writes, returning its
-  // UID. Empty when memory runs out or `writeRoot` throws.
-  static std::vector<uint8_t> archiveOfRoot(
-      const std::function<uint32_t(KeyedArchiver&)>& writeRoot);
-  // The UID of a new object of class `cls` whose keys `encode(coder)` writes.
-  template <class Encode>
-  uint32_t objectOfClass(const ClassInfo& cls, Encode&& encode) {
-    OpenObject open = openObject();
-    encode(*this);
-    closeObject(open, cls);
-    return open.uid;
-  }
-  // The UID of a new NSString or NSNumber (integer) object.
-  uint32_t stringObject(std::string_view text);
-  uint32_t integerObject(int64_t value);
-  // An inline array of UIDs under `key`, the i-th UID given by `uidAt(i)`
-  // (which may write the object first).
-  template <class UidAt>
-  void encodeArrayOfUids(std::size_t count, UidAt&& uidAt, std::string_view key) {
-    std::size_t start = beginArray();
-    for (std::size_t i = 0; i < count; ++i) addArrayUid(uidAt(i));
-    endArray(start, key);
-  }
-  // The same for objects shared by content: the first call with a given
+  // An object of class `cls` shared by content: the first call with a given
   // class and `identity` in an archive writes the object; later ones refer to
   // it by the same UID without calling `encode` (the folder of many file
   // references, written once).
@@ -105,31 +68,6 @@ class KeyedArchiver {
     encodeUid(uid, key);
   }
 
-  // Writing by values, for objects written many times (the records of a
-  // report): the same property list values, in the same order, as the encode
-  // calls and the object's encodeWithCoder make, without gathering pairs on a
-  // stack or looking a key up by its text on every call. A Value names a value
-  // of this archive's property list; 0 is never a key.
-  using Value = uint32_t;
-  // The key value of `key`, as the encode calls use it.
-  Value keyValue(std::string_view key);
-  Value integerValue(int64_t value);
-  Value boolValue(bool value);
-  // The UID value naming object `uid`.
-  Value uidValue(uint32_t uid);
-  // A new NSData object of `bytes` (encodeDataObject without its key).
-  uint32_t dataObject(std::span<const uint8_t> bytes);
-  // A new object's UID, taken before its contents are written (its slot
-  // among the objects comes before theirs)...
-  uint32_t reserveObject();
-  // ...and its dictionary once they are: `keys[i]` holds `values[i]`, then
-  // $class names `cls`.
-  void fillObject(uint32_t uid, const ClassInfo& cls, std::span<const Value> keys,
-                  std::span<const Value> values);
-  // An inline array of UID values under the key value `key`, shared with
-  // the last one written under that key when they are equal.
-  Value arrayOfUids(Value key, std::span<const Value> uids);
-
   ~KeyedArchiver();
   KeyedArchiver(const KeyedArchiver&) = delete;
   KeyedArchiver& operator=(const KeyedArchiver&) = delete;
@@ -138,6 +76,10 @@ class KeyedArchiver {
 
  private:
   explicit KeyedArchiver(State& state) : state_(state) {}
+  // The archive whose root is the object `writeRoot` writes, returning its
+  // UID. Empty when memory runs out or `writeRoot` throws.
+  static std::vector<uint8_t> archiveOfRoot(
+      const std::function<uint32_t(KeyedArchiver&)>& writeRoot);
   std::size_t beginArray();
   void addArrayElement(const ObjectPtr& object);
   void addArrayUid(uint32_t uid);

@@ -2,6 +2,7 @@
 
 #include <map>
 
+#include "platform/archive/KeyedArchiveWriter.h"
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "platform/foundation/Array.h"
@@ -225,23 +226,36 @@ std::vector<uint8_t> XpcMessage::encode() const {
 std::vector<uint8_t> XpcMessage::encodeInvocation(std::string_view selector,
                                                   std::span<const ArgumentWriter> arguments,
                                                   uint64_t sequence) {
-  // The root dictionary as encode() archives it: its keys, then its values.
-  auto writeValue = [&](KeyedArchiver& coder, std::size_t i) -> uint32_t {
-    if (i == 0) return coder.stringObject(selector);
-    if (i == 2) return coder.integerObject(static_cast<int64_t>(sequence));
-    return coder.objectOfClass(Array::classInfo(), [&](KeyedArchiver& array) {
-      array.encodeArrayOfUids(
-          arguments.size(), [&](std::size_t j) { return arguments[j](array); }, "NS.objects");
-    });
+  using Value = KeyedArchiveWriter::Value;
+  // The values in the order encode() archives its root dictionary: the
+  // dictionary's keys, then its values, each element before its UID.
+  auto writeArguments = [&](KeyedArchiveWriter& coder) {
+    uint32_t uid = coder.reserveObject();
+    std::vector<Value> elements;
+    elements.reserve(arguments.size());
+    for (const ArgumentWriter& argument : arguments)
+      elements.push_back(coder.uidValue(argument(coder)));
+    Value key = coder.keyValue("NS.objects");
+    Value array = coder.arrayOfUids(key, elements);
+    coder.fillObject(uid, coder.classValue(Array::classInfo()), {&key, 1}, {&array, 1});
+    return uid;
   };
-  return KeyedArchiver::archiveOfRoot([&](KeyedArchiver& coder) {
-    return coder.objectOfClass(Dictionary::classInfo(), [&](KeyedArchiver& root) {
-      const std::string_view keys[] = {kSelector, kArguments, kSequence};
-      root.encodeArrayOfUids(
-          3, [&](std::size_t i) { return root.stringObject(keys[i]); }, "NS.keys");
-      root.encodeArrayOfUids(
-          3, [&](std::size_t i) { return writeValue(root, i); }, "NS.objects");
-    });
+  return KeyedArchiveWriter::archiveOfRoot([&](KeyedArchiveWriter& coder) {
+    uint32_t root = coder.reserveObject();
+    const std::string_view keyTexts[] = {kSelector, kArguments, kSequence};
+    Value keys[3];
+    for (std::size_t i = 0; i < 3; ++i) keys[i] = coder.uidValue(coder.stringObject(keyTexts[i]));
+    Value nsKeys = coder.keyValue("NS.keys");
+    Value keyArray = coder.arrayOfUids(nsKeys, keys);
+    Value values[3];
+    values[0] = coder.uidValue(coder.stringObject(selector));
+    values[1] = coder.uidValue(writeArguments(coder));
+    values[2] = coder.uidValue(coder.integerObject(static_cast<int64_t>(sequence)));
+    Value nsObjects = coder.keyValue("NS.objects");
+    Value rootKeys[] = {nsKeys, nsObjects};
+    Value rootValues[] = {keyArray, coder.arrayOfUids(nsObjects, values)};
+    coder.fillObject(root, coder.classValue(Dictionary::classInfo()), rootKeys, rootValues);
+    return root;
   });
 }
 

@@ -13,7 +13,7 @@
 
 namespace qx {
 
-class KeyedArchiver;
+class KeyedArchiveWriter;
 
 // The three messages that cross a connection. Each frame holds one keyed
 // archive whose root is a dictionary:
@@ -41,8 +41,9 @@ struct XpcMessage {
   std::vector<uint8_t> encode() const;
 
   // Writes one argument into the archive without an object and answers its
-  // UID (KeyedArchiver's writing without objects).
-  using ArgumentWriter = std::function<uint32_t(KeyedArchiver&)>;
+  // UID. It may be called more than once for one message
+  // (KeyedArchiveWriter::archiveOfRoot) and must write the same each time.
+  using ArgumentWriter = std::function<uint32_t(KeyedArchiveWriter&)>;
   // The payload that encode() makes for an invocation whose arguments are
   // objects with the contents `arguments` write: the same bytes, for the
   // messages sent often enough to be written from plain values. Empty when

@@ -62,21 +62,36 @@ std::vector<Shape> shapes() {
   all.push_back({"mixed", mixed});
   all.push_back({"absent values",
                  {{nullptr, QXFileSizeItem::make(1)}, {qx::IndexPath::make({1, 2}), nullptr}}});
+  // 20 records, the first `same` of them with a size that another value
+  // already holds: 248 to 268 values, across 256 (references of one byte,
+  // then two). 7,000 records cross 65,536 values and bytes (three bytes).
+  // Widths change between consecutive reports of the run.
+  for (uint64_t same = 0; same <= 20; ++same) {
+    QXSizeUpdates many;
+    for (uint64_t i = 0; i < 20; ++i)
+      many.push_back(update({0, i, i * 977}, i < same ? 3 : int64_t(i) * 131 + 4, i % 2 == 0));
+    all.push_back({"twenty", many});
+  }
+  QXSizeUpdates many;
+  for (uint64_t i = 0; i < 7000; ++i) many.push_back(update({0, i, i * 977}, int64_t(i), true));
+  all.push_back({"many", many});
   return all;
 }
 
 TEST(QXSizeReportWriter, WritesTheArchiveOfTheRecordObjects) {
   registerModelClasses();
-  for (uint64_t sequence : {uint64_t(0), uint64_t(7), uint64_t(1) << 40}) {
-    for (const Shape& shape : shapes()) {
-      std::vector<uint8_t> expected =
-          qx::XpcMessage::invocation(
-              "updateFileSizes:reply:", {QXClientCallbacks::wireRecords(shape.updates)}, sequence)
-              .encode();
-      ASSERT_FALSE(expected.empty());
-      EXPECT_EQ(QXSizeReportWriter::invocation("updateFileSizes:reply:", shape.updates, sequence),
-                expected)
-          << shape.name << " sequence " << sequence;
+  // A selector that is not ASCII is written as UTF-16.
+  for (const char* selector : {"updateFileSizes:reply:", "caf\xc3\xa9:reply:"}) {
+    for (uint64_t sequence : {uint64_t(0), uint64_t(7), uint64_t(1) << 40}) {
+      for (const Shape& shape : shapes()) {
+        std::vector<uint8_t> expected =
+            qx::XpcMessage::invocation(selector, {QXClientCallbacks::wireRecords(shape.updates)},
+                                       sequence)
+                .encode();
+        ASSERT_FALSE(expected.empty());
+        EXPECT_EQ(QXSizeReportWriter::invocation(selector, shape.updates, sequence), expected)
+            << shape.name << " of " << shape.updates.size() << ", sequence " << sequence;
+      }
     }
   }
 }
