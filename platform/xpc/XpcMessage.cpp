@@ -1,10 +1,13 @@
 #include "platform/xpc/XpcMessage.h"
 
+#include <algorithm>
 #include <map>
 
+#include "platform/archive/DirectArchiveReader.h"
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "platform/foundation/Array.h"
+#include "platform/foundation/ClassRegistry.h"
 #include "platform/foundation/Dictionary.h"
 #include "platform/foundation/Number.h"
 #include "platform/foundation/String.h"
@@ -171,6 +174,68 @@ class EnvelopeReader {
   std::map<std::string, std::size_t> positions_;
 };
 
+// The first position of the key `text` among `keys`, or npos.
+std::size_t positionOf(std::span<const std::string_view> keys, std::string_view text) {
+  auto found = std::find(keys.begin(), keys.end(), text);
+  return found == keys.end() ? std::string_view::npos
+                             : static_cast<std::size_t>(found - keys.begin());
+}
+
+// An invocation read as EnvelopeReader reads it, on DirectArchiveReader: the
+// messages a connection receives most (size reports) are decoded without the
+// general machinery. False whenever the reader or this function meets
+// anything else; the general path then gives its usual result.
+bool decodeInvocationDirectly(DirectArchiveReader& reader, XpcArgumentSets& sets,
+                              XpcIncoming& result) {
+  static const ClassSet dictionaries{&Dictionary::classInfo()};
+  static const ClassSet arrays{&Array::classInfo()};
+  const ClassRegistry::Entry* entry = nullptr;
+  uint32_t root = reader.rootUid();
+  if (!reader.beginObject(root, entry) || !dictionaries.allows(*entry->cls)) return false;
+  std::vector<uint32_t> keyUids;
+  std::vector<uint32_t> valueUids;
+  if (!reader.uidsForKey(root, "NS.keys", keyUids) ||
+      !reader.uidsForKey(root, "NS.objects", valueUids) || keyUids.size() != valueUids.size()) {
+    return false;
+  }
+  std::vector<std::string_view> keys(keyUids.size());
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    if (!reader.plainString(keyUids[i], keys[i])) return false;
+  }
+  std::size_t selectorAt = positionOf(keys, kSelector);
+  std::size_t sequenceAt = positionOf(keys, kSequence);
+  std::size_t argumentsAt = positionOf(keys, kArguments);
+  if (selectorAt == std::string_view::npos || sequenceAt == std::string_view::npos ||
+      argumentsAt == std::string_view::npos) {
+    return false;
+  }
+  int64_t sequence = 0;
+  std::string_view selector;
+  if (!reader.plainInteger(valueUids[sequenceAt], sequence) || sequence < 0 ||
+      !reader.plainString(valueUids[selectorAt], selector)) {
+    return false;
+  }
+  auto classes = sets.forInvocation(selector);
+  if (!classes) return false;
+  uint32_t arguments = valueUids[argumentsAt];
+  std::vector<uint32_t> argumentUids;
+  if (!reader.beginObject(arguments, entry) || !arrays.allows(*entry->cls) ||
+      !reader.uidsForKey(arguments, "NS.objects", argumentUids) ||
+      argumentUids.size() != classes->size()) {
+    return false;
+  }
+  std::vector<ObjectPtr> objects(argumentUids.size());
+  for (std::size_t i = 0; i < objects.size(); ++i) {
+    if (!reader.decode(argumentUids[i], &(*classes)[i], objects[i])) return false;
+  }
+  result.status = XpcIncoming::Status::Message;
+  result.message.kind = XpcMessage::Kind::Invocation;
+  result.message.sequence = static_cast<uint64_t>(sequence);
+  result.message.selector = std::string(selector);
+  result.message.arguments = std::move(objects);
+  return true;
+}
+
 }  // namespace
 
 XpcMessage XpcMessage::invocation(std::string selector, std::vector<ObjectPtr> arguments,
@@ -247,6 +312,12 @@ std::vector<uint8_t> XpcMessage::encodeInvocation(std::string_view selector,
 
 XpcIncoming XpcIncoming::decode(std::span<const uint8_t> payload, XpcArgumentSets& sets) {
   XpcIncoming result;
+  if (KeyedUnarchiver::readDirectly(payload, [&](DirectArchiveReader& reader) {
+        return decodeInvocationDirectly(reader, sets, result);
+      })) {
+    return result;
+  }
+  result = XpcIncoming{};
   bool visited = false;
   static const ClassSet dictionaries{&Dictionary::classInfo()};
   ErrorPtr error;
