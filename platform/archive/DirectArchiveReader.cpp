@@ -24,6 +24,7 @@ constexpr std::size_t kTrailerSize = 32;
 // four: the top dictionary, $objects, an object's dictionary, an inline
 // array).
 constexpr uint8_t kMostLevels = 16;
+constexpr uint32_t kUnpacked = 0xffffffff;
 // Distinct key texts of one archive; a key id is a bit of a 64-bit mask.
 constexpr std::size_t kMostKeys = 64;
 // Objects nested in each other, well below KeyedUnarchiver's limit.
@@ -51,6 +52,40 @@ bool isAscii(const uint8_t* p, std::size_t length) {
   return (seen & 0x8080808080808080ULL) == 0;
 }
 
+uint64_t load64(const char* p) {
+  uint64_t v;
+  std::memcpy(&v, p, 8);
+  return v;
+}
+
+uint32_t load32(const char* p) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+// Equality of two texts, without a library call for the short keys that
+// archives are made of.
+bool sameText(std::string_view a, std::string_view b) {
+  std::size_t n = a.size();
+  if (n != b.size()) return false;
+  const char* x = a.data();
+  const char* y = b.data();
+  if (n >= 8) {
+    if (n > 32) return std::memcmp(x, y, n) == 0;
+    if (n > 16) {
+      return load64(x) == load64(y) && load64(x + 8) == load64(y + 8) &&
+             load64(x + n - 16) == load64(y + n - 16) && load64(x + n - 8) == load64(y + n - 8);
+    }
+    return load64(x) == load64(y) && load64(x + n - 8) == load64(y + n - 8);
+  }
+  if (n >= 4) return load32(x) == load32(y) && load32(x + n - 4) == load32(y + n - 4);
+  for (std::size_t i = 0; i < n; ++i) {
+    if (x[i] != y[i]) return false;
+  }
+  return true;
+}
+
 bool isCollectionFactory(DecodeFactory factory) {
   return factory == &Array::initWithCoder || factory == &MutableArray::initWithCoder ||
          factory == &Dictionary::initWithCoder || factory == &MutableDictionary::initWithCoder;
@@ -60,10 +95,11 @@ bool isCollectionFactory(DecodeFactory factory) {
 
 struct DirectArchiveReader::Value {
   uint8_t type = 0;
-  uint8_t level = 0;   // containers nested inside
-  int16_t keyId = -1;  // of a string used as a dictionary key
+  uint8_t level = 0;    // containers nested inside
+  int16_t keyId = -1;   // of a string used as a dictionary key
   uint32_t length = 0;  // bytes of a string or data, elements, pairs
   uint32_t slot = 0;    // 1 + index in slots_
+  uint32_t keys = 0;    // a dictionary's key ids, a byte each, for up to 4 pairs
   union {
     int64_t integer = 0;  // integers, booleans, UIDs
     double real;
@@ -75,7 +111,9 @@ struct DirectArchiveReader::Value {
 
 struct DirectArchiveReader::Slot {
   ObjectPtr object;
+  Value* value = nullptr;                       // whose slot this is
   const ClassRegistry::Entry* entry = nullptr;  // of a class dictionary
+  Allowance allowance;                          // of a class dictionary
   Status status = kNew;
 };
 
@@ -91,20 +129,9 @@ DirectArchiveReader::~DirectArchiveReader() {
   delete flat_;
 }
 
-inline uint64_t DirectArchiveReader::offsetOf(Ref ref) const {
-  const uint8_t* p = bytes_ + tableOffset_ + uint64_t(ref) * offsetSize_;
-  switch (offsetSize_) {
-    case 1:
-      return p[0];
-    case 2:
-      return uint64_t(p[0]) << 8 | p[1];
-    default:
-      return readBigEndian(p, offsetSize_);
-  }
-}
-
 template <unsigned Width>
-inline DirectArchiveReader::Ref DirectArchiveReader::readRef(const uint8_t* refs, std::size_t index) {
+inline DirectArchiveReader::Ref DirectArchiveReader::readRef(const uint8_t* refs,
+                                                             std::size_t index) {
   if constexpr (Width == 1) {
     return refs[index];
   } else {
@@ -112,7 +139,8 @@ inline DirectArchiveReader::Ref DirectArchiveReader::readRef(const uint8_t* refs
   }
 }
 
-inline DirectArchiveReader::Ref DirectArchiveReader::refAt(const uint8_t* refs, std::size_t index) const {
+inline DirectArchiveReader::Ref DirectArchiveReader::refAt(const uint8_t* refs,
+                                                           std::size_t index) const {
   return refSize_ == 1 ? readRef<1>(refs, index) : readRef<2>(refs, index);
 }
 
@@ -136,13 +164,20 @@ bool DirectArchiveReader::open(std::span<const uint8_t> bytes) {
   if (count_ > tableOffset_ - kHeaderSize || top >= count_) return false;
   if (values_.size() < count_) values_.resize(count_);
   keys_.clear();
+  std::fill(std::begin(keyHints_), std::end(keyHints_), KeyHint{});
   bool scanned = false;
-  switch (refSize_) {
-    case 1:
-      scanned = scan<1>();
+  switch (offsetSize_ * 4 + refSize_) {
+    case 1 * 4 + 1:
+      scanned = scan<1, 1>();
       break;
-    case 2:
-      scanned = scan<2>();
+    case 2 * 4 + 1:
+      scanned = scan<2, 1>();
+      break;
+    case 1 * 4 + 2:
+      scanned = scan<1, 2>();
+      break;
+    case 2 * 4 + 2:
+      scanned = scan<2, 2>();
       break;
     default:
       return false;
@@ -171,13 +206,15 @@ bool DirectArchiveReader::open(std::span<const uint8_t> bytes) {
 }
 
 void DirectArchiveReader::close() {
+  for (Slot& slot : slots_) slot.value->slot = 0;
   slots_.clear();
   objects_ = nullptr;
   objectCount_ = 0;
   depth_ = 0;
   // Sets live only as long as their message: an address may name another set
   // next time.
-  std::fill(std::begin(allowances_), std::end(allowances_), Allowance{});
+  std::fill(std::begin(plainAllowances_), std::end(plainAllowances_), Allowance{});
+  std::fill(std::begin(classHints_), std::end(classHints_), ClassHint{});
   *flat_ = Flat{};
 }
 
@@ -190,24 +227,44 @@ bool DirectArchiveReader::recycle() {
 // plists whose containers name values before them are taken (as this
 // project's writer lays them out): nothing can then contain itself, and each
 // container's keys and nesting are checked from values already read.
-template <unsigned Width>
+// `OffsetWidth` and `RefWidth` are the widths of the offset table's entries
+// and of object references, 1 or 2 bytes.
+template <unsigned OffsetWidth, unsigned RefWidth>
 bool DirectArchiveReader::scan() {
-  const uint8_t* end = bytes_ + tableOffset_;
+  const uint8_t* const end = bytes_ + tableOffset_;
+  const uint8_t* const table = end;
   const uint64_t area = tableOffset_ - kHeaderSize;
   uint64_t consumed = 0;
-  Value* values = values_.data();
+  Value* const values = values_.data();
   const auto count = static_cast<Ref>(count_);
   for (Ref ref = 0; ref < count; ++ref) {
     Value& value = values[ref];
-    value.slot = 0;
-    value.keyId = -1;
-    value.level = 0;
-    uint64_t offset = offsetOf(ref);
-    if (offset < kHeaderSize || offset >= tableOffset_) return false;
-    const uint8_t* start = bytes_ + offset;
+    const uint64_t offset = readRef<OffsetWidth>(table, ref);
+    // (An offset below the header wraps around and fails the same test.)
+    if (offset - kHeaderSize >= area) return false;
+    const uint8_t* const start = bytes_ + offset;
     const uint8_t marker = *start;
     const auto left = static_cast<uint64_t>(end - start - 1);
+    value.level = 0;
+    value.keyId = -1;
     switch (marker >> 4) {
+      case 0x8: {
+        unsigned width = (marker & 0x0F) + 1;
+        if (left < width) return false;
+        if (width == 1) {
+          value.integer = start[1];
+        } else if (width == 2) {
+          value.integer = int64_t(start[1]) << 8 | start[2];
+        } else {
+          if (width > 8) return false;
+          uint64_t uid = readBigEndian(start + 1, width);
+          if (uid > 0xffffffffULL) return false;
+          value.integer = static_cast<int64_t>(uid);
+        }
+        value.type = kUid;
+        consumed += 1 + width;
+        break;
+      }
       case 0x0:
         if (marker != 0x08 && marker != 0x09) return false;
         value.type = kBool;
@@ -221,7 +278,8 @@ bool DirectArchiveReader::scan() {
         if (left < width) return false;
         value.type = kInteger;
         // 1, 2 and 4 bytes are unsigned, 8 bytes are two's complement.
-        value.integer = static_cast<int64_t>(readBigEndian(start + 1, width));
+        value.integer =
+            width == 1 ? start[1] : static_cast<int64_t>(readBigEndian(start + 1, width));
         consumed += 1 + width;
         break;
       }
@@ -242,16 +300,6 @@ bool DirectArchiveReader::scan() {
         consumed += 1 + width;
         break;
       }
-      case 0x8: {
-        unsigned width = (marker & 0x0F) + 1;
-        if (width > 8 || left < width) return false;
-        uint64_t uid = readBigEndian(start + 1, width);
-        if (uid > 0xffffffffULL) return false;
-        value.type = kUid;
-        value.integer = static_cast<int64_t>(uid);
-        consumed += 1 + width;
-        break;
-      }
       case 0x4:
       case 0x5:
       case 0xA:
@@ -265,24 +313,26 @@ bool DirectArchiveReader::scan() {
           length = readBigEndian(p + 1, width);
           p += 1 + width;
         }
-        auto room = static_cast<uint64_t>(end - p);
+        const auto room = static_cast<uint64_t>(end - p);
         const unsigned kind = marker >> 4;
         uint64_t body = length;
         if (kind >= 0xA) {
           if (length > room) return false;
-          body = length * (kind == 0xD ? 2 : 1) * Width;
+          body = length * (kind == 0xD ? 2 : 1) * RefWidth;
         }
         if (body > room || length > std::numeric_limits<uint32_t>::max()) return false;
         consumed += static_cast<uint64_t>(p - start) + body;
         value.length = static_cast<uint32_t>(length);
         value.bytes = p;
-        if (kind == 0x4) {
+        if (kind == 0xD) {
+          if (!scanDictionary<RefWidth>(ref, value)) return false;
+        } else if (kind == 0xA) {
+          if (!scanArray<RefWidth>(ref, value)) return false;
+        } else if (kind == 0x4) {
           value.type = kData;
-        } else if (kind == 0x5) {
+        } else {
           if (!isAscii(p, length)) return false;
           value.type = kString;
-        } else if (!scanContainer<Width>(ref, value, kind == 0xD)) {
-          return false;
         }
         break;
       }
@@ -293,16 +343,16 @@ bool DirectArchiveReader::scan() {
   return consumed <= area;
 }
 
-template <unsigned Width>
-bool DirectArchiveReader::scanContainer(Ref ref, Value& value, bool dictionary) {
-  Value* values = values_.data();
-  const uint8_t* refs = value.bytes;
+template <unsigned RefWidth>
+[[gnu::always_inline]] inline bool DirectArchiveReader::scanDictionary(Ref ref, Value& value) {
+  Value* const values = values_.data();
+  const uint8_t* const refs = value.bytes;
   const std::size_t count = value.length;
-  const std::size_t keys = dictionary ? count : 0;
-  value.type = dictionary ? kDictionary : kArray;
+  value.type = kDictionary;
   uint64_t seenKeys = 0;
-  for (std::size_t i = 0; i < keys; ++i) {
-    Ref key = readRef<Width>(refs, i);
+  uint32_t packed = kUnpacked;
+  for (std::size_t i = 0; i < count; ++i) {
+    Ref key = readRef<RefWidth>(refs, i);
     if (key >= ref) return false;
     Value& text = values[key];
     if (text.type != kString) return false;
@@ -310,12 +360,33 @@ bool DirectArchiveReader::scanContainer(Ref ref, Value& value, bool dictionary) 
     uint64_t bit = uint64_t(1) << text.keyId;
     if (seenKeys & bit) return false;  // two equal keys
     seenKeys |= bit;
+    if (i < 4) packed ^= (uint32_t(text.keyId) ^ 0xffu) << (8 * i);
   }
+  value.keys = count <= 4 ? packed : kUnpacked;
   uint8_t highest = 0;
-  for (std::size_t i = keys; i < keys + count; ++i) {
-    Ref element = readRef<Width>(refs, i);
+  for (std::size_t i = count; i < 2 * count; ++i) {
+    Ref element = readRef<RefWidth>(refs, i);
     if (element >= ref) return false;
-    highest = std::max(highest, values[element].level);
+    uint8_t level = values[element].level;
+    highest = level > highest ? level : highest;
+  }
+  if (highest >= kMostLevels) return false;
+  value.level = static_cast<uint8_t>(highest + 1);
+  return true;
+}
+
+template <unsigned RefWidth>
+[[gnu::always_inline]] inline bool DirectArchiveReader::scanArray(Ref ref, Value& value) {
+  const Value* const values = values_.data();
+  const uint8_t* const refs = value.bytes;
+  const std::size_t count = value.length;
+  value.type = kArray;
+  uint8_t highest = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    Ref element = readRef<RefWidth>(refs, i);
+    if (element >= ref) return false;
+    uint8_t level = values[element].level;
+    highest = level > highest ? level : highest;
   }
   if (highest >= kMostLevels) return false;
   value.level = static_cast<uint8_t>(highest + 1);
@@ -343,6 +414,14 @@ bool DirectArchiveReader::internKey(Value& key) {
 const DirectArchiveReader::Value* DirectArchiveReader::valueForKey(const Value& dictionary,
                                                                    int keyId) const {
   if (keyId < 0) return nullptr;
+  if (dictionary.keys != kUnpacked) {
+    // The byte equal to keyId, if any (unused bytes hold 0xff).
+    uint32_t x = dictionary.keys ^ (uint32_t(keyId) * 0x01010101u);
+    uint32_t zero = (x - 0x01010101u) & ~x & 0x80808080u;
+    if (zero == 0) return nullptr;
+    std::size_t i = static_cast<std::size_t>(__builtin_ctz(zero)) / 8;
+    return &values_[refAt(dictionary.bytes, dictionary.length + i)];
+  }
   for (std::size_t i = 0; i < dictionary.length; ++i) {
     if (values_[refAt(dictionary.bytes, i)].keyId == keyId) {
       return &values_[refAt(dictionary.bytes, dictionary.length + i)];
@@ -355,23 +434,37 @@ const DirectArchiveReader::Value* DirectArchiveReader::objectValue(uint32_t uid)
   return &values_[refAt(objects_->bytes, uid)];
 }
 
+std::size_t DirectArchiveReader::count(const Value* array) {
+  return array ? array->length : 0;
+}
+
 std::size_t DirectArchiveReader::slotOf(const Value& value) {
   auto& entry = const_cast<Value&>(value);
   if (entry.slot == 0) {
     slots_.emplace_back();
+    slots_.back().value = &entry;
     entry.slot = static_cast<uint32_t>(slots_.size());
   }
   return entry.slot - 1;
 }
 
-bool DirectArchiveReader::classOf(const Value& object, const ClassRegistry::Entry*& entry) {
+bool DirectArchiveReader::classOf(const Value& object, const ClassRegistry::Entry*& entry,
+                                  std::size_t& slot) {
   const Value* classUid = valueForKey(object, classKey_);
   if (!classUid || classUid->type != kUid || classUid->integer >= objectCount_) return false;
-  const Value& description = *objectValue(static_cast<uint32_t>(classUid->integer));
+  const auto uid = static_cast<uint32_t>(classUid->integer);
+  ClassHint& hint = classHints_[uid % std::size(classHints_)];
+  if (hint.uid == uid && hint.entry) {
+    entry = hint.entry;
+    slot = hint.slot;
+    return true;
+  }
+  const Value& description = *objectValue(uid);
   if (description.type != kDictionary) return false;
-  std::size_t slot = slotOf(description);
+  slot = slotOf(description);
   if (slots_[slot].entry) {
     entry = slots_[slot].entry;
+    hint = {uid, entry, slot};
     return true;
   }
   const Value* name = valueForKey(description, classNameKey_);
@@ -379,17 +472,14 @@ bool DirectArchiveReader::classOf(const Value& object, const ClassRegistry::Entr
   entry = ClassRegistry::lookup(name->text());
   if (!entry) return false;
   slots_[slot].entry = entry;
+  hint = {uid, entry, slot};
   return true;
 }
 
-bool DirectArchiveReader::allowed(const ClassSet* classes, const ClassInfo& cls) {
+bool DirectArchiveReader::allowed(const ClassSet* classes, const ClassInfo& cls, Allowance& last) {
   if (!classes) return true;
-  for (Allowance& known : allowances_) {
-    if (known.classes == classes && known.cls == &cls) return known.allowed;
-  }
-  bool allows = classes->allows(cls);
-  allowances_[nextAllowance_++ % std::size(allowances_)] = {classes, &cls, allows};
-  return allows;
+  if (last.classes != classes || last.cls != &cls) last = {classes, &cls, classes->allows(cls)};
+  return last.allowed;
 }
 
 bool DirectArchiveReader::decode(uint32_t uid, const ClassSet* classes, ObjectPtr& object) {
@@ -404,7 +494,7 @@ bool DirectArchiveReader::decodeValue(uint32_t uid, const ClassSet* classes, Obj
   const ClassInfo* cls = nullptr;
   switch (value.type) {
     case kString:
-      if (value.text() == "$null") return true;
+      if (value.length == 5 && sameText(value.text(), "$null")) return true;
       cls = &String::classInfo();
       break;
     case kBool:
@@ -420,7 +510,7 @@ bool DirectArchiveReader::decodeValue(uint32_t uid, const ClassSet* classes, Obj
     default:
       return false;
   }
-  if (!allowed(classes, *cls)) return false;
+  if (!allowed(classes, *cls, plainAllowances_[value.type])) return false;
   Slot& slot = slots_[slotOf(value)];
   if (!slot.object) {
     switch (value.type) {
@@ -448,7 +538,11 @@ bool DirectArchiveReader::decodeValue(uint32_t uid, const ClassSet* classes, Obj
 bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* classes,
                                          ObjectPtr& result) {
   const ClassRegistry::Entry* entry = nullptr;
-  if (!classOf(object, entry) || !allowed(classes, *entry->cls)) return false;
+  std::size_t classSlot = 0;
+  if (!classOf(object, entry, classSlot) ||
+      !allowed(classes, *entry->cls, slots_[classSlot].allowance)) {
+    return false;
+  }
   std::size_t slot = slotOf(object);
   const DecodeFactory factory = entry->factory;
   if (slots_[slot].status == kDone) {
@@ -470,19 +564,26 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
                    ? Array::make(std::move(elements))
                    : ObjectArena::make<MutableArray>(std::move(elements));
     }
-  } else if (factory == &Dictionary::initWithCoder || factory == &MutableDictionary::initWithCoder) {
-    std::vector<ObjectPtr> keys;
-    std::vector<ObjectPtr> values;
-    done = decodeElements(object, nsKeys_, classes, keys) &&
-           decodeElements(object, nsObjects_, classes, values) && keys.size() == values.size();
+  } else if (factory == &Dictionary::initWithCoder ||
+             factory == &MutableDictionary::initWithCoder) {
+    const Value* keys = nullptr;
+    const Value* values = nullptr;
+    done = elementsFor(object, nsKeys_, keys) && elementsFor(object, nsObjects_, values) &&
+           count(keys) == count(values);
     if (done) {
-      DictionaryEntries entries(keys.size());
-      for (std::size_t i = 0; i < keys.size(); ++i) {
-        entries[i] = {std::move(keys[i]), std::move(values[i])};
+      std::shared_ptr<Dictionary> dictionary =
+          factory == &Dictionary::initWithCoder
+              ? Dictionary::make(DictionaryEntries(count(keys)))
+              : ObjectArena::make<MutableDictionary>(DictionaryEntries(count(keys)));
+      // Filled in place: the dictionary is new and not yet handed out.
+      auto& entries = const_cast<DictionaryEntries&>(dictionary->entries());
+      for (std::size_t i = 0; done && i < entries.size(); ++i) {
+        done = decodeElement(*keys, i, classes, entries[i].first);
       }
-      result = factory == &Dictionary::initWithCoder
-                   ? ObjectPtr(Dictionary::make(std::move(entries)))
-                   : ObjectPtr(ObjectArena::make<MutableDictionary>(std::move(entries)));
+      for (std::size_t i = 0; done && i < entries.size(); ++i) {
+        done = decodeElement(*values, i, classes, entries[i].second);
+      }
+      result = std::move(dictionary);
     }
   } else {
     *flat_ = Flat{&object, false, false};
@@ -498,16 +599,24 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
   return true;
 }
 
+bool DirectArchiveReader::elementsFor(const Value& object, int keyId, const Value*& array) const {
+  array = valueForKey(object, keyId);
+  return !array || array->type == kArray;  // an absent key counts as empty
+}
+
+bool DirectArchiveReader::decodeElement(const Value& array, std::size_t index,
+                                        const ClassSet* classes, ObjectPtr& out) {
+  const Value& element = values_[refAt(array.bytes, index)];
+  return element.type == kUid && decodeValue(static_cast<uint32_t>(element.integer), classes, out);
+}
+
 bool DirectArchiveReader::decodeElements(const Value& object, int keyId, const ClassSet* classes,
                                          std::vector<ObjectPtr>& out) {
-  const Value* array = valueForKey(object, keyId);
-  if (!array) return true;  // an absent key counts as empty
-  if (array->type != kArray) return false;
-  out.resize(array->length);
-  for (std::size_t i = 0; i < array->length; ++i) {
-    const Value& element = values_[refAt(array->bytes, i)];
-    if (element.type != kUid) return false;
-    if (!decodeValue(static_cast<uint32_t>(element.integer), classes, out[i])) return false;
+  const Value* array = nullptr;
+  if (!elementsFor(object, keyId, array)) return false;
+  out.resize(count(array));
+  for (std::size_t i = 0; i < out.size(); ++i) {
+    if (!decodeElement(*array, i, classes, out[i])) return false;
   }
   return true;
 }
@@ -515,7 +624,8 @@ bool DirectArchiveReader::decodeElements(const Value& object, int keyId, const C
 bool DirectArchiveReader::beginObject(uint32_t uid, const ClassRegistry::Entry*& entry) {
   if (uid == 0 || uid >= objectCount_) return false;
   const Value& object = *objectValue(uid);
-  if (object.type != kDictionary || !classOf(object, entry)) return false;
+  std::size_t classSlot = 0;
+  if (object.type != kDictionary || !classOf(object, entry, classSlot)) return false;
   std::size_t slot = slotOf(object);
   if (slots_[slot].status != kNew) return false;
   slots_[slot].status = kDecoding;
@@ -561,7 +671,19 @@ const DirectArchiveReader::Value* DirectArchiveReader::flatValue(std::string_vie
     flat_->unsupported = true;  // an escaped key
     return nullptr;
   }
-  return valueForKey(*flat_->object, keyIdOf(key));
+  return valueForKey(*flat_->object, hintedKeyId(key));
+}
+
+// Keys are nearly always literals: the id of a key is remembered by the
+// address of its text, and confirmed by its digest (and, for a key longer
+// than the digest holds, by its text).
+int DirectArchiveReader::hintedKeyId(std::string_view key) {
+  auto bits = reinterpret_cast<uintptr_t>(key.data()) ^ key.size();
+  KeyHint& hint = keyHints_[(bits * 0x9E3779B97F4A7C15ULL) >> 58];
+  if (hint.text == key.data() && hint.id >= 0 && sameText(keys_[hint.id], key)) return hint.id;
+  int id = keyIdOf(key);
+  if (id >= 0) hint = {key.data(), id};
+  return id;
 }
 
 bool DirectArchiveReader::flatPlain(std::string_view key, uint8_t type, const Value*& found) {

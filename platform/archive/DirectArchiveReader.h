@@ -82,21 +82,27 @@ class DirectArchiveReader {
     bool allowed = false;
   };
 
-  uint64_t offsetOf(Ref ref) const;
   Ref refAt(const uint8_t* refs, std::size_t index) const;
   template <unsigned Width>
   static Ref readRef(const uint8_t* refs, std::size_t index);
-  template <unsigned Width>
+  template <unsigned OffsetWidth, unsigned RefWidth>
   bool scan();
-  template <unsigned Width>
-  bool scanContainer(Ref ref, Value& value, bool dictionary);
+  template <unsigned RefWidth>
+  bool scanDictionary(Ref ref, Value& value);
+  template <unsigned RefWidth>
+  bool scanArray(Ref ref, Value& value);
   bool internKey(Value& key);
   int keyIdOf(std::string_view text) const;
   const Value* valueForKey(const Value& dictionary, int keyId) const;
   const Value* objectValue(uint32_t uid) const;
-  bool classOf(const Value& object, const ClassRegistry::Entry*& entry);
+  bool classOf(const Value& object, const ClassRegistry::Entry*& entry, std::size_t& slot);
   std::size_t slotOf(const Value& value);
-  bool allowed(const ClassSet* classes, const ClassInfo& cls);
+  static bool allowed(const ClassSet* classes, const ClassInfo& cls, Allowance& last);
+  int hintedKeyId(std::string_view key);
+  bool elementsFor(const Value& object, int keyId, const Value*& array) const;
+  static std::size_t count(const Value* array);
+  bool decodeElement(const Value& array, std::size_t index, const ClassSet* classes,
+                     ObjectPtr& out);
   bool decodeValue(uint32_t uid, const ClassSet* classes, ObjectPtr& object);
   bool decodeInstance(const Value& object, const ClassSet* classes, ObjectPtr& result);
   bool decodeElements(const Value& object, int keyId, const ClassSet* classes,
@@ -137,8 +143,20 @@ class DirectArchiveReader {
   int classKey_ = -1;
   int classNameKey_ = -1;
   int depth_ = 0;
-  Allowance allowances_[8];
-  std::size_t nextAllowance_ = 0;
+  // The last answers for plain values, by their type.
+  Allowance plainAllowances_[8];
+  struct KeyHint {
+    const char* text = nullptr;
+    int id = -1;
+  };
+  KeyHint keyHints_[64];
+  // Resolved class dictionaries, by UID.
+  struct ClassHint {
+    uint32_t uid = 0;
+    const ClassRegistry::Entry* entry = nullptr;
+    std::size_t slot = 0;
+  };
+  ClassHint classHints_[8];
   Flat* flat_;
 };
 

@@ -36,6 +36,8 @@ thread_local int* tActiveDepth = nullptr;
 // decodes at most d times the outer bytes; one blob named by many UIDs of a
 // child list would otherwise be decoded again for every name.
 thread_local uint64_t tNestedBytesLeft = 0;
+// Set while a KeyedUnarchiver::GeneralPathOnly lives.
+thread_local bool tGeneralPathOnly = false;
 
 class ActiveDepth {
  public:
@@ -709,9 +711,17 @@ bool KeyedUnarchiver::unsupported() {
   return false;
 }
 
+KeyedUnarchiver::GeneralPathOnly::GeneralPathOnly() : outer_(tGeneralPathOnly) {
+  tGeneralPathOnly = true;
+}
+
+KeyedUnarchiver::GeneralPathOnly::~GeneralPathOnly() {
+  tGeneralPathOnly = outer_;
+}
+
 bool KeyedUnarchiver::readDirectly(std::span<const uint8_t> data,
                                    const std::function<bool(DirectArchiveReader&)>& read) {
-  if (tActiveDepth) return false;
+  if (tActiveDepth || tGeneralPathOnly) return false;
   try {
     ObjectArena::Scope arena;
     ScratchPool<DirectArchiveReader>::Lease lease;

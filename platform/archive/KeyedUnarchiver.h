@@ -54,6 +54,18 @@ class KeyedUnarchiver {
   // calls here. Archives nested in a decode are always left to those.
   static bool readDirectly(std::span<const uint8_t> data,
                            const std::function<bool(DirectArchiveReader&)>& read);
+  // While one lives, readDirectly answers false on this thread: every decode
+  // takes the general path, for checking the two paths against each other.
+  class GeneralPathOnly {
+   public:
+    GeneralPathOnly();
+    ~GeneralPathOnly();
+    GeneralPathOnly(const GeneralPathOnly&) = delete;
+    GeneralPathOnly& operator=(const GeneralPathOnly&) = delete;
+
+   private:
+    bool outer_;
+  };
   static ObjectPtr unarchiveRootWith(std::span<const uint8_t> data, const ClassSet& classes,
                                      const DecodeFunction& decode, ErrorPtr* error = nullptr);
   // The length of the inline array under `key`; nullopt when the key is
