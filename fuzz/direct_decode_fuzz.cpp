@@ -22,6 +22,7 @@
 #include "platform/foundation/FileReferenceUrl.h"
 #include "platform/foundation/Foundation.h"
 #include "platform/xpc/XpcMessage.h"
+#include "tests/platform/archive/ArchiveTestClasses.h"
 
 using namespace qx;
 
@@ -98,7 +99,15 @@ class SameGraph {
       return x->permission() == y->permission() && x->state() == y->state() &&
              (*this)(x->name(), y->name());
     }
-    return a->isEqual(*b);  // String, Data, Url, Uuid, IndexPath
+    if (auto x = cast<testing::NestingNode>(a)) {
+      auto y = cast<testing::NestingNode>(b);
+      if (!(*this)(x->object, y->object) || x->children.size() != y->children.size()) return false;
+      for (std::size_t i = 0; i < x->children.size(); ++i) {
+        if (!(*this)(x->children[i], y->children[i])) return false;
+      }
+      return true;
+    }
+    return a->isEqual(*b);  // String, Data, Url, Uuid, IndexPath, the test records
   }
 
  private:
@@ -142,6 +151,9 @@ const ClassSet& reportClasses() {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   registerModelClasses();
+  // The archive tests' records too: a flat record, a subclass, and a node
+  // that unarchives its children from inside its initWithCoder.
+  testing::registerTestClasses();
   return 0;
 }
 

@@ -4,7 +4,8 @@
 // one string object per key shared by every record), reports with objects
 // shared, keys written per record and paths of every form, a reply and a
 // plain archive of records, and damaged copies: cut short, bits flipped,
-// a class name and a key renamed.
+// a class name and a key renamed. The archive-* seeds beside them are copies
+// of unarchiver seeds (the archive tests' records, nested archives).
 #include <cstdio>
 #include <filesystem>
 #include <fstream>

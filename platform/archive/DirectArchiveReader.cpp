@@ -111,23 +111,13 @@ struct DirectArchiveReader::Value {
 
 struct DirectArchiveReader::Slot {
   ObjectPtr object;
-  Value* value = nullptr;                       // whose slot this is
-  const ClassRegistry::Entry* entry = nullptr;  // of a class dictionary
-  Allowance allowance;                          // of a class dictionary
+  Value* value = nullptr;  // whose slot this is
   Status status = kNew;
 };
 
-struct DirectArchiveReader::Flat {
-  const Value* object = nullptr;
-  bool failed = false;
-  bool unsupported = false;
-};
+DirectArchiveReader::DirectArchiveReader() = default;
 
-DirectArchiveReader::DirectArchiveReader() : flat_(new Flat) {}
-
-DirectArchiveReader::~DirectArchiveReader() {
-  delete flat_;
-}
+DirectArchiveReader::~DirectArchiveReader() = default;
 
 template <unsigned Width>
 inline DirectArchiveReader::Ref DirectArchiveReader::readRef(const uint8_t* refs,
@@ -214,8 +204,9 @@ void DirectArchiveReader::close() {
   // Sets live only as long as their message: an address may name another set
   // next time.
   std::fill(std::begin(plainAllowances_), std::end(plainAllowances_), Allowance{});
-  std::fill(std::begin(classHints_), std::end(classHints_), ClassHint{});
-  *flat_ = Flat{};
+  std::fill(std::begin(classHints_), std::end(classHints_), 0);
+  classes_.clear();
+  flat_ = Flat{};
 }
 
 bool DirectArchiveReader::recycle() {
@@ -349,20 +340,28 @@ template <unsigned RefWidth>
   const uint8_t* const refs = value.bytes;
   const std::size_t count = value.length;
   value.type = kDictionary;
-  uint64_t seenKeys = 0;
+  // Key ids, a byte each (0xff where there is none); two equal keys are refused.
   uint32_t packed = kUnpacked;
+  uint64_t seen = 0;  // beyond four pairs
   for (std::size_t i = 0; i < count; ++i) {
     Ref key = readRef<RefWidth>(refs, i);
     if (key >= ref) return false;
-    Value& text = values[key];
-    if (text.type != kString) return false;
-    if (text.keyId < 0 && !internKey(text)) return false;
-    uint64_t bit = uint64_t(1) << text.keyId;
-    if (seenKeys & bit) return false;  // two equal keys
-    seenKeys |= bit;
-    if (i < 4) packed ^= (uint32_t(text.keyId) ^ 0xffu) << (8 * i);
+    int id = values[key].keyId;  // set only on strings
+    if (id < 0) {
+      if (values[key].type != kString || !internKey(values[key])) return false;
+      id = values[key].keyId;
+    }
+    if (count <= 4) {
+      uint32_t x = packed ^ (uint32_t(id) * 0x01010101u);
+      if ((x - 0x01010101u) & ~x & 0x80808080u) return false;
+      packed ^= (uint32_t(id) ^ 0xffu) << (8 * i);
+    } else {
+      uint64_t bit = uint64_t(1) << id;
+      if (seen & bit) return false;
+      seen |= bit;
+    }
   }
-  value.keys = count <= 4 ? packed : kUnpacked;
+  value.keys = packed;
   uint8_t highest = 0;
   for (std::size_t i = count; i < 2 * count; ++i) {
     Ref element = readRef<RefWidth>(refs, i);
@@ -393,7 +392,7 @@ template <unsigned RefWidth>
   return true;
 }
 
-int DirectArchiveReader::keyIdOf(std::string_view text) const {
+inline int DirectArchiveReader::keyIdOf(std::string_view text) const {
   for (std::size_t i = 0; i < keys_.size(); ++i) {
     if (keys_[i] == text) return static_cast<int>(i);
   }
@@ -411,8 +410,8 @@ bool DirectArchiveReader::internKey(Value& key) {
   return true;
 }
 
-const DirectArchiveReader::Value* DirectArchiveReader::valueForKey(const Value& dictionary,
-                                                                   int keyId) const {
+inline const DirectArchiveReader::Value* DirectArchiveReader::valueForKey(const Value& dictionary,
+                                                                          int keyId) const {
   if (keyId < 0) return nullptr;
   if (dictionary.keys != kUnpacked) {
     // The byte equal to keyId, if any (unused bytes hold 0xff).
@@ -430,15 +429,15 @@ const DirectArchiveReader::Value* DirectArchiveReader::valueForKey(const Value& 
   return nullptr;
 }
 
-const DirectArchiveReader::Value* DirectArchiveReader::objectValue(uint32_t uid) const {
+inline const DirectArchiveReader::Value* DirectArchiveReader::objectValue(uint32_t uid) const {
   return &values_[refAt(objects_->bytes, uid)];
 }
 
-std::size_t DirectArchiveReader::count(const Value* array) {
+inline std::size_t DirectArchiveReader::count(const Value* array) {
   return array ? array->length : 0;
 }
 
-std::size_t DirectArchiveReader::slotOf(const Value& value) {
+inline std::size_t DirectArchiveReader::slotOf(const Value& value) {
   auto& entry = const_cast<Value&>(value);
   if (entry.slot == 0) {
     slots_.emplace_back();
@@ -448,35 +447,32 @@ std::size_t DirectArchiveReader::slotOf(const Value& value) {
   return entry.slot - 1;
 }
 
-bool DirectArchiveReader::classOf(const Value& object, const ClassRegistry::Entry*& entry,
-                                  std::size_t& slot) {
+// The class of an object dictionary, resolved once per class UID.
+inline DirectArchiveReader::KnownClass* DirectArchiveReader::classOf(const Value& object) {
   const Value* classUid = valueForKey(object, classKey_);
-  if (!classUid || classUid->type != kUid || classUid->integer >= objectCount_) return false;
+  if (!classUid || classUid->type != kUid || classUid->integer >= objectCount_) return nullptr;
   const auto uid = static_cast<uint32_t>(classUid->integer);
-  ClassHint& hint = classHints_[uid % std::size(classHints_)];
-  if (hint.uid == uid && hint.entry) {
-    entry = hint.entry;
-    slot = hint.slot;
-    return true;
+  uint32_t& hint = classHints_[uid % std::size(classHints_)];
+  if (hint != 0 && classes_[hint - 1].uid == uid) return &classes_[hint - 1];
+  for (std::size_t i = 0; i < classes_.size(); ++i) {
+    if (classes_[i].uid == uid) {
+      hint = static_cast<uint32_t>(i + 1);
+      return &classes_[i];
+    }
   }
   const Value& description = *objectValue(uid);
-  if (description.type != kDictionary) return false;
-  slot = slotOf(description);
-  if (slots_[slot].entry) {
-    entry = slots_[slot].entry;
-    hint = {uid, entry, slot};
-    return true;
-  }
+  if (description.type != kDictionary) return nullptr;
   const Value* name = valueForKey(description, classNameKey_);
-  if (!name || name->type != kString) return false;
-  entry = ClassRegistry::lookup(name->text());
-  if (!entry) return false;
-  slots_[slot].entry = entry;
-  hint = {uid, entry, slot};
-  return true;
+  if (!name || name->type != kString) return nullptr;
+  const ClassRegistry::Entry* entry = ClassRegistry::lookup(name->text());
+  if (!entry) return nullptr;
+  classes_.push_back({uid, entry, {}});
+  hint = static_cast<uint32_t>(classes_.size());
+  return &classes_.back();
 }
 
-bool DirectArchiveReader::allowed(const ClassSet* classes, const ClassInfo& cls, Allowance& last) {
+inline bool DirectArchiveReader::allowed(const ClassSet* classes, const ClassInfo& cls,
+                                         Allowance& last) {
   if (!classes) return true;
   if (last.classes != classes || last.cls != &cls) last = {classes, &cls, classes->allows(cls)};
   return last.allowed;
@@ -537,12 +533,9 @@ bool DirectArchiveReader::decodeValue(uint32_t uid, const ClassSet* classes, Obj
 
 bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* classes,
                                          ObjectPtr& result) {
-  const ClassRegistry::Entry* entry = nullptr;
-  std::size_t classSlot = 0;
-  if (!classOf(object, entry, classSlot) ||
-      !allowed(classes, *entry->cls, slots_[classSlot].allowance)) {
-    return false;
-  }
+  KnownClass* known = classOf(object);
+  if (!known || !allowed(classes, *known->entry->cls, known->allowance)) return false;
+  const ClassRegistry::Entry* entry = known->entry;
   std::size_t slot = slotOf(object);
   const DecodeFactory factory = entry->factory;
   if (slots_[slot].status == kDone) {
@@ -571,12 +564,12 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
     done = elementsFor(object, nsKeys_, keys) && elementsFor(object, nsObjects_, values) &&
            count(keys) == count(values);
     if (done) {
-      std::shared_ptr<Dictionary> dictionary =
-          factory == &Dictionary::initWithCoder
-              ? Dictionary::make(DictionaryEntries(count(keys)))
-              : ObjectArena::make<MutableDictionary>(DictionaryEntries(count(keys)));
+      std::shared_ptr<Dictionary> dictionary = factory == &Dictionary::initWithCoder
+                                                   ? Dictionary::make()
+                                                   : ObjectArena::make<MutableDictionary>();
       // Filled in place: the dictionary is new and not yet handed out.
       auto& entries = const_cast<DictionaryEntries&>(dictionary->entries());
+      for (std::size_t i = 0; i < count(keys); ++i) entries.push_back({});
       for (std::size_t i = 0; done && i < entries.size(); ++i) {
         done = decodeElement(*keys, i, classes, entries[i].first);
       }
@@ -586,11 +579,11 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
       result = std::move(dictionary);
     }
   } else {
-    *flat_ = Flat{&object, false, false};
+    flat_ = Flat{&object, false, false};
     KeyedUnarchiver coder(*this);
     result = factory(coder);
-    done = result && !flat_->failed && !flat_->unsupported;
-    *flat_ = Flat{};
+    done = result && !flat_.failed && !flat_.unsupported;
+    flat_ = Flat{};
   }
   --depth_;
   if (!done) return false;
@@ -599,13 +592,14 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
   return true;
 }
 
-bool DirectArchiveReader::elementsFor(const Value& object, int keyId, const Value*& array) const {
+inline bool DirectArchiveReader::elementsFor(const Value& object, int keyId,
+                                             const Value*& array) const {
   array = valueForKey(object, keyId);
   return !array || array->type == kArray;  // an absent key counts as empty
 }
 
-bool DirectArchiveReader::decodeElement(const Value& array, std::size_t index,
-                                        const ClassSet* classes, ObjectPtr& out) {
+inline bool DirectArchiveReader::decodeElement(const Value& array, std::size_t index,
+                                               const ClassSet* classes, ObjectPtr& out) {
   const Value& element = values_[refAt(array.bytes, index)];
   return element.type == kUid && decodeValue(static_cast<uint32_t>(element.integer), classes, out);
 }
@@ -624,8 +618,9 @@ bool DirectArchiveReader::decodeElements(const Value& object, int keyId, const C
 bool DirectArchiveReader::beginObject(uint32_t uid, const ClassRegistry::Entry*& entry) {
   if (uid == 0 || uid >= objectCount_) return false;
   const Value& object = *objectValue(uid);
-  std::size_t classSlot = 0;
-  if (object.type != kDictionary || !classOf(object, entry, classSlot)) return false;
+  KnownClass* known = object.type == kDictionary ? classOf(object) : nullptr;
+  if (!known) return false;
+  entry = known->entry;
   std::size_t slot = slotOf(object);
   if (slots_[slot].status != kNew) return false;
   slots_[slot].status = kDecoding;
@@ -663,21 +658,21 @@ bool DirectArchiveReader::plainInteger(uint32_t uid, int64_t& integer) {
   return true;
 }
 
-// KeyedUnarchiver's flat mode: the keys of flat_->object, read as the general
+// KeyedUnarchiver's flat mode: the keys of flat_.object, read as the general
 // path reads them. What it does not answer marks the decode unsupported.
 
-const DirectArchiveReader::Value* DirectArchiveReader::flatValue(std::string_view key) {
+inline const DirectArchiveReader::Value* DirectArchiveReader::flatValue(std::string_view key) {
   if (!key.empty() && key.front() == '$') {
-    flat_->unsupported = true;  // an escaped key
+    flat_.unsupported = true;  // an escaped key
     return nullptr;
   }
-  return valueForKey(*flat_->object, hintedKeyId(key));
+  return valueForKey(*flat_.object, hintedKeyId(key));
 }
 
 // Keys are nearly always literals: the id of a key is remembered by the
 // address of its text, and confirmed by its digest (and, for a key longer
 // than the digest holds, by its text).
-int DirectArchiveReader::hintedKeyId(std::string_view key) {
+inline int DirectArchiveReader::hintedKeyId(std::string_view key) {
   auto bits = reinterpret_cast<uintptr_t>(key.data()) ^ key.size();
   KeyHint& hint = keyHints_[(bits * 0x9E3779B97F4A7C15ULL) >> 58];
   if (hint.text == key.data() && hint.id >= 0 && sameText(keys_[hint.id], key)) return hint.id;
@@ -688,16 +683,16 @@ int DirectArchiveReader::hintedKeyId(std::string_view key) {
 
 bool DirectArchiveReader::flatPlain(std::string_view key, uint8_t type, const Value*& found) {
   found = nullptr;
-  if (flat_->failed || flat_->unsupported) return false;
+  if (flat_.failed || flat_.unsupported) return false;
   const Value* value = flatValue(key);
   if (!value) return false;  // absent: no object, and no failure
   if (value->type != kUid || value->integer == 0 || value->integer >= objectCount_) {
-    flat_->unsupported = true;
+    flat_.unsupported = true;
     return false;
   }
   const Value* object = objectValue(static_cast<uint32_t>(value->integer));
   if (object->type != type || (type == kString && object->text() == "$null")) {
-    flat_->unsupported = true;
+    flat_.unsupported = true;
     return false;
   }
   found = object;
@@ -705,15 +700,15 @@ bool DirectArchiveReader::flatPlain(std::string_view key, uint8_t type, const Va
 }
 
 bool DirectArchiveReader::flatFailed() const {
-  return flat_->failed || flat_->unsupported;
+  return flat_.failed || flat_.unsupported;
 }
 
 void DirectArchiveReader::flatFail() {
-  flat_->failed = true;
+  flat_.failed = true;
 }
 
 void DirectArchiveReader::flatUnsupported() {
-  flat_->unsupported = true;
+  flat_.unsupported = true;
 }
 
 bool DirectArchiveReader::flatContains(std::string_view key) {
@@ -721,22 +716,22 @@ bool DirectArchiveReader::flatContains(std::string_view key) {
 }
 
 int64_t DirectArchiveReader::flatInteger(std::string_view key) {
-  if (flatFailed()) return 0;
+  if (flat_.failed || flat_.unsupported) return 0;
   const Value* value = flatValue(key);
   if (!value) return 0;
   if (value->type != kInteger) {
-    flat_->failed = true;
+    flat_.failed = true;
     return 0;
   }
   return value->integer;
 }
 
 bool DirectArchiveReader::flatBool(std::string_view key) {
-  if (flatFailed()) return false;
+  if (flat_.failed || flat_.unsupported) return false;
   const Value* value = flatValue(key);
   if (!value) return false;
   if (value->type != kBool) {
-    flat_->failed = true;
+    flat_.failed = true;
     return false;
   }
   return value->integer != 0;
@@ -748,7 +743,7 @@ double DirectArchiveReader::flatDouble(std::string_view key) {
   if (!value) return 0;
   if (value->type == kReal) return value->real;
   if (value->type == kInteger) return static_cast<double>(value->integer);
-  flat_->failed = true;
+  flat_.failed = true;
   return 0;
 }
 

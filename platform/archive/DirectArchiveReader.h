@@ -74,7 +74,12 @@ class DirectArchiveReader {
   using Ref = uint32_t;
   struct Value;
   struct Slot;
-  struct Flat;
+  // The object whose initWithCoder runs in flat mode, and how its reads went.
+  struct Flat {
+    const Value* object = nullptr;
+    bool failed = false;
+    bool unsupported = false;
+  };
   // A class set's answer for a class, remembered for the archive.
   struct Allowance {
     const ClassSet* classes = nullptr;
@@ -95,7 +100,8 @@ class DirectArchiveReader {
   int keyIdOf(std::string_view text) const;
   const Value* valueForKey(const Value& dictionary, int keyId) const;
   const Value* objectValue(uint32_t uid) const;
-  bool classOf(const Value& object, const ClassRegistry::Entry*& entry, std::size_t& slot);
+  struct KnownClass;
+  KnownClass* classOf(const Value& object);
   std::size_t slotOf(const Value& value);
   static bool allowed(const ClassSet* classes, const ClassInfo& cls, Allowance& last);
   int hintedKeyId(std::string_view key);
@@ -150,14 +156,16 @@ class DirectArchiveReader {
     int id = -1;
   };
   KeyHint keyHints_[64];
-  // Resolved class dictionaries, by UID.
-  struct ClassHint {
+  // The classes met, by the UID of their class dictionary, and where the
+  // last ones are in that list (1 + index, by UID).
+  struct KnownClass {
     uint32_t uid = 0;
     const ClassRegistry::Entry* entry = nullptr;
-    std::size_t slot = 0;
+    Allowance allowance;
   };
-  ClassHint classHints_[8];
-  Flat* flat_;
+  std::vector<KnownClass> classes_;
+  uint32_t classHints_[8] = {};
+  Flat flat_;
 };
 
 }  // namespace qx
