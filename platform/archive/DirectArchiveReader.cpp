@@ -334,6 +334,19 @@ bool DirectArchiveReader::scan() {
   return consumed <= area;
 }
 
+// The key id of key `index` of a dictionary being checked, or -1 when the
+// key is not a string named before the dictionary (`ref`).
+template <unsigned RefWidth>
+[[gnu::always_inline]] inline int DirectArchiveReader::keyIdAt(const uint8_t* refs,
+                                                               std::size_t index, Ref ref) {
+  Ref key = readRef<RefWidth>(refs, index);
+  if (key >= ref) return -1;
+  Value& text = values_[key];
+  if (text.keyId >= 0) return text.keyId;  // set only on strings
+  if (text.type != kString || !internKey(text)) return -1;
+  return text.keyId;
+}
+
 template <unsigned RefWidth>
 [[gnu::always_inline]] inline bool DirectArchiveReader::scanDictionary(Ref ref, Value& value) {
   Value* const values = values_.data();
@@ -342,20 +355,19 @@ template <unsigned RefWidth>
   value.type = kDictionary;
   // Key ids, a byte each (0xff where there is none); two equal keys are refused.
   uint32_t packed = kUnpacked;
-  uint64_t seen = 0;  // beyond four pairs
-  for (std::size_t i = 0; i < count; ++i) {
-    Ref key = readRef<RefWidth>(refs, i);
-    if (key >= ref) return false;
-    int id = values[key].keyId;  // set only on strings
-    if (id < 0) {
-      if (values[key].type != kString || !internKey(values[key])) return false;
-      id = values[key].keyId;
-    }
-    if (count <= 4) {
+  if (count <= 4) {
+    for (std::size_t i = 0; i < count; ++i) {
+      int id = keyIdAt<RefWidth>(refs, i, ref);
+      if (id < 0) return false;
       uint32_t x = packed ^ (uint32_t(id) * 0x01010101u);
       if ((x - 0x01010101u) & ~x & 0x80808080u) return false;
       packed ^= (uint32_t(id) ^ 0xffu) << (8 * i);
-    } else {
+    }
+  } else {
+    uint64_t seen = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+      int id = keyIdAt<RefWidth>(refs, i, ref);
+      if (id < 0) return false;
       uint64_t bit = uint64_t(1) << id;
       if (seen & bit) return false;
       seen |= bit;

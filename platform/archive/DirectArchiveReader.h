@@ -32,7 +32,10 @@ namespace qx {
 // account, so it is never stricter or looser than the general decoder: it
 // only accepts an archive after checking every value of the plist (offsets,
 // lengths, counts and references against the buffer, dictionary keys,
-// nesting and cycles) as BinaryPlist does.
+// nesting and cycles) as BinaryPlist does. It takes the layout this project's
+// writer makes: containers that name only values before them, offsets and
+// references of one or two bytes, ASCII strings; anything else goes the
+// general way.
 class DirectArchiveReader {
  public:
   DirectArchiveReader();
@@ -92,6 +95,8 @@ class DirectArchiveReader {
   static Ref readRef(const uint8_t* refs, std::size_t index);
   template <unsigned OffsetWidth, unsigned RefWidth>
   bool scan();
+  template <unsigned RefWidth>
+  int keyIdAt(const uint8_t* refs, std::size_t index, Ref ref);
   template <unsigned RefWidth>
   bool scanDictionary(Ref ref, Value& value);
   template <unsigned RefWidth>
