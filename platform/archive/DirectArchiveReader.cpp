@@ -34,6 +34,29 @@ enum Kind : uint8_t { kBool, kInteger, kReal, kData, kString, kUid, kArray, kDic
 
 enum Status : uint8_t { kNew, kDecoding, kDone };
 
+// "$classname" is key id 0 of every archive.
+constexpr int kClassNameKey = 0;
+
+// Classes whose initWithCoder asked for objects, which flat mode never
+// answers, learned on this thread: an archive that describes one of them goes the general way as
+// soon as its class dictionary is checked, without checking the rest first.
+struct GeneralClasses {
+  static constexpr std::size_t kMost = 16;
+  std::string_view names[kMost];
+  std::size_t count = 0;
+
+  bool contains(std::string_view name) const {
+    for (std::size_t i = 0; i < count; ++i) {
+      if (names[i] == name) return true;
+    }
+    return false;
+  }
+  void add(std::string_view name) {
+    if (count < kMost && !contains(name)) names[count++] = name;
+  }
+};
+thread_local GeneralClasses tGeneralClasses;
+
 uint64_t readBigEndian(const uint8_t* p, unsigned width) {
   uint64_t value = 0;
   for (unsigned i = 0; i < width; ++i) value = (value << 8) | p[i];
@@ -154,6 +177,7 @@ bool DirectArchiveReader::open(std::span<const uint8_t> bytes) {
   if (count_ > tableOffset_ - kHeaderSize || top >= count_) return false;
   if (values_.size() < count_) values_.resize(count_);
   keys_.clear();
+  keys_.push_back("$classname");  // kClassNameKey
   std::fill(std::begin(keyHints_), std::end(keyHints_), KeyHint{});
   bool scanned = false;
   switch (offsetSize_ * 4 + refSize_) {
@@ -178,7 +202,6 @@ bool DirectArchiveReader::open(std::span<const uint8_t> bytes) {
   nsKeys_ = keyIdOf("NS.keys");
   nsObjects_ = keyIdOf("NS.objects");
   classKey_ = keyIdOf("$class");
-  classNameKey_ = keyIdOf("$classname");
   const Value* archiver = valueForKey(*topValue, keyIdOf("$archiver"));
   const Value* version = valueForKey(*topValue, keyIdOf("$version"));
   const Value* objects = valueForKey(*topValue, keyIdOf("$objects"));
@@ -334,6 +357,13 @@ bool DirectArchiveReader::scan() {
   return consumed <= area;
 }
 
+// False for a class dictionary naming a class learned to need the general
+// path.
+inline bool DirectArchiveReader::namesUsableClass(const Value& dictionary) const {
+  const Value* name = valueForKey(dictionary, kClassNameKey);
+  return !name || name->type != kString || !tGeneralClasses.contains(name->text());
+}
+
 // The key id of key `index` of a dictionary being checked, or -1 when the
 // key is not a string named before the dictionary (`ref`).
 template <unsigned RefWidth>
@@ -381,6 +411,8 @@ template <unsigned RefWidth>
     uint8_t level = values[element].level;
     highest = level > highest ? level : highest;
   }
+  // (Once its values are known to come before it.)
+  if (tGeneralClasses.count != 0 && count <= 4 && !namesUsableClass(value)) return false;
   if (highest >= kMostLevels) return false;
   value.level = static_cast<uint8_t>(highest + 1);
   return true;
@@ -474,7 +506,7 @@ inline DirectArchiveReader::KnownClass* DirectArchiveReader::classOf(const Value
   }
   const Value& description = *objectValue(uid);
   if (description.type != kDictionary) return nullptr;
-  const Value* name = valueForKey(description, classNameKey_);
+  const Value* name = valueForKey(description, kClassNameKey);
   if (!name || name->type != kString) return nullptr;
   const ClassRegistry::Entry* entry = ClassRegistry::lookup(name->text());
   if (!entry) return nullptr;
@@ -591,10 +623,11 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
       result = std::move(dictionary);
     }
   } else {
-    flat_ = Flat{&object, false, false};
+    flat_ = Flat{&object, false, false, false};
     KeyedUnarchiver coder(*this);
     result = factory(coder);
     done = result && !flat_.failed && !flat_.unsupported;
+    if (flat_.needsObjects) tGeneralClasses.add(entry->cls->name());
     flat_ = Flat{};
   }
   --depth_;
@@ -721,6 +754,11 @@ void DirectArchiveReader::flatFail() {
 
 void DirectArchiveReader::flatUnsupported() {
   flat_.unsupported = true;
+}
+
+void DirectArchiveReader::flatNeedsObjects() {
+  flat_.unsupported = true;
+  flat_.needsObjects = true;
 }
 
 bool DirectArchiveReader::flatContains(std::string_view key) {

@@ -82,6 +82,7 @@ class DirectArchiveReader {
     const Value* object = nullptr;
     bool failed = false;
     bool unsupported = false;
+    bool needsObjects = false;  // asked for objects: its class never reads flat
   };
   // A class set's answer for a class, remembered for the archive.
   struct Allowance {
@@ -95,6 +96,7 @@ class DirectArchiveReader {
   static Ref readRef(const uint8_t* refs, std::size_t index);
   template <unsigned OffsetWidth, unsigned RefWidth>
   bool scan();
+  bool namesUsableClass(const Value& dictionary) const;
   template <unsigned RefWidth>
   int keyIdAt(const uint8_t* refs, std::size_t index, Ref ref);
   template <unsigned RefWidth>
@@ -128,6 +130,7 @@ class DirectArchiveReader {
   bool flatFailed() const;
   void flatFail();
   void flatUnsupported();
+  void flatNeedsObjects();
   bool flatContains(std::string_view key);
   int64_t flatInteger(std::string_view key);
   bool flatBool(std::string_view key);
@@ -152,7 +155,6 @@ class DirectArchiveReader {
   int nsKeys_ = -1;
   int nsObjects_ = -1;
   int classKey_ = -1;
-  int classNameKey_ = -1;
   int depth_ = 0;
   // The last answers for plain values, by their type.
   Allowance plainAllowances_[8];

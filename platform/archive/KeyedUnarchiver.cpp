@@ -707,7 +707,7 @@ struct KeyedUnarchiver::State {
 };
 
 bool KeyedUnarchiver::unsupported() {
-  direct_->flatUnsupported();
+  direct_->flatNeedsObjects();
   return false;
 }
 
@@ -1004,7 +1004,7 @@ bool KeyedUnarchiver::hasFailed() const {
 }
 
 ErrorPtr KeyedUnarchiver::error() const {
-  if (direct_) return direct_->flatUnsupported(), nullptr;
+  if (direct_) return direct_->flatNeedsObjects(), nullptr;
   return state_->error;
 }
 

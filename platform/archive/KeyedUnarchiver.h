@@ -163,7 +163,8 @@ class KeyedUnarchiver {
   static ObjectPtr unarchive(std::span<const uint8_t> data, const ClassSet* classes,
                              ErrorPtr* error, const DecodeFunction* decode = nullptr);
 
-  // Marks a flat-mode decode as not handled; answers false.
+  // Marks a flat-mode decode as not handled (its class asks for objects);
+  // answers false.
   bool unsupported();
 
   State* state_ = nullptr;

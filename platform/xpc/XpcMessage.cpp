@@ -181,14 +181,31 @@ std::size_t positionOf(std::span<const std::string_view> keys, std::string_view 
                              : static_cast<std::size_t>(found - keys.begin());
 }
 
-// An invocation read as EnvelopeReader reads it, on DirectArchiveReader: the
-// messages a connection receives most (size reports) are decoded without the
-// general machinery. False whenever the reader or this function meets
-// anything else; the general path then gives its usual result.
-bool decodeInvocationDirectly(DirectArchiveReader& reader, XpcArgumentSets& sets,
-                              XpcIncoming& result) {
-  static const ClassSet dictionaries{&Dictionary::classInfo()};
+// The arguments array `uid` of a message, each argument decoded with its set.
+bool argumentsDirectly(DirectArchiveReader& reader, uint32_t uid,
+                       const std::vector<ClassSet>& classes, std::vector<ObjectPtr>& objects) {
   static const ClassSet arrays{&Array::classInfo()};
+  const ClassRegistry::Entry* entry = nullptr;
+  std::vector<uint32_t> uids;
+  if (!reader.beginObject(uid, entry) || !arrays.allows(*entry->cls) ||
+      !reader.uidsForKey(uid, "NS.objects", uids) || uids.size() != classes.size()) {
+    return false;
+  }
+  objects.resize(uids.size());
+  for (std::size_t i = 0; i < objects.size(); ++i) {
+    if (!reader.decode(uids[i], &classes[i], objects[i])) return false;
+  }
+  return true;
+}
+
+// An invocation or a reply read as EnvelopeReader reads it, on
+// DirectArchiveReader: the messages a connection receives most (size reports
+// and their answers) are decoded without the general machinery. False
+// whenever the reader or this function meets anything else, or the message
+// is not one that decodes (a refusal, an unknown selector, a reply to nothing
+// pending): the general path then gives its usual result.
+bool decodeDirectly(DirectArchiveReader& reader, XpcArgumentSets& sets, XpcIncoming& result) {
+  static const ClassSet dictionaries{&Dictionary::classInfo()};
   const ClassRegistry::Entry* entry = nullptr;
   uint32_t root = reader.rootUid();
   if (!reader.beginObject(root, entry) || !dictionaries.allows(*entry->cls)) return false;
@@ -203,33 +220,25 @@ bool decodeInvocationDirectly(DirectArchiveReader& reader, XpcArgumentSets& sets
     if (!reader.plainString(keyUids[i], keys[i])) return false;
   }
   std::size_t selectorAt = positionOf(keys, kSelector);
-  std::size_t sequenceAt = positionOf(keys, kSequence);
+  bool invocation = selectorAt != std::string_view::npos;
+  std::size_t sequenceAt = positionOf(keys, invocation ? kSequence : kReplyTo);
   std::size_t argumentsAt = positionOf(keys, kArguments);
-  if (selectorAt == std::string_view::npos || sequenceAt == std::string_view::npos ||
-      argumentsAt == std::string_view::npos) {
-    return false;
-  }
+  if (sequenceAt == std::string_view::npos || argumentsAt == std::string_view::npos) return false;
   int64_t sequence = 0;
-  std::string_view selector;
   if (!reader.plainInteger(valueUids[sequenceAt], sequence) || sequence < 0 ||
-      !reader.plainString(valueUids[selectorAt], selector)) {
+      (!invocation && sequence == 0)) {
     return false;
   }
-  auto classes = sets.forInvocation(selector);
-  if (!classes) return false;
-  uint32_t arguments = valueUids[argumentsAt];
-  std::vector<uint32_t> argumentUids;
-  if (!reader.beginObject(arguments, entry) || !arrays.allows(*entry->cls) ||
-      !reader.uidsForKey(arguments, "NS.objects", argumentUids) ||
-      argumentUids.size() != classes->size()) {
+  std::string_view selector;
+  if (invocation && !reader.plainString(valueUids[selectorAt], selector)) return false;
+  auto classes =
+      invocation ? sets.forInvocation(selector) : sets.forReply(static_cast<uint64_t>(sequence));
+  std::vector<ObjectPtr> objects;
+  if (!classes || !argumentsDirectly(reader, valueUids[argumentsAt], *classes, objects)) {
     return false;
-  }
-  std::vector<ObjectPtr> objects(argumentUids.size());
-  for (std::size_t i = 0; i < objects.size(); ++i) {
-    if (!reader.decode(argumentUids[i], &(*classes)[i], objects[i])) return false;
   }
   result.status = XpcIncoming::Status::Message;
-  result.message.kind = XpcMessage::Kind::Invocation;
+  result.message.kind = invocation ? XpcMessage::Kind::Invocation : XpcMessage::Kind::Reply;
   result.message.sequence = static_cast<uint64_t>(sequence);
   result.message.selector = std::string(selector);
   result.message.arguments = std::move(objects);
@@ -313,7 +322,7 @@ std::vector<uint8_t> XpcMessage::encodeInvocation(std::string_view selector,
 XpcIncoming XpcIncoming::decode(std::span<const uint8_t> payload, XpcArgumentSets& sets) {
   XpcIncoming result;
   if (KeyedUnarchiver::readDirectly(payload, [&](DirectArchiveReader& reader) {
-        return decodeInvocationDirectly(reader, sets, result);
+        return decodeDirectly(reader, sets, result);
       })) {
     return result;
   }
