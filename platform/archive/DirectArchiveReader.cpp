@@ -55,7 +55,7 @@ struct GeneralClasses {
     if (count < kMost && !contains(name)) names[count++] = name;
   }
 };
-thread_local GeneralClasses tGeneralClasses;
+constinit thread_local GeneralClasses tGeneralClasses;
 
 uint64_t readBigEndian(const uint8_t* p, unsigned width) {
   uint64_t value = 0;
@@ -178,6 +178,7 @@ bool DirectArchiveReader::open(std::span<const uint8_t> bytes) {
   if (values_.size() < count_) values_.resize(count_);
   keys_.clear();
   keys_.push_back("$classname");  // kClassNameKey
+  checkClasses_ = tGeneralClasses.count != 0;
   std::fill(std::begin(keyHints_), std::end(keyHints_), KeyHint{});
   bool scanned = false;
   switch (offsetSize_ * 4 + refSize_) {
@@ -412,7 +413,7 @@ template <unsigned RefWidth>
     highest = level > highest ? level : highest;
   }
   // (Once its values are known to come before it.)
-  if (tGeneralClasses.count != 0 && count <= 4 && !namesUsableClass(value)) return false;
+  if (checkClasses_ && count <= 4 && !namesUsableClass(value)) return false;
   if (highest >= kMostLevels) return false;
   value.level = static_cast<uint8_t>(highest + 1);
   return true;
@@ -492,7 +493,8 @@ inline std::size_t DirectArchiveReader::slotOf(const Value& value) {
 }
 
 // The class of an object dictionary, resolved once per class UID.
-inline DirectArchiveReader::KnownClass* DirectArchiveReader::classOf(const Value& object) {
+[[gnu::always_inline]] inline DirectArchiveReader::KnownClass* DirectArchiveReader::classOf(
+    const Value& object) {
   const Value* classUid = valueForKey(object, classKey_);
   if (!classUid || classUid->type != kUid || classUid->integer >= objectCount_) return nullptr;
   const auto uid = static_cast<uint32_t>(classUid->integer);

@@ -156,6 +156,7 @@ class DirectArchiveReader {
   int nsObjects_ = -1;
   int classKey_ = -1;
   int depth_ = 0;
+  bool checkClasses_ = false;  // some classes are known to need the general path
   // The last answers for plain values, by their type.
   Allowance plainAllowances_[8];
   struct KeyHint {
