@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/archive/BinaryPlist.h"
+#include "platform/archive/DirectArchiveReader.h"
 #include "platform/archive/KeyText.h"
 #include "platform/archive/ScratchPool.h"
 #include "platform/foundation/Array.h"
@@ -35,6 +36,8 @@ thread_local int* tActiveDepth = nullptr;
 // decodes at most d times the outer bytes; one blob named by many UIDs of a
 // child list would otherwise be decoded again for every name.
 thread_local uint64_t tNestedBytesLeft = 0;
+// Set while a KeyedUnarchiver::GeneralPathOnly lives.
+thread_local bool tGeneralPathOnly = false;
 
 class ActiveDepth {
  public:
@@ -703,8 +706,46 @@ struct KeyedUnarchiver::State {
   }
 };
 
+bool KeyedUnarchiver::unsupported() {
+  direct_->flatNeedsObjects();
+  return false;
+}
+
+KeyedUnarchiver::GeneralPathOnly::GeneralPathOnly() : outer_(tGeneralPathOnly) {
+  tGeneralPathOnly = true;
+}
+
+KeyedUnarchiver::GeneralPathOnly::~GeneralPathOnly() {
+  tGeneralPathOnly = outer_;
+}
+
+bool KeyedUnarchiver::readDirectly(std::span<const uint8_t> data,
+                                   const std::function<bool(DirectArchiveReader&)>& read) {
+  if (tActiveDepth || tGeneralPathOnly) return false;
+  try {
+    ObjectArena::Scope arena;
+    ScratchPool<DirectArchiveReader>::Lease lease;
+    DirectArchiveReader& reader = *lease;
+    ActiveDepth active(reader.depth_, data.size());
+    bool done = reader.open(data) && read(reader);
+    reader.close();
+    return done;
+  } catch (...) {
+    return false;  // the general path decides
+  }
+}
+
 ObjectPtr KeyedUnarchiver::unarchive(std::span<const uint8_t> data, const ClassSet* classes,
                                      ErrorPtr* error, const DecodeFunction* decode) {
+  if (!decode) {
+    ObjectPtr direct;
+    if (readDirectly(data, [&](DirectArchiveReader& reader) {
+          return reader.decode(reader.rootUid(), classes, direct);
+        })) {
+      if (error) *error = nullptr;
+      return direct;
+    }
+  }
   try {
     // The decoded objects share one arena, which outlives the working state.
     ObjectArena::Scope arena;
@@ -762,14 +803,16 @@ ObjectPtr KeyedUnarchiver::unarchivedObjectOfClasses(const ClassSet& classes,
 }
 
 bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
-  return !state_.frame.className.empty() && state_.lookup(key) != BinaryPlist::kNoRef;
+  if (direct_) return direct_->flatContains(key);
+  return !state_->frame.className.empty() && state_->lookup(key) != BinaryPlist::kNoRef;
 }
 
 int32_t KeyedUnarchiver::decodeIntForKey(std::string_view key) {
   int64_t value = decodeIntegerForKey(key);
   if (value < std::numeric_limits<int32_t>::min() || value > std::numeric_limits<int32_t>::max()) {
-    state_.failWith([&] {
-      return "value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
+    if (direct_) return direct_->flatFail(), 0;
+    state_->failWith([&] {
+      return "value for key " + quoted(key) + " of " + std::string(state_->frame.className) +
              " does not fit 32 bits";
     });
     return 0;
@@ -778,80 +821,99 @@ int32_t KeyedUnarchiver::decodeIntForKey(std::string_view key) {
 }
 
 int64_t KeyedUnarchiver::decodeIntegerForKey(std::string_view key) {
-  Ref value = state_.typedValue(key, Type::Integer, "an integer");
-  return value != BinaryPlist::kNoRef ? state_.plist.integer(value) : 0;
+  if (direct_) return direct_->flatInteger(key);
+  Ref value = state_->typedValue(key, Type::Integer, "an integer");
+  return value != BinaryPlist::kNoRef ? state_->plist.integer(value) : 0;
 }
 
 bool KeyedUnarchiver::decodeBoolForKey(std::string_view key) {
-  Ref value = state_.typedValue(key, Type::Bool, "a boolean");
-  return value != BinaryPlist::kNoRef && state_.plist.boolValue(value);
+  if (direct_) return direct_->flatBool(key);
+  Ref value = state_->typedValue(key, Type::Bool, "a boolean");
+  return value != BinaryPlist::kNoRef && state_->plist.boolValue(value);
 }
 
 double KeyedUnarchiver::decodeDoubleForKey(std::string_view key) {
-  if (state_.error || state_.frame.className.empty()) return 0;
-  Ref value = state_.lookup(key);
+  if (direct_) return direct_->flatDouble(key);
+  if (state_->error || state_->frame.className.empty()) return 0;
+  Ref value = state_->lookup(key);
   if (value == BinaryPlist::kNoRef) return 0;
-  switch (state_.plist.type(value)) {
+  switch (state_->plist.type(value)) {
     case Type::Real:
-      return state_.plist.real(value);
+      return state_->plist.real(value);
     case Type::Integer:
-      return static_cast<double>(state_.plist.integer(value));
+      return static_cast<double>(state_->plist.integer(value));
     default:
-      state_.failWith([&] {
-        return "value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
-               " is " + typeName(state_.plist.type(value)) + ", not a number";
+      state_->failWith([&] {
+        return "value for key " + quoted(key) + " of " + std::string(state_->frame.className) +
+               " is " + typeName(state_->plist.type(value)) + ", not a number";
       });
       return 0;
   }
 }
 
 std::optional<std::vector<uint8_t>> KeyedUnarchiver::decodeBytesForKey(std::string_view key) {
-  if (state_.error || state_.frame.className.empty()) return std::nullopt;
-  Ref value = state_.lookup(key);
-  if (value == BinaryPlist::kNoRef || state_.plist.type(value) != Type::Data) return std::nullopt;
-  auto bytes = state_.plist.data(value);
+  if (direct_) return direct_->flatBytes(key);
+  if (state_->error || state_->frame.className.empty()) return std::nullopt;
+  Ref value = state_->lookup(key);
+  if (value == BinaryPlist::kNoRef || state_->plist.type(value) != Type::Data) return std::nullopt;
+  auto bytes = state_->plist.data(value);
   return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
 bool KeyedUnarchiver::decodeDataObjectForKey(std::string_view key,
                                              std::span<const uint8_t>& bytes) {
-  return state_.readPlainObject<Data>(
-      key, Type::Data, bytes, [&](Ref plain) { return state_.plist.data(plain); },
+  if (direct_) return direct_->flatData(key, bytes);
+  return state_->readPlainObject<Data>(
+      key, Type::Data, bytes, [&](Ref plain) { return state_->plist.data(plain); },
       [](const Data& data) { return data.span(); });
 }
 
 bool KeyedUnarchiver::decodeStringObjectForKey(std::string_view key, std::string_view& text) {
-  return state_.readPlainObject<String>(
-      key, Type::String, text, [&](Ref plain) { return state_.plist.string(plain); },
+  if (direct_) return direct_->flatString(key, text);
+  return state_->readPlainObject<String>(
+      key, Type::String, text, [&](Ref plain) { return state_->plist.string(plain); },
       [](const String& string) { return std::string_view(string.str()); });
 }
 
 ObjectPtr KeyedUnarchiver::decodeObjectForKey(std::string_view key) {
-  return state_.decodeKey(key, state_.frame.allowed);
+  if (direct_) {
+    unsupported();
+    return nullptr;
+  }
+  return state_->decodeKey(key, state_->frame.allowed);
 }
 
 ObjectPtr KeyedUnarchiver::decodeObjectOfClassForKey(const ClassInfo& cls, std::string_view key) {
+  if (direct_) {
+    unsupported();
+    return nullptr;
+  }
   State::Allowed allowed;
   allowed.single = &cls;
-  return state_.decodeKey(key, allowed);
+  return state_->decodeKey(key, allowed);
 }
 
 ObjectPtr KeyedUnarchiver::decodeObjectOfClassesForKey(const ClassSet& classes,
                                                        std::string_view key) {
+  if (direct_) {
+    unsupported();
+    return nullptr;
+  }
   State::Allowed allowed;
   allowed.set = &classes;
-  return state_.decodeKey(key, allowed);
+  return state_->decodeKey(key, allowed);
 }
 
 bool KeyedUnarchiver::arrayForKey(std::string_view key, ArrayOfUids& array) {
+  if (direct_) return unsupported();
   array = ArrayOfUids{};
-  if (state_.error || state_.frame.className.empty()) return false;
-  Ref value = state_.lookup(key);
+  if (state_->error || state_->frame.className.empty()) return false;
+  Ref value = state_->lookup(key);
   if (value == BinaryPlist::kNoRef) return true;
-  const BinaryPlist& plist = state_.plist;
+  const BinaryPlist& plist = state_->plist;
   if (plist.type(value) != Type::Array) {
-    state_.failWith([&] {
-      return "value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
+    state_->failWith([&] {
+      return "value for key " + quoted(key) + " of " + std::string(state_->frame.className) +
              " is " + typeName(plist.type(value)) + ", not an array of UIDs";
     });
     return false;
@@ -862,21 +924,25 @@ bool KeyedUnarchiver::arrayForKey(std::string_view key, ArrayOfUids& array) {
 
 bool KeyedUnarchiver::decodeArrayElement(const ArrayOfUids& array, std::size_t index,
                                          std::string_view key, ObjectPtr& element) {
-  const BinaryPlist& plist = state_.plist;
+  const BinaryPlist& plist = state_->plist;
   Ref value = plist.element(array.value, index);
   if (plist.type(value) != Type::Uid) {
-    state_.failWith([&] {
+    state_->failWith([&] {
       return "element " + std::to_string(index) + " under key " + quoted(key) + " of " +
-             std::string(state_.frame.className) + " is not a UID";
+             std::string(state_->frame.className) + " is not a UID";
     });
     return false;
   }
-  element = state_.decodeUid(plist.uid(value), state_.frame.allowed, key);
-  return !state_.error;
+  element = state_->decodeUid(plist.uid(value), state_->frame.allowed, key);
+  return !state_->error;
 }
 
 std::optional<std::vector<ObjectPtr>> KeyedUnarchiver::decodeArrayOfObjectsForKey(
     std::string_view key) {
+  if (direct_) {
+    unsupported();
+    return std::nullopt;
+  }
   ArrayOfUids array;
   if (!arrayForKey(key, array)) return std::nullopt;
   std::vector<ObjectPtr> elements;
@@ -888,46 +954,58 @@ std::optional<std::vector<ObjectPtr>> KeyedUnarchiver::decodeArrayOfObjectsForKe
 }
 
 bool KeyedUnarchiver::lengthOfArrayForKey(std::string_view key, std::size_t& length) {
-  if (state_.error || state_.frame.className.empty()) return false;
-  Ref value = state_.lookup(key);
+  if (direct_) return unsupported();
+  if (state_->error || state_->frame.className.empty()) return false;
+  Ref value = state_->lookup(key);
   if (value == BinaryPlist::kNoRef) return false;
-  if (state_.plist.type(value) != Type::Array) {
-    state_.failWith([&] {
-      return "value for key " + quoted(key) + " of " + std::string(state_.frame.className) +
-             " is " + typeName(state_.plist.type(value)) + ", not an array";
+  if (state_->plist.type(value) != Type::Array) {
+    state_->failWith([&] {
+      return "value for key " + quoted(key) + " of " + std::string(state_->frame.className) +
+             " is " + typeName(state_->plist.type(value)) + ", not an array";
     });
     return false;
   }
-  length = state_.plist.count(value);
+  length = state_->plist.count(value);
   return true;
 }
 
 ObjectPtr KeyedUnarchiver::decodeObjectOfClassesAtIndexForKey(const ClassSet& classes,
                                                               std::string_view key,
                                                               std::size_t index) {
+  if (direct_) {
+    unsupported();
+    return nullptr;
+  }
   State::Allowed allowed;
   allowed.set = &classes;
-  return state_.decodeElement(key, index, allowed, nullptr);
+  return state_->decodeElement(key, index, allowed, nullptr);
 }
 
 ObjectPtr KeyedUnarchiver::decodeObjectAtIndexForKeyWith(const ClassSet& classes,
                                                          std::string_view key, std::size_t index,
                                                          const DecodeFunction& decode) {
+  if (direct_) {
+    unsupported();
+    return nullptr;
+  }
   State::Allowed allowed;
   allowed.set = &classes;
-  return state_.decodeElement(key, index, allowed, &decode);
+  return state_->decodeElement(key, index, allowed, &decode);
 }
 
 void KeyedUnarchiver::failWithError(std::string description) {
-  state_.failWith([&] { return std::move(description) + state_.context(); });
+  if (direct_) return direct_->flatFail();
+  state_->failWith([&] { return std::move(description) + state_->context(); });
 }
 
 bool KeyedUnarchiver::hasFailed() const {
-  return state_.error != nullptr;
+  if (direct_) return direct_->flatFailed();
+  return state_->error != nullptr;
 }
 
 ErrorPtr KeyedUnarchiver::error() const {
-  return state_.error;
+  if (direct_) return direct_->flatNeedsObjects(), nullptr;
+  return state_->error;
 }
 
 }  // namespace qx

@@ -16,6 +16,8 @@
 
 namespace qx {
 
+class DirectArchiveReader;
+
 // Reads a keyed archive written by KeyedArchiver (or by any writer of the same
 // layout). Decoding is safe on hostile input: every UID, offset, count and
 // length is checked, nesting (objects in objects, archives in archives) is
@@ -46,6 +48,24 @@ class KeyedUnarchiver {
   // instead of by its class's factory. Inside `decode`, the entries of the
   // root's inline arrays are read one by one with the two calls below.
   using DecodeFunction = std::function<ObjectPtr(KeyedUnarchiver&)>;
+  // Runs `read` on a DirectArchiveReader opened on `data`, with the arena
+  // and nesting accounting of a decode. False when the reader does not take
+  // the archive or `read` answers false: the caller then decodes it with the
+  // calls here. Archives nested in a decode are always left to those.
+  static bool readDirectly(std::span<const uint8_t> data,
+                           const std::function<bool(DirectArchiveReader&)>& read);
+  // While one lives, readDirectly answers false on this thread: every decode
+  // takes the general path, for checking the two paths against each other.
+  class GeneralPathOnly {
+   public:
+    GeneralPathOnly();
+    ~GeneralPathOnly();
+    GeneralPathOnly(const GeneralPathOnly&) = delete;
+    GeneralPathOnly& operator=(const GeneralPathOnly&) = delete;
+
+   private:
+    bool outer_;
+  };
   static ObjectPtr unarchiveRootWith(std::span<const uint8_t> data, const ClassSet& classes,
                                      const DecodeFunction& decode, ErrorPtr* error = nullptr);
   // The length of the inline array under `key`; nullopt when the key is
@@ -96,6 +116,7 @@ class KeyedUnarchiver {
   // being gathered; false when the unarchiver failed.
   template <class Sink>
   bool decodeArrayOfObjectsForKey(std::string_view key, Sink&& sink) {
+    if (direct_) return unsupported();
     ArrayOfUids array;
     if (!arrayForKey(key, array)) return false;
     for (std::size_t i = 0; i < array.count; ++i) {
@@ -119,7 +140,10 @@ class KeyedUnarchiver {
   struct State;
 
  private:
-  explicit KeyedUnarchiver(State& state) : state_(state) {}
+  explicit KeyedUnarchiver(State& state) : state_(&state) {}
+  // Flat mode: the reads of one initWithCoder answered by `direct`.
+  friend class DirectArchiveReader;
+  explicit KeyedUnarchiver(DirectArchiveReader& direct) : direct_(&direct) {}
   // An inline array of UIDs under a key of the current object.
   struct ArrayOfUids {
     uint32_t value = 0;
@@ -139,7 +163,12 @@ class KeyedUnarchiver {
   static ObjectPtr unarchive(std::span<const uint8_t> data, const ClassSet* classes,
                              ErrorPtr* error, const DecodeFunction* decode = nullptr);
 
-  State& state_;
+  // Marks a flat-mode decode as not handled (its class asks for objects);
+  // answers false.
+  bool unsupported();
+
+  State* state_ = nullptr;
+  DirectArchiveReader* direct_ = nullptr;
 };
 
 // The deepest nesting of objects, counting archives inside archives.

@@ -1,11 +1,14 @@
 #include "platform/xpc/XpcMessage.h"
 
+#include <algorithm>
 #include <map>
 
+#include "platform/archive/DirectArchiveReader.h"
 #include "platform/archive/KeyedArchiveWriter.h"
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "platform/foundation/Array.h"
+#include "platform/foundation/ClassRegistry.h"
 #include "platform/foundation/Dictionary.h"
 #include "platform/foundation/Number.h"
 #include "platform/foundation/String.h"
@@ -172,6 +175,77 @@ class EnvelopeReader {
   std::map<std::string, std::size_t> positions_;
 };
 
+// The first position of the key `text` among `keys`, or npos.
+std::size_t positionOf(std::span<const std::string_view> keys, std::string_view text) {
+  auto found = std::find(keys.begin(), keys.end(), text);
+  return found == keys.end() ? std::string_view::npos
+                             : static_cast<std::size_t>(found - keys.begin());
+}
+
+// The arguments array `uid` of a message, each argument decoded with its set.
+bool argumentsDirectly(DirectArchiveReader& reader, uint32_t uid,
+                       const std::vector<ClassSet>& classes, std::vector<ObjectPtr>& objects) {
+  static const ClassSet arrays{&Array::classInfo()};
+  const ClassRegistry::Entry* entry = nullptr;
+  std::vector<uint32_t> uids;
+  if (!reader.beginObject(uid, entry) || !arrays.allows(*entry->cls) ||
+      !reader.uidsForKey(uid, "NS.objects", uids) || uids.size() != classes.size()) {
+    return false;
+  }
+  objects.resize(uids.size());
+  for (std::size_t i = 0; i < objects.size(); ++i) {
+    if (!reader.decode(uids[i], &classes[i], objects[i])) return false;
+  }
+  return true;
+}
+
+// An invocation or a reply read as EnvelopeReader reads it, on
+// DirectArchiveReader: the messages a connection receives most (size reports
+// and their answers) are decoded without the general machinery. False
+// whenever the reader or this function meets anything else, or the message
+// is not one that decodes (a refusal, an unknown selector, a reply to nothing
+// pending): the general path then gives its usual result.
+bool decodeDirectly(DirectArchiveReader& reader, XpcArgumentSets& sets, XpcIncoming& result) {
+  static const ClassSet dictionaries{&Dictionary::classInfo()};
+  const ClassRegistry::Entry* entry = nullptr;
+  uint32_t root = reader.rootUid();
+  if (!reader.beginObject(root, entry) || !dictionaries.allows(*entry->cls)) return false;
+  std::vector<uint32_t> keyUids;
+  std::vector<uint32_t> valueUids;
+  if (!reader.uidsForKey(root, "NS.keys", keyUids) ||
+      !reader.uidsForKey(root, "NS.objects", valueUids) || keyUids.size() != valueUids.size()) {
+    return false;
+  }
+  std::vector<std::string_view> keys(keyUids.size());
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    if (!reader.plainString(keyUids[i], keys[i])) return false;
+  }
+  std::size_t selectorAt = positionOf(keys, kSelector);
+  bool invocation = selectorAt != std::string_view::npos;
+  std::size_t sequenceAt = positionOf(keys, invocation ? kSequence : kReplyTo);
+  std::size_t argumentsAt = positionOf(keys, kArguments);
+  if (sequenceAt == std::string_view::npos || argumentsAt == std::string_view::npos) return false;
+  int64_t sequence = 0;
+  if (!reader.plainInteger(valueUids[sequenceAt], sequence) || sequence < 0 ||
+      (!invocation && sequence == 0)) {
+    return false;
+  }
+  std::string_view selector;
+  if (invocation && !reader.plainString(valueUids[selectorAt], selector)) return false;
+  auto classes =
+      invocation ? sets.forInvocation(selector) : sets.forReply(static_cast<uint64_t>(sequence));
+  std::vector<ObjectPtr> objects;
+  if (!classes || !argumentsDirectly(reader, valueUids[argumentsAt], *classes, objects)) {
+    return false;
+  }
+  result.status = XpcIncoming::Status::Message;
+  result.message.kind = invocation ? XpcMessage::Kind::Invocation : XpcMessage::Kind::Reply;
+  result.message.sequence = static_cast<uint64_t>(sequence);
+  result.message.selector = std::string(selector);
+  result.message.arguments = std::move(objects);
+  return true;
+}
+
 }  // namespace
 
 XpcMessage XpcMessage::invocation(std::string selector, std::vector<ObjectPtr> arguments,
@@ -261,6 +335,12 @@ std::vector<uint8_t> XpcMessage::encodeInvocation(std::string_view selector,
 
 XpcIncoming XpcIncoming::decode(std::span<const uint8_t> payload, XpcArgumentSets& sets) {
   XpcIncoming result;
+  if (KeyedUnarchiver::readDirectly(payload, [&](DirectArchiveReader& reader) {
+        return decodeDirectly(reader, sets, result);
+      })) {
+    return result;
+  }
+  result = XpcIncoming{};
   bool visited = false;
   static const ClassSet dictionaries{&Dictionary::classInfo()};
   ErrorPtr error;
