@@ -101,6 +101,10 @@ class QxfileFromPython(unittest.TestCase):
         root = [u.get_size() for u in last if list(u.get_index_path()) == []]
         self.assertEqual(root, [900 * 1000])
         self.assertGreaterEqual(len(heard["thousands"]), 9)
+        for sizes in heard["sevens"]:
+            self.assertTrue(all(s % 7 == 0 for s in sizes), sizes)
+        for sizes in heard["thousands"]:
+            self.assertTrue(all(s % 1000 == 0 for s in sizes), sizes)
 
     def test_acl_read_and_write(self):
         item = os.path.join(self.files("acl", 1, 1), "f000")
