@@ -87,11 +87,8 @@ inline bool setAcl(const std::string& path, const std::vector<Ace>& entries) {
   return acl_set_link_np(path.c_str(), ACL_TYPE_EXTENDED, aclOf(entries).get()) == 0;
 }
 
-// The item's stored ACL as text; "no ACL" when it has none.
-inline std::string storedAcl(const std::string& path) {
-  AclHandle acl(acl_get_link_np(path.c_str(), ACL_TYPE_EXTENDED));
-  return acl ? aclText(acl.get()) : "no ACL";
-}
+using qx::xacl::test::hasAclAttribute;
+using qx::xacl::test::storedAcl;
 
 // The stored layer alone: the attribute's entries as text, whatever the item's POSIX ACL says.
 inline std::string attributeAcl(const std::string& path) {
@@ -110,10 +107,6 @@ inline mode_t shownMode(const std::string& path) {
   mode_t bits = 0;
   if (lstat(path.c_str(), &st) != 0 || ItemAcl::modeBits(path.c_str(), st, &bits) != 0) return 0;
   return (st.st_mode & 07000) | bits;
-}
-
-inline bool hasAclAttribute(const std::string& path) {
-  return lgetxattr(path.c_str(), kAclAttributeName, nullptr, 0) >= 0;
 }
 
 inline bool setDamagedAcl(const std::string& path) {
