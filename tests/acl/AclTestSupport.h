@@ -51,13 +51,6 @@ class AclTree : public TempTree {
   }
 };
 
-// One entry of an extended ACL in the platform's terms.
-struct Ace {
-  int32_t tag;  // ACL_EXTENDED_ALLOW or ACL_EXTENDED_DENY
-  qx::UuidPtr who;
-  uint32_t perms;
-  uint32_t flags = 0;  // inheritance flags and ACL_ENTRY_INHERITED
-};
 inline Ace allow(qx::UuidPtr who, uint32_t perms, uint32_t flags = 0) {
   return {ACL_EXTENDED_ALLOW, std::move(who), perms, flags};
 }
@@ -70,7 +63,7 @@ inline AclHandle aclOf(const std::vector<Ace>& entries) {
   AclHandle acl(acl_init(static_cast<int>(entries.size())));
   for (const Ace& ace : entries) {
     qx::xacl::test::addEntry(acl.get(), ace.tag, ace.who ? ace.who->bytes().data() : nullptr,
-                             ace.perms, ace.flags);
+                             ace.rights, ace.flags);
   }
   return acl;
 }
@@ -123,7 +116,7 @@ inline QXTreeNodePtr node(const char* name, uint32_t permission, int64_t state,
 
 // The record of `ace` as a listing of a folder (with "Applies to") or a file shows it.
 inline QXAclEntryPtr aclEntry(const Ace& ace, bool folder) {
-  return entryRecord(ace.who, ace.tag, ace.perms, ace.flags, folder);
+  return entryRecord(ace.who, ace.tag, ace.rights, ace.flags, folder);
 }
 
 // The owner, group and everyone pseudo-entries for `mode`.
