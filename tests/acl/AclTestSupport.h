@@ -51,13 +51,6 @@ class AclTree : public TempTree {
   }
 };
 
-// One entry of an extended ACL in the platform's terms.
-struct Ace {
-  int32_t tag;  // ACL_EXTENDED_ALLOW or ACL_EXTENDED_DENY
-  qx::UuidPtr who;
-  uint32_t perms;
-  uint32_t flags = 0;  // inheritance flags and ACL_ENTRY_INHERITED
-};
 inline Ace allow(qx::UuidPtr who, uint32_t perms, uint32_t flags = 0) {
   return {ACL_EXTENDED_ALLOW, std::move(who), perms, flags};
 }
@@ -70,7 +63,7 @@ inline AclHandle aclOf(const std::vector<Ace>& entries) {
   AclHandle acl(acl_init(static_cast<int>(entries.size())));
   for (const Ace& ace : entries) {
     qx::xacl::test::addEntry(acl.get(), ace.tag, ace.who ? ace.who->bytes().data() : nullptr,
-                             ace.perms, ace.flags);
+                             ace.rights, ace.flags);
   }
   return acl;
 }
@@ -87,11 +80,8 @@ inline bool setAcl(const std::string& path, const std::vector<Ace>& entries) {
   return acl_set_link_np(path.c_str(), ACL_TYPE_EXTENDED, aclOf(entries).get()) == 0;
 }
 
-// The item's stored ACL as text; "no ACL" when it has none.
-inline std::string storedAcl(const std::string& path) {
-  AclHandle acl(acl_get_link_np(path.c_str(), ACL_TYPE_EXTENDED));
-  return acl ? aclText(acl.get()) : "no ACL";
-}
+using qx::xacl::test::hasAclAttribute;
+using qx::xacl::test::storedAcl;
 
 // The stored layer alone: the attribute's entries as text, whatever the item's POSIX ACL says.
 inline std::string attributeAcl(const std::string& path) {
@@ -112,10 +102,6 @@ inline mode_t shownMode(const std::string& path) {
   return (st.st_mode & 07000) | bits;
 }
 
-inline bool hasAclAttribute(const std::string& path) {
-  return lgetxattr(path.c_str(), kAclAttributeName, nullptr, 0) >= 0;
-}
-
 inline bool setDamagedAcl(const std::string& path) {
   const char junk[] = "not an access control list";
   return lsetxattr(path.c_str(), kAclAttributeName, junk, sizeof junk, 0) == 0;
@@ -130,7 +116,7 @@ inline QXTreeNodePtr node(const char* name, uint32_t permission, int64_t state,
 
 // The record of `ace` as a listing of a folder (with "Applies to") or a file shows it.
 inline QXAclEntryPtr aclEntry(const Ace& ace, bool folder) {
-  return entryRecord(ace.who, ace.tag, ace.perms, ace.flags, folder);
+  return entryRecord(ace.who, ace.tag, ace.rights, ace.flags, folder);
 }
 
 // The owner, group and everyone pseudo-entries for `mode`.

@@ -33,14 +33,6 @@ inline constexpr uint32_t kOnlyInherit = 0x100;
 inline constexpr uint32_t kInheritance =
     kFileInherit | kDirectoryInherit | kLimitInherit | kOnlyInherit;
 
-// An entry as the tests draw it: the qualifier as the stored layout holds it.
-struct Ace {
-  int32_t tag;
-  qx::UuidPtr who;
-  uint32_t rights = 0;
-  uint32_t flags = 0;
-};
-
 inline qxfile::Identity identityOf(const qx::UuidPtr& who) {
   const std::string text = who->UUIDString();
   const auto id = static_cast<uint32_t>(std::stoul(text.substr(28), nullptr, 16));

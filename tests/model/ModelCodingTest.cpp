@@ -10,12 +10,12 @@
 #include "model/QXAclPermission.h"
 #include "model/QXFileSizeItem.h"
 #include "model/QXTreeNode.h"
-#include "platform/archive/BinaryPlist.h"
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
 #include "platform/foundation/ClassSet.h"
 #include "platform/foundation/Data.h"
 #include "platform/foundation/MutableArray.h"
+#include "tests/platform/archive/support/ArchiveTestSupport.h"
 #include "tests/support/PermissionTrees.h"
 
 namespace {
@@ -134,20 +134,15 @@ TEST_F(ModelCoding, MissingKeysGiveTheCodersDefaults) {
 
 // The blobs in the "children" array of the root of an archive.
 std::vector<std::vector<uint8_t>> childArchives(const qx::Data& archive) {
-  auto plist = qx::BinaryPlist::parse(archive.span()).value();
-  auto objects = plist.find(plist.top(), "$objects").value();
-  auto at = [&](qx::BinaryPlist::Ref uid) {
-    EXPECT_EQ(plist.type(uid), qx::BinaryPlist::Type::Uid);
-    return plist.element(objects, plist.uid(uid));
+  const qx::testing::json plist = qx::testing::readJson(archive.span());
+  auto at = [&](const qx::testing::json& uid) -> const qx::testing::json& {
+    return plist.at("$objects").at(uid.at("UID").get<size_t>());
   };
-  auto root = at(plist.find(plist.find(plist.top(), "$top").value(), "root").value());
-  EXPECT_TRUE(plist.find(root, "object"));
-  auto elements = plist.find(at(plist.find(root, "children").value()), "NS.objects").value();
+  const qx::testing::json root = at(plist.at("$top").at("root"));
+  EXPECT_TRUE(root.contains("object"));
   std::vector<std::vector<uint8_t>> blobs;
-  for (size_t i = 0; i < plist.count(elements); ++i) {
-    auto blob = at(plist.element(elements, i));
-    EXPECT_EQ(plist.type(blob), qx::BinaryPlist::Type::Data);
-    blobs.emplace_back(plist.data(blob).begin(), plist.data(blob).end());
+  for (const auto& uid : at(root.at("children")).at("NS.objects")) {
+    blobs.push_back(qx::testing::unhex(at(uid).at("data")));
   }
   return blobs;
 }

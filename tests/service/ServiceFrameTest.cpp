@@ -7,11 +7,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "model/ModelClasses.h"
 #include "model/QXAclEntry.h"
@@ -22,10 +25,10 @@
 #include "platform/xpc/XpcInterface.h"
 #include "platform/xpc/XpcListener.h"
 #include "protocol/QXFileRequest.h"
+#include "protocol/QXFileResponse.h"
 #include "service/QXClientCallbacks.h"
 #include "service/QXFileServiceDelegate.h"
 #include "tests/support/Eventually.h"
-#include "tests/support/ScriptedResponder.h"
 #include "tests/support/TempTree.h"
 
 namespace {
@@ -33,6 +36,41 @@ namespace {
 using namespace std::chrono_literals;
 using qx::test::eventually;
 using ::testing::HasSubstr;
+
+// The client's side of the callbacks a worker sends: holds every reply block until answerHeld(), or
+// until the test drops them with the connection.
+class HoldingResponder final : public QXFileResponse {
+ public:
+  void updateFileSizes(qx::ArrayPtr, AnswerReply reply) override { hold(std::move(reply)); }
+  void progressWithReply(AnswerReply reply) override { hold(std::move(reply)); }
+
+  // Waits until `count` callbacks have arrived.
+  bool waitForCalls(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    return arrived_.wait_for(lock, std::chrono::seconds(20), [&] { return calls_ >= count; });
+  }
+  void answerHeld(bool answer) {
+    std::vector<AnswerReply> held;
+    {
+      std::lock_guard lock(mutex_);
+      held.swap(held_);
+    }
+    for (auto& reply : held) reply(answer);
+  }
+
+ private:
+  void hold(AnswerReply reply) {
+    std::lock_guard lock(mutex_);
+    ++calls_;
+    held_.push_back(std::move(reply));
+    arrived_.notify_all();
+  }
+
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::size_t calls_ = 0;
+  std::vector<AnswerReply> held_;
+};
 
 class ServiceFrame : public ::testing::Test {
  protected:
@@ -92,7 +130,7 @@ const Question kQuestions[] = {
 // The client leaves while the workers wait, or there is no connection at all: each worker is
 // released, told to stop.
 TEST_F(ServiceFrame, AQuestionWithoutAnAnswerStops) {
-  auto holding = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
+  auto holding = std::make_shared<HoldingResponder>();
   ASSERT_TRUE(accept());
   clientProxy(holding);
   std::vector<std::future<bool>> asking;
@@ -137,7 +175,7 @@ TEST_F(ServiceFrame, ALongPropagationLeavesTheConnectionAnswering) {
 
   ASSERT_TRUE(accept());
   std::weak_ptr<void> exported = serviceEnd->exportedObject();
-  auto responder = std::make_shared<qx::test::ScriptedResponder>(nullptr, nullptr);
+  auto responder = std::make_shared<HoldingResponder>();
   auto proxy = clientProxy(responder);
   auto deep = qx::Url::fileURLWithPath(files.path("deep"));
 

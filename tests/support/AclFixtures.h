@@ -47,6 +47,15 @@ inline UuidPtr groupUuid(gid_t gid) {
   return Uuid::withString(groupUuidText(gid));
 }
 
+// One entry of an extended ACL: its tag (1 allow, 2 deny), whom it names, its permission bits and
+// its flags (inheritance, and 0x10 for an inherited entry).
+struct Ace {
+  int32_t tag;
+  UuidPtr who;
+  uint32_t rights = 0;
+  uint32_t flags = 0;
+};
+
 // An attribute file: "# comment" lines, "expect: ..." lines, and the bytes in hex (spaces and
 // dashes ignored), a line ending in "*N" standing for N copies of itself.
 struct AttributeFile {

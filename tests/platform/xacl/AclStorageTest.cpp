@@ -39,16 +39,6 @@ int setError(const std::string& path, acl_t acl) {
   return acl_set_link_np(path.c_str(), ACL_TYPE_EXTENDED, acl) == 0 ? 0 : errno;
 }
 
-// The stored ACL as text, read through acl_get_link_np; "" when it cannot be read.
-std::string stored(const std::string& path) {
-  AclHandle acl(acl_get_link_np(path.c_str(), ACL_TYPE_EXTENDED));
-  return acl ? AclText::format(acl.get()).value_or("not an ACL") : "";
-}
-
-bool hasAttribute(const std::string& path) {
-  return lgetxattr(path.c_str(), kAclAttributeName, nullptr, 0) >= 0;
-}
-
 class AclStorageTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -80,7 +70,7 @@ TEST_F(AclStorageTest, NoAclMissingItemsAndBadArguments) {
   AclHandle noTag = buildAcl({{ACL_UNDEFINED_TAG, kMember}});
   AclHandle noQualifier = buildAcl({{ACL_EXTENDED_ALLOW, nullptr}});
   EXPECT_EQ(setError(file_, noTag.get()), EINVAL);
-  EXPECT_FALSE(hasAttribute(file_));
+  EXPECT_FALSE(hasAclAttribute(file_));
   ASSERT_EQ(setError(file_, one_.get()), 0);
   std::vector<uint8_t> before = readRaw(file_);
   EXPECT_EQ(setError(file_, noQualifier.get()), EINVAL);
@@ -98,8 +88,8 @@ TEST_F(AclStorageTest, AclsRoundTripInTheStoredLayoutUpTo128Entries) {
   });
   ASSERT_EQ(setError(file_, acl.get()), 0);
   ASSERT_EQ(setError(folder_, acl.get()), 0);
-  EXPECT_EQ(stored(file_), layout.expected);
-  EXPECT_EQ(stored(folder_), layout.expected);
+  EXPECT_EQ(storedAcl(file_), layout.expected);
+  EXPECT_EQ(storedAcl(folder_), layout.expected);
   EXPECT_EQ(AclText::forPath(folder_.c_str())->substr(0, 39),
             "allow user:qxmember list_directory,read")
       << "a folder's ACL read by path names folder rights";
@@ -110,12 +100,12 @@ TEST_F(AclStorageTest, AclsRoundTripInTheStoredLayoutUpTo128Entries) {
   ASSERT_EQ(setError(file_, denyTeam.get()), 0);
   const qx::test::AttributeFile denied = qx::test::attributeFile("team-denied-all.attr");
   ASSERT_TRUE(writeRaw(file_, denied.bytes));
-  EXPECT_EQ(stored(file_), denied.expected);
+  EXPECT_EQ(storedAcl(file_), denied.expected);
   ASSERT_TRUE(writeRaw(file_, qx::test::attributeFile("no-entries.attr").bytes));
   // A stored ACL without entries is an empty ACL; writing one removes the attribute.
   EXPECT_EQ(getError(file_), 0);
   ASSERT_EQ(setError(file_, empty_.get()), 0);
-  EXPECT_FALSE(hasAttribute(file_));
+  EXPECT_FALSE(hasAclAttribute(file_));
   EXPECT_EQ(getError(file_), ENOENT);
   EXPECT_EQ(setError(file_, empty_.get()), 0) << "nothing to remove is success";
 
@@ -152,9 +142,9 @@ TEST_F(AclStorageTest, AttributeFilesReadAsTheirExpectedEntriesOrAsDamaged) {
     AclHandle shown(acl_get_link_state_np(path.c_str(), &state));
     std::string outcome = errno == EINVAL ? "EINVAL\n" : "";
     if (errno != EINVAL) {
-      AclHandle storedAcl(acl_init(0));
-      storedAcl.get()->assign(state.stored);
-      outcome = AclText::format(storedAcl.get()).value_or("not an ACL");
+      AclHandle acl(acl_init(0));
+      acl.get()->assign(state.stored);
+      outcome = AclText::format(acl.get()).value_or("not an ACL");
       // Only an ACL without entries is in force without a POSIX ACL.
       EXPECT_EQ(static_cast<bool>(shown), state.stored.empty()) << name;
       EXPECT_EQ(state.storedNotInForce, !state.stored.empty()) << name;
@@ -178,7 +168,7 @@ TEST_F(AclStorageTest, LinksAndOtherSpecialFilesTakeOnlyAnEmptyAcl) {
     EXPECT_EQ(setError(path, one_.get()), ENOTSUP) << name;
     EXPECT_EQ(setError(path, empty_.get()), 0) << name;
   }
-  EXPECT_TRUE(hasAttribute(file_)) << "the link's target keeps its ACL";
+  EXPECT_TRUE(hasAclAttribute(file_)) << "the link's target keeps its ACL";
 }
 
 // Reading behind an unsearchable folder is refused as a listing shows (tests/acl);
@@ -192,10 +182,10 @@ TEST_F(AclStorageTest, WritingNeedsWriteAccess) {
         kUid, kGid, [&] { return std::to_string(setError(file_, one_.get())); });
   };
   EXPECT_EQ(setAsAlice(), std::to_string(EACCES));
-  EXPECT_FALSE(hasAttribute(file_));
+  EXPECT_FALSE(hasAclAttribute(file_));
   ASSERT_EQ(chown(file_.c_str(), kUid, kGid), 0);
   EXPECT_EQ(setAsAlice(), "0");
-  EXPECT_TRUE(hasAttribute(file_));
+  EXPECT_TRUE(hasAclAttribute(file_));
 }
 
 // Bare UUIDs, so that formatting looks no names up.
@@ -214,7 +204,7 @@ TEST_F(AclStorageTest, ThreadsWorkOnTheirOwnAclsAtOnce) {
                       {ACL_EXTENDED_DENY, "12345678-9ABC-DEF0-1234-56789ABCDEF1", perm,
                        ACL_ENTRY_INHERITED}});
         if (setError(path, written.get()) != 0 ||
-            stored(path) != AclText::format(written.get()).value_or("")) {
+            storedAcl(path) != AclText::format(written.get()).value_or("")) {
           ++mismatches[t];
         }
       }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/xacl/AclHandle.h"
+#include "platform/xacl/AclText.h"
 #include "platform/xacl/xacl.h"
 
 namespace qx::xacl::test {
@@ -74,6 +75,16 @@ inline AclHandle buildAcl(const std::vector<EntryFields>& entries) {
 
 inline bool writeRaw(const std::string& path, const std::vector<uint8_t>& bytes) {
   return lsetxattr(path.c_str(), kAclAttributeName, bytes.data(), bytes.size(), 0) == 0;
+}
+
+// The item's stored ACL in the text form; "no ACL" when it has none.
+inline std::string storedAcl(const std::string& path) {
+  AclHandle acl(acl_get_link_np(path.c_str(), ACL_TYPE_EXTENDED));
+  return acl ? AclText::format(acl.get()).value_or("not an ACL") : "no ACL";
+}
+
+inline bool hasAclAttribute(const std::string& path) {
+  return lgetxattr(path.c_str(), kAclAttributeName, nullptr, 0) >= 0;
 }
 
 // The attribute's bytes; empty when it cannot be read.

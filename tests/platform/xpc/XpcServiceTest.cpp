@@ -87,18 +87,12 @@ class ServiceProcess : public ::testing::Test {
     return connection;
   }
 
-  static int64_t ask(const std::shared_ptr<XpcConnection>& connection,
-                     void (TestRequest::*method)(OnceCallback<void(NumberPtr)>)) {
+  // The connection's counter after one more; -1 without an answer.
+  static int64_t increment(const std::shared_ptr<XpcConnection>& connection) {
     auto proxy = connection->remoteObjectProxy<TestRequest>();
     auto reply = ReplyWaiter<NumberPtr>::wait(
-        [&](OnceCallback<void(NumberPtr)> done) { ((*proxy).*method)(std::move(done)); });
+        [&](OnceCallback<void(NumberPtr)> done) { proxy->incrementWithReply(std::move(done)); });
     return reply && *reply ? (*reply)->integerValue() : -1;
-  }
-  static pid_t pidOf(const std::shared_ptr<XpcConnection>& connection) {
-    return static_cast<pid_t>(ask(connection, &TestRequest::processIdWithReply));
-  }
-  static int64_t increment(const std::shared_ptr<XpcConnection>& connection) {
-    return ask(connection, &TestRequest::incrementWithReply);
   }
 
   std::string socketPath() const { return sandbox.socketFolder() + "/service.sock"; }
@@ -110,12 +104,11 @@ TEST_F(ServiceProcess, StartsOnDemandServesEachClientItsOwnObjectAndExitsWhenIdl
   auto first = connectClient();
   auto second = connectClient();
   ASSERT_TRUE(first && second);
-  pid_t pid = pidOf(first);
-  ASSERT_GT(pid, 0);
-  EXPECT_EQ(pidOf(second), pid);
   const int64_t counts[] = {increment(first), increment(first), increment(second),
                             increment(first)};
   EXPECT_THAT(counts, ::testing::ElementsAre(1, 2, 1, 3)) << "each client its own counter";
+  ASSERT_EQ(sandbox.services().size(), 1u) << "both clients meet one service";
+  const pid_t pid = sandbox.services()[0];
 
   // An open connection keeps the service up past its idle time.
   first->invalidate();
@@ -129,9 +122,9 @@ TEST_F(ServiceProcess, StartsOnDemandServesEachClientItsOwnObjectAndExitsWhenIdl
 
   // The next client starts a new service on the stale socket.
   auto third = connectClient();
-  ASSERT_TRUE(third);
-  const pid_t restarted = pidOf(third);
-  EXPECT_TRUE(restarted > 0 && restarted != pid) << restarted;
+  ASSERT_EQ(increment(third), 1);
+  const std::vector<pid_t> restarted = sandbox.services();
+  EXPECT_TRUE(restarted.size() == 1 && restarted[0] != pid);
   third->invalidate();
   EXPECT_TRUE(sandbox.allGoneWithin(10s));
 }
@@ -146,13 +139,14 @@ TEST_F(ServiceProcess, StartedWithoutASocketItBindsThePerUserSocketItself) {
   auto connection = XpcConnection::withSocket(std::move(socket));
   configureClientConnection(connection, nullptr);
   connection->resume();
-  EXPECT_EQ(pidOf(connection), pid);
+  EXPECT_EQ(increment(connection), 1);
+  EXPECT_EQ(sandbox.services(), std::vector<pid_t>{pid});
   // A second one finds the socket taken and leaves at once.
   ASSERT_EQ(::posix_spawn(&second, kService, nullptr, nullptr, argv, environ), 0);
   int status = 0;
   ASSERT_EQ(::waitpid(second, &status, 0), second);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
-  EXPECT_EQ(pidOf(connection), pid);
+  EXPECT_EQ(increment(connection), 2);
   connection->invalidate();
   EXPECT_TRUE(eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }));
 }
@@ -165,13 +159,13 @@ TEST_F(ServiceProcess, EightClientsStartedAtOnceShareOneService) {
     clients.push_back(std::async(std::launch::async, [&] { return connectClient(); }));
   std::vector<std::shared_ptr<XpcConnection>> connections;
   for (auto& client : clients) connections.push_back(client.get());
-  std::set<pid_t> answers;
+  std::set<int64_t> answers;
+  for (auto& connection : connections) answers.insert(connection ? increment(connection) : -1);
+  EXPECT_EQ(answers, std::set<int64_t>{1});
+  EXPECT_EQ(sandbox.services().size(), 1u);
   for (auto& connection : connections) {
-    answers.insert(connection ? pidOf(connection) : -1);
     if (connection) connection->invalidate();
   }
-  ASSERT_EQ(answers.size(), 1u);
-  EXPECT_GT(*answers.begin(), 0);
 }
 
 // A service leaving when idle makes its last check for waiting connections and closes its socket
@@ -180,8 +174,8 @@ TEST_F(ServiceProcess, EightClientsStartedAtOnceShareOneService) {
 // it.
 TEST_F(ServiceProcess, ClientsConnectOnlyWhileNoServiceMakesItsLastCheck) {
   auto first = connectClient();
-  ASSERT_TRUE(first);
-  pid_t pid = pidOf(first);
+  ASSERT_EQ(increment(first), 1);
+  const std::vector<pid_t> running = sandbox.services();
   std::future<std::shared_ptr<XpcConnection>> second;
   {
     XpcLockFile leaving(XpcServiceSocket::lockPathForSocket(socketPath()));
@@ -191,7 +185,8 @@ TEST_F(ServiceProcess, ClientsConnectOnlyWhileNoServiceMakesItsLastCheck) {
   }
   auto connection = second.get();
   ASSERT_TRUE(connection);
-  EXPECT_EQ(pidOf(connection), pid);
+  EXPECT_EQ(increment(connection), 1);
+  EXPECT_EQ(sandbox.services(), running);
   first->invalidate();
   connection->invalidate();
 }
@@ -237,8 +232,6 @@ json firstMessage(int fd) {
 TEST_F(ServiceProcess, EachDataFrameGetsItsAnswerOrClosesOnlyItsOwnConnection) {
   auto good = connectClient();
   ASSERT_TRUE(good);
-  pid_t pid = pidOf(good);
-  ASSERT_GT(pid, 0);
   std::ifstream rows(QX_SOURCE_DIR "/tests/platform/xpc/data/frames.jsonl");
   int64_t served = 0;
   for (std::string line; std::getline(rows, line);) {
@@ -265,7 +258,7 @@ TEST_F(ServiceProcess, EachDataFrameGetsItsAnswerOrClosesOnlyItsOwnConnection) {
     EXPECT_EQ(increment(good), ++served);
   }
   EXPECT_EQ(served, 16);
-  EXPECT_EQ(sandbox.services(), std::vector<pid_t>{pid});
+  EXPECT_EQ(sandbox.services().size(), 1u);
   good->invalidate();
 }
 
@@ -284,10 +277,9 @@ TEST_F(ServiceProcess, PeersOfAnotherUserAreClosedAtOnce) {
   auto own = XpcConnection::withSocket(XpcServiceSocket::connectTo(path));
   configureClientConnection(own, nullptr);
   own->resume();
-  pid_t pid = pidOf(own);
-  ASSERT_GT(pid, 0);
+  ASSERT_EQ(increment(own), 1);
 
-  auto frame = XpcFrame::encode(XpcMessage::invocation("processIdWithReply:", {}, 1).encode());
+  auto frame = XpcFrame::encode(XpcMessage::invocation("incrementWithReply:", {}, 1).encode());
   std::string outcome = qx::test::ChildProcess::runAs(65534, 65534, [&]() -> std::string {
     UniqueFd fd = XpcServiceSocket::connectTo(path);
     if (!fd) return "could not connect";
@@ -298,7 +290,7 @@ TEST_F(ServiceProcess, PeersOfAnotherUserAreClosedAtOnce) {
     return got == 0 || errno == ECONNRESET ? "closed" : "recv failed";
   });
   EXPECT_EQ(outcome, "closed");
-  EXPECT_EQ(pidOf(own), pid);  // still serving its own user
+  EXPECT_EQ(increment(own), 2);  // still serving its own user
   own->invalidate();
 }
 

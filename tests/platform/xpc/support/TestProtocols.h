@@ -1,7 +1,5 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <cassert>
 #include <memory>
 #include <mutex>
@@ -41,7 +39,6 @@ class TestRequest {
   // Argument 0 is restricted to NSArray and NSURL.
   virtual void countUrls(ArrayPtr urls, OnceCallback<void(NumberPtr)> reply) = 0;
   virtual void incrementWithReply(OnceCallback<void(NumberPtr)> reply) = 0;
-  virtual void processIdWithReply(OnceCallback<void(NumberPtr)> reply) = 0;
   // On the object's operation queue: asks the client `count` questions, each time waiting for the
   // answer; replies with the answers. Released with no answer, it stops.
   virtual void askClient(NumberPtr count, OnceCallback<void(ArrayPtr)> reply) = 0;
@@ -70,9 +67,6 @@ class TestRequestProxy final : public TestRequest, XpcRemoteProxy {
   void incrementWithReply(OnceCallback<void(NumberPtr)> reply) override {
     send(&TestRequest::incrementWithReply, std::move(reply));
   }
-  void processIdWithReply(OnceCallback<void(NumberPtr)> reply) override {
-    send(&TestRequest::processIdWithReply, std::move(reply));
-  }
   void askClient(NumberPtr count, OnceCallback<void(ArrayPtr)> reply) override {
     send(&TestRequest::askClient, std::move(reply), count);
   }
@@ -99,7 +93,6 @@ inline const XpcProtocol& testRequestProtocol() {
                          xpcMethod("echoError:array:flag:reply:", &TestRequest::echo),
                          xpcMethod("countUrls:reply:", &TestRequest::countUrls),
                          xpcMethod("incrementWithReply:", &TestRequest::incrementWithReply),
-                         xpcMethod("processIdWithReply:", &TestRequest::processIdWithReply),
                          xpcMethod("askClient:reply:", &TestRequest::askClient),
                          xpcMethod("note:", &TestRequest::note),
                          xpcMethod("notesWithReply:", &TestRequest::notesWithReply),
@@ -135,9 +128,6 @@ class TestService final : public TestRequest, public std::enable_shared_from_thi
   }
   void incrementWithReply(OnceCallback<void(NumberPtr)> reply) override {
     reply(Number::numberWithInteger(++counter_));
-  }
-  void processIdWithReply(OnceCallback<void(NumberPtr)> reply) override {
-    reply(Number::numberWithInteger(::getpid()));
   }
   void askClient(NumberPtr count, OnceCallback<void(ArrayPtr)> reply) override {
     queue_.async([self = shared_from_this(), count, reply = std::move(reply)]() mutable {
