@@ -1,6 +1,7 @@
 #include "platform/archive/DirectArchiveReader.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <iterator>
 #include <limits>
@@ -147,6 +148,10 @@ inline DirectArchiveReader::Ref DirectArchiveReader::readRef(const uint8_t* refs
                                                              std::size_t index) {
   if constexpr (Width == 1) {
     return refs[index];
+  } else if constexpr (std::endian::native == std::endian::little) {
+    uint16_t big;
+    std::memcpy(&big, refs + 2 * index, 2);
+    return __builtin_bswap16(big);
   } else {
     return Ref(refs[2 * index]) << 8 | refs[2 * index + 1];
   }
