@@ -235,6 +235,7 @@ void DirectArchiveReader::close() {
   std::fill(std::begin(plainAllowances_), std::end(plainAllowances_), Allowance{});
   std::fill(std::begin(classHints_), std::end(classHints_), 0);
   classes_.clear();
+  sharedKeys_ = SharedKeys{};
   flat_ = Flat{};
 }
 
@@ -620,10 +621,8 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
                                                    : ObjectArena::make<MutableDictionary>();
       // Filled in place: the dictionary is new and not yet handed out.
       auto& entries = const_cast<DictionaryEntries&>(dictionary->entries());
-      for (std::size_t i = 0; i < count(keys); ++i) entries.push_back({});
-      for (std::size_t i = 0; done && i < entries.size(); ++i) {
-        done = decodeElement(*keys, i, classes, entries[i].first);
-      }
+      entries = DictionaryEntries(count(keys));
+      done = decodeKeys(keys, classes, entries);
       for (std::size_t i = 0; done && i < entries.size(); ++i) {
         done = decodeElement(*values, i, classes, entries[i].second);
       }
@@ -654,6 +653,32 @@ inline bool DirectArchiveReader::decodeElement(const Value& array, std::size_t i
                                                const ClassSet* classes, ObjectPtr& out) {
   const Value& element = values_[refAt(array.bytes, index)];
   return element.type == kUid && decodeValue(static_cast<uint32_t>(element.integer), classes, out);
+}
+
+// The keys of a dictionary. The records of an archive share one array of
+// keys, whose plain values decode alike under one class set: they are
+// decoded once.
+bool DirectArchiveReader::decodeKeys(const Value* keys, const ClassSet* classes,
+                                     DictionaryEntries& entries) {
+  if (!keys) return true;
+  SharedKeys& shared = sharedKeys_;
+  if (keys == shared.array && classes == shared.classes) {
+    for (std::size_t i = 0; i < entries.size(); ++i) entries[i].first = shared.objects[i];
+    return true;
+  }
+  bool plain = entries.size() <= std::size(shared.objects);
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (!decodeElement(*keys, i, classes, entries[i].first)) return false;
+    // (An element that decodeElement took is a UID of $objects.)
+    const Value& element = values_[refAt(keys->bytes, i)];
+    plain = plain && objectValue(static_cast<uint32_t>(element.integer))->type != kDictionary;
+  }
+  if (plain) {
+    shared.array = keys;
+    shared.classes = classes;
+    for (std::size_t i = 0; i < entries.size(); ++i) shared.objects[i] = entries[i].first;
+  }
+  return true;
 }
 
 bool DirectArchiveReader::decodeElements(const Value& object, int keyId, const ClassSet* classes,

@@ -8,6 +8,7 @@
 
 #include "platform/foundation/ClassRegistry.h"
 #include "platform/foundation/ClassSet.h"
+#include "platform/foundation/DictionaryEntries.h"
 #include "platform/foundation/Object.h"
 
 namespace qx {
@@ -120,6 +121,7 @@ class DirectArchiveReader {
   bool decodeInstance(const Value& object, const ClassSet* classes, ObjectPtr& result);
   bool decodeElements(const Value& object, int keyId, const ClassSet* classes,
                       std::vector<ObjectPtr>& out);
+  bool decodeKeys(const Value* keys, const ClassSet* classes, DictionaryEntries& entries);
 
   // KeyedUnarchiver's flat mode: the reads of an initWithCoder on the
   // object in flat_, answered as the general path answers them. A read that
@@ -173,6 +175,13 @@ class DirectArchiveReader {
   };
   std::vector<KnownClass> classes_;
   uint32_t classHints_[8] = {};
+  // The plain keys of the last dictionary, by their array and class set.
+  struct SharedKeys {
+    const Value* array = nullptr;
+    const ClassSet* classes = nullptr;
+    ObjectPtr objects[4];
+  };
+  SharedKeys sharedKeys_;
   Flat flat_;
 };
 
