@@ -220,6 +220,8 @@ bool DirectArchiveReader::open(std::span<const uint8_t> bytes) {
   if (!root || root->type != kUid) return false;
   objects_ = objects;
   objectCount_ = objects->length;
+  // A slot for each object at most.
+  slots_.reserve(objectCount_);
   root_ = static_cast<uint32_t>(root->integer);
   return true;
 }
@@ -588,17 +590,18 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
   KnownClass* known = classOf(object);
   if (!known || !allowed(classes, *known->entry->cls, known->allowance)) return false;
   const ClassRegistry::Entry* entry = known->entry;
-  std::size_t slot = slotOf(object);
+  // (slots_ never grows past its reserve: the references stay.)
+  Slot& slot = slots_[slotOf(object)];
   const DecodeFactory factory = entry->factory;
-  if (slots_[slot].status == kDone) {
+  if (slot.status == kDone) {
     // A collection handed out again would need its contents checked against
     // this set: left to the general path.
     if (isCollectionFactory(factory)) return false;
-    result = slots_[slot].object;
+    result = slot.object;
     return true;
   }
-  if (slots_[slot].status == kDecoding || depth_ >= kMostDepth) return false;
-  slots_[slot].status = kDecoding;
+  if (slot.status == kDecoding || depth_ >= kMostDepth) return false;
+  slot.status = kDecoding;
   ++depth_;
   bool done = false;
   if (factory == &Array::initWithCoder || factory == &MutableArray::initWithCoder) {
@@ -638,8 +641,8 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
   }
   --depth_;
   if (!done) return false;
-  slots_[slot].object = result;
-  slots_[slot].status = kDone;
+  slot.object = result;
+  slot.status = kDone;
   return true;
 }
 
