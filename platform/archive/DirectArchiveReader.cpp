@@ -742,20 +742,20 @@ bool DirectArchiveReader::plainInteger(uint32_t uid, int64_t& integer) {
 // path reads them. What it does not answer marks the decode unsupported.
 
 inline const DirectArchiveReader::Value* DirectArchiveReader::flatValue(std::string_view key) {
-  if (!key.empty() && key.front() == '$') {
-    flat_.unsupported = true;  // an escaped key
-    return nullptr;
-  }
   return valueForKey(*flat_.object, hintedKeyId(key));
 }
 
 // Keys are nearly always literals: the id of a key is remembered by the
-// address of its text, and confirmed by its digest (and, for a key longer
-// than the digest holds, by its text).
+// address of its text, and confirmed by its text. An escaped key (never
+// remembered) marks the decode unsupported.
 inline int DirectArchiveReader::hintedKeyId(std::string_view key) {
   auto bits = reinterpret_cast<uintptr_t>(key.data()) ^ key.size();
   KeyHint& hint = keyHints_[(bits * 0x9E3779B97F4A7C15ULL) >> 58];
   if (hint.text == key.data() && hint.id >= 0 && sameText(keys_[hint.id], key)) return hint.id;
+  if (!key.empty() && key.front() == '$') {
+    flat_.unsupported = true;
+    return -1;
+  }
   int id = keyIdOf(key);
   if (id >= 0) hint = {key.data(), id};
   return id;
