@@ -752,6 +752,11 @@ inline int DirectArchiveReader::hintedKeyId(std::string_view key) {
   auto bits = reinterpret_cast<uintptr_t>(key.data()) ^ key.size();
   KeyHint& hint = keyHints_[(bits * 0x9E3779B97F4A7C15ULL) >> 58];
   if (hint.text == key.data() && hint.id >= 0 && sameText(keys_[hint.id], key)) return hint.id;
+  return missedKeyId(key, hint);
+}
+
+// Out of the way of the reads whose key is remembered.
+[[gnu::noinline]] int DirectArchiveReader::missedKeyId(std::string_view key, KeyHint& hint) {
   if (!key.empty() && key.front() == '$') {
     flat_.unsupported = true;
     return -1;

@@ -113,6 +113,8 @@ class DirectArchiveReader {
   std::size_t slotOf(const Value& value);
   static bool allowed(const ClassSet* classes, const ClassInfo& cls, Allowance& last);
   int hintedKeyId(std::string_view key);
+  struct KeyHint;
+  int missedKeyId(std::string_view key, KeyHint& hint);
   bool elementsFor(const Value& object, int keyId, const Value*& array) const;
   static std::size_t count(const Value* array);
   bool decodeElement(const Value& array, std::size_t index, const ClassSet* classes,
