@@ -1,6 +1,7 @@
 #include "platform/archive/DirectArchiveReader.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <iterator>
 #include <limits>
@@ -147,6 +148,10 @@ inline DirectArchiveReader::Ref DirectArchiveReader::readRef(const uint8_t* refs
                                                              std::size_t index) {
   if constexpr (Width == 1) {
     return refs[index];
+  } else if constexpr (std::endian::native == std::endian::little) {
+    uint16_t big;
+    std::memcpy(&big, refs + 2 * index, 2);
+    return __builtin_bswap16(big);
   } else {
     return Ref(refs[2 * index]) << 8 | refs[2 * index + 1];
   }
@@ -215,6 +220,8 @@ bool DirectArchiveReader::open(std::span<const uint8_t> bytes) {
   if (!root || root->type != kUid) return false;
   objects_ = objects;
   objectCount_ = objects->length;
+  // A slot for each object at most.
+  slots_.reserve(objectCount_);
   root_ = static_cast<uint32_t>(root->integer);
   return true;
 }
@@ -230,6 +237,7 @@ void DirectArchiveReader::close() {
   std::fill(std::begin(plainAllowances_), std::end(plainAllowances_), Allowance{});
   std::fill(std::begin(classHints_), std::end(classHints_), 0);
   classes_.clear();
+  sharedKeys_ = SharedKeys{};
   flat_ = Flat{};
 }
 
@@ -582,17 +590,18 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
   KnownClass* known = classOf(object);
   if (!known || !allowed(classes, *known->entry->cls, known->allowance)) return false;
   const ClassRegistry::Entry* entry = known->entry;
-  std::size_t slot = slotOf(object);
+  // (slots_ never grows past its reserve: the references stay.)
+  Slot& slot = slots_[slotOf(object)];
   const DecodeFactory factory = entry->factory;
-  if (slots_[slot].status == kDone) {
+  if (slot.status == kDone) {
     // A collection handed out again would need its contents checked against
     // this set: left to the general path.
     if (isCollectionFactory(factory)) return false;
-    result = slots_[slot].object;
+    result = slot.object;
     return true;
   }
-  if (slots_[slot].status == kDecoding || depth_ >= kMostDepth) return false;
-  slots_[slot].status = kDecoding;
+  if (slot.status == kDecoding || depth_ >= kMostDepth) return false;
+  slot.status = kDecoding;
   ++depth_;
   bool done = false;
   if (factory == &Array::initWithCoder || factory == &MutableArray::initWithCoder) {
@@ -615,10 +624,8 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
                                                    : ObjectArena::make<MutableDictionary>();
       // Filled in place: the dictionary is new and not yet handed out.
       auto& entries = const_cast<DictionaryEntries&>(dictionary->entries());
-      for (std::size_t i = 0; i < count(keys); ++i) entries.push_back({});
-      for (std::size_t i = 0; done && i < entries.size(); ++i) {
-        done = decodeElement(*keys, i, classes, entries[i].first);
-      }
+      entries = DictionaryEntries(count(keys));
+      done = decodeKeys(keys, classes, entries);
       for (std::size_t i = 0; done && i < entries.size(); ++i) {
         done = decodeElement(*values, i, classes, entries[i].second);
       }
@@ -634,8 +641,8 @@ bool DirectArchiveReader::decodeInstance(const Value& object, const ClassSet* cl
   }
   --depth_;
   if (!done) return false;
-  slots_[slot].object = result;
-  slots_[slot].status = kDone;
+  slot.object = result;
+  slot.status = kDone;
   return true;
 }
 
@@ -649,6 +656,32 @@ inline bool DirectArchiveReader::decodeElement(const Value& array, std::size_t i
                                                const ClassSet* classes, ObjectPtr& out) {
   const Value& element = values_[refAt(array.bytes, index)];
   return element.type == kUid && decodeValue(static_cast<uint32_t>(element.integer), classes, out);
+}
+
+// The keys of a dictionary. The records of an archive share one array of
+// keys, whose plain values decode alike under one class set: they are
+// decoded once.
+bool DirectArchiveReader::decodeKeys(const Value* keys, const ClassSet* classes,
+                                     DictionaryEntries& entries) {
+  if (!keys) return true;
+  SharedKeys& shared = sharedKeys_;
+  if (keys == shared.array && classes == shared.classes) {
+    for (std::size_t i = 0; i < entries.size(); ++i) entries[i].first = shared.objects[i];
+    return true;
+  }
+  bool plain = entries.size() <= std::size(shared.objects);
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (!decodeElement(*keys, i, classes, entries[i].first)) return false;
+    // (An element that decodeElement took is a UID of $objects.)
+    const Value& element = values_[refAt(keys->bytes, i)];
+    plain = plain && objectValue(static_cast<uint32_t>(element.integer))->type != kDictionary;
+  }
+  if (plain) {
+    shared.array = keys;
+    shared.classes = classes;
+    for (std::size_t i = 0; i < entries.size(); ++i) shared.objects[i] = entries[i].first;
+  }
+  return true;
 }
 
 bool DirectArchiveReader::decodeElements(const Value& object, int keyId, const ClassSet* classes,
@@ -709,20 +742,25 @@ bool DirectArchiveReader::plainInteger(uint32_t uid, int64_t& integer) {
 // path reads them. What it does not answer marks the decode unsupported.
 
 inline const DirectArchiveReader::Value* DirectArchiveReader::flatValue(std::string_view key) {
-  if (!key.empty() && key.front() == '$') {
-    flat_.unsupported = true;  // an escaped key
-    return nullptr;
-  }
   return valueForKey(*flat_.object, hintedKeyId(key));
 }
 
 // Keys are nearly always literals: the id of a key is remembered by the
-// address of its text, and confirmed by its digest (and, for a key longer
-// than the digest holds, by its text).
+// address of its text, and confirmed by its text. An escaped key (never
+// remembered) marks the decode unsupported.
 inline int DirectArchiveReader::hintedKeyId(std::string_view key) {
   auto bits = reinterpret_cast<uintptr_t>(key.data()) ^ key.size();
   KeyHint& hint = keyHints_[(bits * 0x9E3779B97F4A7C15ULL) >> 58];
   if (hint.text == key.data() && hint.id >= 0 && sameText(keys_[hint.id], key)) return hint.id;
+  return missedKeyId(key, hint);
+}
+
+// Out of the way of the reads whose key is remembered.
+[[gnu::noinline]] int DirectArchiveReader::missedKeyId(std::string_view key, KeyHint& hint) {
+  if (!key.empty() && key.front() == '$') {
+    flat_.unsupported = true;
+    return -1;
+  }
   int id = keyIdOf(key);
   if (id >= 0) hint = {key.data(), id};
   return id;

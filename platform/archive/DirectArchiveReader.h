@@ -8,6 +8,7 @@
 
 #include "platform/foundation/ClassRegistry.h"
 #include "platform/foundation/ClassSet.h"
+#include "platform/foundation/DictionaryEntries.h"
 #include "platform/foundation/Object.h"
 
 namespace qx {
@@ -112,6 +113,8 @@ class DirectArchiveReader {
   std::size_t slotOf(const Value& value);
   static bool allowed(const ClassSet* classes, const ClassInfo& cls, Allowance& last);
   int hintedKeyId(std::string_view key);
+  struct KeyHint;
+  int missedKeyId(std::string_view key, KeyHint& hint);
   bool elementsFor(const Value& object, int keyId, const Value*& array) const;
   static std::size_t count(const Value* array);
   bool decodeElement(const Value& array, std::size_t index, const ClassSet* classes,
@@ -120,6 +123,7 @@ class DirectArchiveReader {
   bool decodeInstance(const Value& object, const ClassSet* classes, ObjectPtr& result);
   bool decodeElements(const Value& object, int keyId, const ClassSet* classes,
                       std::vector<ObjectPtr>& out);
+  bool decodeKeys(const Value* keys, const ClassSet* classes, DictionaryEntries& entries);
 
   // KeyedUnarchiver's flat mode: the reads of an initWithCoder on the
   // object in flat_, answered as the general path answers them. A read that
@@ -173,6 +177,13 @@ class DirectArchiveReader {
   };
   std::vector<KnownClass> classes_;
   uint32_t classHints_[8] = {};
+  // The plain keys of the last dictionary, by their array and class set.
+  struct SharedKeys {
+    const Value* array = nullptr;
+    const ClassSet* classes = nullptr;
+    ObjectPtr objects[4];
+  };
+  SharedKeys sharedKeys_;
   Flat flat_;
 };
 
