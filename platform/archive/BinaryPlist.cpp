@@ -12,32 +12,6 @@ namespace {
 
 using namespace plistbytes;
 
-// Big-endian integers of 1 to 8 bytes. The widths that writers use (1, 2, 4
-// and 8) take one load or store each: these run once per reference.
-inline uint64_t readBigEndian(const uint8_t* p, unsigned width) {
-  switch (width) {
-    case 1:
-      return p[0];
-    case 2:
-      return uint64_t(p[0]) << 8 | p[1];
-    case 4: {
-      uint32_t v;
-      std::memcpy(&v, p, 4);
-      return __builtin_bswap32(v);
-    }
-    case 8: {
-      uint64_t v;
-      std::memcpy(&v, p, 8);
-      return __builtin_bswap64(v);
-    }
-    default: {
-      uint64_t value = 0;
-      for (unsigned i = 0; i < width; ++i) value = (value << 8) | p[i];
-      return value;
-    }
-  }
-}
-
 void appendUtf8(std::string& out, char32_t cp) {
   if (cp < 0x80) {
     out += static_cast<char>(cp);

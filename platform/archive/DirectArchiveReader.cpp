@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "platform/archive/KeyedUnarchiver.h"
+#include "platform/archive/PlistBytes.h"
 #include "platform/foundation/Array.h"
 #include "platform/foundation/Data.h"
 #include "platform/foundation/Dictionary.h"
@@ -19,8 +20,8 @@
 namespace qx {
 namespace {
 
-constexpr std::size_t kHeaderSize = 8;
-constexpr std::size_t kTrailerSize = 32;
+using namespace plistbytes;
+
 // Containers nest at most this deep in the archives taken (an archive needs
 // four: the top dictionary, $objects, an object's dictionary, an inline
 // array).
@@ -57,36 +58,6 @@ struct GeneralClasses {
   }
 };
 constinit thread_local GeneralClasses tGeneralClasses;
-
-uint64_t readBigEndian(const uint8_t* p, unsigned width) {
-  uint64_t value = 0;
-  for (unsigned i = 0; i < width; ++i) value = (value << 8) | p[i];
-  return value;
-}
-
-bool isAscii(const uint8_t* p, std::size_t length) {
-  uint64_t seen = 0;
-  std::size_t i = 0;
-  for (; i + 8 <= length; i += 8) {
-    uint64_t word;
-    std::memcpy(&word, p + i, 8);
-    seen |= word;
-  }
-  for (; i < length; ++i) seen |= p[i];
-  return (seen & 0x8080808080808080ULL) == 0;
-}
-
-uint64_t load64(const char* p) {
-  uint64_t v;
-  std::memcpy(&v, p, 8);
-  return v;
-}
-
-uint32_t load32(const char* p) {
-  uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
-}
 
 // Equality of two texts, without a library call for the short keys that
 // archives are made of.
