@@ -50,6 +50,9 @@ class KeyedArchiveWriter {
   // writes one met for the first time; answers its UID.
   uint32_t stringObject(std::string_view text) { return newObject(state_.plist.addString(text)); }
   uint32_t integerObject(int64_t value) { return newObject(state_.plist.addInteger(value)); }
+  // The same for an NSNumber holding a boolean or a double.
+  uint32_t boolObject(bool value) { return newObject(state_.plist.addBool(value)); }
+  uint32_t realObject(double value) { return newObject(state_.plist.addReal(value)); }
   uint32_t dataObject(std::span<const uint8_t> bytes) {
     return newObject(state_.plist.addData(bytes));
   }
