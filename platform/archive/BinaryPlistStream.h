@@ -62,6 +62,16 @@ class BinaryPlistStream {
     }
     return shared;
   }
+  // A double, never shared (BinaryPlist does not share them either).
+  Ref addReal(double value) {
+    uint8_t* p = room(9);
+    Ref ref = next();
+    *p = 0x23;
+    uint64_t bits;
+    std::memcpy(&bits, &value, 8);
+    advanceTo(plistbytes::writeBigEndian(p + 1, bits, 8));
+    return ref;
+  }
   Ref addUid(uint32_t value) {
     uint8_t* p = room(5);
     Ref ref = next();

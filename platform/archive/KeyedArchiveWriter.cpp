@@ -90,13 +90,26 @@ uint32_t KeyedArchiveWriter::classUid(const ClassInfo& cls) {
     if (known == &cls) return uid;
   }
   BinaryPlistStream& plist = state_.plist;
-  std::vector<Value> names;
-  for (std::string_view name : cls.chain()) names.push_back(plist.addString(name));
+  const std::vector<std::string_view>& chain = chainOf(cls);
+  // The names on the stack for the usual short chain.
+  constexpr std::size_t kInlineNames = 8;
+  Value inlineNames[kInlineNames];
+  std::vector<Value> heapNames(chain.size() > kInlineNames ? chain.size() : 0);
+  Value* names = chain.size() > kInlineNames ? heapNames.data() : inlineNames;
+  for (std::size_t i = 0; i < chain.size(); ++i) names[i] = plist.addString(chain[i]);
   Value keys[] = {plist.addString("$classname"), plist.addString("$classes")};
-  Value values[] = {plist.addString(cls.name()), plist.addArray(names)};
+  Value values[] = {plist.addString(cls.name()), plist.addArray({names, chain.size()})};
   uint32_t uid = newObject(plist.addDictionary(keys, values));
   state_.classUids.emplace_back(&cls, uid);
   return uid;
+}
+
+const std::vector<std::string_view>& KeyedArchiveWriter::chainOf(const ClassInfo& cls) {
+  for (const auto& [known, chain] : state_.chains) {
+    if (known == &cls) return chain;
+  }
+  state_.chains.emplace_back(&cls, cls.chain());
+  return state_.chains.back().second;
 }
 
 KeyedArchiveWriter::Value KeyedArchiveWriter::keyValue(std::string_view key) {

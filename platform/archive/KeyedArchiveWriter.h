@@ -50,6 +50,9 @@ class KeyedArchiveWriter {
   // writes one met for the first time; answers its UID.
   uint32_t stringObject(std::string_view text) { return newObject(state_.plist.addString(text)); }
   uint32_t integerObject(int64_t value) { return newObject(state_.plist.addInteger(value)); }
+  // The same for an NSNumber holding a boolean or a double.
+  uint32_t boolObject(bool value) { return newObject(state_.plist.addBool(value)); }
+  uint32_t realObject(double value) { return newObject(state_.plist.addReal(value)); }
   uint32_t dataObject(std::span<const uint8_t> bytes) {
     return newObject(state_.plist.addData(bytes));
   }
@@ -88,6 +91,9 @@ class KeyedArchiveWriter {
     };
     std::vector<Slot> objects;
     std::vector<std::pair<const ClassInfo*, uint32_t>> classUids;
+    // The class chain of each class met by this thread, kept from one
+    // archive to the next: classes are few and live as long as the program.
+    std::vector<std::pair<const ClassInfo*, std::vector<std::string_view>>> chains;
     Value classKey = 0;
     // The last inline array of UIDs written under each key, with its
     // elements: an array equal to the one before it under the same key is
@@ -124,6 +130,7 @@ class KeyedArchiveWriter {
   }
   // The UID of the class dictionary of `cls`, appended when first needed.
   uint32_t classUid(const ClassInfo& cls);
+  const std::vector<std::string_view>& chainOf(const ClassInfo& cls);
   std::vector<uint8_t> finish(uint32_t rootUid);
 
   State& state_;

@@ -246,6 +246,85 @@ bool decodeDirectly(DirectArchiveReader& reader, XpcArgumentSets& sets, XpcIncom
   return true;
 }
 
+// An argument that archives as a plain value: nil, a number or a string
+// (exactly these classes, as KeyedArchiver tells them apart).
+bool isPlain(const ObjectPtr& object) {
+  if (!object) return true;
+  const ClassInfo& cls = object->objectClass();
+  return &cls == &Number::classInfo() || &cls == &String::classInfo();
+}
+
+// The UID of a number or string object written as KeyedArchiver writes it.
+uint32_t plainObject(KeyedArchiveWriter& coder, const Object& object) {
+  if (&object.objectClass() == &String::classInfo())
+    return coder.stringObject(static_cast<const String&>(object).str());
+  const auto& number = static_cast<const Number&>(object);
+  switch (number.kind()) {
+    case Number::Kind::Bool:
+      return coder.boolObject(number.boolValue());
+    case Number::Kind::Real:
+      return coder.realObject(number.doubleValue());
+    case Number::Kind::Integer:
+      break;
+  }
+  return coder.integerObject(number.integerValue());
+}
+
+// The arguments array, as Array::encodeWithCoder archives it: each element
+// before its UID, then the array's own keys. `writeArgument(coder, i, uids)`
+// writes element i and answers its UID; `uids` holds those of the elements
+// before it.
+template <class WriteArgument>
+uint32_t writeArguments(KeyedArchiveWriter& coder, std::size_t count,
+                        WriteArgument&& writeArgument) {
+  using Value = KeyedArchiveWriter::Value;
+  constexpr std::size_t kInline = 8;
+  uint32_t inlineUids[kInline];
+  Value inlineValues[kInline];
+  std::vector<uint32_t> heapUids;
+  std::vector<Value> heapValues;
+  if (count > kInline) {
+    heapUids.resize(count);
+    heapValues.resize(count);
+  }
+  std::span<uint32_t> uids = count > kInline ? std::span(heapUids) : std::span(inlineUids, count);
+  std::span<Value> elements =
+      count > kInline ? std::span(heapValues) : std::span(inlineValues, count);
+  uint32_t uid = coder.reserveObject();
+  for (std::size_t i = 0; i < count; ++i) {
+    uids[i] = writeArgument(coder, i, std::span<const uint32_t>(uids.data(), i));
+    elements[i] = coder.uidValue(uids[i]);
+  }
+  Value key = coder.keyValue("NS.objects");
+  Value array = coder.arrayOfUids(key, elements);
+  coder.fillObject(uid, coder.classValue(Array::classInfo()), {&key, 1}, {&array, 1});
+  return uid;
+}
+
+// The root dictionary of a message, as Dictionary::encodeWithCoder archives
+// it: its keys (a string object each), then its values, `writeValue(i)`
+// writing the object of keys[i] and answering its UID.
+template <class WriteValue>
+uint32_t writeEnvelope(KeyedArchiveWriter& coder, std::initializer_list<std::string_view> keys,
+                       WriteValue&& writeValue) {
+  using Value = KeyedArchiveWriter::Value;
+  constexpr std::size_t kMostKeys = 3;
+  std::size_t count = std::min(keys.size(), kMostKeys);
+  uint32_t root = coder.reserveObject();
+  Value keyValues[kMostKeys];
+  for (std::size_t i = 0; i < count; ++i)
+    keyValues[i] = coder.uidValue(coder.stringObject(keys.begin()[i]));
+  Value nsKeys = coder.keyValue("NS.keys");
+  Value keyArray = coder.arrayOfUids(nsKeys, {keyValues, count});
+  Value values[kMostKeys];
+  for (std::size_t i = 0; i < count; ++i) values[i] = coder.uidValue(writeValue(i));
+  Value nsObjects = coder.keyValue("NS.objects");
+  Value rootKeys[] = {nsKeys, nsObjects};
+  Value rootValues[] = {keyArray, coder.arrayOfUids(nsObjects, {values, count})};
+  coder.fillObject(root, coder.classValue(Dictionary::classInfo()), rootKeys, rootValues);
+  return root;
+}
+
 }  // namespace
 
 XpcMessage XpcMessage::invocation(std::string selector, std::vector<ObjectPtr> arguments,
@@ -275,6 +354,41 @@ XpcMessage XpcMessage::refusal(uint64_t refused, std::string reason) {
 }
 
 std::vector<uint8_t> XpcMessage::encode() const {
+  if (!std::all_of(arguments.begin(), arguments.end(), isPlain)) return encodeObjectGraph();
+  auto writeArgument = [&](KeyedArchiveWriter& coder, std::size_t i,
+                           std::span<const uint32_t> uids) {
+    // An object met twice is archived once, as KeyedArchiver does by identity.
+    const ObjectPtr& object = arguments[i];
+    if (!object) return uint32_t{0};
+    for (std::size_t j = 0; j < i; ++j) {
+      if (arguments[j] == object) return uids[j];
+    }
+    return plainObject(coder, *object);
+  };
+  return KeyedArchiveWriter::archiveOfRoot([&](KeyedArchiveWriter& coder) {
+    switch (kind) {
+      case Kind::Invocation:
+        return writeEnvelope(coder, {kSelector, kArguments, kSequence}, [&](std::size_t i) {
+          if (i == 0) return coder.stringObject(selector);
+          if (i == 1) return writeArguments(coder, arguments.size(), writeArgument);
+          return coder.integerObject(static_cast<int64_t>(sequence));
+        });
+      case Kind::Reply:
+        return writeEnvelope(coder, {kReplyTo, kArguments}, [&](std::size_t i) {
+          if (i == 0) return coder.integerObject(static_cast<int64_t>(sequence));
+          return writeArguments(coder, arguments.size(), writeArgument);
+        });
+      case Kind::Refusal:
+        break;
+    }
+    return writeEnvelope(coder, {kRefused, kReason}, [&](std::size_t i) {
+      return i == 0 ? coder.integerObject(static_cast<int64_t>(sequence))
+                    : coder.stringObject(reason);
+    });
+  });
+}
+
+std::vector<uint8_t> XpcMessage::encodeObjectGraph() const {
   DictionaryPtr root;
   auto number = [](uint64_t value) {
     return Number::numberWithInteger(static_cast<int64_t>(value));
@@ -300,36 +414,15 @@ std::vector<uint8_t> XpcMessage::encode() const {
 std::vector<uint8_t> XpcMessage::encodeInvocation(std::string_view selector,
                                                   std::span<const ArgumentWriter> arguments,
                                                   uint64_t sequence) {
-  using Value = KeyedArchiveWriter::Value;
-  // The values in the order encode() archives its root dictionary: the
-  // dictionary's keys, then its values, each element before its UID.
-  auto writeArguments = [&](KeyedArchiveWriter& coder) {
-    uint32_t uid = coder.reserveObject();
-    std::vector<Value> elements;
-    elements.reserve(arguments.size());
-    for (const ArgumentWriter& argument : arguments)
-      elements.push_back(coder.uidValue(argument(coder)));
-    Value key = coder.keyValue("NS.objects");
-    Value array = coder.arrayOfUids(key, elements);
-    coder.fillObject(uid, coder.classValue(Array::classInfo()), {&key, 1}, {&array, 1});
-    return uid;
+  auto writeArgument = [&](KeyedArchiveWriter& coder, std::size_t i, std::span<const uint32_t>) {
+    return arguments[i](coder);
   };
   return KeyedArchiveWriter::archiveOfRoot([&](KeyedArchiveWriter& coder) {
-    uint32_t root = coder.reserveObject();
-    const std::string_view keyTexts[] = {kSelector, kArguments, kSequence};
-    Value keys[3];
-    for (std::size_t i = 0; i < 3; ++i) keys[i] = coder.uidValue(coder.stringObject(keyTexts[i]));
-    Value nsKeys = coder.keyValue("NS.keys");
-    Value keyArray = coder.arrayOfUids(nsKeys, keys);
-    Value values[3];
-    values[0] = coder.uidValue(coder.stringObject(selector));
-    values[1] = coder.uidValue(writeArguments(coder));
-    values[2] = coder.uidValue(coder.integerObject(static_cast<int64_t>(sequence)));
-    Value nsObjects = coder.keyValue("NS.objects");
-    Value rootKeys[] = {nsKeys, nsObjects};
-    Value rootValues[] = {keyArray, coder.arrayOfUids(nsObjects, values)};
-    coder.fillObject(root, coder.classValue(Dictionary::classInfo()), rootKeys, rootValues);
-    return root;
+    return writeEnvelope(coder, {kSelector, kArguments, kSequence}, [&](std::size_t i) {
+      if (i == 0) return coder.stringObject(selector);
+      if (i == 1) return writeArguments(coder, arguments.size(), writeArgument);
+      return coder.integerObject(static_cast<int64_t>(sequence));
+    });
   });
 }
 

@@ -37,8 +37,13 @@ struct XpcMessage {
   static XpcMessage reply(uint64_t replyTo, std::vector<ObjectPtr> arguments);
   static XpcMessage refusal(uint64_t refused, std::string reason);
 
-  // The keyed archive of the message (the frame payload).
+  // The keyed archive of the message (the frame payload). A message whose
+  // arguments are all nil, numbers or strings is written from their values
+  // (KeyedArchiveWriter); any other goes through encodeObjectGraph.
   std::vector<uint8_t> encode() const;
+  // The same bytes, always made by archiving the message as objects
+  // (KeyedArchiver).
+  std::vector<uint8_t> encodeObjectGraph() const;
 
   // Writes one argument into the archive without an object and answers its
   // UID. It may be called more than once for one message

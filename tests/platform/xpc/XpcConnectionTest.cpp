@@ -9,7 +9,9 @@
 
 #include "platform/dispatch/ReplyWaiter.h"
 #include "platform/dispatch/Semaphore.h"
+#include "platform/foundation/Number.h"
 #include "platform/xpc/XpcFrame.h"
+#include "platform/xpc/XpcMessage.h"
 #include "tests/platform/xpc/support/TestProtocols.h"
 #include "tests/support/Eventually.h"
 
@@ -221,6 +223,57 @@ TEST(XpcFrameReader, LengthsAreBigEndianAndRefusedAboveTheLimit) {
   EXPECT_TRUE(!above.next() && above.failed());
   above.append(std::vector<uint8_t>{0, 0, 0, 0});  // nothing after a broken header counts
   EXPECT_FALSE(above.next());
+}
+
+// Messages whose arguments are nil, numbers and strings are written from their values; the bytes
+// are those of archiving the message as objects, which the peer's decoding is tested against.
+TEST(XpcMessageEncoding, PlainArgumentsGiveTheBytesOfTheObjectArchive) {
+  registerFoundationClasses();
+  StringPtr shared = str("twice");
+  std::vector<ObjectPtr> many;
+  for (int i = 0; i < 300; ++i) many.push_back(Number::numberWithInteger(i * 1000 - 150000));
+  struct Row {
+    const char* what;
+    XpcMessage message;
+  };
+  const Row rows[] = {
+      {"no arguments", XpcMessage::invocation("progressWithReply:", {}, 12)},
+      {"nil", XpcMessage::invocation("take:", {nullptr}, 1)},
+      {"booleans",
+       XpcMessage::invocation(
+           "take:and:", {Number::numberWithBool(true), Number::numberWithBool(false)}, 0)},
+      {"integers of each width",
+       XpcMessage::invocation(
+           "take:",
+           {Number::numberWithInteger(0), Number::numberWithInteger(255),
+            Number::numberWithInteger(256), Number::numberWithInteger(70000),
+            Number::numberWithInteger(int64_t{1} << 40), Number::numberWithInteger(-1),
+            Number::numberWithInteger(INT64_MIN), Number::numberWithUnsignedInt(UINT32_MAX),
+            Number::numberWithInteger(255)},
+           (uint64_t{1} << 33) + 5)},
+      {"doubles",
+       XpcMessage::invocation("take:",
+                              {Number::numberWithDouble(0.5), Number::numberWithDouble(-1e300),
+                               Number::numberWithDouble(0.5)},
+                              3)},
+      {"strings",
+       XpcMessage::invocation("take:",
+                              {str(""), str("plain"), str("selector"), str("Grüße, 東京 🗂"),
+                               str("Grüße, 東京 🗂"), str("plain"), shared, shared, nullptr},
+                              4)},
+      {"more arguments than references of one byte", XpcMessage::invocation("take:", many, 5)},
+      {"boolean reply", XpcMessage::reply(7, {Number::numberWithBool(true)})},
+      {"empty reply", XpcMessage::reply(1, {})},
+      {"mixed reply",
+       XpcMessage::reply(UINT32_MAX, {nullptr, str("é"), Number::numberWithInteger(-2)})},
+      {"refusal", XpcMessage::refusal(9, "unknown selector \"x:\" ∅")},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    std::vector<uint8_t> direct = row.message.encode();
+    EXPECT_FALSE(direct.empty());
+    EXPECT_EQ(direct, row.message.encodeObjectGraph());
+  }
 }
 
 // Reader threads run deliveries themselves and keep reading afterwards; a delivery that blocks must
