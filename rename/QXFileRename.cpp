@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -55,6 +56,10 @@ std::string cleanedName(std::string name) {
   return name;
 }
 
+bool needsCleaning(const std::string& name) {
+  return std::strpbrk(name.c_str(), "/\n\r") != nullptr;
+}
+
 // Refuses to replace an existing item where the file system can refuse; where
 // it cannot (renameat2 answers EINVAL or ENOSYS), a plain rename, which
 // replaces. 0, or the errno of the call that failed.
@@ -67,16 +72,29 @@ int renameWithoutReplacing(const char* from, const char* to) {
 // The path of `name` in the folder of `path`. Names are exact bytes and
 // nothing redirects a path here, so the folder part of the path is what the
 // parent-folder resource value would answer.
-std::string siblingPath(const std::string& path, const std::string& name) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == 0 || slash == std::string::npos) return "/" + name;
-  return path.substr(0, slash + 1) + name;
+std::size_t lastSlash(std::string_view path) {
+  const void* slash = memrchr(path.data(), '/', path.size());
+  return slash == nullptr ? std::string_view::npos : static_cast<const char*>(slash) - path.data();
+}
+
+std::string siblingPath(const std::string& path, std::string_view name) {
+  const std::size_t slash = lastSlash(path);
+  const std::size_t folderSize = slash == 0 || slash == std::string::npos ? 1 : slash + 1;
+  std::string sibling;
+  sibling.reserve(folderSize + name.size());
+  if (folderSize == 1) {
+    sibling += '/';
+  } else {
+    sibling.append(path, 0, folderSize);
+  }
+  sibling.append(name);
+  return sibling;
 }
 
 // The last component of an absolute, normalised path ("/" for the root).
 std::string_view lastComponent(std::string_view path) {
   if (path == "/") return path;
-  return path.substr(path.rfind('/') + 1);
+  return path.substr(lastSlash(path) + 1);
 }
 
 // The item is not examined before the rename: the rename itself examines it
@@ -92,10 +110,21 @@ ItemResult renameItem(const UrlPtr& url, const StringPtr& name) {
   const std::string oldPath = url->fileSystemRepresentation();
   if (!url->isFileURL() || oldPath.empty() || hasNul(oldPath)) return ItemResult::failed(EINVAL);
 
-  UrlPtr newUrl = qx::Url::fileURLWithPath(siblingPath(oldPath, cleanedName(name->str())));
-  const std::string newPath = newUrl->fileSystemRepresentation();
+  const std::string& given = name->str();
+  std::string newPath =
+      needsCleaning(given) ? siblingPath(oldPath, cleanedName(given)) : siblingPath(oldPath, given);
+  // The path of a file URL that is not a reference is normal, and so is that
+  // of a non-empty name beside it: the URL made for it keeps it as it is. An
+  // empty name leaves a trailing slash, which the URL drops, so that it names
+  // the folder; the item renamed to is always the one the new URL names.
+  UrlPtr newUrl;
+  if (given.empty() || url->isFileReferenceURL()) {
+    newUrl = qx::Url::fileURLWithPath(newPath);
+    newPath = newUrl->fileSystemRepresentation();
+  }
   if (int failed = renameWithoutReplacing(oldPath.c_str(), newPath.c_str()))
     return ItemResult::failed(failed);
+  if (!newUrl) newUrl = qx::Url::fileURLWithPathBeside(*url, std::move(newPath));
   return {0, std::move(newUrl), qx::str(std::string(lastComponent(oldPath)))};
 }
 

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 
 #include "platform/archive/KeyedArchiver.h"
 #include "platform/archive/KeyedUnarchiver.h"
@@ -59,15 +60,6 @@ bool isUnreservedInPath(unsigned char c) {
   return kUnreservedInPath[c];
 }
 
-// Whether an absolute path is its own normal form (no repeated or trailing
-// slash), as nearly every path the service makes or receives is: such a path
-// skips normalisePath, which would give it back unchanged.
-bool isNormalPath(std::string_view path) {
-  if (path.empty() || path.front() != '/') return false;
-  if (path.size() > 1 && path.back() == '/') return false;
-  return path.find("//") == std::string_view::npos;
-}
-
 // Appends `path` percent-encoded: the runs of bytes that stay as they are are
 // copied whole, so a path that needs no escape is one scan and one copy.
 void appendPercentEncoded(std::string& out, std::string_view path) {
@@ -82,6 +74,32 @@ void appendPercentEncoded(std::string& out, std::string_view path) {
     run = i + 1;
   }
   out.append(path.substr(run));
+}
+
+// Whether an absolute path is its own normal form (no repeated or trailing
+// slash), as nearly every path the service makes or receives is: such a path
+// skips normalisePath, which would give it back unchanged.
+bool isNormalPath(std::string_view path) {
+  if (path.empty() || path.front() != '/') return false;
+  if (path.size() > 1 && path.back() == '/') return false;
+  return path.find("//") == std::string_view::npos;
+}
+
+// The size of `text` up to and including its last '/'; 0 when it has none.
+std::size_t throughLastSlash(std::string_view text) {
+  const void* slash = memrchr(text.data(), '/', text.size());
+  return slash == nullptr ? 0 : static_cast<const char*>(slash) - text.data() + 1;
+}
+
+// Whether `string` is "file://" and a normal path in which no byte needed an
+// escape: the string fileURLWithPath makes for that path.
+bool isPlainFileString(std::string_view string) {
+  if (!string.starts_with(kFileScheme)) return false;
+  std::string_view path = string.substr(kFileScheme.size());
+  for (char c : path) {
+    if (!isUnreservedInPath(static_cast<unsigned char>(c))) return false;
+  }
+  return isNormalPath(path);
 }
 
 int hexValue(char c) {
@@ -113,6 +131,12 @@ ErrorPtr noSuchItem(const std::string& path, int number) {
 }  // namespace
 
 Url::Url(std::string absoluteString) : string_(std::move(absoluteString)) {
+  if (isPlainFileString(string_)) {
+    path_ = string_.substr(kFileScheme.size());
+    isFile_ = true;
+    madeFromPath_ = true;
+    return;
+  }
   if (auto path = pathOfFileURLString(string_)) {
     path_ = std::move(*path);
     isFile_ = true;
@@ -151,6 +175,25 @@ std::shared_ptr<Url> Url::fileURLWithPath(std::string_view path) {
   string.append(kFileScheme);
   appendPercentEncoded(string, normal);
   return ObjectArena::make<Url>(MadeFromPath{}, std::move(string), std::move(normal));
+}
+
+// A batch rename makes one URL per item beside the old one: encoding only the
+// name saves encoding the folder's path again for each item. '/' is never
+// escaped, so the last '/' of the string is the one that ends the folder.
+std::shared_ptr<Url> Url::fileURLWithPathBeside(const Url& neighbour, std::string path) {
+  if (!neighbour.madeFromPath_) return fileURLWithPath(path);
+  const std::string_view folder(neighbour.path_.data(), throughLastSlash(neighbour.path_));
+  if (path.size() <= folder.size() || !path.starts_with(folder)) return fileURLWithPath(path);
+  const std::string_view name = std::string_view(path).substr(folder.size());
+  if (name.find('/') != std::string_view::npos) return fileURLWithPath(path);
+
+  const std::string_view encodedFolder(neighbour.string_.data(),
+                                       throughLastSlash(neighbour.string_));
+  std::string string;
+  string.reserve(encodedFolder.size() + name.size() + 16);
+  string.append(encodedFolder);
+  appendPercentEncoded(string, name);
+  return ObjectArena::make<Url>(MadeFromPath{}, std::move(string), std::move(path));
 }
 
 std::shared_ptr<Url> Url::URLWithString(std::string_view string) {

@@ -26,6 +26,11 @@ class Url : public Object, public std::enable_shared_from_this<Url> {
   // A file URL for `path`; a relative path is taken from the current folder.
   // Repeated and trailing slashes are dropped ("/a//b/" names "/a/b").
   static std::shared_ptr<Url> fileURLWithPath(std::string_view path);
+  // fileURLWithPath(path), made without encoding the folder again when `path`
+  // is a name in the folder of `neighbour` and neighbour's string is the one
+  // fileURLWithPath gives for its path: the string is then neighbour's up to
+  // its last '/' and the encoded name.
+  static std::shared_ptr<Url> fileURLWithPathBeside(const Url& neighbour, std::string path);
   // Parses an absolute URL string ("file:///tmp/a%20b", "https://host/x"); nil
   // when it has no scheme.
   static std::shared_ptr<Url> URLWithString(std::string_view string);
@@ -41,7 +46,8 @@ class Url : public Object, public std::enable_shared_from_this<Url> {
   // item cannot be examined (errno tells why) or this is not a file URL.
   std::shared_ptr<Url> fileReferenceURL() const;
 
-  // The decoded path of a file URL ("" for other URLs). A file reference
+  // The decoded path of a file URL ("" for other URLs), absolute and normal
+  // (no repeated or trailing slash) unless it is a file reference, which
   // answers the item's present path, or "" when the item is gone.
   virtual std::string path() const { return path_; }
   // The path as the NUL-terminated bytes that system calls take.
@@ -90,12 +96,18 @@ class Url : public Object, public std::enable_shared_from_this<Url> {
   // fileURLWithPath's: the string and the path it encodes, made together, so
   // that nothing is parsed back.
   Url(MadeFromPath, std::string absoluteString, std::string path)
-      : string_(std::move(absoluteString)), path_(std::move(path)), isFile_(true) {}
+      : string_(std::move(absoluteString)),
+        path_(std::move(path)),
+        isFile_(true),
+        madeFromPath_(true) {}
 
  private:
   std::string string_;
   std::string path_;
   bool isFile_ = false;
+  // string_ is what fileURLWithPath(path_) makes: "file://" and path_
+  // percent-encoded, path_ normal.
+  bool madeFromPath_ = false;
 };
 
 using UrlPtr = std::shared_ptr<Url>;

@@ -3,11 +3,14 @@
 // already normal skip the normalisation, made and read back; every other path
 // is normalised first. Each row of the fast-path table is checked as written
 // and through variants that force the long way (a trailing slash, doubled
-// slashes), which must come out the same.
+// slashes), which must come out the same. A URL made beside another from the
+// other's string must be the one fileURLWithPath makes for the same path.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/foundation/Foundation.h"
 #include "tests/support/TempTree.h"
@@ -136,6 +139,44 @@ TEST(FoundationUrlFastPath, NormalPlainPathsAndTheirLongWayVariantsGiveTheSameUr
   // A NUL byte is escaped when made, and a string that holds one names no file.
   EXPECT_EQ(Url::fileURLWithPath(std::string("/a\0b", 4))->absoluteString(), "file:///a%00b");
   EXPECT_FALSE(Url::URLWithString(std::string("file:///a\0b", 11))->isFileURL());
+}
+
+TEST(FoundationUrlFastPath, UrlsMadeBesideAnotherAreTheOnesFileURLWithPathMakes) {
+  test::TempTree tree("qx-url-beside");
+  tree.file("old");
+  // Each neighbour with its folder, as a path ending in '/'.
+  const std::pair<UrlPtr, std::string> neighbours[] = {
+      {Url::fileURLWithPath("/tmp/a b/%/caf\xc3\xa9/old"), "/tmp/a b/%/caf\xc3\xa9/"},
+      {Url::fileURLWithPath("/old"), "/"},
+      {Url::fileURLWithPath("/"), "/"},
+      {Url::URLWithString("file:///tmp/x/old"), "/tmp/x/"},
+      {Url::URLWithString("file:///tmp/x%20y/old"), "/tmp/x y/"},
+      {Url::URLWithString("file:///tmp/%78/old"), "/tmp/x/"},
+      {Url::URLWithString("file:///tmp/x y/old"), "/tmp/x y/"},
+      {Url::URLWithString("file://localhost/tmp/x/old"), "/tmp/x/"},
+      {Url::URLWithString("file:///tmp//x/old/"), "/tmp/x/"},
+      {Url::fileURLWithPath(tree.path("old"))->fileReferenceURL(), tree.root() + "/"},
+  };
+  const std::string names[] = {
+      "",        ".",   "..",          "new",          "%41",      "%",
+      "a?b#c;d", "a b", "caf\xc3\xa9", "\xff\xfe\x80", "\x01\x7f", "a/b",
+  };
+  for (const auto& [neighbour, folder] : neighbours) {
+    ASSERT_TRUE(neighbour);
+    SCOPED_TRACE(neighbour->absoluteString());
+    std::vector<std::string> paths = {"/elsewhere/x", folder + "x//y/", "relative"};
+    for (const std::string& name : names) paths.push_back(folder + name);
+    for (const std::string& path : paths) {
+      auto expected = Url::fileURLWithPath(path);
+      auto made = Url::fileURLWithPathBeside(*neighbour, path);
+      EXPECT_EQ(made->absoluteString(), expected->absoluteString()) << path;
+      EXPECT_EQ(made->path(), expected->path()) << path;
+      EXPECT_TRUE(made->isFileURL()) << path;
+    }
+  }
+  EXPECT_EQ(Url::fileURLWithPathBeside(*neighbours[0].first, "/tmp/a b/%/caf\xc3\xa9/x?y")
+                ->absoluteString(),
+            "file:///tmp/a%20b/%25/caf%C3%A9/x%3Fy");
 }
 
 }  // namespace
