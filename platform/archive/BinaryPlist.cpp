@@ -790,12 +790,7 @@ class BinaryPlistWriter {
       table = writeBigEndian(table, static_cast<uint64_t>(p - base), offsetSize);
       p = writeNode(p, node);
     }
-    std::memset(table, 0, 6);
-    table[6] = static_cast<uint8_t>(offsetSize);
-    table[7] = static_cast<uint8_t>(refSize_);
-    writeBigEndian(table + 8, count, 8);
-    writeBigEndian(table + 16, top, 8);
-    writeBigEndian(table + 24, tableOffset, 8);
+    writeTrailer(table, offsetSize, refSize_, count, top, tableOffset);
     return out;
   }
 

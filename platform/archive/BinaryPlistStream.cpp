@@ -94,13 +94,7 @@ std::vector<uint8_t> BinaryPlistStream::finish(Ref top) {
     std::memcpy(p, &bytes, 8);
     p += offsetWidth;
   }
-  std::memset(p, 0, 6);
-  p[6] = static_cast<uint8_t>(offsetWidth);
-  p[7] = static_cast<uint8_t>(refWidth_);
-  writeBigEndian(p + 8, count_, 8);
-  writeBigEndian(p + 16, top, 8);
-  writeBigEndian(p + 24, tableOffset, 8);
-  advanceTo(p + kTrailerSize);
+  advanceTo(writeTrailer(p, offsetWidth, refWidth_, count_, top, tableOffset));
   std::vector<uint8_t> bytes(out_.get(), out_.get() + used_);
   used_ = 0;
   count_ = 0;

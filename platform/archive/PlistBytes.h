@@ -75,6 +75,19 @@ inline uint8_t* writeBigEndian(uint8_t* p, uint64_t value, unsigned width) {
   }
 }
 
+// The 32-byte trailer: six unused bytes, the offset and reference widths, the
+// object count, the top object and where the offset table starts.
+inline uint8_t* writeTrailer(uint8_t* p, unsigned offsetWidth, unsigned refWidth, uint64_t count,
+                             uint64_t top, uint64_t tableOffset) {
+  std::memset(p, 0, 6);
+  p[6] = static_cast<uint8_t>(offsetWidth);
+  p[7] = static_cast<uint8_t>(refWidth);
+  writeBigEndian(p + 8, count, 8);
+  writeBigEndian(p + 16, top, 8);
+  writeBigEndian(p + 24, tableOffset, 8);
+  return p + kTrailerSize;
+}
+
 template <unsigned Width>
 uint8_t* writeRefsOf(uint8_t* p, const uint32_t* refs, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) p = writeBigEndian(p, refs[i], Width);
